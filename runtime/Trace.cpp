@@ -1,0 +1,115 @@
+#include "runtime/Trace.h"
+
+#include <charconv>
+#include <cstdio>
+#include <ctime>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace Vexil {
+
+namespace {
+
+// Handles are looked up from static initialisers of libraries, so the registry must exist before
+// any of them runs.
+std::map<std::string, std::unique_ptr<TraceHandle>, std::less<>>& handles() {
+   static std::map<std::string, std::unique_ptr<TraceHandle>, std::less<>> all;
+   return all;
+}
+
+LogSink& sink() {
+   static LogSink current;
+   return current;
+}
+
+std::string wallClockStamp() {
+   timespec now{};
+   clock_gettime( CLOCK_REALTIME, &now );
+   tm local{};
+   localtime_r( &now.tv_sec, &local );
+   char text[ 64 ];
+   const size_t used = strftime( text, sizeof text, "%Y-%m-%d %H:%M:%S", &local );
+   snprintf( text + used, sizeof text - used, ".%06ld", now.tv_nsec / 1000 );
+   return text;
+}
+
+uint32_t parseLevels( std::string_view text, std::string_view setting ) {
+   const auto fail = [ & ] {
+      throw std::invalid_argument( "trace setting '" + std::string( setting ) +
+                                   "' is not HANDLE=LEVELS, LEVELS a list such as 0-3,8 of "
+                                   "numbers 0 to 9" );
+   };
+   const auto number = [ & ]( std::string_view digits ) {
+      unsigned value = 0;
+      const auto [ end, error ] =
+         std::from_chars( digits.data(), digits.data() + digits.size(), value );
+      if( error != std::errc() || end != digits.data() + digits.size() ||
+          value > TraceHandle::maxLevel )
+         fail();
+      return value;
+   };
+   uint32_t mask = 0;
+   while( true ) {
+      const size_t comma = text.find( ',' );
+      const std::string_view item = text.substr( 0, comma );
+      const size_t dash = item.find( '-' );
+      const unsigned first = number( item.substr( 0, dash ) );
+      const unsigned last =
+         dash == std::string_view::npos ? first : number( item.substr( dash + 1 ) );
+      if( last < first )
+         fail();
+      for( unsigned level = first; level <= last; ++level )
+         mask |= 1u << level;
+      if( comma == std::string_view::npos )
+         return mask;
+      text.remove_prefix( comma + 1 );
+   }
+}
+
+} // namespace
+
+TraceHandle& traceHandle( std::string_view name ) {
+   auto found = handles().find( name );
+   if( found == handles().end() )
+      found = handles()
+                 .emplace( std::string( name ),
+                           std::make_unique<TraceHandle>( std::string( name ) ) )
+                 .first;
+   return *found->second;
+}
+
+void traceSettingIs( std::string_view setting ) {
+   const size_t equals = setting.find( '=' );
+   const std::string_view levels =
+      equals == std::string_view::npos ? std::string_view() : setting.substr( equals + 1 );
+   const uint32_t mask = parseLevels( levels, setting );
+   traceHandle( setting.substr( 0, equals ) ).levelsIs( mask );
+}
+
+void TraceHandle::emit( unsigned level, const char* file, unsigned line,
+                        const std::string& text ) const {
+   std::string_view stem = file;
+   stem.remove_prefix( stem.rfind( '/' ) + 1 ); // npos + 1 is 0: a bare name stays whole
+   stem = stem.substr( 0, stem.rfind( '.' ) );
+   log( name_ + " " + std::to_string( level ) + " " + std::string( stem ) + ":" +
+        std::to_string( line ) + " " + text );
+}
+
+void log( std::string_view text ) {
+   if( sink() ) {
+      sink()( text );
+      return;
+   }
+   // One write a line, so that lines of several processes on one terminal stay whole.
+   std::string out = wallClockStamp();
+   out.append( " " ).append( text ).append( "\n" );
+   if( ::write( STDERR_FILENO, out.data(), out.size() ) < 0 )
+      return; // nowhere left to say so
+}
+
+void logSinkIs( LogSink newSink ) { sink() = std::move( newSink ); }
+
+} // namespace Vexil

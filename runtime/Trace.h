@@ -1,0 +1,63 @@
+// The log and the trace handles.
+//
+// A trace handle is a named debug channel with levels 0 to 9, each enabled or not. A disabled
+// trace costs one load and one predictable branch and builds nothing. A source file traces through
+// the handle that it names:
+//
+//    namespace { Vexil::TraceHandle& trace = Vexil::traceHandle( "L2RibPolicySm" ); }
+//    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
+//
+// Every line is stamped with the wall-clock time, the handle, the level, and the source file's
+// name (without folder and ending) and line.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+namespace Vexil {
+
+class TraceHandle {
+ public:
+   static constexpr unsigned maxLevel = 9;
+
+   explicit TraceHandle( std::string name ) : name_( std::move( name ) ) {}
+   const std::string& name() const { return name_; }
+   bool enabled( unsigned level ) const { return ( levels_ >> level ) & 1; }
+   // Bit n enables level n.
+   void levelsIs( uint32_t mask ) { levels_ = mask; }
+   void emit( unsigned level, const char* file, unsigned line, const std::string& text ) const;
+
+ private:
+   std::string name_;
+   uint32_t levels_ = 0;
+};
+
+// The handle of that name, made at its first use; lives as long as the process.
+TraceHandle& traceHandle( std::string_view name );
+
+// Applies "HANDLE=LEVELS", LEVELS a list such as "0-3,8" (a handle may be named before its code is
+// loaded). Throws std::invalid_argument that says what would be right.
+void traceSettingIs( std::string_view setting );
+
+// Writes one line to the log (standard error unless a sink is set).
+void log( std::string_view text );
+
+// Takes over all log and trace lines, whole, without line ends; an empty sink restores standard
+// error. For tests and for daemons with a log of their own.
+using LogSink = std::function<void( std::string_view line )>;
+void logSinkIs( LogSink sink );
+
+} // namespace Vexil
+
+#define TRACE( level, ... )                                                                        \
+   do {                                                                                            \
+      if( trace.enabled( level ) ) [[unlikely]] {                                                  \
+         std::ostringstream traceText_;                                                            \
+         traceText_ << __VA_ARGS__;                                                                \
+         trace.emit( level, __FILE__, __LINE__, traceText_.str() );                                \
+      }                                                                                            \
+   } while( false )
