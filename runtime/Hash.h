@@ -48,7 +48,9 @@ inline uint64_t hashBytes( const void* data, size_t size ) {
 // The hash of a key: its own hash() where it has one.
 template<class Key>
 uint64_t keyHash( const Key& key ) {
-   if constexpr( requires { { key.hash() } -> std::convertible_to<uint64_t>; } )
+   if constexpr( requires {
+                    { key.hash() } -> std::convertible_to<uint64_t>;
+                 } )
       return key.hash();
    else if constexpr( std::is_integral_v<Key> || std::is_enum_v<Key> )
       return mix64( static_cast<uint64_t>( key ) );

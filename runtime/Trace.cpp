@@ -74,10 +74,10 @@ uint32_t parseLevels( std::string_view text, std::string_view setting ) {
 TraceHandle& traceHandle( std::string_view name ) {
    auto found = handles().find( name );
    if( found == handles().end() )
-      found = handles()
-                 .emplace( std::string( name ),
-                           std::make_unique<TraceHandle>( std::string( name ) ) )
-                 .first;
+      found =
+         handles()
+            .emplace( std::string( name ), std::make_unique<TraceHandle>( std::string( name ) ) )
+            .first;
    return *found->second;
 }
 

@@ -1,0 +1,295 @@
+// The keyed collection: one hash container for every collection and every work list.
+//
+// Open addressing that keeps its entries in hash order. An entry's ideal slot is given by the high
+// bits of its hash; colliding entries stand one behind the other, sorted by hash and then by key.
+// So the whole array is sorted, and three things follow that no ordinary hash table gives at once:
+//
+//  - "resume the walk at key K" is the first entry at or after K's place, even when K itself has
+//    left: a walk in slices neither skips nor repeats an entry that stayed. An entry inserted ahead
+//    of the bookmark is met in the same pass, one behind it in the next.
+//  - The order of a walk depends on the keys alone, never on the history of the collection.
+//  - Growing the array keeps the order: the entries are copied from front to back.
+//
+// Lookup, insertion and deletion take constant time on average. An iterator survives any change of
+// the collection, deletion of its own entry included: it finds its place again by its key. A
+// reference to a value does not: it is valid until the next insertion or deletion.
+//
+// The order is that of the index of a shared table (SharedTable.h), because both use keyHash().
+#pragma once
+
+#include "runtime/Hash.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
+namespace Vexil {
+
+// The value of a keyed set: takes no room in an entry.
+struct Present {};
+
+template<class Key, class Value>
+class HashMap {
+ public:
+   struct Entry {
+      Key key;
+      [[no_unique_address]] Value value;
+   };
+
+   class Iterator {
+    public:
+      using value_type = Entry;
+      using difference_type = std::ptrdiff_t;
+
+      const Entry& operator*() const { return map_->slots_[ at_ ]; }
+      const Entry* operator->() const { return &map_->slots_[ at_ ]; }
+      Iterator& operator++() {
+         settleOn( map_->version_ == version_ ? map_->occupiedFrom( at_ + 1 )
+                                              : map_->after( key_ ) );
+         return *this;
+      }
+      void operator++( int ) { ++*this; }
+      bool operator==( std::default_sentinel_t ) const { return at_ == map_->slotCount_; }
+
+    private:
+      friend class HashMap;
+      Iterator( const HashMap* map, size_t at ) : map_( map ) { settleOn( at ); }
+      void settleOn( size_t at ) {
+         at_ = at;
+         version_ = map_->version_;
+         if( at_ != map_->slotCount_ )
+            key_ = map_->slots_[ at_ ].key;
+      }
+
+      const HashMap* map_;
+      size_t at_ = 0;
+      uint64_t version_ = 0;
+      Key key_{};
+   };
+
+   HashMap() = default;
+   HashMap( HashMap&& other ) noexcept { swap( other ); }
+   HashMap& operator=( HashMap&& other ) noexcept {
+      HashMap taken( std::move( other ) );
+      swap( taken );
+      return *this;
+   }
+   ~HashMap() { release(); }
+
+   size_t size() const { return size_; }
+   bool empty() const { return size_ == 0; }
+   Iterator begin() const { return Iterator( this, occupiedFrom( 0 ) ); }
+   std::default_sentinel_t end() const { return {}; }
+   // The first entry at or after the place of key, which need not be present.
+   Iterator from( const Key& key ) const { return Iterator( this, placeOf( key ) ); }
+
+   bool contains( const Key& key ) const { return find( key ) != nullptr; }
+   // The value of key, or null when absent.
+   Value* find( const Key& key ) const {
+      const size_t at = positionOf( key );
+      return at == slotCount_ ? nullptr : &slots_[ at ].value;
+   }
+
+   // Enters key if it is absent, with a value built from arguments; says whether it was absent.
+   template<class... Arguments>
+   std::pair<Value*, bool> emplace( const Key& key, Arguments&&... arguments ) {
+      if( Value* present = find( key ) )
+         return { present, false };
+      if( ( size_ + 1 ) * 4 > homeCount_ * 3 )
+         grow();
+      size_t at = openPlaceFor( key );
+      if( at == slotCount_ ) { // the last run reached the end of the array
+         rebuild( homeCount_ );
+         at = openPlaceFor( key );
+      }
+      ::new( &slots_[ at ] ) Entry{ key, Value( std::forward<Arguments>( arguments )... ) };
+      mark( at );
+      ++size_;
+      ++version_;
+      return { &slots_[ at ].value, true };
+   }
+
+   // Removes key; says whether it was there. Its value is destroyed last, when the collection is
+   // whole again, so that the value's destructor may use the collection.
+   bool erase( const Key& key ) {
+      size_t at = positionOf( key );
+      if( at == slotCount_ )
+         return false;
+      [[maybe_unused]] const Entry removed = std::move( slots_[ at ] );
+      for( ; occupied( at + 1 ) && homeOf( keyHash( slots_[ at + 1 ].key ) ) <= at; ++at )
+         slots_[ at ] = std::move( slots_[ at + 1 ] );
+      std::destroy_at( &slots_[ at ] );
+      unmark( at );
+      --size_;
+      ++version_;
+      if( size_ == 0 && slotCount_ > keptWhenEmpty )
+         release(); // a work list that held a million keys once does not hold their room for ever
+      return true;
+   }
+
+   void clear() {
+      HashMap taken;
+      swap( taken );
+      version_ = taken.version_ + 1;
+   }
+
+   // A position for looking ahead of a walk: the entry that stands about count entries after it.
+   // A hint that may be off by some entries after deletions; null at the end.
+   class LookAhead {
+    public:
+      LookAhead( const HashMap& map, const Iterator& from ) : map_( map ), at_( from.at_ ) {}
+      const Key* next() {
+         at_ = at_ < map_.slotCount_ ? map_.occupiedFrom( at_ ) : map_.slotCount_;
+         return at_ < map_.slotCount_ ? &map_.slots_[ at_++ ].key : nullptr;
+      }
+
+    private:
+      const HashMap& map_;
+      size_t at_;
+   };
+
+ private:
+   static constexpr size_t smallest = 16;        // ideal slots of the first array
+   static constexpr size_t overflow = 48;        // room behind the last ideal slot, for its run
+   static constexpr size_t keptWhenEmpty = 4096; // slots that an emptied collection keeps
+
+   size_t homeOf( uint64_t hash ) const { return hash >> shift_; }
+   bool occupied( size_t at ) const { return ( used_[ at / 64 ] >> ( at % 64 ) ) & 1; }
+   void mark( size_t at ) { used_[ at / 64 ] |= uint64_t( 1 ) << ( at % 64 ); }
+   void unmark( size_t at ) { used_[ at / 64 ] &= ~( uint64_t( 1 ) << ( at % 64 ) ); }
+
+   // The first occupied slot at or after at, or slotCount_.
+   size_t occupiedFrom( size_t at ) const {
+      if( at >= slotCount_ )
+         return slotCount_;
+      size_t word = at / 64;
+      uint64_t bits = used_[ word ] & ( ~uint64_t( 0 ) << ( at % 64 ) );
+      while( bits == 0 ) {
+         if( ++word * 64 >= slotCount_ )
+            return slotCount_;
+         bits = used_[ word ];
+      }
+      return word * 64 + std::countr_zero( bits );
+   }
+
+   static bool precedes( const Key& a, uint64_t hashOfA, const Key& b, uint64_t hashOfB ) {
+      return hashOfA != hashOfB ? hashOfA < hashOfB : a < b;
+   }
+
+   size_t positionOf( const Key& key ) const {
+      if( size_ == 0 )
+         return slotCount_;
+      const uint64_t hash = keyHash( key );
+      for( size_t at = homeOf( hash ); occupied( at ); ++at ) {
+         if( slots_[ at ].key == key )
+            return at;
+         if( keyHash( slots_[ at ].key ) > hash )
+            break;
+      }
+      return slotCount_;
+   }
+
+   // The first occupied slot whose entry does not precede key, or slotCount_.
+   size_t placeOf( const Key& key ) const {
+      if( size_ == 0 )
+         return slotCount_;
+      const uint64_t hash = keyHash( key );
+      size_t at = occupiedFrom( homeOf( hash ) );
+      while( at != slotCount_ &&
+             precedes( slots_[ at ].key, keyHash( slots_[ at ].key ), key, hash ) )
+         at = occupiedFrom( at + 1 );
+      return at;
+   }
+
+   size_t after( const Key& key ) const {
+      const size_t at = placeOf( key );
+      return at != slotCount_ && slots_[ at ].key == key ? occupiedFrom( at + 1 ) : at;
+   }
+
+   // Makes the slot free in which key belongs, moving the rest of its run by one; slotCount_ when
+   // the run would leave the array. The caller builds the entry there and marks it.
+   size_t openPlaceFor( const Key& key ) {
+      const uint64_t hash = keyHash( key );
+      size_t at = homeOf( hash );
+      while( occupied( at ) &&
+             precedes( slots_[ at ].key, keyHash( slots_[ at ].key ), key, hash ) )
+         ++at;
+      size_t end = at;
+      while( occupied( end ) )
+         ++end;
+      if( end >= slotCount_ - 1 ) // the last slot stays free: it ends every run
+         return slotCount_;
+      for( size_t to = end; to > at; --to ) {
+         ::new( &slots_[ to ] ) Entry( std::move( slots_[ to - 1 ] ) );
+         std::destroy_at( &slots_[ to - 1 ] );
+      }
+      unmark( at );
+      if( end != at )
+         mark( end );
+      return at;
+   }
+
+   void grow() { rebuild( homeCount_ == 0 ? smallest : homeCount_ * 2 ); }
+
+   // Moves all entries, in their order, into an array of that many ideal slots. Room for the runs
+   // is measured first: however unlucky the hashes, the array only grows by what they need.
+   void rebuild( size_t homes ) {
+      HashMap larger;
+      larger.homeCount_ = homes;
+      larger.shift_ = 64 - std::countr_zero( homes );
+      size_t end = 0; // behind all entries placed so far
+      for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) )
+         end = std::max( end, larger.homeOf( keyHash( slots_[ at ].key ) ) ) + 1;
+      larger.slotCount_ = std::max( end, homes ) + overflow;
+      larger.slots_ = std::allocator<Entry>().allocate( larger.slotCount_ );
+      larger.used_.assign( larger.slotCount_ / 64 + 1, 0 );
+      end = 0;
+      for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) ) {
+         const size_t to = std::max( end, larger.homeOf( keyHash( slots_[ at ].key ) ) );
+         ::new( &larger.slots_[ to ] ) Entry( std::move( slots_[ at ] ) );
+         larger.mark( to );
+         ++larger.size_;
+         end = to + 1;
+      }
+      larger.version_ = version_ + 1;
+      swap( larger );
+   }
+
+   void release() {
+      for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) )
+         std::destroy_at( &slots_[ at ] );
+      if( slots_ )
+         std::allocator<Entry>().deallocate( slots_, slotCount_ );
+      slots_ = nullptr;
+      used_ = {};
+      size_ = slotCount_ = homeCount_ = 0;
+   }
+
+   void swap( HashMap& other ) {
+      std::swap( slots_, other.slots_ );
+      std::swap( used_, other.used_ );
+      std::swap( size_, other.size_ );
+      std::swap( homeCount_, other.homeCount_ );
+      std::swap( slotCount_, other.slotCount_ );
+      std::swap( shift_, other.shift_ );
+      std::swap( version_, other.version_ );
+   }
+
+   Entry* slots_ = nullptr;
+   std::vector<uint64_t> used_; // one bit a slot
+   size_t size_ = 0;
+   size_t homeCount_ = 0; // ideal slots, a power of two
+   size_t slotCount_ = 0; // ideal slots and the overflow behind them
+   unsigned shift_ = 0;
+   uint64_t version_ = 0; // counts changes, so that an iterator notices them
+};
+
+template<class Key>
+using KeySet = HashMap<Key, Present>;
+
+} // namespace Vexil

@@ -1,0 +1,268 @@
+// A shared table as an entity: attach it as its writer or as a reader, look up, walk, write, and
+// be told of changes.
+//
+// The same class serves three ways of use:
+//  - the writer of a file (attachForWriting): set() and erase() change it; reactors in this process
+//    are called at the time of the change; ring() wakes the readers in other processes;
+//  - a reader of a file (attachForReading): poll() delivers what has changed since the last time to
+//    the reactors; TablePoller (ActivityManager.h) calls it when the writer rings;
+//  - a table in memory (inMemory), for tests and for tables that never leave a process: writer and
+//    reader at once.
+//
+// A reader that can't keep up with the writer is overtaken by the journal's ring. It then calls
+// handleOvertaken() of its reactors, once, and handleEntry() for every key that is in the table. A
+// reactor that remembers keys re-examines those that it knows when it is overtaken: so deletions
+// are not missed either. The same happens when the writer has replaced the file.
+#pragma once
+
+#include "runtime/Clock.h"
+#include "runtime/Entity.h"
+#include "runtime/TableWriter.h"
+#include "runtime/Trace.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace Vexil {
+
+// What the event loop and the status report need to know of a table, whatever it holds.
+class TableBase : public Entity {
+ public:
+   // Delivers changes to the reactors until there are no more or the deadline has passed (at least
+   // one batch is delivered). Returns whether more are left. Never throws: corruption is recorded.
+   virtual bool poll( const Clock& clock, Seconds deadline ) = 0;
+   // Wakes the readers if something was written since the last time. Once per batch of writes.
+   virtual void ring() = 0;
+
+   virtual const std::string& path() const = 0;
+   virtual uint64_t tableId() const = 0;
+   virtual uint32_t capacity() const = 0;
+   virtual uint32_t count() const = 0;
+   // How far the writer and this reader have come in the journal.
+   virtual uint64_t journalHead() const = 0;
+   uint64_t journalCursor() const { return cursor_; }
+   uint64_t overruns() const { return overruns_; }
+
+   // Records that the table was found corrupt: a line in the log for each new message, and a count.
+   void corruptionDetected( const std::string& message ) const {
+      ++corruptions_;
+      if( message == lastCorruption_ )
+         return;
+      lastCorruption_ = message;
+      log( "corruption detected: " + message );
+   }
+   uint64_t corruptions() const { return corruptions_; }
+
+ protected:
+   uint64_t cursor_ = 0;
+   uint64_t overruns_ = 0;
+
+ private:
+   mutable uint64_t corruptions_ = 0;
+   mutable std::string lastCorruption_;
+};
+
+template<class Key, class Record>
+class SharedTable : public TableBase {
+ public:
+   struct Handlers {
+      // The entry of key appeared, changed or went; what it is now is read from the table.
+      virtual void handleEntry( const Key& key ) = 0;
+      // Changes were lost; every present key follows through handleEntry().
+      virtual void handleOvertaken() {}
+   };
+   Notifiees<Handlers> notifiees;
+
+   // Memory of this process.
+   SharedTable( const TableSpec& spec, uint32_t capacity )
+      : spec_( spec ), mapping_( TableMapping::anonymous( spec, capacity ) ), table_( *mapping_ ) {}
+
+   enum class Mode { read, write };
+   // Mode::write: the existing file with its content recovered, brought to capacity (at least to
+   // its number of records), or a new one. Mode::read: the existing file; capacity is not looked
+   // at. Throws TableError.
+   SharedTable( const TableSpec& spec, const std::string& path, Mode mode, uint32_t capacity = 0 )
+      : spec_( spec ) {
+      if( mode == Mode::write )
+         attachForWriting( path, capacity );
+      else
+         attachForReading( path );
+   }
+
+   // --- reading -------------------------------------------------------------------------------
+   // The record of key, or a zero record when absent. Content that can't be read is recorded as
+   // corruption and reads as absent.
+   Record get( const Key& key ) const {
+      Record record;
+      return get( key, record ) ? record : Record();
+   }
+   bool get( const Key& key, Record& record ) const {
+      try {
+         return table_.get( key, record );
+      } catch( const CorruptionDetected& failure ) {
+         corruptionDetected( failure.what() );
+         return false;
+      }
+   }
+   void prefetchIndex( const Key& key ) const { table_.prefetchIndex( key ); }
+   void prefetchRecord( const Key& key ) const { table_.prefetchRecord( key ); }
+
+   // Calls each( record ) for every record, in memory order. Records may change meanwhile: one that
+   // stays is met once. Corruption is recorded and ends the walk.
+   template<class Each>
+   void forEach( Each each ) const {
+      for( uint32_t slot = 0; slot < slotCount(); ++slot )
+         if( const std::optional<Record> record = inSlot( slot ) )
+            each( *record );
+   }
+   // The same in steps, for a walk in slices: slots 0 to slotCount() - 1.
+   uint32_t slotCount() const { return table_.highWater(); }
+   std::optional<Record> inSlot( uint32_t slot ) const {
+      Record record;
+      try {
+         if( table_.readSlot( slot, record ) )
+            return record;
+      } catch( const CorruptionDetected& failure ) {
+         corruptionDetected( failure.what() );
+      }
+      return std::nullopt;
+   }
+
+   const std::string& path() const override { return mapping_->path(); }
+   uint64_t tableId() const override { return mapping_->tableId(); }
+   uint32_t capacity() const override { return table_.capacity(); }
+   uint32_t count() const override { return table_.count(); }
+   uint64_t journalHead() const override { return table_.journalHead(); }
+   bool writable() const { return mapping_->writable(); }
+
+   // --- writing -------------------------------------------------------------------------------
+   // Writes the record under its own key. False, and nothing changed, when the table is full.
+   [[nodiscard]] bool set( const Record& record ) {
+      if( !table_.set( record ) )
+         return false;
+      changed( TableView<Key, Record>::keyOf( record ) );
+      return true;
+   }
+   // False when there was no such record.
+   bool erase( const Key& key ) {
+      if( !table_.erase( key ) )
+         return false;
+      changed( key );
+      return true;
+   }
+   void eraseAll() {
+      for( uint32_t slot = 0; slot < slotCount(); ++slot )
+         if( const std::optional<Record> record = inSlot( slot ) )
+            erase( TableView<Key, Record>::keyOf( *record ) );
+   }
+   void ring() override {
+      if( !unrung_ )
+         return;
+      unrung_ = false;
+      mapping_->ringBell();
+   }
+
+   // --- following -----------------------------------------------------------------------------
+   bool poll( const Clock& clock, Seconds deadline ) override;
+
+ private:
+   using View = TableView<Key, Record>;
+
+   void attachForReading( const std::string& path ) {
+      mapping_ = TableMapping::forReading( path, spec_ );
+      static_cast<View&>( table_ ) = View( *mapping_ );
+      cursor_ = table_.journalHead();
+   }
+   void attachForWriting( const std::string& path, uint32_t capacity );
+   void changed( const Key& key ) {
+      unrung_ = true;
+      notifiees.notify( &Handlers::handleEntry, key );
+   }
+   void startOver();
+   bool walkOn( const Clock& clock, Seconds deadline );
+
+   static constexpr size_t batch = 256; // changes between two looks at the clock
+
+   TableSpec spec_;
+   std::unique_ptr<TableMapping> mapping_;
+   TableWriter<Key, Record> table_; // its reading part alone, on a read-only mapping
+   bool unrung_ = false;
+   std::optional<uint32_t>
+      walkingAt_; // overtaken: the slot at which the walk over all keys goes on
+};
+
+template<class Key, class Record>
+void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32_t capacity ) {
+   mapping_ = TableMapping::forWriting( path, spec_, capacity );
+   table_ = TableWriter<Key, Record>( *mapping_ );
+   capacity = std::max( capacity, table_.count() );
+   if( capacity != table_.capacity() ) {
+      // The content moves to a new file that takes over the name. Whoever has the old one mapped
+      // reads on there until it sees that it is superseded.
+      auto larger = TableMapping::unpublished( path, spec_, capacity );
+      TableWriter<Key, Record> copy( *larger );
+      forEach( [ & ]( const Record& record ) { copy.set( record ); } );
+      larger->publish();
+      table_.supersede();
+      mapping_->ringBell();
+      mapping_ = std::move( larger );
+      table_ = std::move( copy );
+   }
+   unrung_ = true; // the previous writer may have died before it rang
+   ring();
+   cursor_ = table_.journalHead();
+}
+
+template<class Key, class Record>
+void SharedTable<Key, Record>::startOver() {
+   ++overruns_;
+   cursor_ = table_.journalHead(); // what changes during the walk is told again by the journal
+   walkingAt_ = 0;
+   notifiees.notify( &Handlers::handleOvertaken );
+}
+
+template<class Key, class Record>
+bool SharedTable<Key, Record>::poll( const Clock& clock, Seconds deadline ) {
+   try {
+      if( table_.superseded() ) {
+         attachForReading( mapping_->path() );
+         startOver();
+      }
+      do {
+         if( walkingAt_ ) {
+            if( walkOn( clock, deadline ) )
+               return true;
+            continue;
+         }
+         const auto found = table_.readJournal( cursor_, batch, [ & ]( const Key& key ) {
+            notifiees.notify( &Handlers::handleEntry, key );
+         } );
+         if( found == View::Journal::drained )
+            return false;
+         if( found == View::Journal::overtaken )
+            startOver();
+      } while( clock.now() < deadline );
+      return true;
+   } catch( const TableError& failure ) {
+      corruptionDetected( failure.what() ); // a replaced file that can't be read
+   } catch( const CorruptionDetected& failure ) {
+      corruptionDetected( failure.what() );
+   }
+   return false;
+}
+
+// Some more of the walk over all keys; returns whether the deadline cut it short.
+template<class Key, class Record>
+bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
+   for( uint32_t& slot = *walkingAt_; slot < slotCount(); ) {
+      if( const std::optional<Record> record = inSlot( slot++ ) )
+         notifiees.notify( &Handlers::handleEntry, View::keyOf( *record ) );
+      if( slot % batch == 0 && clock.now() >= deadline )
+         return true;
+   }
+   walkingAt_.reset();
+   return false;
+}
+
+} // namespace Vexil

@@ -1,0 +1,270 @@
+// Reading a shared table: lookups, walks in memory order, and the journal of changes.
+//
+// A reader works on a read-only mapping, takes no lock and makes no system call, and nothing that
+// it does reaches the writer. It may meet the writer in the middle of an operation, or find that
+// the writer died there. Why it reads nothing torn all the same:
+//
+//  - A slot begins with a state word: a version, and the bits "live" and "being written". A reader
+//    takes the state, copies the record word by word, and takes the state again: when both are the
+//    same, no write came between (a sequence lock). Record words are stored with release and loaded
+//    with acquire order, so that a reader who sees a word of a later write also sees the state that
+//    the writer stored before it.
+//  - While a record is being replaced, its old content stands in the header's undo area. A reader
+//    who finds "being written" takes the record from there. So it never waits, neither for a writer
+//    that is slow nor for one that is dead.
+//  - An index word that a deletion moves is stored at its new place before its old place is
+//    overwritten, and a counter tells the move: a lookup that finds nothing and sees that the
+//    counter stood still has not missed a moving word; otherwise it looks again.
+//
+// All loops are bounded: after maxAttempts a reader gives up with CorruptionDetected.
+#pragma once
+
+#include "runtime/Hash.h"
+#include "runtime/TableFile.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <type_traits>
+
+namespace Vexil {
+
+static_assert( std::endian::native == std::endian::little, "the tables are little-endian" );
+
+// Words of a mapped table. The compiler's atomics rather than std::atomic_ref, which g++ 12 does
+// not give for const words, as those of a read-only mapping are.
+inline uint64_t loadWord( const uint64_t* word ) {
+   return __atomic_load_n( word, __ATOMIC_ACQUIRE );
+}
+inline uint32_t loadWord( const uint32_t* word ) {
+   return __atomic_load_n( word, __ATOMIC_ACQUIRE );
+}
+inline void storeWord( uint64_t* word, uint64_t value ) {
+   __atomic_store_n( word, value, __ATOMIC_RELEASE );
+}
+inline void storeWord( uint32_t* word, uint32_t value ) {
+   __atomic_store_n( word, value, __ATOMIC_RELEASE );
+}
+
+// The bits of a slot's state word; the rest counts the writes.
+namespace SlotState {
+constexpr uint64_t writing = 1;
+constexpr uint64_t live = 2;
+constexpr uint64_t oneWrite = 4;
+} // namespace SlotState
+
+// The words of the index: in the low bits, as many as the capacity needs, the slot's number plus
+// one; in the rest a part of the key's hash, which spares most looks at the wrong slot. 0 is free.
+class IndexCode {
+ public:
+   IndexCode() = default;
+   explicit IndexCode( uint32_t capacity )
+      : slotBits_( static_cast<unsigned>( std::bit_width( capacity ) ) ) {}
+   uint32_t word( uint64_t hash, uint32_t slot ) const { return tag( hash ) | ( slot + 1 ); }
+   uint32_t slot( uint32_t word ) const {
+      return static_cast<uint32_t>( word & ( ( uint64_t( 1 ) << slotBits_ ) - 1 ) ) - 1;
+   }
+   bool matches( uint32_t word, uint64_t hash ) const {
+      return ( uint64_t( word ^ tag( hash ) ) >> slotBits_ ) == 0;
+   }
+
+ private:
+   uint32_t tag( uint64_t hash ) const {
+      return static_cast<uint32_t>( uint64_t( static_cast<uint32_t>( hash ) ) << slotBits_ );
+   }
+   unsigned slotBits_ = 0;
+};
+
+template<class Key, class Record>
+class TableView {
+   static_assert( std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Record> );
+   static_assert( sizeof( Record ) <= maxRecordSize );
+
+ public:
+   static constexpr size_t recordWords = ( sizeof( Record ) + 7 ) / 8;
+   static constexpr size_t keyWords = ( sizeof( Key ) + 7 ) / 8;
+   static constexpr unsigned maxAttempts = 1u << 20;
+   using KeyImage = std::array<uint64_t, keyWords>;
+
+   TableView() = default;
+   explicit TableView( const TableMapping& mapping )
+      : geometry_( mapping.geometry() ), path_( &mapping.path() ), base_( mapping.base() ),
+        code_( geometry_.capacity ), indexMask_( geometry_.indexSize - 1 ),
+        indexShift_( 64 - static_cast<unsigned>( std::countr_zero( geometry_.indexSize ) ) ),
+        journalMask_( geometry_.journalSize - 1 ) {}
+
+   uint32_t capacity() const { return geometry_.capacity; }
+   uint32_t count() const { return bounded( loadWord( &header().count ) ); }
+   // The slots that a walk has to look at.
+   uint32_t highWater() const { return bounded( loadWord( &header().highWater ) ); }
+   uint64_t journalHead() const { return loadWord( &header().journalHead ); }
+   bool superseded() const { return loadWord( &header().superseded ) != 0; }
+
+   // Copies the record of key; false when it is absent.
+   bool get( const Key& key, Record& out ) const {
+      const uint64_t hash = keyHash( key );
+      for( unsigned attempt = 0; attempt < maxAttempts; ++attempt ) {
+         const uint64_t moves = loadWord( &header().indexMoves );
+         uint32_t at = homeOf( hash );
+         uint32_t probed = 0;
+         for( ; probed <= indexMask_; ++probed, at = ( at + 1 ) & indexMask_ ) {
+            const uint32_t word = loadWord( index() + at );
+            if( word == 0 )
+               break;
+            if( code_.matches( word, hash ) && readSlot( code_.slot( word ), out ) &&
+                keyOf( out ) == key )
+               return true;
+         }
+         if( probed > indexMask_ )
+            corrupt( "the index has no end" );
+         if( loadWord( &header().indexMoves ) == moves ) {
+            if( loadWord( &header().magic ) != TableHeader::expectedMagic )
+               corrupt( "the file was cut short or overwritten" );
+            return false;
+         }
+      }
+      corrupt( "the index never stands still" );
+   }
+
+   // Brings the index word of key, and with prefetchRecord the record too, nearer to the processor.
+   void prefetchIndex( const Key& key ) const {
+      __builtin_prefetch( index() + homeOf( keyHash( key ) ) );
+   }
+   void prefetchRecord( const Key& key ) const {
+      const uint64_t hash = keyHash( key );
+      uint32_t at = homeOf( hash );
+      for( unsigned probed = 0; probed < 8; ++probed, at = ( at + 1 ) & indexMask_ ) {
+         const uint32_t word = loadWord( index() + at );
+         if( word == 0 )
+            return;
+         if( code_.matches( word, hash ) && code_.slot( word ) < geometry_.capacity ) {
+            const uint8_t* slot = slotAt( code_.slot( word ) );
+            for( size_t offset = 0; offset < 8 + sizeof( Record ) && offset < 256; offset += 64 )
+               __builtin_prefetch( slot + offset );
+            return;
+         }
+      }
+   }
+
+   // Copies the record in a slot; false when there is none. A walk over all keys, in memory order,
+   // is this for every slot below highWater(); it meets each key that stays.
+   bool readSlot( uint32_t slot, Record& out ) const {
+      if( slot >= geometry_.capacity )
+         corrupt( "a slot number is out of range" );
+      const uint64_t* const words = slotWords( slot );
+      for( unsigned attempt = 0; attempt < maxAttempts; ++attempt ) {
+         const uint64_t state = loadWord( words );
+         bool whole = ( state & SlotState::live ) != 0;
+         if( state & SlotState::writing ) [[unlikely]] {
+            whole =
+               loadWord( &header().undoSlot ) == slot + uint64_t( 1 ); // else there is no old one
+            copyRecord( header().image, out );
+         } else if( whole ) {
+            copyRecord( words + 1, out );
+         }
+         if( loadWord( words ) == state ) [[likely]]
+            return whole;
+      }
+      corrupt( "a record never stands still" );
+   }
+
+   // What a reader of the journal finds.
+   enum class Journal {
+      drained,  // it has seen every change
+      more,     // there are more than it asked for
+      overtaken // changes are lost to it: it must look at all keys, then go on from the head
+   };
+   // Calls each( key ) for up to most changed keys from cursor on, and moves cursor behind them.
+   // Each key that changed is named at least once after its change.
+   template<class Each>
+   Journal readJournal( uint64_t& cursor, size_t most, Each each ) const {
+      constexpr size_t batchSize = 32; // keys are taken out in batches, each checked as a whole
+      std::array<KeyImage, batchSize> batch;
+      while( true ) {
+         const uint64_t head = journalHead();
+         if( cursor == head )
+            return Journal::drained;
+         if( most == 0 )
+            return Journal::more;
+         if( head < cursor || head - cursor >= geometry_.journalSize )
+            return Journal::overtaken;
+         const size_t size = std::min( { batchSize, most, static_cast<size_t>( head - cursor ) } );
+         bool numbered = true;
+         for( size_t i = 0; i < size; ++i ) {
+            const uint64_t* const entry = journalEntry( cursor + i );
+            numbered = numbered && loadWord( entry ) == cursor + i;
+            for( size_t word = 0; word < keyWords; ++word )
+               batch[ i ][ word ] = loadWord( entry + 1 + word );
+         }
+         // The entry that the writer fills next is the one that is journalSize behind the head.
+         if( journalHead() - cursor >= geometry_.journalSize || !numbered )
+            return Journal::overtaken;
+         cursor += size;
+         most -= size;
+         for( size_t i = 0; i < size; ++i ) {
+            Key key;
+            std::memcpy( static_cast<void*>( &key ), batch[ i ].data(), sizeof key );
+            each( key );
+         }
+      }
+   }
+
+   [[noreturn]] void corrupt( const char* what ) const {
+      throw CorruptionDetected( ( path_->empty() ? "a table in memory" : *path_ ) + ": " + what );
+   }
+
+   // The key is the first member of its record.
+   static const Key& keyOf( const Record& record ) {
+      return *reinterpret_cast<const Key*>( &record );
+   }
+
+ protected:
+   const TableHeader& header() const { return *reinterpret_cast<const TableHeader*>( base_ ); }
+   const uint32_t* index() const {
+      return reinterpret_cast<const uint32_t*>( base_ + geometry_.indexOffset );
+   }
+   const uint8_t* slotAt( uint32_t slot ) const {
+      return base_ + geometry_.slotOffset + uint64_t( slot ) * geometry_.slotStride;
+   }
+   const uint64_t* slotWords( uint32_t slot ) const {
+      return reinterpret_cast<const uint64_t*>( slotAt( slot ) );
+   }
+   const uint64_t* journalEntry( uint64_t number ) const {
+      return reinterpret_cast<const uint64_t*>(
+         base_ + geometry_.journalOffset + ( number & journalMask_ ) * geometry_.journalStride );
+   }
+   // The ideal place of a key: the high bits of its hash, so that the index is in hash order.
+   uint32_t homeOf( uint64_t hash ) const { return static_cast<uint32_t>( hash >> indexShift_ ); }
+
+   // Word by word from the table straight to where the record is wanted: a copy in between costs
+   // more than the table's own cache misses.
+   static void copyRecord( const uint64_t* from, Record& to ) {
+      constexpr size_t whole = sizeof( Record ) / 8;
+      constexpr size_t rest = sizeof( Record ) % 8;
+      char* const bytes = reinterpret_cast<char*>( &to );
+      for( size_t i = 0; i < whole; ++i ) {
+         const uint64_t word = loadWord( from + i );
+         std::memcpy( bytes + 8 * i, &word, 8 );
+      }
+      if constexpr( rest != 0 ) {
+         const uint64_t word = loadWord( from + whole );
+         std::memcpy( bytes + 8 * whole, &word, rest );
+      }
+   }
+
+   TableGeometry geometry_;
+   const std::string* path_ = nullptr;
+   const uint8_t* base_ = nullptr;
+   IndexCode code_;
+   uint32_t indexMask_ = 0;
+   unsigned indexShift_ = 0;
+   uint64_t journalMask_ = 0;
+
+ private:
+   uint32_t bounded( uint64_t number ) const {
+      return static_cast<uint32_t>( std::min<uint64_t>( number, geometry_.capacity ) );
+   }
+};
+
+} // namespace Vexil
