@@ -34,6 +34,7 @@ class Entity {
    virtual ~Entity() = default;
 
    void addReference() const { ++references_; }
+   uint32_t referenceCount() const { return references_; }
    void releaseReference() const {
       if( --references_ == 0 )
          delete this;

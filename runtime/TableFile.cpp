@@ -284,6 +284,19 @@ bool tableHasWriter( const std::string& path ) {
    return held;
 }
 
+std::string tableTypeName( const std::string& path ) {
+   const int fd = open( path.c_str(), O_RDONLY | O_CLOEXEC );
+   if( fd < 0 )
+      return {};
+   TableHeader h{};
+   const bool isTable = pread( fd, &h, offsetof( TableHeader, superseded ), 0 ) ==
+                           static_cast<ssize_t>( offsetof( TableHeader, superseded ) ) &&
+                        h.magic == TableHeader::expectedMagic;
+   close( fd );
+   return isTable ? std::string( h.typeName, strnlen( h.typeName, sizeof h.typeName ) )
+                  : std::string();
+}
+
 void makeFoldersFor( const std::string& path ) {
    for( size_t slash = path.find( '/', 1 ); slash != std::string::npos;
         slash = path.find( '/', slash + 1 ) ) {

@@ -152,6 +152,9 @@ class TableMapping {
 // lock and disturbs nobody.
 bool tableHasWriter( const std::string& path );
 
+// The record type that a table file's header names; empty when it is no table.
+std::string tableTypeName( const std::string& path );
+
 // Makes the folders above path, each with mode 0750. Throws TableError.
 void makeFoldersFor( const std::string& path );
 

@@ -1,0 +1,106 @@
+#include "runtime/FileWatcher.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sys/inotify.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace Vexil {
+
+FileWatcher::FileWatcher( ActivityManager& loop, Seconds quantum )
+   : loop_( loop ), quantum_( quantum ), inotify_( inotify_init1( IN_NONBLOCK | IN_CLOEXEC ) ),
+     goOn_( loop.clock(), [ this ] { pollTables(); } ) {
+   if( inotify_ < 0 )
+      throw std::system_error( errno, std::generic_category(), "inotify_init1" );
+   loop_.watch( inotify_, [ this ] {
+      pollTables();
+      drain();
+      pollTables();
+   } );
+}
+
+FileWatcher::~FileWatcher() {
+   loop_.unwatch( inotify_ );
+   close( inotify_ );
+}
+
+// The kernel itself reports IN_CLOSE_WRITE when a writer dies between a change and the ring.
+int FileWatcher::addBell( const TableBase& table ) {
+   return inotify_add_watch( inotify_, table.path().c_str(), IN_MODIFY | IN_CLOSE_WRITE );
+}
+
+void FileWatcher::follow( Ptr<TableBase> table ) {
+   const int watch = addBell( *table );
+   tables_.push_back( { table, table->tableId(), watch } );
+   goOn_.timeMinIs( 0 ); // what was written between the attach and the watch
+}
+
+void FileWatcher::dropUnused() {
+   std::vector<int> freed;
+   std::erase_if( tables_, [ & ]( const Followed& followed ) {
+      const bool unused = followed.table->referenceCount() == 1;
+      if( unused )
+         freed.push_back( followed.watch );
+      return unused;
+   } );
+   for( const int watch : freed ) // two readers of one file share a watch
+      if( std::none_of( tables_.begin(), tables_.end(),
+                        [ & ]( const Followed& followed ) { return followed.watch == watch; } ) )
+         inotify_rm_watch( inotify_, watch );
+}
+
+void FileWatcher::pollTables() {
+   dropUnused();
+   const Seconds deadline = loop_.clock()->now() + quantum_;
+   bool more = false;
+   // By index: a reactor may follow another table.
+   for( size_t i = 0; i < tables_.size(); ++i ) {
+      const Ptr<TableBase> table = tables_[ i ].table;
+      more = table->poll( *loop_.clock(), deadline ) || more;
+      if( i < tables_.size() && tables_[ i ].table == table &&
+          tables_[ i ].tableId != table->tableId() ) { // the writer replaced the file
+         tables_[ i ].tableId = table->tableId();
+         tables_[ i ].watch = addBell( *table );
+         more = true;
+      }
+   }
+   if( more )
+      goOn_.timeMinIs( 0 );
+}
+
+void FileWatcher::watchFolder( const std::string& folder, FolderChanged changed ) {
+   const int watch = inotify_add_watch(
+      inotify_, folder.c_str(), IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR );
+   if( watch < 0 )
+      throw TableError( TableError::system,
+                        folder + ": watching the folder: " + std::strerror( errno ) );
+   folders_.emplace( watch, std::move( changed ) );
+}
+
+void FileWatcher::report( int watch, const std::string& name ) {
+   const auto [ first, last ] = folders_.equal_range( watch );
+   for( auto at = first; at != last; ++at )
+      at->second( name );
+}
+
+void FileWatcher::drain() {
+   alignas( inotify_event ) std::array<char, 16384> buffer;
+   ssize_t got;
+   while( ( got = read( inotify_, buffer.data(), buffer.size() ) ) > 0 ) {
+      for( ssize_t at = 0; at < got; ) {
+         const auto* event = reinterpret_cast<const inotify_event*>( buffer.data() + at );
+         at += static_cast<ssize_t>( sizeof *event + event->len );
+         if( event->mask & IN_Q_OVERFLOW ) {
+            for( const auto& [ watch, changed ] : folders_ )
+               changed( "" );
+         } else if( event->len > 0 && event->name[ 0 ] != '.' ) {
+            report( event->wd, event->name );
+         }
+      }
+   }
+}
+
+} // namespace Vexil
