@@ -20,8 +20,9 @@ std::map<std::string, EntityType>& types() {
 // entity type. Another file under the same name is another entity.
 class FolderBinding {
  public:
-   FolderBinding( EntityManager& manager, std::string folder, Ptr<Directory> directory )
-      : manager_( manager ), folder_( std::move( folder ) ), directory_( std::move( directory ) ) {}
+   FolderBinding( EntityManager& manager, std::string path, Ptr<Directory> directory )
+      : manager_( manager ), path_( std::move( path ) ), folder_( manager.fileOf( path_ ) ),
+        directory_( std::move( directory ) ) {}
 
    void review( const std::string& name ) {
       if( name.empty() )
@@ -70,7 +71,7 @@ class FolderBinding {
          return false;
       }
       try {
-         Mounted mounted = type->mount( manager_, file, MountMode::read );
+         Mounted mounted = type->mount( manager_, path_ + "/" + name, MountMode::read );
          directory_->entryIs( name, mounted.entity );
          entries_[ name ] = { inode, std::move( mounted ) };
          return true;
@@ -82,7 +83,8 @@ class FolderBinding {
    }
 
    EntityManager& manager_;
-   std::string folder_;
+   std::string path_;   // in the state database
+   std::string folder_; // in the file system
    Ptr<Directory> directory_;
    std::map<std::string, Entry> entries_;
 };
@@ -93,7 +95,7 @@ Mounted mountDirectory( EntityManager& manager, const std::string& path, MountMo
       return { directory, nullptr };
    const std::string folder = manager.fileOf( path );
    makeFoldersFor( folder + "/" );
-   const auto binding = std::make_shared<FolderBinding>( manager, folder, directory );
+   const auto binding = std::make_shared<FolderBinding>( manager, path, directory );
    // Watched before the first look, so that nothing falls between.
    manager.fileWatcher()->watchFolder(
       folder, [ binding ]( const std::string& name ) { binding->review( name ); } );

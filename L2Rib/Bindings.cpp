@@ -1,0 +1,130 @@
+#include "L2Rib/Bindings.h"
+
+#include "L2Rib/Bridging.h"
+#include "L2Rib/L2RibTarn.h"
+#include "L2Rib/SourceDir.h"
+#include "L2Rib/Status.h"
+#include "runtime/StateDb.h"
+
+namespace L2Rib {
+
+namespace {
+
+using Vexil::EntityManager;
+using Vexil::makeEntity;
+using Vexil::Mounted;
+using Vexil::MountMode;
+using Vexil::Ptr;
+
+// Copies the record of an entry file into the entity, at first and whenever it changes. What says
+// who the source is and where its tables are stands once the source was initialized: a source that
+// wants it otherwise publishes a new entry.
+class SourceEntryBinding : public Vexil::Reactor<SourceEntryTable> {
+ public:
+   SourceEntryBinding( Ptr<SourceEntryTable> table, Ptr<SourceDirEntry> entry )
+      : Reactor( table ), table_( std::move( table ) ), entry_( std::move( entry ) ),
+        name_( SourceName::of( entry_->name() ).value_or( SourceName() ) ) {
+      copyRecord();
+   }
+   void handleEntry( const SourceName& ) override { copyRecord(); }
+
+ private:
+   void copyRecord() {
+      SourceEntryRecord record;
+      if( !table_->get( name_, record ) )
+         return entry_->initializedIs( false );
+      if( !settled_ )
+         copyIdentity( record );
+      settled_ = settled_ || record.initialized;
+      entry_->initializedIs( record.initialized != 0 );
+   }
+   void copyIdentity( const SourceEntryRecord& record ) {
+      entry_->sourceIs( record.source );
+      entry_->hostTableTarnPathIs( record.hostPath.str() );
+      entry_->lbTableTarnPathIs( record.lbPath.str() );
+      entry_->labelTableTarnPathIs( record.labelPath.str() );
+      entry_->destTableTarnPathIs( record.destPath.str() );
+      entry_->hostTableLenIs( record.hostLen );
+      entry_->lbTableLenIs( record.lbLen );
+      entry_->labelTableLenIs( record.labelLen );
+      entry_->destTableLenIs( record.destLen );
+   }
+
+   Ptr<SourceEntryTable> table_;
+   Ptr<SourceDirEntry> entry_;
+   SourceName name_;
+   bool settled_ = false;
+};
+
+Mounted mountSourceEntry( EntityManager& manager, const std::string& path, MountMode ) {
+   const auto table = manager.mountTable<SourceEntryTable>( path, SourceEntryTable::Mode::read, 1 );
+   const auto entry = makeEntity<SourceDirEntry>( path.substr( path.rfind( '/' ) + 1 ) );
+   return { entry, std::make_shared<SourceEntryBinding>( table, entry ) };
+}
+
+// Writes each new highest id through to the file.
+class PolicySmStatusBinding : public Vexil::Reactor<PolicySmStatus> {
+ public:
+   PolicySmStatusBinding( Ptr<PolicySmStatusTable> table, Ptr<PolicySmStatus> status )
+      : Reactor( nullptr ), table_( std::move( table ) ) {
+      if( PolicySmStatusRecord found; table_->get( SingleKey(), found ) ) {
+         status->maxDestIdIs( found.maxDestId );
+         status->maxLbIdIs( found.maxLbId );
+         status->maxLabelIdIs( found.maxLabelId );
+      }
+      notifierIs( status ); // from here on changes go the other way
+   }
+   void handleMaxIds() override {
+      const bool written = table_->set( { SingleKey(), notifier()->maxDestId(),
+                                          notifier()->maxLbId(), notifier()->maxLabelId() } );
+      VEXIL_ASSERT( written ); // a table of one record has room for it
+   }
+
+ private:
+   Ptr<PolicySmStatusTable> table_;
+};
+
+Mounted mountPolicySmStatus( EntityManager& manager, const std::string& path, MountMode ) {
+   const auto status = makeEntity<PolicySmStatus>();
+   if( manager.inMemory() )
+      return { status, nullptr };
+   // Attached beside the manager's own tables, because the path stands for the entity.
+   const auto table =
+      makeEntity<PolicySmStatusTable>( manager.fileOf( path ), PolicySmStatusTable::Mode::write );
+   return { status, std::make_shared<PolicySmStatusBinding>( table, status ) };
+}
+
+template<class T>
+Mounted mountInProcess( EntityManager&, const std::string&, MountMode ) {
+   return { makeEntity<T>(), nullptr };
+}
+
+} // namespace
+
+void registerEntityTypes() {
+   Vexil::registerType( "L2Rib::SourceDirEntry", { mountSourceEntry, nullptr } );
+   Vexil::registerType( "L2Rib::PolicySmStatus", { mountPolicySmStatus, nullptr } );
+   Vexil::registerType( "L2Rib::AgentSourceDir", { mountInProcess<AgentSourceDir>, nullptr } );
+   Vexil::registerType( "L2Rib::FloodSetOutput", { mountInProcess<FloodSetOutput>, nullptr } );
+   Vexil::registerType( "Bridging::Config", { mountInProcess<Bridging::Config>, nullptr } );
+}
+
+std::string entryStr( const SourceDirEntry* entry ) {
+   return entry ? entry->name() + " (" + sourceStr( entry->source() ) + ")" : "none";
+}
+
+Ptr<SourceDirEntry> AgentSourceDir::sourceIs( const std::string& name ) {
+   if( const Ptr<SourceDirEntry> present = source( name ) )
+      return present;
+   const auto made = makeEntity<SourceDirEntry>( name );
+   source_.emplace( name, made );
+   notifiees.notify( &Handlers::handleSource, name );
+   return made;
+}
+
+void AgentSourceDir::sourceDel( const std::string& name ) {
+   if( source_.erase( name ) )
+      notifiees.notify( &Handlers::handleSource, name );
+}
+
+} // namespace L2Rib

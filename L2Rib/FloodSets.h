@@ -1,0 +1,90 @@
+// Flood sets as entities: per VLAN and flood address, the destinations that a frame is copied to.
+//
+// The same structure serves on both sides: a source's flood sets hang under its directory entry,
+// the merged ones under the output. Every level notifies its reactors per key.
+#pragma once
+
+#include "L2Rib/L2Rib.h"
+#include "runtime/Entity.h"
+#include "runtime/Failure.h"
+#include "runtime/HashMap.h"
+
+namespace L2Rib {
+
+// The members of one flood address. Each carries the key Util::destIdNotInTarn().
+class FloodSet : public Vexil::Entity {
+ public:
+   struct Handlers {
+      virtual void handleDestSet( const Dest& ) {}
+   };
+   Vexil::Notifiees<Handlers> notifiees;
+
+   VEXIL_ATTRIBUTE( FloodSetType, floodSetType, floodSetTypeInvalid_ );
+
+   const Vexil::KeySet<Dest>& destSet() const { return destSet_; }
+   bool destSet( const Dest& dest ) const { return destSet_.contains( dest ); }
+   void destSetIs( const Dest& dest, bool ) {
+      if( destSet_.emplace( dest ).second )
+         notifiees.notify( &Handlers::handleDestSet, dest );
+   }
+   void destSetDel( const Dest& dest ) {
+      if( destSet_.erase( dest ) )
+         notifiees.notify( &Handlers::handleDestSet, dest );
+   }
+
+ private:
+   Vexil::KeySet<Dest> destSet_;
+};
+
+// A keyed collection of owned entities, each made when its key is first entered.
+#define L2RIB_CHILDREN( Key, Child, name, handler )                                                \
+ public:                                                                                           \
+   const Vexil::HashMap<Key, Vexil::Ptr<Child>>& name() const { return name##_; }                  \
+   Vexil::Ptr<Child> name( const Key& key ) const {                                                \
+      const Vexil::Ptr<Child>* found = name##_.find( key );                                        \
+      return found ? *found : nullptr;                                                             \
+   }                                                                                               \
+   Vexil::Ptr<Child> name##Is( const Key& key ) {                                                  \
+      if( const Vexil::Ptr<Child> present = name( key ) )                                          \
+         return present;                                                                           \
+      const Vexil::Ptr<Child> made = Vexil::makeEntity<Child>();                                   \
+      name##_.emplace( key, made );                                                                \
+      notifiees.notify( &Handlers::handler, key );                                                 \
+      return made;                                                                                 \
+   }                                                                                               \
+   void name##Del( const Key& key ) {                                                              \
+      if( name##_.erase( key ) )                                                                   \
+         notifiees.notify( &Handlers::handler, key );                                              \
+   }                                                                                               \
+                                                                                                   \
+ private:                                                                                          \
+   Vexil::HashMap<Key, Vexil::Ptr<Child>> name##_;                                                 \
+                                                                                                   \
+ public:
+
+// The flood sets of one VLAN, by flood address.
+class VlanFloodSet : public Vexil::Entity {
+ public:
+   struct Handlers {
+      virtual void handleFloodSet( const Vexil::EthAddr& ) {}
+   };
+   Vexil::Notifiees<Handlers> notifiees;
+
+   L2RIB_CHILDREN( Vexil::EthAddr, FloodSet, floodSet, handleFloodSet )
+};
+
+// The merged flood sets, by VLAN; written by the engine alone.
+class FloodSetOutput : public Vexil::Entity {
+ public:
+   struct Handlers {
+      virtual void handleSource() {}
+      virtual void handleVlanFloodSet( const Bridging::VlanId& ) {}
+   };
+   Vexil::Notifiees<Handlers> notifiees;
+
+   // The mask of the Source values of all initialized sources.
+   VEXIL_ATTRIBUTE_NOTIFYING( unsigned, source, handleSource, 0 );
+   L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
+};
+
+} // namespace L2Rib

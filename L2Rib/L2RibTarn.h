@@ -1,0 +1,59 @@
+// The shared-table forms of the RIB's tables: what key and record each holds, under which type name
+// and collection name its file goes, and the operations by their names.
+//
+// An input table is written by its source alone, an output table by the agent alone. Every write is
+// of a whole record, under the record's own key. Writing to a full table changes nothing and
+// returns false. A lookup returns a copy, or a default record, whose key is invalid and so differs
+// from the one that was asked for, when there is none.
+#pragma once
+
+#include "L2Rib/L2Rib.h"
+#include "runtime/SharedTable.h"
+
+namespace L2Rib {
+
+// One line a table: class, key, record, collection name, accessor (x, xIs, xDel, xDelAll).
+#define L2RIB_TABLE( Class, Key, Record, collectionName, accessor )                                \
+   class Class : public Vexil::SharedTable<Key, Record> {                                          \
+    public:                                                                                        \
+      static constexpr Vexil::TableSpec spec{ "L2Rib::" #Class, collectionName, sizeof( Key ),     \
+                                              sizeof( Record ) };                                  \
+      explicit Class( uint32_t capacity ) : SharedTable( spec, capacity ) {}                       \
+      Class( const std::string& file, Mode mode, uint32_t capacity = 0 )                           \
+         : SharedTable( spec, file, mode, capacity ) {}                                            \
+                                                                                                   \
+      Record accessor( const Key& key ) const { return get( key ); }                               \
+      [[nodiscard]] bool accessor##Is( const Record& record ) { return set( record ); }            \
+      void accessor##Del( const Key& key ) { erase( key ); }                                       \
+      void accessor##DelAll() { eraseAll(); }                                                      \
+   }
+
+// clang-format off
+L2RIB_TABLE( HostInput,         Bridging::MacVlanPair, Host,        "host",  host );
+L2RIB_TABLE( LoadBalanceTable,  LoadBalanceId,         LoadBalance, "lb",    lb );
+L2RIB_TABLE( LabelTable,        LabelId,               Label,       "label", label );
+L2RIB_TABLE( DestTable,         DestId,                Dest,        "dest",  dest );
+
+L2RIB_TABLE( HostOutput,        Bridging::MacVlanPair, HostAndSource,        "host",  host );
+L2RIB_TABLE( LoadBalanceOutput, LoadBalanceId,         LoadBalanceAndSource, "lb",    lb );
+L2RIB_TABLE( LabelOutput,       LabelId,               LabelAndSource,       "label", label );
+L2RIB_TABLE( DestOutput,        DestId,                DestAndSource,        "dest",  dest );
+// clang-format on
+#undef L2RIB_TABLE
+
+// Where the agent's tables and entities are in the state database.
+namespace Path {
+constexpr const char* inputDir = "bridging/l2Rib/inputDir";
+constexpr const char* agentInputDir = "bridging/l2Rib/agentInputDir";
+constexpr const char* floodOutput = "bridging/l2Rib/floodOutput";
+constexpr const char* bridgingConfig = "bridging/config";
+constexpr const char* policySmStatus = "bridging/l2Rib/policySmStatus";
+constexpr const char* hostOutput = "bridging/l2Rib/hostOutput";
+constexpr const char* lbOutput = "bridging/l2Rib/lbOutput";
+constexpr const char* labelOutput = "bridging/l2Rib/labelOutput";
+constexpr const char* destOutput = "bridging/l2Rib/destOutput";
+constexpr const char* agentStatus = "bridging/l2Rib/agentStatus";
+constexpr const char* sourceStatus = "bridging/l2Rib/sourceStatus";
+} // namespace Path
+
+} // namespace L2Rib

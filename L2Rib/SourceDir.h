@@ -1,0 +1,150 @@
+// The directory entries of the sources.
+//
+// An entry says who a source is and where its tables are. External sources publish theirs as files
+// in the folder "bridging/l2Rib/inputDir"; sources inside the agent enter theirs in the agent's own
+// AgentSourceDir. The entry file is a shared table with one record: what is written into the same
+// file changes the entity's attributes, another file under the name is another entity.
+#pragma once
+
+#include "L2Rib/FloodSets.h"
+#include "L2Rib/L2Rib.h"
+#include "runtime/SharedTable.h"
+
+#include <array>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace L2Rib {
+
+// One input source. The name is the key and never changes.
+class SourceDirEntry : public Vexil::Entity {
+ public:
+   struct Handlers {
+      virtual void handleInitialized() {}
+      virtual void handleVlanFloodSet( const Bridging::VlanId& ) {}
+   };
+   Vexil::Notifiees<Handlers> notifiees;
+
+   explicit SourceDirEntry( std::string name ) : name_( std::move( name ) ) {}
+   const std::string& name() const { return name_; }
+
+   // A single bit; sourceNone_ until the entry is usable.
+   VEXIL_ATTRIBUTE( Source, source, sourceNone_ );
+   // Paths in the state database. Empty: the source has no such table.
+   VEXIL_ATTRIBUTE( std::string, hostTableTarnPath );
+   VEXIL_ATTRIBUTE( std::string, lbTableTarnPath );
+   VEXIL_ATTRIBUTE( std::string, labelTableTarnPath );
+   VEXIL_ATTRIBUTE( std::string, destTableTarnPath );
+   // Capacities in records.
+   VEXIL_ATTRIBUTE( uint32_t, hostTableLen, 0 );
+   VEXIL_ATTRIBUTE( uint32_t, lbTableLen, 0 );
+   VEXIL_ATTRIBUTE( uint32_t, labelTableLen, 0 );
+   VEXIL_ATTRIBUTE( uint32_t, destTableLen, 0 );
+   // Set by the source when its tables hold a complete first copy.
+   VEXIL_ATTRIBUTE_NOTIFYING( bool, initialized, handleInitialized, false );
+   L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
+
+ private:
+   std::string name_;
+};
+// The entry's name and source; "none" for null.
+std::string entryStr( const SourceDirEntry* entry );
+
+// The sources that live inside this agent, by name.
+class AgentSourceDir : public Vexil::Entity {
+ public:
+   struct Handlers {
+      virtual void handleSource( const std::string& name ) = 0;
+   };
+   Vexil::Notifiees<Handlers> notifiees;
+
+   const Vexil::HashMap<std::string, Vexil::Ptr<SourceDirEntry>>& source() const { return source_; }
+   Vexil::Ptr<SourceDirEntry> source( const std::string& name ) const {
+      const Vexil::Ptr<SourceDirEntry>* found = source_.find( name );
+      return found ? *found : nullptr;
+   }
+   // Creates the entry of that name, or returns the one that is there.
+   Vexil::Ptr<SourceDirEntry> sourceIs( const std::string& name );
+   void sourceDel( const std::string& name );
+
+ private:
+   Vexil::HashMap<std::string, Vexil::Ptr<SourceDirEntry>> source_;
+};
+
+// A text of bounded length inside a record, filled up with zeros.
+template<size_t Size>
+class FixedText {
+ public:
+   FixedText() = default;
+   // nullopt when the text is too long or holds a zero byte.
+   static std::optional<FixedText> of( std::string_view text ) {
+      if( text.size() >= Size || text.find( '\0' ) != text.npos )
+         return std::nullopt;
+      FixedText made;
+      std::memcpy( made.bytes_.data(), text.data(), text.size() );
+      return made;
+   }
+   std::string_view view() const {
+      return { bytes_.data(), strnlen( bytes_.data(), bytes_.size() ) };
+   }
+   std::string str() const { return std::string( view() ); }
+   uint64_t hash() const { return Vexil::hashBytes( bytes_.data(), bytes_.size() ); }
+   friend bool operator==( const FixedText&, const FixedText& ) = default;
+   friend auto operator<=>( const FixedText&, const FixedText& ) = default;
+
+ private:
+   std::array<char, Size> bytes_{};
+};
+using SourceName = FixedText<64>;
+using TablePath = FixedText<128>;
+
+// The record of an entry file.
+struct SourceEntryRecord {
+   SourceName name;
+   Source source = sourceNone_;
+   uint32_t initialized = 0;
+   TablePath hostPath;
+   TablePath lbPath;
+   TablePath labelPath;
+   TablePath destPath;
+   TablePath floodPath; // where the source keeps its flood sets; empty: none
+   uint32_t hostLen = 0;
+   uint32_t lbLen = 0;
+   uint32_t labelLen = 0;
+   uint32_t destLen = 0;
+
+   friend bool operator==( const SourceEntryRecord&, const SourceEntryRecord& ) = default;
+};
+static_assert( Vexil::WireRecord<SourceEntryRecord, 728> );
+
+// An entry file: holds exactly the record of its own name.
+class SourceEntryTable : public Vexil::SharedTable<SourceName, SourceEntryRecord> {
+ public:
+   static constexpr Vexil::TableSpec spec{ "L2Rib::SourceDirEntry", "entry", sizeof( SourceName ),
+                                           sizeof( SourceEntryRecord ) };
+   explicit SourceEntryTable( uint32_t capacity ) : SharedTable( spec, capacity ) {}
+   SourceEntryTable( const std::string& file, Mode mode, uint32_t capacity = 1 )
+      : SharedTable( spec, file, mode, capacity ) {}
+};
+
+// A member of a source's flood sets as its flood table holds it, with the type of its set.
+struct FloodMember {
+   FloodSetTriple triple;
+   FloodSetType floodSetType = floodSetTypeInvalid_;
+
+   friend bool operator==( const FloodMember&, const FloodMember& ) = default;
+};
+static_assert( Vexil::WireRecord<FloodMember, 76> );
+
+class FloodMemberTable : public Vexil::SharedTable<FloodSetTriple, FloodMember> {
+ public:
+   static constexpr Vexil::TableSpec spec{ "L2Rib::FloodMember", "flood", sizeof( FloodSetTriple ),
+                                           sizeof( FloodMember ) };
+   explicit FloodMemberTable( uint32_t capacity ) : SharedTable( spec, capacity ) {}
+   FloodMemberTable( const std::string& file, Mode mode, uint32_t capacity = 0 )
+      : SharedTable( spec, file, mode, capacity ) {}
+};
+
+} // namespace L2Rib

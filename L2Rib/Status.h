@@ -1,0 +1,110 @@
+// What the agent tells of itself.
+//
+// PolicySmStatus is the engine's memory across restarts: the highest output ids that it ever gave.
+// AgentStatus and SourceStatus are for people and for l2ribctl: what the engine has in hand, and
+// how far it has read each source's tables.
+#pragma once
+
+#include "L2Rib/SourceDir.h"
+#include "runtime/Entity.h"
+
+namespace L2Rib {
+
+// The highest output id given so far, per type. With a file under it, a new value has reached the
+// shared memory when the setter returns.
+class PolicySmStatus : public Vexil::Entity {
+ public:
+   struct Handlers {
+      virtual void handleMaxIds() = 0;
+   };
+   Vexil::Notifiees<Handlers> notifiees;
+
+   VEXIL_ATTRIBUTE_NOTIFYING( DestId, maxDestId, handleMaxIds );
+   VEXIL_ATTRIBUTE_NOTIFYING( LoadBalanceId, maxLbId, handleMaxIds );
+   VEXIL_ATTRIBUTE_NOTIFYING( LabelId, maxLabelId, handleMaxIds );
+};
+
+// Tables with a single record have this key.
+struct SingleKey {
+   uint32_t value = 1;
+   uint64_t hash() const { return Vexil::mix64( value ); }
+   friend bool operator==( const SingleKey&, const SingleKey& ) = default;
+};
+
+struct PolicySmStatusRecord {
+   SingleKey key;
+   DestId maxDestId;
+   LoadBalanceId maxLbId;
+   LabelId maxLabelId;
+};
+static_assert( Vexil::WireRecord<PolicySmStatusRecord, 28> );
+
+class PolicySmStatusTable : public Vexil::SharedTable<SingleKey, PolicySmStatusRecord> {
+ public:
+   static constexpr Vexil::TableSpec spec{ "L2Rib::PolicySmStatus", "status", sizeof( SingleKey ),
+                                           sizeof( PolicySmStatusRecord ) };
+   PolicySmStatusTable( const std::string& file, Mode mode, uint32_t capacity = 1 )
+      : SharedTable( spec, file, mode, capacity ) {}
+};
+
+// The agent's figures, written at the end of each turn in which one changed. The process that holds
+// the writer's lock of this table is the running agent.
+struct AgentStatusRecord {
+   SingleKey key;
+   uint32_t restartState = 0; // PolicySmRestartState
+   uint32_t processId = 0;
+   uint32_t sources = 0;              // state machines
+   Vexil::Wire64<double> since;       // when this agent started, seconds since 1970
+   Vexil::Wire64<double> lastSign;    // when this record was written, seconds since 1970
+   Vexil::Wire64<double> longestHold; // of the event loop, seconds
+   Vexil::Wire64<uint64_t> hostList;  // waiting for review
+   Vexil::Wire64<uint64_t> otasList;
+   Vexil::Wire64<uint64_t> failedHost; // parked
+   Vexil::Wire64<uint64_t> failedOtas;
+   Vexil::Wire64<uint64_t> floodSetBacklog;
+   Vexil::Wire64<uint64_t> withdrawalChecks; // hosts still to be looked at for vanished sources
+
+   friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
+};
+static_assert( Vexil::WireRecord<AgentStatusRecord, 88> );
+
+class AgentStatusTable : public Vexil::SharedTable<SingleKey, AgentStatusRecord> {
+ public:
+   static constexpr Vexil::TableSpec spec{ "L2Rib::AgentStatus", "status", sizeof( SingleKey ),
+                                           sizeof( AgentStatusRecord ) };
+   AgentStatusTable( const std::string& file, Mode mode, uint32_t capacity = 1 )
+      : SharedTable( spec, file, mode, capacity ) {}
+};
+
+// How far the agent has read one file: the table's id, and the number of the next change.
+struct ReadMark {
+   Vexil::Wire64<uint64_t> tableId;
+   Vexil::Wire64<uint64_t> cursor;
+
+   friend bool operator==( const ReadMark&, const ReadMark& ) = default;
+};
+
+// One source as the agent sees it.
+struct SourceStatusRecord {
+   SourceName name;
+   Source source = sourceNone_;
+   uint32_t ready = 0;
+   ReadMark entry;
+   ReadMark host; // all zero while the table isn't attached
+   ReadMark lb;
+   ReadMark label;
+   ReadMark dest;
+
+   friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
+};
+static_assert( Vexil::WireRecord<SourceStatusRecord, 152> );
+
+class SourceStatusTable : public Vexil::SharedTable<SourceName, SourceStatusRecord> {
+ public:
+   static constexpr Vexil::TableSpec spec{ "L2Rib::SourceStatus", "source", sizeof( SourceName ),
+                                           sizeof( SourceStatusRecord ) };
+   SourceStatusTable( const std::string& file, Mode mode, uint32_t capacity = 64 )
+      : SharedTable( spec, file, mode, capacity ) {}
+};
+
+} // namespace L2Rib
