@@ -67,6 +67,7 @@ template<class Key, class Record>
 class SharedTable : public TableBase {
  public:
    struct Handlers {
+      virtual ~Handlers() = default;
       // The entry of key appeared, changed or went; what it is now is read from the table.
       virtual void handleEntry( const Key& key ) = 0;
       // Changes were lost; every present key follows through handleEntry().

@@ -1,0 +1,117 @@
+#include "agent/L2RibAgent.h"
+
+#include "L2Rib/Bindings.h"
+#include "runtime/Failure.h"
+#include "runtime/Trace.h"
+
+#include <string>
+
+namespace L2Rib {
+
+namespace {
+
+Vexil::TraceHandle& trace = Vexil::traceHandle( "L2RibAgent" );
+
+// The entity mounted at path, which must be of that type.
+template<class T>
+Vexil::Ptr<T> mounted( Vexil::EntityManager& em, const char* path ) {
+   const Vexil::Ptr<Vexil::Entity> entity = em.entity( path );
+   auto* const typed = dynamic_cast<T*>( entity.get() );
+   VEXIL_ASSERT( typed );
+   return typed;
+}
+
+// Lets the host process create the agent by its type name once this library is loaded.
+[[maybe_unused]] const bool registered = [] {
+   registerEntityTypes();
+   Vexil::registerType( "L2Rib::Agent", { nullptr, []( const std::string& name ) {
+                                            return Vexil::Ptr<Vexil::Entity>(
+                                               agentFactory( name ).get() );
+                                         } } );
+   return true;
+}();
+
+} // namespace
+
+Agent::Agent( const std::string& name ) : BaseAgent( name ) {}
+
+Agent::~Agent() {
+   statusPublisher_.reset();
+   policySm_ = nullptr;
+}
+
+void Agent::doInit() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " em is " << entityManager().get() );
+   const auto group = entityManager()->mountGroup();
+   group->doMount( Path::inputDir, "Vexil::Directory", "ri" );
+   group->doMount( Path::agentInputDir, "L2Rib::AgentSourceDir", "w" );
+   group->doMount( Path::floodOutput, "L2Rib::FloodSetOutput", "w" );
+   group->doMount( Path::bridgingConfig, "Bridging::Config", "r" );
+   group->doMount( Path::policySmStatus, "L2Rib::PolicySmStatus", "w" );
+   group->doClose();
+}
+
+void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
+                              Vexil::Ptr<Vexil::EntityManager> em ) {
+   TRACE( 0, __PRETTY_FUNCTION__ );
+   VEXIL_ASSERT( mountStatus == Vexil::MountStatus::success );
+   const auto inputDir = mounted<Vexil::Directory>( *em, Path::inputDir );
+   l2RibAgentSourceDirIs( mounted<AgentSourceDir>( *em, Path::agentInputDir ) );
+   bridgingConfigIs( mounted<Bridging::Config>( *em, Path::bridgingConfig ) );
+   PolicySm::Tables output;
+   output.flood = mounted<FloodSetOutput>( *em, Path::floodOutput );
+   output.status = mounted<PolicySmStatus>( *em, Path::policySmStatus );
+
+   const auto write = HostOutput::Mode::write;
+   const auto capacity = static_cast<uint32_t>( setting( "output-capacity", 16384 ) );
+   output.host = em->mountTable<HostOutput>( Path::hostOutput, write, capacity );
+   output.lb = em->mountTable<LoadBalanceOutput>( Path::lbOutput, LoadBalanceOutput::Mode::write,
+                                                  capacity );
+   output.label =
+      em->mountTable<LabelOutput>( Path::labelOutput, LabelOutput::Mode::write, capacity );
+   output.dest = em->mountTable<DestOutput>( Path::destOutput, DestOutput::Mode::write, capacity );
+
+   policySmIs( em, inputDir, l2RibAgentSourceDir(), output );
+   policySm_->reviewQuantumIs( setting( "review-quantum", policySm_->reviewQuantum() ) );
+   policySm_->floodReviewQuantumIs(
+      setting( "flood-review-quantum", policySm_->floodReviewQuantum() ) );
+   policySm_->hammerReviewIntervalIs(
+      setting( "hammer-interval", policySm_->hammerReviewInterval() ) );
+   policySm_->sourceHoldTimeIs( setting( "source-hold", policySm_->sourceHoldTime() ) );
+   statusPublisher_ = std::make_unique<StatusPublisher>( *em, activityManager(), policySm_ );
+}
+
+Vexil::Seconds Agent::setting( const char* name, Vexil::Seconds ifAbsent ) const {
+   const auto found = settings().find( name );
+   return found == settings().end() ? ifAbsent : std::stod( found->second );
+}
+
+const Vexil::Ptr<PolicySm>& Agent::policySmIs( Vexil::Ptr<Vexil::EntityManager> em,
+                                               Vexil::Ptr<const Vexil::Directory> inputDir,
+                                               Vexil::Ptr<const AgentSourceDir> agentInputDir,
+                                               const PolicySm::Tables& output ) {
+   if( !policySm_ )
+      policySm_ = Vexil::makeEntity<PolicySm>( em, inputDir, agentInputDir, output );
+   return policySm_;
+}
+
+Vexil::Ptr<Vexil::BaseAgent> agentFactory( const std::string& name ) {
+   return Vexil::makeEntity<Agent>( name );
+}
+
+Vexil::Ptr<PolicySm> policySmFactory( Vexil::Ptr<Vexil::EntityManager> em,
+                                      Vexil::Ptr<const Vexil::Directory> sourceDir,
+                                      Vexil::Ptr<const AgentSourceDir> agentSourceDir,
+                                      Vexil::Ptr<HostOutput> hostOutput,
+                                      Vexil::Ptr<LoadBalanceOutput> lbOutput,
+                                      Vexil::Ptr<LabelOutput> labelOutput,
+                                      Vexil::Ptr<DestOutput> destOutput,
+                                      Vexil::Ptr<FloodSetOutput> floodOutput,
+                                      Vexil::Ptr<PolicySmStatus> policySmStatus ) {
+   return Vexil::makeEntity<PolicySm>( em, sourceDir, agentSourceDir,
+                                       PolicySm::Tables{ hostOutput, lbOutput, labelOutput,
+                                                         destOutput, floodOutput,
+                                                         policySmStatus } );
+}
+
+} // namespace L2Rib

@@ -1,0 +1,59 @@
+// The layer-2 RIB agent: what the host process creates from this library.
+//
+// doInit() declares the mounts; doMountsComplete() attaches the output tables and creates the state
+// machines. From then on the agent lives on their reactors and timers.
+#pragma once
+
+#include "L2Rib/Bridging.h"
+#include "L2Rib/L2RibTarn.h"
+#include "agent/StatusPublisher.h"
+#include "engine/L2RibPolicySm.h"
+#include "runtime/Agent.h"
+
+#include <memory>
+#include <string>
+
+namespace L2Rib {
+
+class Agent : public Vexil::BaseAgent {
+ public:
+   explicit Agent( const std::string& name );
+   ~Agent() override;
+
+   void doInit() override;
+   // Throws TableError when an output table can't be attached (another agent writes it, say).
+   void doMountsComplete( Vexil::MountStatus mountStatus,
+                          Vexil::Ptr<Vexil::EntityManager> em ) override;
+
+   VEXIL_ATTRIBUTE( Vexil::Ptr<AgentSourceDir>, l2RibAgentSourceDir )
+   VEXIL_ATTRIBUTE( Vexil::Ptr<Bridging::Config>, bridgingConfig )
+   const Vexil::Ptr<PolicySm>& policySm() const { return policySm_; }
+   // Makes the engine; returns the present one when there is one.
+   const Vexil::Ptr<PolicySm>& policySmIs( Vexil::Ptr<Vexil::EntityManager> em,
+                                           Vexil::Ptr<const Vexil::Directory> inputDir,
+                                           Vexil::Ptr<const AgentSourceDir> agentInputDir,
+                                           const PolicySm::Tables& output );
+   void policySmDel() { policySm_ = nullptr; }
+
+ private:
+   Vexil::Seconds setting( const char* name, Vexil::Seconds ifAbsent ) const;
+
+   Vexil::Ptr<PolicySm> policySm_;
+   std::unique_ptr<StatusPublisher> statusPublisher_;
+};
+
+// Makes the agent of that name.
+Vexil::Ptr<Vexil::BaseAgent> agentFactory( const std::string& name );
+
+// Makes an engine on tables that the caller supplies.
+Vexil::Ptr<PolicySm> policySmFactory( Vexil::Ptr<Vexil::EntityManager> em,
+                                      Vexil::Ptr<const Vexil::Directory> sourceDir,
+                                      Vexil::Ptr<const AgentSourceDir> agentSourceDir,
+                                      Vexil::Ptr<HostOutput> hostOutput,
+                                      Vexil::Ptr<LoadBalanceOutput> lbOutput,
+                                      Vexil::Ptr<LabelOutput> labelOutput,
+                                      Vexil::Ptr<DestOutput> destOutput,
+                                      Vexil::Ptr<FloodSetOutput> floodOutput,
+                                      Vexil::Ptr<PolicySmStatus> policySmStatus );
+
+} // namespace L2Rib

@@ -1,0 +1,37 @@
+// Publishes what the engine has in hand, and how far each source's tables have been read.
+//
+// Written at the end of an event-loop turn, after the outputs and before their doorbells: whoever
+// sees a figure here sees the output that goes with it. l2ribctl shows the figures, and its settle
+// waits for them.
+#pragma once
+
+#include "L2Rib/Status.h"
+#include "engine/L2RibPolicySm.h"
+#include "runtime/ActivityManager.h"
+
+namespace L2Rib {
+
+class StatusPublisher {
+ public:
+   // Attaches the status tables; throws TableError. Works as long as the loop turns.
+   StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
+                    Vexil::Ptr<PolicySm> policySm );
+   // Says for the last time that the agent was here.
+   ~StatusPublisher();
+
+ private:
+   void publish();
+   void publishSources();
+   AgentStatusRecord present() const;
+
+   Vexil::ActivityManager& loop_;
+   Vexil::Ptr<PolicySm> policySm_;
+   Vexil::Ptr<AgentStatusTable> agent_;
+   Vexil::Ptr<SourceStatusTable> sources_;
+   AgentStatusRecord published_;
+   Vexil::Wire64<double> since_;
+   // Outlives this object inside the loop's end-of-turn work.
+   std::shared_ptr<StatusPublisher*> self_;
+};
+
+} // namespace L2Rib

@@ -1,0 +1,176 @@
+// Best-host selection: the one host per MAC and VLAN that goes into the output.
+#include "engine/HostRank.h"
+#include "engine/L2RibPolicySm.h"
+#include "engine/PolicyTrace.h"
+
+namespace L2Rib {
+
+void PolicySm::handleHost( const Bridging::MacVlanPair& mvp ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
+   if( !initialized_ )
+      return; // the initial scan covers it
+   hostListIs( mvp, true );
+   maybeRescheduleHostReview();
+}
+
+bool PolicySm::hostIsBetter( const Host& host, Source source, const Host& curBestHost,
+                             Source curBestHostSource ) const {
+   TRACE( 0, __PRETTY_FUNCTION__ << " comparing " << host << " and " << curBestHost );
+   VEXIL_ASSERT( source != curBestHostSource );
+   const auto [ better, rule ] = rankHost( host, source, curBestHost, curBestHostSource );
+   switch( rule ) {
+   case RankRule::pref:
+      TRACE( 3, "hostIsBetter" << ( better ? " win on pref" : " lose on pref" ) );
+      break;
+   case RankRule::seqNo:
+      TRACE( 3, "hostIsBetter" << ( better ? " win on seqNo" : " lose on seqNo" ) );
+      break;
+   case RankRule::inlineOverObject:
+      TRACE( 3, "hostIsBetter" << ( better ? " win because MT > CI" : " lose because CI < MT" ) );
+      break;
+   case RankRule::ciDest:
+      break;
+   case RankRule::source:
+      TRACE( 3, "hostIsBetter" << ( host.next() == Util::objTupleInvalid()
+                                       ? " dests are same, tie break comparing source enum, "
+                                       : " tie break comparing source enum, " )
+                               << source << " vs " << curBestHostSource );
+      break;
+   }
+   return better;
+}
+
+bool PolicySm::validDest( const CiDest& ciDest ) const {
+   TRACE( 0, __PRETTY_FUNCTION__ );
+   if( ciDest.destType() != destTypeVxlan_ || ciDest.vtepCount() < 2 )
+      return true;
+   const auto vteps = ciDest.vteps();
+   for( size_t i = 1; i < vteps.size(); ++i )
+      if( !( vteps[ i - 1 ] < vteps[ i ] ) )
+         return false;
+   return true;
+}
+
+bool PolicySm::sourceValid( const HostAndSource& row ) {
+   switch( static_cast<uint32_t>( row.source() ) ) {
+   case 0x1:
+   case 0x8:
+   case 0x40:
+   case 0x100:
+   case 0x200:
+   case 0x10000000:
+   case 0x20000000:
+   case 0x40000000:
+   case 0x80000000:
+      return true;
+   default:
+      return false;
+   }
+}
+
+void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
+   for( const PolicySourceSm* sm : sourceOrder_ )
+      if( sm->ready() )
+         sm->hostTable()->prefetchRecord( mvp );
+   output_.host->prefetchRecord( mvp );
+}
+
+bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
+
+   // The best of what the ready sources hold now.
+   Host bestHost;
+   const PolicySourceSm* bestHostSource = nullptr;
+   for( const PolicySourceSm* sm : sourceOrder_ ) {
+      if( !sm->ready() )
+         continue;
+      const Host h = sm->host( mvp );
+      if( h.key() != mvp ) {
+         TRACE( 1, "processHost"
+                      << " Did not find host " << mvpStr( mvp ) << " in source "
+                      << sm->sourceEnum() );
+         continue;
+      }
+      VEXIL_ASSERT( h.next() != Util::objTupleInvalid() || validDest( h.ciDest() ) );
+      TRACE( 1, "processHost"
+                   << " found host " << mvpStr( mvp ) << " in source " << sm->sourceEnum()
+                   << ", value is " << h );
+      if( bestHost.key() != mvp ||
+          hostIsBetter( h, sm->sourceEnum(), bestHost, bestHostSource->sourceEnum() ) ) {
+         bestHost = h;
+         bestHostSource = sm;
+         TRACE( 2, "processHost"
+                      << " candidate best host is " << bestHost );
+      }
+   }
+
+   TRACE( 1, "processHost"
+                << " Looking up " << mvpStr( mvp ) << " in output." );
+   const HostAndSource oldRow = output_.host->host( mvp );
+   const bool wasPresent = oldRow.key() == mvp;
+   const ObjTuple oldNext = wasPresent ? oldRow.next() : Util::objTupleInvalid();
+   TRACE( 1, "processHost"
+                << " got " << oldRow );
+
+   if( bestHost.key() != mvp ) {
+      TRACE( 0, "processHost"
+                   << " host " << mvpStr( mvp ) << " not found." );
+      if( !wasPresent ) {
+         TRACE( 1, "processHost"
+                      << " host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
+         return true;
+      }
+      TRACE( 0, "processHost"
+                   << " removing from output." );
+      output_.host->hostDel( mvp );
+      if( oldNext != Util::objTupleInvalid() )
+         rmUser( oldNext, Util::objTupleInvalid(), mvp );
+      return true;
+   }
+
+   VEXIL_ASSERT( bestHostSource );
+   Host outHost = bestHost;
+   bool gainedUser = false;
+   if( bestHost.next() != Util::objTupleInvalid() ) {
+      const ObjTupleAndSource otas( bestHost.next(), bestHostSource->sourceEnum() );
+      const bool ok = processOtas( otas, true );
+      const ObjTuple newOutOt = outputObjTuple( otas );
+      if( !ok || newOutOt == Util::objTupleInvalid() ) {
+         TRACE( 8, "processHost"
+                      << " failed to process " << otas << ( ok ? "" : " (cascading)" ) );
+         foundFailedHost( mvp );
+         return false;
+      }
+      VEXIL_ASSERT( newOutOt != Util::objTupleInvalid() );
+      outHost.nextIs( newOutOt );
+      if( oldNext != newOutOt ) {
+         addUser( newOutOt, Util::objTupleInvalid(), mvp );
+         gainedUser = true;
+      }
+   }
+
+   const HostAndSource newRow( mvp, outHost, bestHostSource->sourceEnum() );
+   if( newRow == oldRow ) {
+      TRACE( 1, "processHost"
+                   << " host " << mvpStr( mvp )
+                   << " found, but was already up-to-date in table.  Done!" );
+      return true;
+   }
+   TRACE( 1, "processHost"
+                << " pushing " << newRow << " into output" );
+   if( !output_.host->hostIs( newRow ) ) {
+      // The table is full, so the row is a new one: nothing points anywhere yet. It waits until
+      // another host has gone.
+      TRACE( 8, "processHost"
+                   << " no room in output for " << mvpStr( mvp ) );
+      if( gainedUser )
+         rmUser( outHost.next(), Util::objTupleInvalid(), mvp );
+      foundFailedHost( mvp );
+      return false;
+   }
+   if( oldNext != Util::objTupleInvalid() && oldNext != outHost.next() )
+      rmUser( oldNext, Util::objTupleInvalid(), mvp );
+   return true;
+}
+
+} // namespace L2Rib

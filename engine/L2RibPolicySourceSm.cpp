@@ -1,0 +1,207 @@
+#include "engine/L2RibPolicySourceSm.h"
+
+#include "engine/L2RibPolicySm.h"
+#include "engine/PolicyTrace.h"
+
+namespace L2Rib {
+
+// Forwards each changed key of one of the source's tables.
+template<class Table, class Key, void ( PolicySourceSm::*handle )( const Key& )>
+class PolicySourceSm::TableReactor : public Vexil::Reactor<Table> {
+ public:
+   TableReactor( Vexil::Ptr<const Table> table, PolicySourceSm& sm )
+      : Vexil::Reactor<Table>( std::move( table ) ), sm_( sm ) {}
+   void handleEntry( const Key& key ) override { ( sm_.*handle )( key ); }
+   void handleOvertaken() override { sm_.handleOvertaken(); }
+
+ private:
+   PolicySourceSm& sm_;
+};
+
+class PolicySourceSm::SourceEntryReactor : public Vexil::Reactor<SourceDirEntry> {
+ public:
+   SourceEntryReactor( Vexil::Ptr<const SourceDirEntry> entry, PolicySourceSm& sm )
+      : Reactor( std::move( entry ) ), sm_( sm ) {}
+   void handleInitialized() override { sm_.handleSourceInitialized(); }
+
+ private:
+   PolicySourceSm& sm_;
+};
+
+namespace {
+
+uint64_t nextAttachment() {
+   static uint64_t last = 0;
+   return ++last;
+}
+
+} // namespace
+
+PolicySourceSm::PolicySourceSm( std::string name, Vexil::Ptr<const SourceDirEntry> source,
+                                PolicySm* policySm, Vexil::Ptr<Vexil::EntityManager> entityManager )
+   : name_( std::move( name ) ), entry_( std::move( source ) ), policySm_( policySm ),
+     entityManager_( std::move( entityManager ) ), attachment_( nextAttachment() ),
+     source_( std::make_unique<SourceEntryReactor>( entry_, *this ) ) {}
+
+PolicySourceSm::~PolicySourceSm() = default;
+
+void PolicySourceSm::handleInitialized() {
+   TRACE( 0,
+          __PRETTY_FUNCTION__ << " for " << name_ << " with source " << entryStr( entry_.get() ) );
+   initialized_ = true;
+   handleSourceInitialized();
+}
+
+void PolicySourceSm::handleSourceInitialized() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
+   maybeMountTarnTable();
+   maybeWriteSourceSmByEnum();
+   if( destTable_ )
+      handleDest();
+   if( lbTable_ )
+      handleLb();
+   if( labelTable_ )
+      handleLabel();
+   if( hostTable_ )
+      handleHost();
+   policySm_->setFloodSetOutputType();
+   if( ready() )
+      policySm_->handleSourceReplayed( sourceEnum() );
+}
+
+// Attaches a table of the source. What another process left there may be anything, or gone by now:
+// then the source has an empty table until it publishes itself anew, and the log says why.
+template<class Table>
+Vexil::Ptr<Table> PolicySourceSm::attach( const std::string& path, uint32_t capacity ) {
+   // The agent writes the static source's tables itself.
+   const auto mode = name_ == "static" ? Table::Mode::write : Table::Mode::read;
+   try {
+      return entityManager_->mountTable<Table>( path, mode, capacity );
+   } catch( const Vexil::TableError& failure ) {
+      Vexil::log( "source " + name_ + " contributes nothing: " + failure.what() );
+      return Vexil::makeEntity<Table>( 1u );
+   }
+}
+
+void PolicySourceSm::maybeMountTarnTable() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
+   if( hostTable_ || entry_->hostTableTarnPath().empty() || !entry_->initialized() )
+      return;
+   attachment_ = nextAttachment();
+
+   hostTable_ = attach<HostInput>( entry_->hostTableTarnPath(), entry_->hostTableLen() );
+   host_ =
+      std::make_unique<TableReactor<HostInput, Bridging::MacVlanPair, &PolicySourceSm::handleHost>>(
+         hostTable_, *this );
+   if( entry_->lbTableTarnPath().empty() ) { // hosts with inline destinations only
+      VEXIL_ASSERT( source()->destTableTarnPath().empty() );
+      VEXIL_ASSERT( source()->labelTableTarnPath().empty() );
+      return;
+   }
+   const auto labelTable =
+      attach<LabelTable>( entry_->labelTableTarnPath(), entry_->labelTableLen() );
+   VEXIL_ASSERT( labelTable );
+   const auto lbTable = attach<LoadBalanceTable>( entry_->lbTableTarnPath(), entry_->lbTableLen() );
+   VEXIL_ASSERT( lbTable );
+   const auto destTable = attach<DestTable>( entry_->destTableTarnPath(), entry_->destTableLen() );
+   VEXIL_ASSERT( destTable );
+   labelTable_ = labelTable;
+   lbTable_ = lbTable;
+   destTable_ = destTable;
+   label_ = std::make_unique<TableReactor<LabelTable, LabelId, &PolicySourceSm::handleLabel>>(
+      labelTable_, *this );
+   lb_ = std::make_unique<TableReactor<LoadBalanceTable, LoadBalanceId, &PolicySourceSm::handleLb>>(
+      lbTable_, *this );
+   dest_ = std::make_unique<TableReactor<DestTable, DestId, &PolicySourceSm::handleDest>>(
+      destTable_, *this );
+}
+
+void PolicySourceSm::maybeWriteSourceSmByEnum() {
+   TRACE( 0, "maybeWriteSourceSmByEnum" );
+   if( !entry_->initialized() )
+      return;
+   VEXIL_ASSERT( source()->source() != sourceNone_ );
+   // clang-format off
+   VEXIL_ASSERT( ! policySm()->sourceSmByEnum( source()->source() ) || policySm()->sourceSmByEnum( source()->source() ) == this );
+   // clang-format on
+   policySm_->sourceSmByEnumIs( entry_->source(), this );
+}
+
+PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
+   if( !destTable_ )
+      return { attachment_, 0 };
+   return { attachment_,
+            destTable_->journalHead() + lbTable_->journalHead() + labelTable_->journalHead() };
+}
+
+Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp ) const {
+   const Host h = hostTable_->host( mvp );
+   if( h.next().tableType() <= tableTypeDest_ ) [[likely]]
+      return h;
+   hostTable_->corruptionDetected( hostTable_->path() + ": host " + mvpStr( mvp ) +
+                                   " has a next of no known table type" );
+   return Host();
+}
+
+void PolicySourceSm::handleHost( const Bridging::MacVlanPair& mvp ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ << " key: " << mvpStr( mvp ) );
+   if( initialized_ )
+      policySm_->handleHost( mvp );
+}
+
+void PolicySourceSm::handleLb( const LoadBalanceId& key ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ << " key: " << key );
+   if( !initialized_ || !lbTable_ )
+      return;
+   VEXIL_ASSERT( key != Util::lbIdInvalid() );
+   policySm_->handleOtas( ObjTupleAndSource( ObjTuple( key ), sourceEnum() ) );
+}
+
+void PolicySourceSm::handleLabel( const LabelId& key ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ << " key: " << key );
+   if( !initialized_ || !labelTable_ )
+      return;
+   VEXIL_ASSERT( key != Util::labelIdInvalid() );
+   policySm_->handleOtas( ObjTupleAndSource( ObjTuple( key ), sourceEnum() ) );
+}
+
+void PolicySourceSm::handleDest( const DestId& key ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ << " key: " << key );
+   if( !initialized_ || !destTable_ )
+      return;
+   VEXIL_ASSERT( key != Util::destIdInvalid() );
+   policySm_->handleOtas( ObjTupleAndSource( ObjTuple( key ), sourceEnum() ) );
+}
+
+void PolicySourceSm::handleHost() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
+   if( initialized_ && hostTable_ )
+      hostTable_->forEach( [ this ]( const Host& host ) { handleHost( host.key() ); } );
+}
+
+void PolicySourceSm::handleLb() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
+   if( initialized_ && lbTable_ )
+      lbTable_->forEach( [ this ]( const LoadBalance& lb ) { handleLb( lb.key() ); } );
+}
+
+void PolicySourceSm::handleLabel() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
+   if( initialized_ && labelTable_ )
+      labelTable_->forEach( [ this ]( const Label& label ) { handleLabel( label.key() ); } );
+}
+
+void PolicySourceSm::handleDest() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
+   if( initialized_ && destTable_ )
+      destTable_->forEach( [ this ]( const Dest& dest ) { handleDest( dest.key() ); } );
+}
+
+// Every key that the table has is named to us next; what it no longer has is found from the output.
+void PolicySourceSm::handleOvertaken() {
+   attachment_ = nextAttachment(); // the file may be another one
+   if( initialized_ )
+      policySm_->reviewHostsOf( sourceEnum() );
+}
+
+} // namespace L2Rib

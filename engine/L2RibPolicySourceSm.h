@@ -1,0 +1,99 @@
+// One state machine per source: waits until the source says that its tables are complete, attaches
+// them, registers the source by its value, and replays the whole content into the engine. From then
+// on it names to the engine every key that changes. It keeps no copy of any data.
+//
+//    constructed --> attached, when the entry is initialized and names a host table
+//
+// The tables are attached once in the life of a state machine. A source that wants others publishes
+// a new entry; the engine then makes a new state machine.
+#pragma once
+
+#include "L2Rib/L2RibTarn.h"
+#include "L2Rib/SourceDir.h"
+#include "runtime/StateDb.h"
+
+#include <memory>
+#include <string>
+
+namespace L2Rib {
+
+class PolicySm;
+
+class PolicySourceSm : public Vexil::Entity {
+ public:
+   PolicySourceSm( std::string name, Vexil::Ptr<const SourceDirEntry> source, PolicySm* policySm,
+                   Vexil::Ptr<Vexil::EntityManager> entityManager );
+   ~PolicySourceSm() override;
+
+   const std::string& name() const { return name_; }
+   const Vexil::Ptr<const SourceDirEntry>& source() const { return entry_; }
+   PolicySm* policySm() const { return policySm_; }
+   const Vexil::Ptr<Vexil::EntityManager>& entityManager() const { return entityManager_; }
+   // Ends the construction; called once, by the engine, when the state machine is in sourceSm.
+   void handleInitialized();
+   bool initialized() const { return initialized_; }
+   Source sourceEnum() const { return entry_->source(); }
+   // Whether the source takes part: a ready source has its host table attached.
+   bool ready() const { return initialized_ && entry_->initialized(); }
+
+   // The attached tables, null where there is none.
+   const HostInput* hostTable() const { return hostTable_.get(); }
+   const LoadBalanceTable* lbTable() const { return lbTable_.get(); }
+   const LabelTable* labelTable() const { return labelTable_.get(); }
+   const DestTable* destTable() const { return destTable_.get(); }
+
+   // The source's host for mvp, a default one when it has none. The state machine is ready.
+   Host host( const Bridging::MacVlanPair& mvp ) const;
+
+   // Changes whenever any object of the source may have changed: while it stays the same, so does
+   // everything that was computed from the objects.
+   struct ObjectVersion {
+      uint64_t attachment = 0; // of the tables; unique over all state machines
+      uint64_t changes = 0;
+      friend bool operator==( const ObjectVersion&, const ObjectVersion& ) = default;
+   };
+   ObjectVersion objectVersion() const;
+
+   // One key changed.
+   void handleHost( const Bridging::MacVlanPair& mvp );
+   void handleLb( const LoadBalanceId& key );
+   void handleLabel( const LabelId& key );
+   void handleDest( const DestId& key );
+   // Every key of the table.
+   void handleHost();
+   void handleLb();
+   void handleLabel();
+   void handleDest();
+   // Changes of a table were lost to us: what the output has of this source is examined again.
+   void handleOvertaken();
+
+ private:
+   template<class Table, class Key, void ( PolicySourceSm::*handle )( const Key& )>
+   class TableReactor;
+   class SourceEntryReactor;
+
+   void handleSourceInitialized();
+   void maybeMountTarnTable();
+   void maybeWriteSourceSmByEnum();
+   template<class Table>
+   Vexil::Ptr<Table> attach( const std::string& path, uint32_t capacity );
+
+   std::string name_;
+   Vexil::Ptr<const SourceDirEntry> entry_;
+   PolicySm* policySm_;
+   Vexil::Ptr<Vexil::EntityManager> entityManager_;
+   bool initialized_ = false;
+   uint64_t attachment_ = 0;
+
+   Vexil::Ptr<HostInput> hostTable_;
+   Vexil::Ptr<LoadBalanceTable> lbTable_;
+   Vexil::Ptr<LabelTable> labelTable_;
+   Vexil::Ptr<DestTable> destTable_;
+   std::unique_ptr<SourceEntryReactor> source_;
+   std::unique_ptr<HostInput::Handlers> host_;
+   std::unique_ptr<LoadBalanceTable::Handlers> lb_;
+   std::unique_ptr<LabelTable::Handlers> label_;
+   std::unique_ptr<DestTable::Handlers> dest_;
+};
+
+} // namespace L2Rib

@@ -1,0 +1,28 @@
+// Who uses one output object: output hosts, and other output objects that point to it.
+#pragma once
+
+#include "L2Rib/L2Rib.h"
+#include "runtime/Entity.h"
+#include "runtime/HashMap.h"
+
+namespace L2Rib {
+
+// Made and owned by the engine, one for each output object in use. The users are sets, not counts:
+// entering the same user twice leaves one relation. Looking up, entering and removing a user take
+// constant time. One relation of a host costs 12 bytes in an array that is between three eighths
+// and three quarters full, so 16 to 32 bytes; an object with few users has arrays of 64 slots.
+class ObjTupleUsers : public Vexil::Entity {
+ public:
+   explicit ObjTupleUsers( const ObjTuple& used ) : used_( used ) {}
+
+   const ObjTuple& used() const { return used_; }
+   bool empty() const { return otUser().empty() && mvpUser().empty(); }
+
+   VEXIL_KEY_SET( ObjTuple, otUser )
+   VEXIL_KEY_SET( Bridging::MacVlanPair, mvpUser )
+
+ private:
+   ObjTuple used_;
+};
+
+} // namespace L2Rib

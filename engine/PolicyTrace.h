@@ -1,0 +1,12 @@
+// The trace handle that all source files of the engine share.
+#pragma once
+
+#include "runtime/Trace.h"
+
+namespace L2Rib {
+
+namespace {
+Vexil::TraceHandle& trace = Vexil::traceHandle( "L2RibPolicySm" );
+}
+
+} // namespace L2Rib

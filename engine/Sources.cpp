@@ -1,0 +1,218 @@
+// The sources: which state machines exist, and what becomes of a source that vanishes.
+//
+// A source that vanishes leaves its hosts in the output: it is likely to come back, and readers
+// should not notice. They are examined when it is back and has replayed its tables, or when
+// sourceHoldTime has passed: each output host that stems from it is queued for review, and the
+// review withdraws what no source has any more.
+#include "engine/L2RibPolicySm.h"
+#include "engine/PolicyTrace.h"
+
+#include <algorithm>
+
+namespace L2Rib {
+
+Vexil::Ptr<PolicySourceSm> PolicySm::sourceSm( const std::string& name ) const {
+   const Ptr<PolicySourceSm>* found = sourceSm_.find( name );
+   return found ? *found : nullptr;
+}
+
+Vexil::Ptr<PolicySourceSm> PolicySm::sourceSmByEnum( Source source ) const {
+   const Ptr<PolicySourceSm>* found = sourceSmByEnum_.find( source );
+   return found ? *found : nullptr;
+}
+
+void PolicySm::sourceSmByEnumIs( Source source, Ptr<PolicySourceSm> sm ) {
+   sourceSmByEnum_.emplace( source, std::move( sm ) );
+}
+
+void PolicySm::handleSource() {
+   TRACE( 0, __PRETTY_FUNCTION__ );
+   if( !initialized_ )
+      return;
+   for( const auto& entry : sourceDir_->entry() )
+      handleSource( entry.key );
+   for( const auto& entry : agentSourceDir_->source() )
+      handleSource( entry.key );
+}
+
+void PolicySm::handleSource( const std::string& sourceName ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " for " << sourceName );
+   if( !initialized_ )
+      return;
+   const Ptr<Vexil::Entity> found = sourceDir_->entry( sourceName );
+   const auto* const externalSource = dynamic_cast<const SourceDirEntry*>( found.get() );
+   const Ptr<SourceDirEntry> agentSource = agentSourceDir_->source( sourceName );
+   Ptr<const SourceDirEntry> entry;
+   const char* type = "None";
+   if( agentSource ) {
+      VEXIL_ASSERT( !externalSource );
+      entry = agentSource;
+      type = "agent";
+   } else if( externalSource ) {
+      entry = externalSource;
+      type = "external";
+   }
+   TRACE( 1, "handleSource"
+                << " SDE for " << sourceName << " is " << entryStr( entry.get() ) << " type is "
+                << type );
+   Ptr<PolicySourceSm> sm = sourceSm( sourceName );
+   if( !entry ) {
+      TRACE( 1, "handleSource"
+                   << " no sourceDirEntry found for " << sourceName );
+      if( sm ) {
+         TRACE( 1, "handleSource"
+                      << " deleting SM" );
+         sourceSmDel( sourceName );
+         setFloodSetOutputType();
+      }
+      return;
+   }
+   if( sm ) {
+      TRACE( 1, "handleSource"
+                   << " found SM for " << sourceName << " checking for changes" );
+      VEXIL_ASSERT( sm->source()->name() == sourceName );
+      if( sm->source() == entry &&
+          sm->source()->hostTableTarnPath() == entry->hostTableTarnPath() &&
+          sm->source()->hostTableLen() == entry->hostTableLen() &&
+          sm->source()->source() == entry->source() ) {
+         TRACE( 1, "handleSource"
+                      << " no change in source" );
+         return;
+      }
+      TRACE( 1, "handleSource"
+                   << " source has changed, deleting and recreating SM" );
+      sourceSmDel( sourceName );
+   }
+   TRACE( 1, "handleSource"
+                << " creating SM for " << sourceName );
+   sm = sourceSmIs( sourceName, entry, this, entityManager_ );
+   setFloodSetOutputType();
+   VEXIL_ASSERT( sm );
+   TRACE( 1, "handleSource"
+                << " SM is " << sm->name() << " total SMs now is " << sourceSm_.size() );
+}
+
+Vexil::Ptr<PolicySourceSm> PolicySm::sourceSmIs( const std::string& name,
+                                                 Ptr<const SourceDirEntry> source,
+                                                 PolicySm* policySm,
+                                                 Ptr<Vexil::EntityManager> entityManager ) {
+   if( !source || !entityManager || !policySm )
+      throw Vexil::MutatorFailure( "null ValidPtr" );
+   if( const Ptr<PolicySourceSm> present = sourceSm( name ) ) {
+      const auto refuseOther = []( const char* attribute, const void* given, const void* current ) {
+         if( given == current )
+            return;
+         std::ostringstream text;
+         text << "Reinstantiating the pointer interface where constructor parameter attribute "
+              << attribute << " has a different value of " << given << " than the current value of "
+              << current << " not allowed";
+         throw Vexil::MutatorFailure( text.str() );
+      };
+      refuseOther( "_source", source.get(), present->source().get() );
+      refuseOther( "_policySm", policySm, present->policySm() );
+      refuseOther( "_entityManager", entityManager.get(), present->entityManager().get() );
+      return present;
+   }
+   const auto sm = Vexil::makeEntity<PolicySourceSm>( name, source, policySm, entityManager );
+   sourceSm_.emplace( name, sm );
+   sourceOrder_.clear();
+   for( const auto& entry : sourceSm_ )
+      sourceOrder_.push_back( entry.value.get() );
+   sm->handleInitialized();
+   return sm;
+}
+
+// The state machine goes, and every registration by value with it. Its hosts stay for now.
+void PolicySm::sourceSmDel( const std::string& name ) {
+   const Ptr<PolicySourceSm> sm = sourceSm( name );
+   std::erase( sourceOrder_, sm.get() );
+   sourceSm_.erase( name );
+   for( auto at = sourceSmByEnum_.begin(); at != sourceSmByEnum_.end(); ++at ) {
+      if( at->value != sm )
+         continue;
+      const Source source = at->key;
+      sourceSmByEnum_.erase( source );
+      forgetOtasOf( source );
+      heldUntil_[ source ] = clock_->now() + sourceHoldTime();
+      holdTimer_.timeMinIs( std::min( holdTimer_.timeMin(), heldUntil_[ source ] ) );
+   }
+}
+
+// Nobody can say any more what these objects are.
+void PolicySm::forgetOtasOf( Source source ) {
+   for( auto at = otasList_.begin(); at != otasList_.end(); ++at )
+      if( at->key.source() == source )
+         otasListDel( at->key );
+   for( auto at = failedOtas_.begin(); at != failedOtas_.end(); ++at )
+      if( at->key.source() == source )
+         failedOtasDel( at->key );
+}
+
+void PolicySm::handleSourceReplayed( Source source ) {
+   if( heldUntil_.contains( source ) )
+      endHold( source );
+}
+
+void PolicySm::endHold( Source source ) {
+   heldUntil_.erase( source );
+   reviewHostsOf( source );
+}
+
+void PolicySm::handleHoldTimer() {
+   const Seconds now = clock_->now();
+   Seconds next = Vexil::never;
+   for( const auto held = heldUntil_; const auto& [ source, until ] : held ) {
+      if( until <= now )
+         endHold( source );
+      else
+         next = std::min( next, until );
+   }
+   holdTimer_.timeMinIs( next );
+}
+
+void PolicySm::reviewHostsOf( Source source ) {
+   withdrawing_.emplace( source );
+   withdrawalSlot_ = 0; // for all of them, from the start
+   withdrawalTimer_.timeMinIs( 0 );
+}
+
+uint64_t PolicySm::withdrawalChecksLeft() const {
+   const uint32_t slots = output_.host->slotCount();
+   return withdrawing_.empty() || withdrawalSlot_ >= slots ? 0 : slots - withdrawalSlot_;
+}
+
+// A slice of the walk over the host output, in memory order.
+void PolicySm::handleWithdrawalTimer() {
+   constexpr uint32_t step = 256; // slots between two looks at the clock
+   const Seconds deadline = clock_->now() + reviewQuantum();
+   while( withdrawalSlot_ < output_.host->slotCount() ) {
+      const auto row = output_.host->inSlot( withdrawalSlot_++ );
+      if( row && withdrawing_.contains( row->source() ) )
+         handleHost( row->key() );
+      if( withdrawalSlot_ % step == 0 && clock_->now() > deadline ) {
+         withdrawalTimer_.timeMinIs( 0 );
+         return;
+      }
+   }
+   withdrawing_.clear();
+}
+
+// The flood sets of the sources are merged in their own backlog, on their own timer.
+void PolicySm::setFloodSetTimer() {}
+
+void PolicySm::setFloodSetOutputType() {
+   TRACE( 0, __PRETTY_FUNCTION__ );
+   unsigned mask = 0;
+   for( const PolicySourceSm* sm : sourceOrder_ )
+      if( sm->source()->initialized() ) {
+         TRACE( 0, "setFloodSetOutputType"
+                      << " adding " << entryStr( sm->source().get() ) << " to type." );
+         mask |= static_cast<unsigned>( sm->sourceEnum() );
+      }
+   TRACE( 0, "setFloodSetOutputType" << std::hex << " new source is " << mask << ", old is "
+                                     << ( output_.flood ? output_.flood->source() : 0 ) );
+   if( output_.flood )
+      output_.flood->sourceIs( mask );
+}
+
+} // namespace L2Rib

@@ -1,0 +1,156 @@
+// User reference counting: an output object lives exactly as long as something in the output uses
+// it.
+#include "engine/L2RibPolicySm.h"
+#include "engine/PolicyTrace.h"
+
+#include <algorithm>
+
+namespace L2Rib {
+
+// Every relation has one user: an output object or an output host.
+#define ASSERT_ONE_USER()                                                                          \
+   VEXIL_ASSERT( ( otUser != Util::objTupleInvalid() && mvpUser == Util::mvpInvalid() ) ||         \
+                 ( otUser == Util::objTupleInvalid() && mvpUser != Util::mvpInvalid() ) )
+
+Vexil::Ptr<ObjTupleUsers> PolicySm::usersMap( const ObjTuple& used ) const {
+   const Ptr<ObjTupleUsers>* found = usersMap_.find( used );
+   return found ? *found : nullptr;
+}
+
+const Vexil::Ptr<ObjTupleUsers>& PolicySm::usersMapIs( const ObjTuple& used ) {
+   if( const Ptr<ObjTupleUsers>* present = usersMap_.find( used ) )
+      return *present;
+   return *usersMap_.emplace( used, Vexil::makeEntity<ObjTupleUsers>( used ) ).first;
+}
+
+void PolicySm::usersMapDel( const ObjTuple& used ) { usersMap_.erase( used ); }
+
+void PolicySm::addUser( const ObjTuple& otUsed, const ObjTuple& otUser,
+                        const Bridging::MacVlanPair& mvpUser ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " user is OT " << otUser << " or MVP " << mvpStr( mvpUser )
+                                 << ", using " << otUsed );
+   VEXIL_ASSERT( otUsed != Util::objTupleInvalid() );
+   ASSERT_ONE_USER();
+   Ptr<ObjTupleUsers> otu = usersMap( otUsed );
+   if( !otu ) {
+      TRACE( 0, "addUser"
+                   << " instantiating new otu for " << otUsed );
+      otu = usersMapIs( otUsed );
+   }
+   VEXIL_ASSERT( otu && otu->used() == otUsed );
+   VEXIL_ASSERT( usersMap( otUsed ) == otu );
+   if( otUser == Util::objTupleInvalid() )
+      otu->mvpUserIs( mvpUser, true );
+   else
+      otu->otUserIs( otUser, true );
+}
+
+bool PolicySm::isUser( const ObjTuple& otUsed, const ObjTuple& otUser,
+                       const Bridging::MacVlanPair& mvpUser ) const {
+   TRACE( 0, __PRETTY_FUNCTION__ << " user is OT " << otUser << " or MVP " << mvpStr( mvpUser )
+                                 << ", using " << otUsed );
+   ASSERT_ONE_USER();
+   const Ptr<ObjTupleUsers> otu = usersMap( otUsed );
+   if( !otu )
+      return false;
+   return otUser == Util::objTupleInvalid() ? otu->mvpUser( mvpUser ) : otu->otUser( otUser );
+}
+
+void PolicySm::rmUser( const ObjTuple& otUsed, const ObjTuple& otUser,
+                       const Bridging::MacVlanPair& mvpUser ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " user is OT " << otUser << " or MVP " << mvpStr( mvpUser )
+                                 << ", using " << otUsed );
+   ASSERT_ONE_USER();
+   const Ptr<ObjTupleUsers> otu = usersMap( otUsed );
+   if( !otu ) {
+      if( restartState() > otSourceCheck_ ) // before, the relation may not have been rebuilt yet
+         VEXIL_ASSERT( otu );
+      return;
+   }
+   if( restartState() < otFloatCheck_ ) {
+      VEXIL_ASSERT( !otu || !otu->otUser( otUser ) );
+      return;
+   }
+   if( otUser == Util::objTupleInvalid() ) {
+      VEXIL_ASSERT( otu->mvpUser( mvpUser ) );
+      otu->mvpUserDel( mvpUser );
+   } else {
+      VEXIL_ASSERT( otu->otUser( otUser ) );
+      otu->otUserDel( otUser );
+   }
+   if( !otu->empty() )
+      return;
+   TRACE( 0, "rmUser"
+                << " no users left for " << otUsed );
+   if( restartState() < zeroRefCleanup_ ) {
+      TRACE( 0, "rmUser"
+                   << " deferring delete of " << otUsed << " until after initial sync complete" );
+      otForZeroRefCleanupIs( otUsed, true );
+   } else {
+      onZeroRefs( otUsed );
+   }
+}
+
+// Deletes an object that has lost its last user, and releases what it pointed to: parents before
+// children, one child and all below it before the next child. A chain may be long, so the relations
+// to remove wait on a stack of our own and not on the processor's.
+void PolicySm::onZeroRefs( const ObjTuple& ot ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " " << ot );
+   TRACE( 8, "onZeroRefs"
+                << " deleting otu for " << ot );
+   usersMapDel( ot );
+   const Ptr<ObjTupleManager>& manager = tupleManager( ot.tableType() );
+   verified_.erase( manager->outputToInput( ot ) );
+   manager->delOutputOt( ot );
+   switch( ot.tableType() ) {
+   case tableTypeLoadBalance_:
+      onLbZeroRefs( ot );
+      break;
+   case tableTypeLabel_:
+      onLabelZeroRefs( ot );
+      break;
+   case tableTypeDest_:
+      onDestZeroRefs( ot );
+      break;
+   default:
+      VEXIL_ASSERT( 0 );
+   }
+   if( releasing_ )
+      return; // the outermost call works the stack off
+   releasing_ = true;
+   while( !toRelease_.empty() ) {
+      const auto [ used, user ] = toRelease_.back();
+      toRelease_.pop_back();
+      rmUser( used, user, Util::mvpInvalid() );
+   }
+   releasing_ = false;
+}
+
+void PolicySm::onDestZeroRefs( const ObjTuple& ot ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " " << ot );
+   VEXIL_ASSERT( ot.tableType() == tableTypeDest_ );
+   output_.dest->destDel( ot.destId() );
+}
+
+void PolicySm::onLabelZeroRefs( const ObjTuple& ot ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " " << ot );
+   const LabelAndSource row = output_.label->label( ot.labelId() );
+   output_.label->labelDel( ot.labelId() );
+   if( row.key() == ot.labelId() )
+      toRelease_.emplace_back( row.label().next(), ot );
+}
+
+void PolicySm::onLbZeroRefs( const ObjTuple& ot ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " " << ot );
+   const LoadBalanceAndSource row = output_.lb->lb( ot.lbId() );
+   output_.lb->lbDel( ot.lbId() );
+   // The last one on the stack is taken first. A next that stands at several positions is one
+   // relation, removed at the first of them.
+   const auto nexts = row.lb().used();
+   for( size_t i = nexts.size(); i-- > 0; )
+      if( std::find( nexts.begin(), nexts.begin() + static_cast<ptrdiff_t>( i ), nexts[ i ] ) ==
+          nexts.begin() + static_cast<ptrdiff_t>( i ) )
+         toRelease_.emplace_back( nexts[ i ], ot );
+}
+
+} // namespace L2Rib

@@ -1,0 +1,77 @@
+// What tests share: random choices that can be replayed, a private folder, and waiting for a
+// condition with a deadline.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace TestSupport {
+
+// L2RIB_TEST_SEED, or another number in every run. Printed, so that a failure can be replayed.
+inline uint64_t seed() {
+   static const uint64_t chosen = [] {
+      const char* const given = std::getenv( "L2RIB_TEST_SEED" );
+      const uint64_t number = given ? std::strtoull( given, nullptr, 0 ) : std::random_device()();
+      std::fprintf( stderr, "L2RIB_TEST_SEED=%llu\n", static_cast<unsigned long long>( number ) );
+      return number;
+   }();
+   return chosen;
+}
+
+class Random {
+ public:
+   explicit Random( uint64_t stream = 0 ) : engine_( seed() + stream ) {}
+   uint64_t number() { return engine_(); }
+   // 0 to limit - 1
+   uint32_t below( uint64_t limit ) { return static_cast<uint32_t>( engine_() % limit ); }
+   bool percent( unsigned chance ) { return below( 100 ) < chance; }
+
+ private:
+   std::mt19937_64 engine_;
+};
+
+// A new folder, in memory where the system has room there; removed with all that it holds.
+class TemporaryFolder {
+ public:
+   TemporaryFolder() {
+      const char* const given = std::getenv( "TMPDIR" );
+      for( const char* base : { "/dev/shm", given ? given : "/tmp" } ) {
+         path_ = std::string( base ) + "/l2rib-test-XXXXXX";
+         if( mkdtemp( path_.data() ) )
+            return;
+      }
+      throw std::runtime_error( path_ + ": no folder for temporary files" );
+   }
+   ~TemporaryFolder() {
+      std::error_code ignored;
+      std::filesystem::remove_all( path_, ignored );
+   }
+   TemporaryFolder( const TemporaryFolder& ) = delete;
+   TemporaryFolder& operator=( const TemporaryFolder& ) = delete;
+
+   std::string file( const std::string& name ) const { return path_ + "/" + name; }
+
+ private:
+   std::string path_;
+};
+
+// Whether condition() became true within that many seconds.
+template<class Condition>
+bool waitFor( Condition condition, double seconds ) {
+   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>( seconds );
+   while( !condition() ) {
+      if( std::chrono::steady_clock::now() >= end )
+         return condition();
+      std::this_thread::yield();
+   }
+   return true;
+}
+
+} // namespace TestSupport
