@@ -14,13 +14,11 @@ namespace L2Rib {
 
 // One line a table: class, key, record, collection name, accessor (x, xIs, xDel, xDelAll).
 #define L2RIB_TABLE( Class, Key, Record, collectionName, accessor )                                \
-   class Class : public Vexil::SharedTable<Key, Record> {                                          \
+   class Class : public Vexil::NamedTable<Class, Key, Record> {                                    \
     public:                                                                                        \
-      static constexpr Vexil::TableSpec spec{ "L2Rib::" #Class, collectionName, sizeof( Key ),     \
-                                              sizeof( Record ) };                                  \
-      explicit Class( uint32_t capacity ) : SharedTable( spec, capacity ) {}                       \
-      Class( const std::string& file, Mode mode, uint32_t capacity = 0 )                           \
-         : SharedTable( spec, file, mode, capacity ) {}                                            \
+      using NamedTable::NamedTable;                                                                \
+      static constexpr const char* typeName = "L2Rib::" #Class;                                    \
+      static constexpr const char* collection = collectionName;                                    \
                                                                                                    \
       Record accessor( const Key& key ) const { return get( key ); }                               \
       [[nodiscard]] bool accessor##Is( const Record& record ) { return set( record ); }            \

@@ -120,13 +120,11 @@ struct SourceEntryRecord {
 static_assert( Vexil::WireRecord<SourceEntryRecord, 728> );
 
 // An entry file: holds exactly the record of its own name.
-class SourceEntryTable : public Vexil::SharedTable<SourceName, SourceEntryRecord> {
+class SourceEntryTable : public Vexil::NamedTable<SourceEntryTable, SourceName, SourceEntryRecord> {
  public:
-   static constexpr Vexil::TableSpec spec{ "L2Rib::SourceDirEntry", "entry", sizeof( SourceName ),
-                                           sizeof( SourceEntryRecord ) };
-   explicit SourceEntryTable( uint32_t capacity ) : SharedTable( spec, capacity ) {}
-   SourceEntryTable( const std::string& file, Mode mode, uint32_t capacity = 1 )
-      : SharedTable( spec, file, mode, capacity ) {}
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "L2Rib::SourceDirEntry";
+   static constexpr const char* collection = "entry";
 };
 
 // A member of a source's flood sets as its flood table holds it, with the type of its set.
@@ -138,13 +136,11 @@ struct FloodMember {
 };
 static_assert( Vexil::WireRecord<FloodMember, 76> );
 
-class FloodMemberTable : public Vexil::SharedTable<FloodSetTriple, FloodMember> {
+class FloodMemberTable : public Vexil::NamedTable<FloodMemberTable, FloodSetTriple, FloodMember> {
  public:
-   static constexpr Vexil::TableSpec spec{ "L2Rib::FloodMember", "flood", sizeof( FloodSetTriple ),
-                                           sizeof( FloodMember ) };
-   explicit FloodMemberTable( uint32_t capacity ) : SharedTable( spec, capacity ) {}
-   FloodMemberTable( const std::string& file, Mode mode, uint32_t capacity = 0 )
-      : SharedTable( spec, file, mode, capacity ) {}
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "L2Rib::FloodMember";
+   static constexpr const char* collection = "flood";
 };
 
 } // namespace L2Rib

@@ -39,12 +39,12 @@ struct PolicySmStatusRecord {
 };
 static_assert( Vexil::WireRecord<PolicySmStatusRecord, 28> );
 
-class PolicySmStatusTable : public Vexil::SharedTable<SingleKey, PolicySmStatusRecord> {
+class PolicySmStatusTable
+   : public Vexil::NamedTable<PolicySmStatusTable, SingleKey, PolicySmStatusRecord> {
  public:
-   static constexpr Vexil::TableSpec spec{ "L2Rib::PolicySmStatus", "status", sizeof( SingleKey ),
-                                           sizeof( PolicySmStatusRecord ) };
-   PolicySmStatusTable( const std::string& file, Mode mode, uint32_t capacity = 1 )
-      : SharedTable( spec, file, mode, capacity ) {}
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "L2Rib::PolicySmStatus";
+   static constexpr const char* collection = "status";
 };
 
 // The agent's figures, written at the end of each turn in which one changed. The process that holds
@@ -68,12 +68,11 @@ struct AgentStatusRecord {
 };
 static_assert( Vexil::WireRecord<AgentStatusRecord, 88> );
 
-class AgentStatusTable : public Vexil::SharedTable<SingleKey, AgentStatusRecord> {
+class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
  public:
-   static constexpr Vexil::TableSpec spec{ "L2Rib::AgentStatus", "status", sizeof( SingleKey ),
-                                           sizeof( AgentStatusRecord ) };
-   AgentStatusTable( const std::string& file, Mode mode, uint32_t capacity = 1 )
-      : SharedTable( spec, file, mode, capacity ) {}
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "L2Rib::AgentStatus";
+   static constexpr const char* collection = "status";
 };
 
 // How far the agent has read one file: the table's id, and the number of the next change.
@@ -89,7 +88,6 @@ struct SourceStatusRecord {
    SourceName name;
    Source source = sourceNone_;
    uint32_t ready = 0;
-   ReadMark entry;
    ReadMark host; // all zero while the table isn't attached
    ReadMark lb;
    ReadMark label;
@@ -97,14 +95,14 @@ struct SourceStatusRecord {
 
    friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<SourceStatusRecord, 152> );
+static_assert( Vexil::WireRecord<SourceStatusRecord, 136> );
 
-class SourceStatusTable : public Vexil::SharedTable<SourceName, SourceStatusRecord> {
+class SourceStatusTable
+   : public Vexil::NamedTable<SourceStatusTable, SourceName, SourceStatusRecord> {
  public:
-   static constexpr Vexil::TableSpec spec{ "L2Rib::SourceStatus", "source", sizeof( SourceName ),
-                                           sizeof( SourceStatusRecord ) };
-   SourceStatusTable( const std::string& file, Mode mode, uint32_t capacity = 64 )
-      : SharedTable( spec, file, mode, capacity ) {}
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "L2Rib::SourceStatus";
+   static constexpr const char* collection = "source";
 };
 
 } // namespace L2Rib

@@ -24,10 +24,10 @@ Vexil::Ptr<T> mounted( Vexil::EntityManager& em, const char* path ) {
 // Lets the host process create the agent by its type name once this library is loaded.
 [[maybe_unused]] const bool registered = [] {
    registerEntityTypes();
-   Vexil::registerType( "L2Rib::Agent", { nullptr, []( const std::string& name ) {
-                                            return Vexil::Ptr<Vexil::Entity>(
-                                               agentFactory( name ).get() );
-                                         } } );
+   Vexil::registerType( "L2Rib::Agent",
+                        { nullptr, []( const std::string& name ) {
+                            return Vexil::Ptr<Vexil::Entity>( agentFactory( name ).get() );
+                         } } );
    return true;
 }();
 
@@ -65,8 +65,8 @@ void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
    const auto write = HostOutput::Mode::write;
    const auto capacity = static_cast<uint32_t>( setting( "output-capacity", 16384 ) );
    output.host = em->mountTable<HostOutput>( Path::hostOutput, write, capacity );
-   output.lb = em->mountTable<LoadBalanceOutput>( Path::lbOutput, LoadBalanceOutput::Mode::write,
-                                                  capacity );
+   output.lb =
+      em->mountTable<LoadBalanceOutput>( Path::lbOutput, LoadBalanceOutput::Mode::write, capacity );
    output.label =
       em->mountTable<LabelOutput>( Path::labelOutput, LabelOutput::Mode::write, capacity );
    output.dest = em->mountTable<DestOutput>( Path::destOutput, DestOutput::Mode::write, capacity );
@@ -99,15 +99,12 @@ Vexil::Ptr<Vexil::BaseAgent> agentFactory( const std::string& name ) {
    return Vexil::makeEntity<Agent>( name );
 }
 
-Vexil::Ptr<PolicySm> policySmFactory( Vexil::Ptr<Vexil::EntityManager> em,
-                                      Vexil::Ptr<const Vexil::Directory> sourceDir,
-                                      Vexil::Ptr<const AgentSourceDir> agentSourceDir,
-                                      Vexil::Ptr<HostOutput> hostOutput,
-                                      Vexil::Ptr<LoadBalanceOutput> lbOutput,
-                                      Vexil::Ptr<LabelOutput> labelOutput,
-                                      Vexil::Ptr<DestOutput> destOutput,
-                                      Vexil::Ptr<FloodSetOutput> floodOutput,
-                                      Vexil::Ptr<PolicySmStatus> policySmStatus ) {
+Vexil::Ptr<PolicySm>
+policySmFactory( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<const Vexil::Directory> sourceDir,
+                 Vexil::Ptr<const AgentSourceDir> agentSourceDir, Vexil::Ptr<HostOutput> hostOutput,
+                 Vexil::Ptr<LoadBalanceOutput> lbOutput, Vexil::Ptr<LabelOutput> labelOutput,
+                 Vexil::Ptr<DestOutput> destOutput, Vexil::Ptr<FloodSetOutput> floodOutput,
+                 Vexil::Ptr<PolicySmStatus> policySmStatus ) {
    return Vexil::makeEntity<PolicySm>( em, sourceDir, agentSourceDir,
                                        PolicySm::Tables{ hostOutput, lbOutput, labelOutput,
                                                          destOutput, floodOutput,

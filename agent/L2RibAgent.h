@@ -46,14 +46,11 @@ class Agent : public Vexil::BaseAgent {
 Vexil::Ptr<Vexil::BaseAgent> agentFactory( const std::string& name );
 
 // Makes an engine on tables that the caller supplies.
-Vexil::Ptr<PolicySm> policySmFactory( Vexil::Ptr<Vexil::EntityManager> em,
-                                      Vexil::Ptr<const Vexil::Directory> sourceDir,
-                                      Vexil::Ptr<const AgentSourceDir> agentSourceDir,
-                                      Vexil::Ptr<HostOutput> hostOutput,
-                                      Vexil::Ptr<LoadBalanceOutput> lbOutput,
-                                      Vexil::Ptr<LabelOutput> labelOutput,
-                                      Vexil::Ptr<DestOutput> destOutput,
-                                      Vexil::Ptr<FloodSetOutput> floodOutput,
-                                      Vexil::Ptr<PolicySmStatus> policySmStatus );
+Vexil::Ptr<PolicySm>
+policySmFactory( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<const Vexil::Directory> sourceDir,
+                 Vexil::Ptr<const AgentSourceDir> agentSourceDir, Vexil::Ptr<HostOutput> hostOutput,
+                 Vexil::Ptr<LoadBalanceOutput> lbOutput, Vexil::Ptr<LabelOutput> labelOutput,
+                 Vexil::Ptr<DestOutput> destOutput, Vexil::Ptr<FloodSetOutput> floodOutput,
+                 Vexil::Ptr<PolicySmStatus> policySmStatus );
 
 } // namespace L2Rib

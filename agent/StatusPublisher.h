@@ -9,6 +9,8 @@
 #include "engine/L2RibPolicySm.h"
 #include "runtime/ActivityManager.h"
 
+#include <memory>
+
 namespace L2Rib {
 
 class StatusPublisher {
@@ -16,13 +18,11 @@ class StatusPublisher {
    // Attaches the status tables; throws TableError. Works as long as the loop turns.
    StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
                     Vexil::Ptr<PolicySm> policySm );
-   // Says for the last time that the agent was here.
-   ~StatusPublisher();
 
  private:
    void publish();
    void publishSources();
-   AgentStatusRecord present() const;
+   AgentStatusRecord figures() const;
 
    Vexil::ActivityManager& loop_;
    Vexil::Ptr<PolicySm> policySm_;
@@ -30,8 +30,7 @@ class StatusPublisher {
    Vexil::Ptr<SourceStatusTable> sources_;
    AgentStatusRecord published_;
    Vexil::Wire64<double> since_;
-   // Outlives this object inside the loop's end-of-turn work.
-   std::shared_ptr<StatusPublisher*> self_;
+   std::shared_ptr<void> endOfTurnWork_;
 };
 
 } // namespace L2Rib

@@ -64,8 +64,11 @@ void ActivityManager::readSignals() {
    }
 }
 
-void ActivityManager::atEndOfTurn( std::function<void()> work ) {
-   endOfTurn_.push_back( std::move( work ) );
+std::shared_ptr<void> ActivityManager::atEndOfTurn( std::function<void()> work ) {
+   std::erase_if( endOfTurn_, []( const auto& kept ) { return kept.expired(); } );
+   const auto kept = std::make_shared<std::function<void()>>( std::move( work ) );
+   endOfTurn_.push_back( kept );
+   return kept;
 }
 
 void ActivityManager::turn( Seconds longestWait ) {
@@ -87,8 +90,9 @@ void ActivityManager::turn( Seconds longestWait ) {
       readable();
    }
    clock_->fireDue();
-   for( const auto& work : endOfTurn_ )
-      work();
+   for( size_t i = endOfTurn_.size(); i-- > 0; )
+      if( const auto work = endOfTurn_[ i ].lock() )
+         ( *work )();
    longestHold_ = std::max( longestHold_, clock_->now() - start );
 }
 

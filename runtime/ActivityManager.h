@@ -10,6 +10,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <vector>
 
 namespace Vexil {
@@ -30,8 +31,10 @@ class ActivityManager {
    void unwatch( int fd );
    // Blocks the signal's default action and calls handler() in the loop instead.
    void signalIs( int signal, std::function<void()> handler );
-   // Runs at the end of every turn, in the order in which they were added.
-   void atEndOfTurn( std::function<void()> work );
+   // Runs the work at the end of every turn for as long as the caller keeps what is returned. The
+   // work added last runs first, so that what was set up first (ringing the bells) has the last
+   // word.
+   [[nodiscard]] std::shared_ptr<void> atEndOfTurn( std::function<void()> work );
 
    // One turn that waits at most longestWait seconds.
    void turn( Seconds longestWait = never );
@@ -50,7 +53,7 @@ class ActivityManager {
    int signals_ = -1;
    std::map<int, std::function<void()>> watched_; // by descriptor
    std::map<int, std::function<void()>> signalHandlers_;
-   std::vector<std::function<void()>> endOfTurn_;
+   std::vector<std::weak_ptr<std::function<void()>>> endOfTurn_;
    bool running_ = false;
    Seconds longestHold_ = 0;
 };

@@ -39,9 +39,10 @@ class TableBase : public Entity {
    virtual uint64_t tableId() const = 0;
    virtual uint32_t capacity() const = 0;
    virtual uint32_t count() const = 0;
-   // How far the writer and this reader have come in the journal.
+   // How far the writer and this entity have come in the journal. What stands before the cursor has
+   // been delivered; 0 while all keys are being walked.
    virtual uint64_t journalHead() const = 0;
-   uint64_t journalCursor() const { return cursor_; }
+   virtual uint64_t journalCursor() const = 0;
    uint64_t overruns() const { return overruns_; }
 
    // Records that the table was found corrupt: a line in the log for each new message, and a count.
@@ -88,7 +89,7 @@ class SharedTable : public TableBase {
       if( mode == Mode::write )
          attachForWriting( path, capacity );
       else
-         attachForReading( path );
+         attachForReading( TableMapping::forReading( path, spec ) );
    }
 
    // --- reading -------------------------------------------------------------------------------
@@ -99,18 +100,13 @@ class SharedTable : public TableBase {
       return get( key, record ) ? record : Record();
    }
    bool get( const Key& key, Record& record ) const {
-      try {
-         return table_.get( key, record );
-      } catch( const CorruptionDetected& failure ) {
-         corruptionDetected( failure.what() );
-         return false;
-      }
+      return recorded( [ & ] { return table_.get( key, record ); } );
    }
    void prefetchIndex( const Key& key ) const { table_.prefetchIndex( key ); }
    void prefetchRecord( const Key& key ) const { table_.prefetchRecord( key ); }
 
    // Calls each( record ) for every record, in memory order. Records may change meanwhile: one that
-   // stays is met once. Corruption is recorded and ends the walk.
+   // stays is met once. Corruption is recorded; a record that can't be read is left out.
    template<class Each>
    void forEach( Each each ) const {
       for( uint32_t slot = 0; slot < slotCount(); ++slot )
@@ -118,15 +114,16 @@ class SharedTable : public TableBase {
             each( *record );
    }
    // The same in steps, for a walk in slices: slots 0 to slotCount() - 1.
-   uint32_t slotCount() const { return table_.highWater(); }
+   uint32_t slotCount() const {
+      const uint32_t slots = table_.highWater();
+      if( slots == 0 )
+         recorded( [ & ] { return table_.requireHeader(), true; } );
+      return slots;
+   }
    std::optional<Record> inSlot( uint32_t slot ) const {
       Record record;
-      try {
-         if( table_.readSlot( slot, record ) )
-            return record;
-      } catch( const CorruptionDetected& failure ) {
-         corruptionDetected( failure.what() );
-      }
+      if( recorded( [ & ] { return table_.readSlot( slot, record ); } ) )
+         return record;
       return std::nullopt;
    }
 
@@ -135,19 +132,25 @@ class SharedTable : public TableBase {
    uint32_t capacity() const override { return table_.capacity(); }
    uint32_t count() const override { return table_.count(); }
    uint64_t journalHead() const override { return table_.journalHead(); }
+   uint64_t journalCursor() const override {
+      if( writable() )
+         return journalHead(); // delivered at the time of the change
+      return walkingAt_ ? 0 : cursor_;
+   }
    bool writable() const { return mapping_->writable(); }
 
    // --- writing -------------------------------------------------------------------------------
-   // Writes the record under its own key. False, and nothing changed, when the table is full.
+   // Writes the record under its own key. False, and nothing changed, when the table is full; false
+   // too when the file has been cut short and takes nothing any more, which is recorded.
    [[nodiscard]] bool set( const Record& record ) {
-      if( !table_.set( record ) )
+      if( !recorded( [ & ] { return table_.set( record ); } ) )
          return false;
       changed( TableView<Key, Record>::keyOf( record ) );
       return true;
    }
    // False when there was no such record.
    bool erase( const Key& key ) {
-      if( !table_.erase( key ) )
+      if( !recorded( [ & ] { return table_.erase( key ); } ) )
          return false;
       changed( key );
       return true;
@@ -170,12 +173,22 @@ class SharedTable : public TableBase {
  private:
    using View = TableView<Key, Record>;
 
-   void attachForReading( const std::string& path ) {
-      mapping_ = TableMapping::forReading( path, spec_ );
+   void attachForReading( std::unique_ptr<TableMapping> mapping ) {
+      mapping_ = std::move( mapping );
       static_cast<View&>( table_ ) = View( *mapping_ );
       cursor_ = table_.journalHead();
    }
    void attachForWriting( const std::string& path, uint32_t capacity );
+   // What the operation returns; false when it finds corruption, which is recorded.
+   template<class Operation>
+   bool recorded( Operation operation ) const {
+      try {
+         return operation();
+      } catch( const CorruptionDetected& failure ) {
+         corruptionDetected( failure.what() );
+         return false;
+      }
+   }
    void changed( const Key& key ) {
       unrung_ = true;
       notifiees.notify( &Handlers::handleEntry, key );
@@ -204,8 +217,10 @@ void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32
       auto larger = TableMapping::unpublished( path, spec_, capacity );
       TableWriter<Key, Record> copy( *larger );
       forEach( [ & ]( const Record& record ) { copy.set( record ); } );
+      // First the mark, then the new file: killed in between, this writer leaves a mark too many,
+      // which the next one takes back, and not readers who stay with the old file for ever.
+      table_.supersededIs( true );
       larger->publish();
-      table_.supersede();
       mapping_->ringBell();
       mapping_ = std::move( larger );
       table_ = std::move( copy );
@@ -227,8 +242,11 @@ template<class Key, class Record>
 bool SharedTable<Key, Record>::poll( const Clock& clock, Seconds deadline ) {
    try {
       if( table_.superseded() ) {
-         attachForReading( mapping_->path() );
-         startOver();
+         auto newer = TableMapping::forReading( path(), spec_ );
+         if( newer->tableId() != tableId() ) { // else it is about to be, or its writer died first
+            attachForReading( std::move( newer ) );
+            startOver();
+         }
       }
       do {
          if( walkingAt_ ) {
@@ -265,5 +283,26 @@ bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
    walkingAt_.reset();
    return false;
 }
+
+// The base of a table class: Self names its record type and collection.
+//
+//    class Doors : public Vexil::NamedTable<Doors, DoorId, Door> {
+//     public:
+//       using NamedTable::NamedTable;
+//       static constexpr const char* typeName = "House::Doors";
+//       static constexpr const char* collection = "door";
+//    };
+template<class Self, class Key, class Record>
+class NamedTable : public SharedTable<Key, Record> {
+ public:
+   using Mode = typename SharedTable<Key, Record>::Mode;
+
+   static TableSpec spec() {
+      return { Self::typeName, Self::collection, sizeof( Key ), sizeof( Record ) };
+   }
+   explicit NamedTable( uint32_t capacity ) : SharedTable<Key, Record>( spec(), capacity ) {}
+   NamedTable( const std::string& file, Mode mode, uint32_t capacity = 0 )
+      : SharedTable<Key, Record>( spec(), file, mode, capacity ) {}
+};
 
 } // namespace Vexil

@@ -157,7 +157,7 @@ EntityManager::EntityManager( ActivityManager& loop, std::string stateDirectory 
    : clock_( loop.clock() ), stateDirectory_( std::move( stateDirectory ) ),
      watcher_( std::make_unique<FileWatcher>( loop ) ) {
    makeFoldersFor( stateDirectory_ + "/" );
-   loop.atEndOfTurn( [ this ] { ringBells(); } );
+   bellWork_ = loop.atEndOfTurn( [ this ] { ringBells(); } );
 }
 
 EntityManager::EntityManager( Ptr<Clock> clock ) : clock_( std::move( clock ) ) {}

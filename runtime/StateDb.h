@@ -130,6 +130,7 @@ class EntityManager : public Entity {
    std::unique_ptr<FileWatcher> watcher_;
    std::map<std::string, Mounted> mounted_;
    std::vector<Ptr<TableBase>> written_;
+   std::shared_ptr<void> bellWork_;
 };
 
 template<class Table>

@@ -40,10 +40,17 @@ inline uint64_t loadWord( const uint64_t* word ) {
 inline uint32_t loadWord( const uint32_t* word ) {
    return __atomic_load_n( word, __ATOMIC_ACQUIRE );
 }
+#ifdef VEXIL_TEST_STORES
+void beforeStore(); // a test's own: it may end the process here
+#else
+inline void beforeStore() {}
+#endif
 inline void storeWord( uint64_t* word, uint64_t value ) {
+   beforeStore();
    __atomic_store_n( word, value, __ATOMIC_RELEASE );
 }
 inline void storeWord( uint32_t* word, uint32_t value ) {
+   beforeStore();
    __atomic_store_n( word, value, __ATOMIC_RELEASE );
 }
 
@@ -52,6 +59,7 @@ namespace SlotState {
 constexpr uint64_t writing = 1;
 constexpr uint64_t live = 2;
 constexpr uint64_t oneWrite = 4;
+constexpr bool whole( uint64_t state ) { return ( state & ( writing | live ) ) == live; }
 } // namespace SlotState
 
 // The words of the index: in the low bits, as many as the capacity needs, the slot's number plus
@@ -119,8 +127,7 @@ class TableView {
          if( probed > indexMask_ )
             corrupt( "the index has no end" );
          if( loadWord( &header().indexMoves ) == moves ) {
-            if( loadWord( &header().magic ) != TableHeader::expectedMagic )
-               corrupt( "the file was cut short or overwritten" );
+            requireHeader();
             return false;
          }
       }
@@ -187,8 +194,10 @@ class TableView {
             return Journal::drained;
          if( most == 0 )
             return Journal::more;
-         if( head < cursor || head - cursor >= geometry_.journalSize )
+         if( head < cursor || head - cursor >= geometry_.journalSize ) {
+            requireHeader();
             return Journal::overtaken;
+         }
          const size_t size = std::min( { batchSize, most, static_cast<size_t>( head - cursor ) } );
          bool numbered = true;
          for( size_t i = 0; i < size; ++i ) {
@@ -198,8 +207,10 @@ class TableView {
                batch[ i ][ word ] = loadWord( entry + 1 + word );
          }
          // The entry that the writer fills next is the one that is journalSize behind the head.
-         if( journalHead() - cursor >= geometry_.journalSize || !numbered )
+         if( journalHead() - cursor >= geometry_.journalSize || !numbered ) {
+            requireHeader();
             return Journal::overtaken;
+         }
          cursor += size;
          most -= size;
          for( size_t i = 0; i < size; ++i ) {
@@ -208,6 +219,12 @@ class TableView {
             each( key );
          }
       }
+   }
+
+   // Tells an empty table, or a journal that starts over, from a file that is no longer there.
+   void requireHeader() const {
+      if( loadWord( &header().magic ) != TableHeader::expectedMagic )
+         corrupt( "the file was cut short or overwritten" );
    }
 
    [[noreturn]] void corrupt( const char* what ) const {

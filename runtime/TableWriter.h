@@ -31,11 +31,15 @@ class TableWriter : public TableView<Key, Record> {
    // Recovers what the previous writer left.
    explicit TableWriter( const TableMapping& mapping ) : View( mapping ), base_( mapping.base() ) {
       VEXIL_ASSERT( mapping.writable() );
-      if( View::journalHead() != 0 || loadWord( &header().operation ) != 0 )
+      if( View::journalHead() != 0 || View::highWater() != 0 || View::count() != 0 ||
+          loadWord( &header().operation ) != 0 )
          recover(); // a new file is left untouched, so that it takes no memory yet
+      if( View::superseded() )
+         supersededIs( false ); // it still has the path: no other has taken its place
    }
 
    // Writes the record under its own key; false, with nothing changed, when the table is full.
+   // Throws CorruptionDetected when the file is no longer there to write to.
    bool set( const Record& record ) {
       const Key& key = View::keyOf( record );
       const uint64_t hash = keyHash( key );
@@ -46,15 +50,18 @@ class TableWriter : public TableView<Key, Record> {
          return false;
       journal( key );
       finish();
+      View::requireHeader();
       return true;
    }
 
-   // Removes the record of key; false when there was none.
+   // Removes the record of key; false when there was none. Throws as set() does.
    bool erase( const Key& key ) {
       const uint32_t at = indexPlaceOf( key, keyHash( key ) );
       const uint32_t word = loadWord( index() + at );
-      if( word == 0 )
+      if( word == 0 ) {
+         View::requireHeader();
          return false;
+      }
       const uint32_t slot = code_.slot( word );
       begin( TableOperation::erase, slot, key );
       removeFromIndex( at );
@@ -64,11 +71,12 @@ class TableWriter : public TableView<Key, Record> {
       freeSlots_.push_back( slot );
       journal( key );
       finish();
+      View::requireHeader();
       return true;
    }
 
-   // Tells readers that another file has taken this one's place.
-   void supersede() { storeWord( &header().superseded, 1 ); }
+   // Tells readers to look whether another file has taken this one's place.
+   void supersededIs( bool superseded ) { storeWord( &header().superseded, superseded ); }
 
  private:
    TableHeader& header() { return *reinterpret_cast<TableHeader*>( base_ ); }
@@ -198,17 +206,21 @@ class TableWriter : public TableView<Key, Record> {
       undoTornSlot();
       const std::vector<bool> named = pruneIndex();
       uint64_t live = 0;
-      const uint32_t used = View::highWater();
+      uint32_t used = geometry_.capacity;
+      for( const uint32_t noted = View::highWater(); used > noted && !named[ used - 1 ]; )
+         --used; // not below a slot that the index names, should the number be damaged
       storeWord( &header().highWater, used );
       for( uint32_t slot = used; slot-- > 0; ) { // downwards, so that low slots are reused first
          uint64_t* const words = slotWords( slot );
-         const bool isLive = loadWord( words ) & SlotState::live;
-         if( isLive && !named[ slot ] && !enterIfNew( slot ) )
-            storeWord( words, ( loadWord( words ) & ~SlotState::live ) + SlotState::oneWrite );
-         if( loadWord( words ) & SlotState::live )
+         const uint64_t state = loadWord( words );
+         if( SlotState::whole( state ) && ( named[ slot ] || enterIfNew( slot ) ) ) {
             ++live;
-         else
-            freeSlots_.push_back( slot );
+            continue;
+         }
+         if( state & ( SlotState::writing | SlotState::live ) )
+            storeWord( words, ( state & ~( SlotState::writing | SlotState::live ) ) +
+                                 SlotState::oneWrite );
+         freeSlots_.push_back( slot );
       }
       storeWord( &header().count, live );
       // The change may have been made but not told.
@@ -263,7 +275,7 @@ class TableWriter : public TableView<Key, Record> {
             continue;
          }
          const uint32_t slot = code_.slot( word );
-         if( slot < geometry_.capacity && ( loadWord( slotWords( slot ) ) & SlotState::live ) &&
+         if( slot < geometry_.capacity && SlotState::whole( loadWord( slotWords( slot ) ) ) &&
              isFoundAt( at, slot ) ) {
             named[ slot ] = true;
             ++step;

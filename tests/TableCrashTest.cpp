@@ -9,10 +9,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstring>
-#include <fstream>
+#include <cstdio>
 #include <functional>
-#include <iterator>
 #include <new>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -80,6 +78,7 @@ class Shared {
       new( memory_ ) T;
    }
    ~Shared() { munmap( memory_, sizeof( T ) ); }
+   T& operator*() const { return *static_cast<T*>( memory_ ); }
    T* operator->() const { return static_cast<T*>( memory_ ); }
 
  private:
@@ -92,7 +91,7 @@ enum class Action { set, erase, resize };
 struct Scenario {
    const char* name;
    unsigned history; // random changes before
-   unsigned records; // then as many are set, in new slots if there was no history
+   unsigned records; // then as many are set: in new slots if there was no history
    Action action;
    uint32_t operand; // the key, or the new capacity
    bool present;     // whether the key is there before
@@ -105,23 +104,206 @@ const Scenario scenarios[] = {
    { "InsertIntoNewSlot", 0, 20, Action::set, 31 * spacing, false },
    { "InsertIntoFreedSlot", 1500, 0, Action::set, 1 * spacing, false },
    { "Update", 0, 20, Action::set, 11 * spacing, true },
-   { "UpdateAtTheJournalsEnd", 1022, 0, Action::set, 2 * spacing, true },
-   { "EraseAcrossTheIndexsEnd", 0, 37, Action::erase, 0, true },
-   { "EraseInTheMiddleOfARun", 1500, 0, Action::erase, 16 * spacing, true },
+   { "UpdateAtTheEndOfTheJournal", 1022, 0, Action::set, 2 * spacing, true },
+   { "EraseAcrossTheEndOfTheIndex", 0, keysUsed, Action::erase, 0, true },
+   { "EraseInARun", 1500, 0, Action::erase, 16 * spacing, true },
    { "Grow", 1100, 0, Action::resize, 80, false },
    { "Shrink", 0, 12, Action::resize, 5, false },
 };
 
 class KilledBeforeEveryStore : public testing::TestWithParam<Scenario> {
  public:
-   void SetUp() override {
-      const Ptr<Table> writer = written( path, capacity );
+   KilledBeforeEveryStore() {
+      const Ptr<Table> writer = written( path, 64 );
       while( writer->journalHead() < scenario.history )
-         operate( *writer, spacing * random.below( keysUsed ), random );
+         EXPECT_TRUE(
+            ledger.operate( *writer, spacing * random.below( keysUsed ), random ) );
       for( uint32_t i = 0; i < scenario.records; ++i )
-         set( *writer, spacing * i );
+         EXPECT_TRUE( ledger.set( *writer, spacing * i ) );
+      if( scenario.action == Action::resize )
+         return;
       if( scenario.present )
-         set( *writer, scenario.operand );
-      else if( scenario.action != Action::resize )
-         erase
+         EXPECT_TRUE( ledger.set( *writer, scenario.operand ) );
+      else
+         ledger.erase( *writer, scenario.operand );
+      ledger.announce( scenario.operand, scenario.action == Action::erase );
    }
+
+   Ptr<Table> attached() const {
+      return written( path, scenario.action == Action::resize ? scenario.operand : 64 );
+   }
+   // Runs in a process of its own, which dies before that store of the operation.
+   void operate( int64_t store ) const {
+      if( scenario.action == Action::resize ) {
+         storesToLive = store;
+         attached();
+         return;
+      }
+      const Ptr<Table> writer = attached();
+      storesToLive = store;
+      const bool done = scenario.action == Action::erase
+                           ? writer->erase( { scenario.operand } )
+                           : writer->set( Record::of( scenario.operand, ledger.operations() ) );
+      if( !done )
+         _exit( 1 );
+   }
+   // As a dead writer left it, to a reader that was there before and to one that comes now; what
+   // was not under way is all there, and no look takes longer than it should.
+   void expectReadable( const Table& reader ) const {
+      ASSERT_EQ( ledger.wrongIn( reader ), "" );
+      ASSERT_EQ( ledger.wrongIn( *read( path ) ), "" );
+      ASSERT_EQ( reader.corruptions(), 0u );
+   }
+   // Then to the next writer, which finds every slot that holds no record free; and the reader has
+   // been told of whatever has changed.
+   void expectRecovered( Mirror& mirror ) const {
+      const Ptr<Table> writer = attached();
+      Contents contents = contentsOf( *writer );
+      ASSERT_NO_FATAL_FAILURE( expectReadable( *writer ) );
+      ASSERT_EQ( writer->count(), contents.size() );
+      mirror.follow();
+      ASSERT_EQ( mirror.notifier()->tableId(), writer->tableId() );
+      ASSERT_EQ( mirror.contents, contents );
+      for( uint32_t number = 1000; writer->set( Record::of( number, 1 ) ); ++number )
+         contents[ number ] = 1;
+      ASSERT_EQ( contents.size(), writer->capacity() );
+      mirror.follow();
+      ASSERT_EQ( mirror.contents, contents );
+      for( const auto& [ number, serial ] : contents )
+         ASSERT_EQ( writer->get( { number } ).serial, serial );
+      ASSERT_EQ( mirror.notifier()->corruptions() + writer->corruptions(), 0u );
+   }
+
+   const Scenario& scenario = GetParam();
+   const TemporaryFolder folder;
+   const std::string path = folder.file( "table" );
+   Random random;
+   Ledger ledger;
+};
+
+INSTANTIATE_TEST_SUITE_P( Table, KilledBeforeEveryStore, testing::ValuesIn( scenarios ),
+                          []( const auto& info ) { return info.param.name; } );
+
+// Whether a process that runs work() is killed in it; else it must succeed.
+bool dies( const std::function<void()>& work ) {
+   const int status = Process( work ).ended();
+   EXPECT_TRUE( wasKilled( status ) || succeeded( status ) ) << "status " << status;
+   return wasKilled( status );
+}
+
+TEST_P( KilledBeforeEveryStore, LosesNothing ) {
+   const std::string before = TestSupport::bytesOf( path );
+   int64_t store = 0, recoveryStores = 0;
+   for( bool died = true; died; ++store ) {
+      SCOPED_TRACE( "store " + std::to_string( store ) );
+      TestSupport::replace( path, before );
+      Mirror mirror( read( path ) );
+      died = dies( [ & ] { operate( store ); } );
+      ASSERT_NO_FATAL_FAILURE( expectReadable( *mirror.notifier() ) );
+      mirror.follow();
+      const std::string after = TestSupport::bytesOf( path );
+      ASSERT_NO_FATAL_FAILURE( expectRecovered( mirror ) );
+      if( !died )
+         break;
+      // The next writer dies too, in its recovery.
+      bool diedAgain = scenario.action != Action::resize;
+      for( int64_t second = 0; diedAgain; ++second, ++recoveryStores ) {
+         SCOPED_TRACE( "store " + std::to_string( second ) + " of the recovery" );
+         TestSupport::replace( path, after );
+         Mirror again( read( path ) );
+         diedAgain = dies( [ & ] {
+            storesToLive = second;
+            attached();
+         } );
+         ASSERT_NO_FATAL_FAILURE( expectReadable( *again.notifier() ) );
+         again.follow();
+         ASSERT_NO_FATAL_FAILURE( expectRecovered( again ) );
+      }
+   }
+   std::printf( "%s: %d stores, %d in recoveries\n", scenario.name, int( store ),
+                int( recoveryStores ) );
+   EXPECT_GT( store, 10 );
+}
+
+// --- killed at random ----------------------------------------------------------------------
+
+struct Board {
+   Ledger ledger;
+   std::atomic<bool> done{ false };
+   std::atomic<uint64_t> looks[ 2 ]{};
+   char wrong[ 2 ][ 200 ]{};
+};
+
+// A reader: looks, follows and compares until the board says that it is done.
+void keepReading( const std::string& path, Board& board, unsigned self ) {
+   const Ptr<Table> reader = read( path );
+   Mirror mirror( reader );
+   Random random( 1000 + self );
+   std::string wrong;
+   while( wrong.empty() && !board.done ) {
+      wrong = random.percent( 1 ) ? board.ledger.wrongInWalk( *reader )
+                                  : board.ledger.wrongAt( *reader, random.below( Ledger::keys ) );
+      if( random.percent( 1 ) )
+         mirror.follow();
+      if( reader->corruptions() > 0 )
+         wrong = "corruption";
+      ++board.looks[ self ];
+   }
+   mirror.follow();
+   if( wrong.empty() && mirror.contents != contentsOf( *reader ) )
+      wrong = "the mirror differs";
+   wrong.copy( board.wrong[ self ], sizeof board.wrong[ self ] - 1 );
+}
+
+TEST( TableBetweenProcesses, SurvivesKillsAtRandomWhileOthersRead ) {
+   constexpr int kills = 400;
+   constexpr uint32_t capacity = 200; // too few for all keys: sets are refused, too
+   const TemporaryFolder folder;
+   const std::string path = folder.file( "table" );
+   Shared<Board> board;
+   Random random;
+   written( path, capacity );
+   Process first( [ & ] { keepReading( path, *board, 0 ); } );
+   Process second( [ & ] { keepReading( path, *board, 1 ); } );
+   const auto looks = [ & ]( uint64_t atLeast ) {
+      const uint64_t seen[] = { board->looks[ 0 ], board->looks[ 1 ] };
+      return waitFor(
+         [ & ] {
+            return board->looks[ 0 ] - seen[ 0 ] >= atLeast &&
+                   board->looks[ 1 ] - seen[ 1 ] >= atLeast;
+         },
+         20 );
+   };
+   for( int kill = 0; kill < kills; ++kill ) {
+      const uint64_t operationsBefore = board->ledger.operations();
+      Process writer( [ & ] {
+         Random choices( 2000 + static_cast<uint64_t>( kill ) );
+         const Ptr<Table> table = written( path, capacity );
+         while( board->ledger.operate( *table, choices.below( Ledger::keys ), choices ) )
+            table->ring();
+      } );
+      if( random.percent( 80 ) ) { // else it may be in its attach, or not yet there
+         const uint64_t some = random.below( 200 );
+         ASSERT_TRUE( waitFor(
+            [ & ] { return board->ledger.operations() > operationsBefore + some; }, 20 ) );
+      }
+      waitFor( [] { return false; }, 1e-6 * random.below( 500 ) );
+      writer.kill();
+      ASSERT_TRUE( wasKilled( writer.ended() ) );
+      ASSERT_TRUE( !random.percent( 30 ) || looks( 20 ) );
+      const Ptr<Table> next = written( path, capacity );
+      ASSERT_EQ( board->ledger.wrongIn( *next ), "" ) << "kill " << kill;
+      ASSERT_EQ( next->count(), contentsOf( *next ).size() );
+      board->ledger.settleAs( *next );
+   }
+   EXPECT_TRUE( looks( 100 ) );
+   board->done = true;
+   EXPECT_TRUE( succeeded( first.ended() ) && succeeded( second.ended() ) );
+   EXPECT_STREQ( board->wrong[ 0 ], "" );
+   EXPECT_STREQ( board->wrong[ 1 ], "" );
+   std::printf( "%d kills, %u operations, %d and %d looks\n", kills, board->ledger.operations(),
+                int( board->looks[ 0 ] ), int( board->looks[ 1 ] ) );
+}
+
+} // namespace
+} // namespace TestTable

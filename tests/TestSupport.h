@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <random>
 #include <stdexcept>
 #include <string>
@@ -61,6 +63,17 @@ class TemporaryFolder {
  private:
    std::string path_;
 };
+
+inline std::string bytesOf( const std::string& path ) {
+   std::ifstream file( path, std::ios::binary );
+   return { std::istreambuf_iterator<char>( file ), {} };
+}
+
+// A new file with these bytes, in the place of what stood there.
+inline void replace( const std::string& path, const std::string& bytes ) {
+   std::filesystem::remove( path );
+   std::ofstream( path, std::ios::binary ) << bytes;
+}
 
 // Whether condition() became true within that many seconds.
 template<class Condition>

@@ -71,16 +71,15 @@ class Mirror : public Reactor<Table> {
       for( const auto& [ number, serial ] : Contents( contents ) )
          examine( { number } );
    }
-   // Polls on a clock that gives each call one batch.
+   // Polls to the end, on a clock that gives each call no more than one batch.
    void follow() {
       ManualClock clock;
-      while( table_.poll( clock, 0 ) )
-         ++cutShort;
+      while( table_.poll( clock, 0 ) ) {
+      }
    }
 
    Contents contents;
-   uint64_t told = 0;     // changes
-   uint64_t cutShort = 0; // polls that left something
+   uint64_t told = 0; // changes
 
  private:
    void examine( const Key& key ) {
@@ -115,17 +114,30 @@ class Ledger {
       promises_[ number ] = value << 32 | value;
    }
 
-   // One random operation of the writer; false when the table does not answer as it must.
+   // The writer's operations; false when the table refuses.
+   template<class Writer>
+   bool set( Writer& table, uint32_t number ) {
+      announce( number, false );
+      const bool done = table.set( Record::of( number, serial_ ) );
+      settle( number, done );
+      return done;
+   }
+   template<class Writer>
+   bool erase( Writer& table, uint32_t number ) {
+      announce( number, true );
+      const bool done = table.erase( { number } );
+      settle( number, done );
+      return done;
+   }
+   // One of them; false when the table does not answer as it must.
    template<class Writer>
    bool operate( Writer& table, uint32_t number, Random& random ) {
-      const bool present = !( after( promises_[ number ] ) & gone ) && promises_[ number ] != 0;
-      const bool erase = random.percent( 45 );
+      const uint32_t value = after( promises_[ number ] );
+      const bool present = value != 0 && !( value & gone );
+      if( random.percent( 45 ) )
+         return erase( table, number ) == present;
       const bool full = table.count() == table.capacity();
-      announce( number, erase );
-      const bool done = erase ? table.erase( { number } )
-                              : table.set( Record::of( number, serial_ ) );
-      settle( number, done );
-      return done == ( present || ( !erase && !full ) );
+      return set( table, number ) == ( present || !full );
    }
 
    // What is wrong with the reader's answer for one key; empty: nothing.

@@ -1,0 +1,88 @@
+#include "agent/StatusPublisher.h"
+
+#include "L2Rib/L2RibTarn.h"
+
+#include <ctime>
+#include <unistd.h>
+
+namespace L2Rib {
+
+namespace {
+
+double wallClock() {
+   timespec now{};
+   clock_gettime( CLOCK_REALTIME, &now );
+   return static_cast<double>( now.tv_sec ) + static_cast<double>( now.tv_nsec ) * 1e-9;
+}
+
+ReadMark markOf( const Vexil::TableBase* table ) {
+   return table ? ReadMark{ table->tableId(), table->journalCursor() } : ReadMark();
+}
+
+SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
+   SourceStatusRecord record;
+   record.name = SourceName::of( sm.name() ).value_or( SourceName() );
+   record.source = sm.sourceEnum();
+   record.ready = sm.ready();
+   record.host = markOf( sm.hostTable() );
+   record.lb = markOf( sm.lbTable() );
+   record.label = markOf( sm.labelTable() );
+   record.dest = markOf( sm.destTable() );
+   return record;
+}
+
+} // namespace
+
+StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
+                                  Vexil::Ptr<PolicySm> policySm )
+   : loop_( loop ), policySm_( std::move( policySm ) ),
+     agent_( manager.mountTable<AgentStatusTable>( Path::agentStatus, AgentStatusTable::Mode::write,
+                                                   1 ) ),
+     sources_( manager.mountTable<SourceStatusTable>( Path::sourceStatus,
+                                                      SourceStatusTable::Mode::write, 64 ) ),
+     since_( wallClock() ) {
+   sources_->eraseAll();
+   publish();
+   endOfTurnWork_ = loop.atEndOfTurn( [ this ] { publish(); } );
+}
+
+AgentStatusRecord StatusPublisher::figures() const {
+   AgentStatusRecord record;
+   record.restartState = policySm_->restartState();
+   record.processId = static_cast<uint32_t>( getpid() );
+   record.sources = static_cast<uint32_t>( policySm_->sourceSm().size() );
+   record.since = since_;
+   record.longestHold = loop_.longestHold();
+   record.hostList = policySm_->hostList().size();
+   record.otasList = policySm_->otasList().size();
+   record.failedHost = policySm_->failedHost().size();
+   record.failedOtas = policySm_->failedOtas().size();
+   record.floodSetBacklog = policySm_->floodSetBacklog().size();
+   record.withdrawalChecks = policySm_->withdrawalChecksLeft();
+   return record;
+}
+
+void StatusPublisher::publish() {
+   publishSources(); // first: whoever sees empty lists must also see what had been read
+   AgentStatusRecord record = figures();
+   record.lastSign = published_.lastSign;
+   if( record == published_ )
+      return;
+   record.lastSign = wallClock();
+   published_ = record;
+   [[maybe_unused]] const bool written = agent_->set( record ); // has room for its one record
+}
+
+void StatusPublisher::publishSources() {
+   sources_->forEach( [ this ]( const SourceStatusRecord& record ) {
+      if( !policySm_->sourceSm( record.name.str() ) )
+         sources_->erase( record.name );
+   } );
+   for( const auto& entry : policySm_->sourceSm() ) {
+      const SourceStatusRecord record = statusOf( *entry.value );
+      if( sources_->get( record.name ) != record && !sources_->set( record ) )
+         Vexil::log( "no room for the status of source " + entry.key );
+   }
+}
+
+} // namespace L2Rib
