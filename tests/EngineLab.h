@@ -1,0 +1,253 @@
+// A laboratory for the engine: its tables in memory, its clock moved by hand, its sources played by
+// the test. Every write to an output table is checked as it happens.
+#pragma once
+
+#include "engine/L2RibPolicySm.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+
+namespace L2Rib::Test {
+
+using Bridging::MacVlanPair;
+using Vexil::makeEntity;
+using Vexil::Ptr;
+
+inline MacVlanPair mvp( uint64_t mac, uint32_t vlan = 10 ) {
+   return MacVlanPair( Vexil::EthAddr( 0x020000000000 + mac ), Bridging::VlanId( vlan ) );
+}
+
+inline Host inlineHost( const MacVlanPair& key, uint64_t value, uint32_t pref = 100,
+                        uint32_t seqNo = 0 ) {
+   Host host( key );
+   host.prefIs( pref );
+   host.seqNoIs( Vexil::Seqno32( seqNo ) );
+   CiDest dest( 0 );
+   dest.payloadIs( value );
+   host.ciDestIs( dest );
+   return host;
+}
+
+inline Host objectHost( const MacVlanPair& key, const ObjTuple& next, uint32_t pref = 100,
+                        uint32_t seqNo = 0 ) {
+   Host host = inlineHost( key, 0, pref, seqNo );
+   host.nextIs( next );
+   return host;
+}
+
+inline Host vtepHost( const MacVlanPair& key, std::initializer_list<const char*> vteps ) {
+   Host host = inlineHost( key, 0 );
+   CiDest dest( destTypeVxlan_ );
+   uint32_t at = 0;
+   for( const char* vtep : vteps )
+      dest.vtepIs( CiVtepIndex( at++ ), *Vexil::IpGenAddr::parse( vtep ) );
+   host.ciDestIs( dest );
+   return host;
+}
+
+inline ObjTuple dest( uint64_t id ) { return ObjTuple( DestId( id ) ); }
+inline ObjTuple lb( uint64_t id ) { return ObjTuple( LoadBalanceId( id ) ); }
+inline ObjTuple label( uint64_t id ) { return ObjTuple( LabelId( id ) ); }
+
+inline Dest intfDest( uint64_t id, uint64_t interface ) {
+   Dest made{ DestId( id ) };
+   made.intfIs( { interface } );
+   return made;
+}
+inline LoadBalance group( uint64_t id, const std::vector<ObjTuple>& nexts ) {
+   LoadBalance made{ LoadBalanceId( id ) };
+   for( uint32_t at = 0; at < nexts.size(); ++at )
+      made.nextIs( EcmpIndex( at ), nexts[ at ] );
+   return made;
+}
+inline Label push( uint64_t id, uint32_t value, const ObjTuple& next ) {
+   return Label( LabelId( id ), next, Vexil::MplsLabel( value ) );
+}
+
+// A source inside the test: its tables and its directory entry.
+struct LabSource {
+   std::string name;
+   Ptr<SourceDirEntry> entry;
+   Ptr<HostInput> host;
+   Ptr<LoadBalanceTable> lb;
+   Ptr<LabelTable> label;
+   Ptr<DestTable> dest;
+
+   void set( const Host& value ) { ASSERT_TRUE( host->hostIs( value ) ); }
+   void set( const LoadBalance& value ) { ASSERT_TRUE( lb->lbIs( value ) ); }
+   void set( const Label& value ) { ASSERT_TRUE( label->labelIs( value ) ); }
+   void set( const Dest& value ) { ASSERT_TRUE( dest->destIs( value ) ); }
+};
+
+class Lab {
+ public:
+   explicit Lab( uint32_t outputCapacity = 512 )
+      : clock( makeEntity<Vexil::ManualClock>() ),
+        manager( makeEntity<Vexil::EntityManager>( clock ) ),
+        inputDir( makeEntity<Vexil::Directory>() ), agentInputDir( makeEntity<AgentSourceDir>() ),
+        output{ makeEntity<HostOutput>( outputCapacity ),
+                makeEntity<LoadBalanceOutput>( outputCapacity ),
+                makeEntity<LabelOutput>( outputCapacity ),
+                makeEntity<DestOutput>( outputCapacity ),
+                makeEntity<FloodSetOutput>(),
+                makeEntity<PolicySmStatus>() },
+        hostWatch( output.host, *this ), lbWatch( output.lb, *this ),
+        labelWatch( output.label, *this ), destWatch( output.dest, *this ) {
+      engine = makeEntity<PolicySm>( manager, inputDir, agentInputDir, output );
+   }
+
+   // Publishes a source with empty tables. Its paths are new each time: like another process, it
+   // makes its tables anew.
+   LabSource& source( const std::string& name, uint32_t value, bool initialized = true ) {
+      LabSource& made = sources[ name ];
+      const std::string path = "in/" + name + "/" + std::to_string( ++publications ) + "/";
+      made.name = name;
+      made.host = table<HostInput>( path + "host" );
+      made.lb = table<LoadBalanceTable>( path + "lb" );
+      made.label = table<LabelTable>( path + "label" );
+      made.dest = table<DestTable>( path + "dest" );
+      made.entry = makeEntity<SourceDirEntry>( name );
+      made.entry->sourceIs( Source( value ) );
+      made.entry->hostTableTarnPathIs( path + "host" );
+      made.entry->lbTableTarnPathIs( path + "lb" );
+      made.entry->labelTableTarnPathIs( path + "label" );
+      made.entry->destTableTarnPathIs( path + "dest" );
+      made.entry->initializedIs( initialized );
+      inputDir->entryIs( name, made.entry );
+      return made;
+   }
+
+   void turn() { clock->fireDue(); }
+   // Turns until nothing is left to do now; parked failures stay parked.
+   void settle() {
+      for( int turns = 0; clock->nextWake() <= 0; ++turns ) {
+         ASSERT_LT( turns, 100000 ) << "the engine never comes to rest";
+         turn();
+      }
+   }
+   // The same after the hammer timer's next tick.
+   void hammer() {
+      settle();
+      clock->nowIs( clock->now() + engine->hammerReviewInterval() + 1 );
+      turn();
+      settle();
+   }
+   void pass( Vexil::Seconds seconds ) {
+      clock->nowIs( clock->now() + seconds );
+      turn();
+      settle();
+   }
+
+   HostAndSource row( const MacVlanPair& key ) const { return output.host->host( key ); }
+   // "value 7 from 0x40" or "dest/1 from 0x40"; "none".
+   std::string outcome( const MacVlanPair& key ) const {
+      const HostAndSource found = row( key );
+      if( found.key() != key )
+         return "none";
+      const bool isInline = found.next() == Util::objTupleInvalid();
+      return ( isInline ? found.host().ciDest().str() : found.next().str() ) + " from " +
+             sourceStr( found.source() );
+   }
+
+   // Whether a row of the output stands under that tuple.
+   bool exists( const ObjTuple& ot ) const {
+      switch( ot.tableType() ) {
+      case tableTypeLoadBalance_:
+         return output.lb->lb( ot.lbId() ).key() == ot.lbId();
+      case tableTypeLabel_:
+         return output.label->label( ot.labelId() ).key() == ot.labelId();
+      case tableTypeDest_:
+         return output.dest->dest( ot.destId() ).key() == ot.destId();
+      default:
+         return false;
+      }
+   }
+
+   // Every relation that the rows of the output imply: (used, user).
+   using Relations = std::set<std::pair<std::string, std::string>>;
+   Relations relationsOfRows() const {
+      Relations all;
+      output.host->forEach( [ & ]( const HostAndSource& found ) {
+         if( found.next() != Util::objTupleInvalid() )
+            all.emplace( found.next().str(), mvpStr( found.key() ) );
+      } );
+      output.label->forEach( [ & ]( const LabelAndSource& found ) {
+         all.emplace( found.label().next().str(), ObjTuple( found.key() ).str() );
+      } );
+      output.lb->forEach( [ & ]( const LoadBalanceAndSource& found ) {
+         for( const ObjTuple& next : found.lb().used() )
+            all.emplace( next.str(), ObjTuple( found.key() ).str() );
+      } );
+      return all;
+   }
+   Relations relationsOfUsers() const {
+      Relations all;
+      for( const auto& entry : engine->usersMap() ) {
+         EXPECT_FALSE( entry.value->empty() ) << entry.key << " has a record and no users";
+         for( const auto& user : entry.value->otUser() )
+            all.emplace( entry.key.str(), user.key.str() );
+         for( const auto& user : entry.value->mvpUser() )
+            all.emplace( entry.key.str(), mvpStr( user.key ) );
+      }
+      return all;
+   }
+
+   // Called after every single write to an output table.
+   void checkNothingDangles() {
+      ++writes;
+      for( const auto& [ used, user ] : relationsOfRows() )
+         if( !existsByText( used ) )
+            ADD_FAILURE() << "write " << writes << ": " << user << " points to missing " << used;
+   }
+
+   Ptr<Vexil::ManualClock> clock;
+   Ptr<Vexil::EntityManager> manager;
+   Ptr<Vexil::Directory> inputDir;
+   Ptr<AgentSourceDir> agentInputDir;
+   PolicySm::Tables output;
+   std::map<std::string, LabSource> sources;
+   uint64_t writes = 0;
+
+ private:
+   template<class Table>
+   class Watch : public Vexil::Reactor<Table> {
+    public:
+      Watch( Ptr<Table> table, Lab& lab ) : Vexil::Reactor<Table>( table ), lab_( lab ) {}
+      using Key = decltype( std::declval<Table>().inSlot( 0 )->key() );
+      void handleEntry( const std::remove_cvref_t<Key>& ) override { lab_.checkNothingDangles(); }
+
+    private:
+      Lab& lab_;
+   };
+
+   bool existsByText( const std::string& text ) const {
+      const uint64_t id = std::stoull( text.substr( text.find( '/' ) + 1 ) );
+      return exists( text[ 0 ] == 'd' ? dest( id ) : text[ 1 ] == 'b' ? lb( id ) : label( id ) );
+   }
+   static ObjTuple dest( uint64_t id ) { return ObjTuple( DestId( id ) ); }
+   static ObjTuple lb( uint64_t id ) { return ObjTuple( LoadBalanceId( id ) ); }
+   static ObjTuple label( uint64_t id ) { return ObjTuple( LabelId( id ) ); }
+
+   template<class Table>
+   Ptr<Table> table( const std::string& path ) {
+      const Ptr<Table> made = makeEntity<Table>( 256u );
+      manager->entityIs( path, made );
+      return made;
+   }
+
+   int publications = 0;
+   Watch<HostOutput> hostWatch;
+   Watch<LoadBalanceOutput> lbWatch;
+   Watch<LabelOutput> labelWatch;
+   Watch<DestOutput> destWatch;
+
+ public:
+   Ptr<PolicySm> engine; // goes before what it uses
+};
+
+} // namespace L2Rib::Test

@@ -1,0 +1,369 @@
+// The engine's decisions and its behaviour over time, as stories.
+#include "tests/EngineLab.h"
+
+#include "engine/HostRank.h"
+#include "runtime/Trace.h"
+
+#include <random>
+
+namespace L2Rib::Test {
+namespace {
+
+constexpr uint32_t a = 0x40, b = 0x100, c = 0x80000000;
+
+// --- ranking -----------------------------------------------------------------------------------
+
+TEST( Ranking, FirstRuleThatTellsTwoHostsApartDecides ) {
+   const MacVlanPair key = mvp( 1 );
+   const Host one = vtepHost( key, { "10.0.0.9" } );
+   const Host two = vtepHost( key, { "10.0.0.1", "10.0.0.2" } );
+   const struct {
+      const char* what;
+      Host host;
+      Source source;
+      Host current;
+      Source currentSource;
+      bool better;
+      RankRule rule;
+   } cases[] = {
+      { "pref is unsigned", inlineHost( key, 1, 0xffffffff ), Source( a ), inlineHost( key, 1, 1 ),
+        Source( b ), true, RankRule::pref },
+      { "pref before seqNo", inlineHost( key, 1, 99, 9 ), Source( a ), inlineHost( key, 1, 100, 1 ),
+        Source( b ), false, RankRule::pref },
+      { "a wrapped seqNo is newer", inlineHost( key, 1, 100, 1 ), Source( a ),
+        inlineHost( key, 1, 100, 0xffffffff ), Source( b ), true, RankRule::seqNo },
+      { "half a circle apart nobody is newer", inlineHost( key, 2, 100, 0 ), Source( a ),
+        inlineHost( key, 1, 100, 0x80000000 ), Source( b ), true, RankRule::ciDest },
+      { "inline beats object", inlineHost( key, 1 ), Source( a ), objectHost( key, dest( 1 ) ),
+        Source( b ), true, RankRule::inlineOverObject },
+      { "more VTEPs beat fewer", two, Source( a ), one, Source( b ), true, RankRule::ciDest },
+      { "VXLAN beats the default kind", one, Source( a ), inlineHost( key, ~0ull ), Source( b ),
+        true, RankRule::ciDest },
+      { "equal: the greater source, unsigned", inlineHost( key, 1 ), Source( c ),
+        inlineHost( key, 1 ), Source( 1 ), true, RankRule::source },
+      { "objects: the greater source, whatever they are", objectHost( key, dest( 9 ) ), Source( a ),
+        objectHost( key, dest( 1 ) ), Source( b ), false, RankRule::source },
+   };
+   for( const auto& test : cases ) {
+      SCOPED_TRACE( test.what );
+      const Ranking there = rankHost( test.host, test.source, test.current, test.currentSource );
+      const Ranking back = rankHost( test.current, test.currentSource, test.host, test.source );
+      EXPECT_EQ( test.better, there.better );
+      EXPECT_EQ( !test.better, back.better );
+      EXPECT_EQ( test.rule, there.rule );
+      EXPECT_EQ( test.rule, back.rule );
+   }
+}
+
+Host randomHost( std::mt19937_64& random, const MacVlanPair& key ) {
+   // The last three make a circle: each is newer than the one before it.
+   static constexpr uint32_t seqNos[] = { 0, 1, 0x50000000, 0xa0000000, 0xf0000000 };
+   const uint32_t seqNo = seqNos[ random() % 5 ];
+   const uint32_t pref = 100 + static_cast<uint32_t>( random() % 4 == 0 );
+   return random() % 3 == 0 ? objectHost( key, dest( 1 + random() % 2 ), pref, seqNo )
+                            : inlineHost( key, random() % 3, pref, seqNo );
+}
+
+// The decision depends on what the sources hold now, not on who came first: any order of arrival
+// ends in the same row, also where the sequence numbers run in a circle.
+TEST( Ranking, DecisionIsAFunctionOfTheContent ) {
+   std::mt19937_64 random( 7 );
+   for( int round = 0; round < 200; ++round ) {
+      const MacVlanPair key = mvp( 1 );
+      std::vector<std::pair<std::string, uint32_t>> order{
+         { "red", a }, { "green", b }, { "blue", c } };
+      std::map<std::string, Host> hosts;
+      for( const auto& [ name, value ] : order )
+         hosts[ name ] = randomHost( random, key );
+      std::set<std::string> outcomes;
+      for( int arrival = 0; arrival < 3; ++arrival ) {
+         Lab lab;
+         std::shuffle( order.begin(), order.end(), random );
+         for( const auto& [ name, value ] : order ) {
+            LabSource& source = lab.source( name, value );
+            source.set( intfDest( 1, 1 ) );
+            source.set( intfDest( 2, 2 ) );
+            lab.settle();
+         }
+         std::shuffle( order.begin(), order.end(), random );
+         for( const auto& [ name, value ] : order ) {
+            lab.sources[ name ].set( hosts[ name ] );
+            lab.settle();
+         }
+         outcomes.insert( sourceStr( lab.row( key ).source() ) );
+      }
+      EXPECT_EQ( 1u, outcomes.size() ) << "round " << round;
+   }
+}
+
+// --- best host ---------------------------------------------------------------------------------
+
+TEST( BestHost, FollowsTheSourcesLive ) {
+   Lab lab;
+   LabSource& weak = lab.source( "weak", a );
+   LabSource& strong = lab.source( "strong", b, false );
+   weak.set( inlineHost( mvp( 1 ), 1 ) );
+   strong.set( inlineHost( mvp( 1 ), 2 ) );
+   strong.set( inlineHost( mvp( 2 ), 2 ) );
+   lab.settle();
+   EXPECT_EQ( "value 1 from 0x40", lab.outcome( mvp( 1 ) ) ) << "not initialized, not counted";
+   strong.entry->initializedIs( true );
+   lab.settle();
+   EXPECT_EQ( "value 2 from 0x100", lab.outcome( mvp( 1 ) ) );
+   EXPECT_EQ( "value 2 from 0x100", lab.outcome( mvp( 2 ) ) );
+   const uint64_t writes = lab.writes;
+   strong.set( inlineHost( mvp( 1 ), 2 ) );
+   lab.settle();
+   EXPECT_EQ( writes, lab.writes ) << "an unchanged decision is not written again";
+   strong.host->hostDel( mvp( 1 ) );
+   lab.settle();
+   EXPECT_EQ( "value 1 from 0x40", lab.outcome( mvp( 1 ) ) );
+   strong.entry->initializedIs( false );
+   lab.settle();
+   EXPECT_EQ( "none", lab.outcome( mvp( 2 ) ) );
+   EXPECT_EQ( a, lab.output.flood->source() );
+}
+
+TEST( BestHostDeath, BrokenInvariantsStopTheProcessWithTheirText ) {
+   const auto publish = []( const Host& host ) {
+      Lab lab;
+      lab.source( "one", a ).set( host );
+      lab.settle();
+   };
+   const char* const text =
+      "assertion failed: h.next\\(\\) != Util::objTupleInvalid\\(\\) \\|\\| "
+      "validDest\\( h.ciDest\\(\\) \\), file engine/BestHost.cpp, line [0-9]+, "
+      "function bool L2Rib::PolicySm::processHost\\(const "
+      "Bridging::MacVlanPair&\\)";
+   EXPECT_DEATH( publish( vtepHost( mvp( 1 ), { "10.0.0.1", "10.0.0.1" } ) ), text );
+   EXPECT_DEATH( publish( vtepHost( mvp( 1 ), { "10.0.0.2", "10.0.0.1" } ) ), text );
+   const auto sameValue = [] {
+      Lab lab;
+      lab.source( "one", a );
+      lab.source( "two", a );
+   };
+   EXPECT_DEATH( sameValue(), "! policySm\\(\\)->sourceSmByEnum\\( source\\(\\)->source\\(\\) \\) "
+                              "\\|\\| policySm\\(\\)->sourceSmByEnum\\( "
+                              "source\\(\\)->source\\(\\) \\) == this" );
+   const auto noValue = [] {
+      Lab lab;
+      lab.source( "one", 0 );
+   };
+   EXPECT_DEATH( noValue(), "source\\(\\)->source\\(\\) != sourceNone_" );
+   const auto bothDirectories = [] {
+      Lab lab;
+      lab.source( "one", a );
+      lab.agentInputDir->sourceIs( "one" );
+   };
+   EXPECT_DEATH( bothDirectories(), "!externalSource" );
+}
+
+TEST( BestHost, TracesSayWhatWasDecided ) {
+   std::vector<std::string> lines;
+   Vexil::logSinkIs( [ & ]( std::string_view line ) { lines.emplace_back( line ); } );
+   Vexil::traceSettingIs( "L2RibPolicySm=0-9" );
+   {
+      Lab lab;
+      lab.source( "one", a ).set( inlineHost( mvp( 1 ), 1, 100 ) );
+      lab.source( "two", b ).set( inlineHost( mvp( 1 ), 1, 200 ) );
+      lab.settle();
+   }
+   Vexil::traceHandle( "L2RibPolicySm" ).levelsIs( 0 );
+   Vexil::logSinkIs( {} );
+   size_t at = 0;
+   for( const char* expected :
+        { " 0 BestHost:",
+          "void L2Rib::PolicySm::handleHost(const Bridging::MacVlanPair&) "
+          "(02:00:00:00:00:01/10)",
+          "maybeRescheduleHostReview rescheduling host review.",
+          "bool L2Rib::PolicySm::processHost(const Bridging::MacVlanPair&) (02:00:00:00:00:01/10)",
+          "processHost found host (02:00:00:00:00:01/10) in source 0x",
+          "bool L2Rib::PolicySm::hostIsBetter(const L2Rib::Host&, L2Rib::Source, const "
+          "L2Rib::Host&, L2Rib::Source) const comparing ",
+          " on pref", "processHost Looking up (02:00:00:00:00:01/10) in output.",
+          "processHost pushing ", "handleReviewTimer host check complete with 1 hosts",
+          "handleReviewTimer otas check complete with 0 otass" } ) {
+      while( at < lines.size() && lines[ at ].find( expected ) == std::string::npos )
+         ++at;
+      ASSERT_LT( at, lines.size() ) << "no line, or not in this order: " << expected;
+   }
+}
+
+// --- review ------------------------------------------------------------------------------------
+
+TEST( Review, SlicesOfQuantumZeroTakeOneEntryEach ) {
+   Lab lab;
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.001 );
+   LabSource& source = lab.source( "one", a );
+   lab.settle();
+   for( uint64_t mac = 1; mac <= 40; ++mac )
+      source.set( inlineHost( mvp( mac ), mac ) );
+   for( uint64_t slices = 1; slices <= 40; ++slices ) {
+      lab.turn();
+      EXPECT_EQ( slices, lab.output.host->count() );
+   }
+   EXPECT_TRUE( lab.engine->hostList().empty() );
+   EXPECT_EQ( Util::mvpInvalid(), lab.engine->hostBookmark() );
+}
+
+TEST( Review, ChangesAheadOfAndBehindTheBookmarkAreAllMet ) {
+   std::mt19937_64 random( 11 );
+   Lab lab;
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.001 );
+   LabSource& source = lab.source( "one", a );
+   std::map<uint64_t, uint64_t> model;
+   for( int step = 0; step < 4000; ++step ) {
+      const uint64_t mac = 1 + random() % 100;
+      if( random() % 3 == 0 ) {
+         source.host->hostDel( mvp( mac ) );
+         model.erase( mac );
+      } else {
+         model[ mac ] = random() % 1000;
+         source.set( inlineHost( mvp( mac ), model[ mac ] ) );
+      }
+      if( random() % 2 )
+         lab.turn();
+   }
+   lab.settle();
+   EXPECT_EQ( model.size(), lab.output.host->count() );
+   for( const auto& [ mac, value ] : model )
+      EXPECT_EQ( "value " + std::to_string( value ) + " from 0x40", lab.outcome( mvp( mac ) ) );
+}
+
+TEST( Review, FullOutputParksTheHostUntilAnotherGoes ) {
+   Lab lab( 4 );
+   LabSource& source = lab.source( "one", a );
+   source.set( intfDest( 1, 12 ) );
+   for( uint64_t mac = 1; mac <= 4; ++mac )
+      source.set( inlineHost( mvp( mac ), mac ) );
+   lab.settle();
+   source.set( objectHost( mvp( 5 ), dest( 1 ) ) );
+   lab.settle();
+   EXPECT_EQ( "none", lab.outcome( mvp( 5 ) ) );
+   EXPECT_TRUE( lab.engine->failedHost( mvp( 5 ) ) );
+   EXPECT_EQ( 0u, lab.output.dest->count() ) << "the object made for it goes again";
+   source.host->hostDel( mvp( 1 ) );
+   lab.hammer();
+   EXPECT_EQ( 4u, lab.output.host->count() );
+   EXPECT_EQ( 1u, lab.output.dest->count() );
+   EXPECT_FALSE( lab.exists( dest( 1 ) ) ) << "an id is never given twice";
+}
+
+TEST( Review, HammerTicksForEverAndRetriesWhatIsParked ) {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+   source.set( group( 1, { dest( 1 ) } ) );
+   lab.settle();
+   EXPECT_EQ( "none", lab.outcome( mvp( 1 ) ) );
+   source.set( intfDest( 1, 7 ) );
+   lab.turn(); // the dest alone helps nobody: no copy exists that would be refreshed
+   lab.hammer();
+   EXPECT_EQ( "lb/1 from 0x40", lab.outcome( mvp( 1 ) ) );
+   EXPECT_TRUE( lab.engine->failedHost().empty() );
+   EXPECT_TRUE( lab.engine->failedOtas().empty() );
+   EXPECT_LT( lab.clock->nextWake(), Vexil::never );
+}
+
+// --- sources that vanish -----------------------------------------------------------------------
+
+TEST( SourceHold, HostsStayAndAreExaminedWhenItIsBackOrTheTimeIsOver ) {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   source.set( intfDest( 1, 7 ) );
+   source.set( objectHost( mvp( 1 ), dest( 1 ) ) );
+   source.set( inlineHost( mvp( 2 ), 2 ) );
+   source.set( inlineHost( mvp( 3 ), 3 ) );
+   lab.settle();
+   lab.inputDir->entryDel( "one" );
+   lab.settle();
+   lab.pass( 29 );
+   EXPECT_EQ( 3u, lab.output.host->count() );
+   const uint64_t writes = lab.writes;
+
+   LabSource& back = lab.source( "one", a, false );
+   back.set( inlineHost( mvp( 2 ), 2 ) );
+   back.set( inlineHost( mvp( 3 ), 33 ) );
+   lab.settle();
+   EXPECT_EQ( writes, lab.writes ) << "back, but not initialized: nothing is touched";
+   back.entry->initializedIs( true );
+   lab.settle();
+   EXPECT_EQ( writes + 3, lab.writes ) << "one host withdrawn with its dest, one changed";
+   EXPECT_EQ( "none", lab.outcome( mvp( 1 ) ) );
+   EXPECT_EQ( 0u, lab.output.dest->count() );
+
+   lab.inputDir->entryDel( "one" );
+   lab.pass( 31 );
+   EXPECT_EQ( 0u, lab.output.host->count() ) << "the hold time is over";
+}
+
+// Entries go and come with all kinds of work queued; nothing may stop the engine.
+TEST( SourceHold, VanishingWithWorkQueuedNeverStopsTheEngine ) {
+   std::mt19937_64 random( 5 );
+   Lab lab;
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.0001 );
+   for( int step = 0; step < 3000; ++step ) {
+      const std::string name( 1, static_cast<char>( 'a' + random() % 3 ) );
+      const uint32_t value = 1u << ( 6 + ( name[ 0 ] - 'a' ) );
+      switch( random() % 8 ) {
+      case 0:
+         lab.inputDir->entryDel( name );
+         break;
+      case 1:
+         lab.source( name, value, random() % 2 ); // replaces the entry, with other tables
+         break;
+      case 2:
+         if( lab.sources.contains( name ) )
+            lab.sources[ name ].entry->initializedIs( random() % 2 );
+         break;
+      case 3:
+         lab.clock->nowIs( lab.clock->now() + static_cast<double>( random() % 12 ) );
+         break;
+      default:
+         if( lab.sources.contains( name ) ) {
+            LabSource& source = lab.sources[ name ];
+            source.set( objectHost( mvp( 1 + random() % 5 ), lb( 1 + random() % 3 ) ) );
+            source.set( group( 1 + random() % 3, { dest( 1 + random() % 3 ), label( 1 ) } ) );
+            source.set( push( 1, 100, dest( 1 + random() % 3 ) ) );
+            source.set( intfDest( 1 + random() % 3, random() % 3 ) );
+         }
+      }
+      if( random() % 2 )
+         lab.turn();
+      if( HasFailure() )
+         return;
+   }
+   for( const char* name : { "a", "b", "c" } )
+      lab.inputDir->entryDel( name );
+   lab.pass( 31 );
+   lab.hammer();
+   EXPECT_EQ( 0u, lab.output.host->count() + lab.output.lb->count() + lab.output.label->count() +
+                     lab.output.dest->count() );
+   EXPECT_TRUE( lab.engine->usersMap().empty() );
+}
+
+TEST( Sources, EntryIsMadeAgainOnlyWithAllItsArguments ) {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   const auto sm = lab.engine->sourceSm( "one" );
+   EXPECT_EQ( sm, lab.engine->sourceSmIs( "one", source.entry, lab.engine.get(), lab.manager ) );
+   const auto refusal = [ & ]( Ptr<SourceDirEntry> entry ) -> std::string {
+      try {
+         lab.engine->sourceSmIs( "one", entry, lab.engine.get(), lab.manager );
+      } catch( const Vexil::MutatorFailure& failure ) {
+         return failure.what();
+      }
+      return "accepted";
+   };
+   EXPECT_EQ( "null ValidPtr", refusal( nullptr ) );
+   EXPECT_NE( std::string::npos,
+              refusal( makeEntity<SourceDirEntry>( "one" ) )
+                 .find( "Reinstantiating the pointer interface where constructor parameter "
+                        "attribute _source has a different value of " ) );
+}
+
+} // namespace
+} // namespace L2Rib::Test
