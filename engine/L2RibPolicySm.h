@@ -182,7 +182,10 @@ class PolicySm : public Vexil::Entity {
 
    const Ptr<ObjTupleUsers>& usersMapIs( const ObjTuple& used );
    void usersMapDel( const ObjTuple& used );
+   bool isInProcess( const ObjTuple& ot ) const;
    void onZeroRefs( const ObjTuple& ot );
+   void handleZeroRefCleanupCheck( const ObjTuple& ot );
+   void cleanUpUnused();
    void onDestZeroRefs( const ObjTuple& ot );
    void onLabelZeroRefs( const ObjTuple& ot );
    void onLbZeroRefs( const ObjTuple& ot );
@@ -205,7 +208,7 @@ class PolicySm : public Vexil::Entity {
    std::map<TableType, Ptr<ObjTupleManager>> tupleManager_;
    Vexil::HashMap<ObjTuple, Ptr<ObjTupleUsers>> usersMap_;
    Vexil::HashMap<ObjTupleAndSource, Verified> verified_;
-   unsigned depth_ = 0; // of processOtas calls under way
+   std::vector<ObjTupleAndSource> inProcess_; // the path of processOtas calls under way
    // Relations still to be removed in the cascade under way: (used object, object that used it).
    std::vector<std::pair<ObjTuple, ObjTuple>> toRelease_;
    bool releasing_ = false;

@@ -131,14 +131,14 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
    const auto version = sm->objectVersion();
    if( const Verified* known = verified_.find( otas ); known && known->version == version )
       return true;
-   if( depth_ == maxObjectDepth ) { // too deep, or a loop
-      TRACE( 8, "processOtas"
-                   << " chain of objects too long at " << otas );
-      if( otas.tableType() != tableTypeDest_ )
-         foundFailedOtas( otas );
-      return false;
+   const bool isLoop = std::ranges::find( inProcess_, otas ) != inProcess_.end();
+   if( isLoop || inProcess_.size() == maxObjectDepth ) {
+      TRACE( 8,
+             "processOtas" << ( isLoop ? " loop of objects at " : " chain of objects too long at " )
+                           << otas );
+      return false; // whoever points here enters itself among the failed
    }
-   ++depth_;
+   inProcess_.push_back( otas );
    bool ok = true;
    switch( otas.tableType() ) {
    case tableTypeLoadBalance_:
@@ -153,7 +153,7 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
    default:
       VEXIL_ASSERT( 0 );
    }
-   --depth_;
+   inProcess_.pop_back();
    return ok;
 }
 
@@ -408,10 +408,11 @@ void PolicySm::releaseOldNexts( const LoadBalance& oldOutLb, const ObjTupleSet& 
          rmUser( oldNext, outOtForLb, Util::mvpInvalid() );
 }
 
-// An object that was brought into the output for a user that then could not be written goes again.
+// An object that was brought into the output for a user that then could not be written goes again,
+// when the work under way is over and nobody else has come to use it.
 void PolicySm::releaseIfUnused( const ObjTuple& ot ) {
    if( ot != Util::objTupleInvalid() && !usersMap( ot ) && hasOutputRow( ot ) )
-      onZeroRefs( ot );
+      otForZeroRefCleanupIs( ot, true );
 }
 
 bool PolicySm::hasOutputRow( const ObjTuple& ot ) const {

@@ -5,8 +5,6 @@
 
 namespace L2Rib {
 
-namespace {
-Vexil::TraceHandle& trace = Vexil::traceHandle( "L2RibPolicySm" );
-}
+inline Vexil::TraceHandle& trace = Vexil::traceHandle( "L2RibPolicySm" );
 
 } // namespace L2Rib

@@ -52,6 +52,7 @@ void PolicySm::handleReviewTimer() {
                       << " looking at host " << mvpStr( mvp ) );
          const bool ok = processHost( mvp );
          hostListDel( mvp );
+         cleanUpUnused();
          if( !ok ) {
             TRACE( 8, "handleReviewTimer"
                          << " processing failure on " << mvpStr( mvp ) );

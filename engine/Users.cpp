@@ -86,8 +86,38 @@ void PolicySm::rmUser( const ObjTuple& otUsed, const ObjTuple& otUser,
       TRACE( 0, "rmUser"
                    << " deferring delete of " << otUsed << " until after initial sync complete" );
       otForZeroRefCleanupIs( otUsed, true );
+   } else if( isInProcess( otUsed ) ) {
+      otForZeroRefCleanupIs( otUsed, true ); // whoever is at work on it may be about to use it
    } else {
       onZeroRefs( otUsed );
+   }
+}
+
+// Whether the copy of an input object that is being processed. Its user may go meanwhile: a source
+// that turns a hierarchy upside down makes an object's user its member.
+bool PolicySm::isInProcess( const ObjTuple& ot ) const {
+   return !inProcess_.empty() &&
+          std::ranges::find( inProcess_, tupleManager( ot.tableType() )->outputToInput( ot ) ) !=
+             inProcess_.end();
+}
+
+// Carries out a deferred delete, unless a user has come back.
+void PolicySm::handleZeroRefCleanupCheck( const ObjTuple& ot ) {
+   VEXIL_ASSERT( ot != Util::objTupleInvalid() );
+   const Ptr<ObjTupleUsers> otu = usersMap( ot );
+   if( ( otu && !otu->empty() ) || !hasOutputRow( ot ) )
+      return;
+   TRACE( 0, "handleZeroRefCleanupCheck"
+                << " no users left for " << ot << " handling deferred delete now" );
+   onZeroRefs( ot );
+}
+
+// After one host or object has been worked off: what it left without a user goes.
+void PolicySm::cleanUpUnused() {
+   for( auto at = otForZeroRefCleanup_.begin(); at != otForZeroRefCleanup_.end(); ++at ) {
+      const ObjTuple ot = at->key;
+      handleZeroRefCleanupCheck( ot );
+      otForZeroRefCleanupDel( ot );
    }
 }
 

@@ -1,0 +1,430 @@
+// Objects in the output: copied members first, counted by their users, gone with the last one.
+#include "tests/EngineLab.h"
+#include "tests/TestSupport.h"
+
+#include <functional>
+#include <optional>
+
+namespace L2Rib::Test {
+namespace {
+
+constexpr uint32_t a = 0x40, b = 0x100, c = 0x80000000;
+
+// What an object comes to, written out to its leaves: the same for a source's object and for its
+// output copy, whatever their ids. nullopt when something is missing or the chain has no end.
+template<class LookUp>
+std::optional<std::string> expansion( const LookUp& lookUp, const ObjTuple& ot,
+                                      unsigned depth = 1 ) {
+   if( depth > 64 )
+      return std::nullopt;
+   switch( ot.tableType() ) {
+   case tableTypeDest_: {
+      const Dest found = lookUp.dest( ot.destId() );
+      if( found.key() != ot.destId() )
+         return std::nullopt;
+      return "intf " + std::to_string( found.intf().intf.value() );
+   }
+   case tableTypeLabel_: {
+      const Label found = lookUp.label( ot.labelId() );
+      if( found.key() != ot.labelId() )
+         return std::nullopt;
+      const auto below = expansion( lookUp, found.next(), depth + 1 );
+      if( !below )
+         return std::nullopt;
+      return "push " + found.label().str() + " ( " + *below + " )";
+   }
+   case tableTypeLoadBalance_: {
+      const LoadBalance found = lookUp.lb( ot.lbId() );
+      if( found.key() != ot.lbId() )
+         return std::nullopt;
+      std::string text = "group (";
+      for( const ObjTuple& next : found.used() ) {
+         const auto below = expansion( lookUp, next, depth + 1 );
+         if( !below )
+            return std::nullopt;
+         text += " " + *below;
+      }
+      return text + " )";
+   }
+   default:
+      return std::nullopt;
+   }
+}
+
+struct InSource {
+   const LabSource& source;
+   Dest dest( DestId id ) const { return source.dest->dest( id ); }
+   Label label( LabelId id ) const { return source.label->label( id ); }
+   LoadBalance lb( LoadBalanceId id ) const { return source.lb->lb( id ); }
+};
+
+struct InOutput {
+   const PolicySm::Tables& output;
+   Dest dest( DestId id ) const { return output.dest->dest( id ).dest(); }
+   Label label( LabelId id ) const { return output.label->label( id ).label(); }
+   LoadBalance lb( LoadBalanceId id ) const { return output.lb->lb( id ).lb(); }
+};
+
+// "none", or what the host's row comes to.
+std::string resolved( const Lab& lab, const MacVlanPair& key ) {
+   const HostAndSource row = lab.row( key );
+   if( row.key() != key )
+      return "none";
+   if( row.next() == Util::objTupleInvalid() )
+      return row.host().ciDest().str();
+   return expansion( InOutput{ lab.output }, row.next() ).value_or( "dangling" );
+}
+
+size_t objectCount( const Lab& lab ) {
+   return lab.output.dest->count() + lab.output.lb->count() + lab.output.label->count();
+}
+
+struct Objects : ::testing::Test {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   // Between any two steps of a story.
+   void check( const std::string& expected, size_t objects ) {
+      EXPECT_EQ( expected, resolved( lab, mvp( 1 ) ) );
+      EXPECT_EQ( objects, objectCount( lab ) );
+      EXPECT_EQ( lab.relationsOfRows(), lab.relationsOfUsers() );
+   }
+};
+
+TEST_F( Objects, ChainComesUpInAnyOrderAndGoesWithItsLastUser ) {
+   source.set( objectHost( mvp( 1 ), lb( 7 ) ) );
+   lab.settle();
+   check( "none", 0 );
+   source.set( group( 7, { label( 1 ), label( 2 ), label( 1 ) } ) );
+   lab.hammer();
+   check( "none", 0 );
+   source.set( push( 1, 100, dest( 1 ) ) );
+   source.set( push( 2, 200, dest( 2 ) ) );
+   source.set( intfDest( 1, 11 ) );
+   lab.hammer();
+   check( "none", 0 );
+   source.set( intfDest( 2, 22 ) );
+   lab.hammer();
+   check( "group ( push 100 ( intf 11 ) push 200 ( intf 22 ) push 100 ( intf 11 ) )", 5 );
+   source.set( group( 7, { label( 2 ), label( 1 ) } ) );
+   lab.settle();
+   check( "group ( push 200 ( intf 22 ) push 100 ( intf 11 ) )", 5 );
+   source.set( push( 2, 200, dest( 1 ) ) );
+   lab.settle();
+   check( "group ( push 200 ( intf 11 ) push 100 ( intf 11 ) )", 4 );
+   source.set( group( 7, { dest( 2 ) } ) );
+   lab.settle();
+   check( "group ( intf 22 )", 2 );
+   source.lb->lbDel( LoadBalanceId( 7 ) );
+   lab.settle();
+   check( "group ( intf 22 )", 2 ); // deletion follows from users going away
+   source.set( inlineHost( mvp( 1 ), 5 ) );
+   lab.settle();
+   check( "value 5", 0 );
+}
+
+TEST_F( Objects, UnusedChangesAreDroppedAndUnchangedOnesNotWritten ) {
+   source.set( intfDest( 1, 1 ) );
+   source.set( intfDest( 1, 2 ) );
+   lab.settle();
+   check( "none", 0 );
+   source.set( objectHost( mvp( 1 ), dest( 1 ) ) );
+   lab.settle();
+   check( "intf 2", 1 );
+   const uint64_t writes = lab.writes;
+   source.set( intfDest( 1, 2 ) );
+   source.set( objectHost( mvp( 1 ), dest( 1 ) ) );
+   lab.settle();
+   EXPECT_EQ( writes, lab.writes );
+}
+
+TEST_F( Objects, FailedChangeLeavesTheGroupAsItWas ) {
+   source.set( intfDest( 1, 1 ) );
+   source.set( intfDest( 2, 2 ) );
+   source.set( group( 1, { dest( 1 ) } ) );
+   source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+   lab.settle();
+   source.set( group( 1, { dest( 2 ), dest( 3 ) } ) );
+   lab.settle();
+   check( "group ( intf 1 )", 2 );
+   EXPECT_TRUE( lab.engine->failedOtas( ObjTupleAndSource( lb( 1 ), Source( a ) ) ) );
+   source.set( intfDest( 3, 3 ) );
+   lab.hammer();
+   check( "group ( intf 2 intf 3 )", 3 );
+}
+
+TEST_F( Objects, LoopsAndEndlessChainsFailUntilTheyAreMended ) {
+   source.set( group( 1, { dest( 1 ), lb( 2 ) } ) );
+   source.set( group( 2, { label( 1 ) } ) );
+   source.set( push( 1, 1, lb( 1 ) ) );
+   source.set( intfDest( 1, 1 ) );
+   source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+   lab.hammer();
+   check( "none", 0 );
+   source.set( push( 1, 1, dest( 1 ) ) );
+   lab.hammer();
+   check( "group ( intf 1 group ( push 1 ( intf 1 ) ) )", 4 );
+   source.set( push( 1, 1, label( 1 ) ) ); // a loop while in use: the output stays as it was
+   lab.hammer();
+   check( "group ( intf 1 group ( push 1 ( intf 1 ) ) )", 4 );
+
+   Lab deep( 512 );
+   const auto table = makeEntity<LabelTable>( 100000u );
+   deep.manager->entityIs( "deep", table );
+   LabSource& chain = deep.source( "chain", b, false );
+   chain.entry->labelTableTarnPathIs( "deep" );
+   chain.label = table;
+   for( uint64_t id = 1; id < 100000; ++id )
+      chain.set( push( id, 1, label( id + 1 ) ) );
+   chain.set( push( 100000, 1, dest( 1 ) ) );
+   chain.set( intfDest( 1, 1 ) );
+   chain.set( objectHost( mvp( 1 ), label( 1 ) ) );
+   chain.set( objectHost( mvp( 2 ), label( 99970 ) ) );
+   chain.entry->initializedIs( true );
+   deep.hammer();
+   EXPECT_EQ( "none", deep.outcome( mvp( 1 ) ) );
+   EXPECT_EQ( 32u, objectCount( deep ) ) << "a chain of 31 labels and a dest is none too long";
+   chain.set( push( 2, 1, dest( 1 ) ) );
+   deep.hammer();
+   EXPECT_EQ( "push 1 ( push 1 ( intf 1 ) )", resolved( deep, mvp( 1 ) ) );
+}
+
+// Every group points 16 times to the next one: 16^20 ways lead from top to bottom.
+TEST_F( Objects, SharedMembersAreLookedAtOnce ) {
+   for( uint64_t id = 1; id < 20; ++id )
+      source.set( group( id, std::vector<ObjTuple>( 16, lb( id + 1 ) ) ) );
+   source.set( group( 20, { dest( 1 ) } ) );
+   source.set( intfDest( 1, 1 ) );
+   source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+   lab.settle();
+   EXPECT_EQ( 21u, objectCount( lab ) );
+   source.host->hostDel( mvp( 1 ) );
+   lab.settle();
+   EXPECT_EQ( 0u, objectCount( lab ) );
+}
+
+TEST_F( Objects, CorruptRecordsReadAsAbsent ) {
+   LoadBalance tooMany = group( 1, { dest( 1 ) } );
+   tooMany.nextsIs( 17 );
+   source.set( tooMany );
+   source.set( push( 1, 1, ObjTuple( ObjId( 1 ), TableType( 9 ) ) ) );
+   source.set( intfDest( 1, 1 ) );
+   source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+   source.set( objectHost( mvp( 2 ), label( 1 ) ) );
+   source.set( objectHost( mvp( 3 ), ObjTuple( ObjId( 1 ), TableType( 9 ) ) ) );
+   lab.hammer();
+   check( "none", 0 );
+   EXPECT_EQ( 0u, lab.output.host->count() );
+   EXPECT_GT( source.lb->corruptions(), 0u );
+   EXPECT_GT( source.label->corruptions(), 0u );
+   EXPECT_GT( source.host->corruptions(), 0u );
+}
+
+// Each output table in turn has room for one object only.
+TEST( ObjectsFull, NothingDanglesWhenAnOutputTableIsFull ) {
+   const struct {
+      const char* what;
+      ObjTuple next;
+   } cases[] = { { "dests", dest( 2 ) }, { "groups", lb( 2 ) }, { "labels", label( 2 ) } };
+   for( const auto& test : cases ) {
+      SCOPED_TRACE( test.what );
+      Lab lab( 2 );
+      LabSource& source = lab.source( "one", a );
+      for( uint64_t id = 1; id <= 3; ++id ) {
+         source.set( intfDest( id, id ) );
+         source.set( push( id, 1, dest( id ) ) );
+         source.set( group( id, { label( id ), dest( id ) } ) );
+      }
+      source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+      lab.settle();
+      source.set( group( 3, { test.next, label( 3 ) } ) ); // needs a second and a third dest
+      source.set( objectHost( mvp( 2 ), lb( 3 ) ) );
+      lab.hammer();
+      EXPECT_EQ( "none", lab.outcome( mvp( 2 ) ) );
+      EXPECT_EQ( lab.relationsOfRows(), lab.relationsOfUsers() );
+      EXPECT_EQ( 3u, objectCount( lab ) ) << "only what the first host uses";
+      source.host->hostDel( mvp( 1 ) );
+      lab.hammer();
+      EXPECT_NE( "none", lab.outcome( mvp( 2 ) ) ) << "room came free";
+      EXPECT_EQ( lab.relationsOfRows(), lab.relationsOfUsers() );
+   }
+}
+
+TEST( ObjTupleManager, GivesEachIdOnceUpToItsBound ) {
+   ObjTupleManager manager( tableTypeDest_, 5, 7 );
+   const auto otas = []( uint64_t id ) { return ObjTupleAndSource( dest( id ), Source( a ) ); };
+   EXPECT_EQ( dest( 5 ), manager.newOutputOt( otas( 1 ) ) );
+   EXPECT_EQ( dest( 6 ), manager.newOutputOt( otas( 2 ) ) );
+   manager.delOutputOt( dest( 6 ) );
+   EXPECT_EQ( Util::objTupleInvalid(), manager.inputToOutput( otas( 2 ) ) );
+   EXPECT_EQ( dest( 7 ), manager.newOutputOt( otas( 2 ) ) );
+   EXPECT_EQ( Util::objTupleInvalid(), manager.newOutputOt( otas( 3 ) ) );
+   EXPECT_EQ( otas( 2 ), manager.outputToInput( dest( 7 ) ) );
+   EXPECT_EQ( 2u, manager.size() );
+}
+
+// --- the whole engine against a model ----------------------------------------------------------
+
+// Sources change hosts and objects at random; reviews run in slices of one entry, with changes
+// between them. At rest the output must be what the sources' present content says.
+class RandomEngine {
+ public:
+   explicit RandomEngine( uint64_t stream ) : random_( stream ) {
+      lab_.clock->tickIs( 0.0001 );
+      for( const auto& [ name, value ] : values_ )
+         lab_.source( name, value );
+   }
+
+   void run( int rounds ) {
+      for( int round = 0; round < rounds && !::testing::Test::HasFailure(); ++round ) {
+         lab_.engine->reviewQuantumIs( 0 ); // a slice for every entry
+         for( uint32_t changes = random_.below( 12 ); changes > 0; --changes ) {
+            change();
+            if( random_.percent( 60 ) )
+               lab_.turn();
+         }
+         lab_.engine->reviewQuantumIs( 0.05 ); // so that a pass with parked hosts gets to its end
+         lab_.hammer();
+         lab_.hammer(); // what the first tick's pass made possible for others
+         compare( round );
+      }
+   }
+
+ private:
+   ObjTuple someObject() {
+      const uint64_t id = 1 + random_.below( 5 );
+      switch( random_.below( 3 ) ) {
+      case 0:
+         return lb( id );
+      case 1:
+         return label( id );
+      default:
+         return dest( id );
+      }
+   }
+
+   void change() {
+      auto at = lab_.sources.begin();
+      std::advance( at, random_.below( lab_.sources.size() ) );
+      LabSource& source = at->second;
+      const uint64_t id = 1 + random_.below( 5 );
+      const MacVlanPair key = mvp( 1 + random_.below( 8 ) );
+      const uint32_t pref = 100 + random_.below( 2 );
+      switch( random_.below( 11 ) ) {
+      case 0:
+         source.host->hostDel( key );
+         break;
+      case 1:
+         source.set( inlineHost( key, random_.below( 3 ), pref, random_.below( 3 ) ) );
+         break;
+      case 2:
+      case 3:
+         source.set( objectHost( key, someObject(), pref, random_.below( 3 ) ) );
+         break;
+      case 4:
+         source.dest->destDel( DestId( id ) );
+         break;
+      case 5:
+      case 6:
+         source.set( intfDest( id, random_.below( 4 ) ) );
+         break;
+      case 7:
+         source.set( push( id, 100 + random_.below( 3 ), someObject() ) );
+         break;
+      case 8: {
+         std::vector<ObjTuple> nexts( 1 + random_.below( random_.percent( 10 ) ? 16 : 4 ) );
+         std::generate( nexts.begin(), nexts.end(), [ & ] { return someObject(); } );
+         source.set( group( id, nexts ) );
+         break;
+      }
+      case 9:
+         if( random_.percent( 50 ) )
+            source.lb->lbDel( LoadBalanceId( id ) );
+         else
+            source.label->labelDel( LabelId( id ) );
+         break;
+      default:
+         if( random_.percent( 20 ) )
+            source.entry->initializedIs( !source.entry->initialized() );
+      }
+   }
+
+   // The best of the sources' present hosts, by rules written down once more.
+   const LabSource* best( const MacVlanPair& key, Host& host ) const {
+      const LabSource* found = nullptr;
+      for( const auto& entry : order_ ) {
+         const LabSource& source = lab_.sources.at( entry.key );
+         const Host candidate = source.host->host( key );
+         if( !source.entry->initialized() || candidate.key() != key )
+            continue;
+         if( !found || beats( candidate, source, host, *found ) ) {
+            found = &source;
+            host = candidate;
+         }
+      }
+      return found;
+   }
+   static bool beats( const Host& one, const LabSource& oneSource, const Host& two,
+                      const LabSource& twoSource ) {
+      // Sequence numbers are small here, so their order is the plain one.
+      const auto rank = []( const Host& host, const LabSource& source ) {
+         const bool isInline = host.next() == Util::objTupleInvalid();
+         return std::tuple( host.pref(), host.seqNo().value(), isInline,
+                            isInline ? host.ciDest().payload() : 0,
+                            static_cast<uint32_t>( source.entry->source() ) );
+      };
+      return rank( one, oneSource ) > rank( two, twoSource );
+   }
+
+   void compare( int round ) {
+      SCOPED_TRACE( "round " + std::to_string( round ) );
+      for( uint64_t mac = 1; mac <= 8; ++mac ) {
+         const MacVlanPair key = mvp( mac );
+         Host host;
+         const LabSource* const winner = best( key, host );
+         const std::string row = resolved( lab_, key );
+         const HostAndSource found = lab_.row( key );
+         if( !winner ) {
+            EXPECT_EQ( "none", row ) << mvpStr( key );
+            continue;
+         }
+         const bool isInline = host.next() == Util::objTupleInvalid();
+         const auto expected = isInline ? std::optional( host.ciDest().str() )
+                                        : expansion( InSource{ *winner }, host.next() );
+         if( !expected ) // what was there stays, also copies of objects that the source deleted
+            continue;    // while they were in use; that all of it is whole is checked below
+         EXPECT_FALSE( lab_.engine->failedHost( key ) ) << mvpStr( key );
+         EXPECT_EQ( *expected, row ) << mvpStr( key );
+         EXPECT_EQ( winner->entry->source(), found.source() );
+         if( !isInline ) {
+            EXPECT_EQ( ObjTupleAndSource( host.next(), found.source() ),
+                       lab_.engine->tupleManager( found.next().tableType() )
+                          ->outputToInput( found.next() ) );
+         }
+      }
+      const auto rows = lab_.relationsOfRows();
+      EXPECT_EQ( rows, lab_.relationsOfUsers() );
+      std::set<std::string> used;
+      for( const auto& [ ot, user ] : rows )
+         used.insert( ot );
+      EXPECT_EQ( used.size(), objectCount( lab_ ) ) << "an object without users";
+      EXPECT_LE( lab_.output.status->maxDestId().value(), 1u << 20 );
+   }
+
+   Lab lab_;
+   TestSupport::Random random_;
+   const std::map<std::string, uint32_t> values_{ { "red", a }, { "green", b }, { "blue", c } };
+   const Vexil::KeySet<std::string> order_ = [ this ] {
+      Vexil::KeySet<std::string> names;
+      for( const auto& [ name, value ] : values_ )
+         names.emplace( name );
+      return names;
+   }();
+};
+
+TEST( ObjectsRandom, OutputIsWhatTheSourcesSay ) {
+   for( uint64_t stream = 0; stream < 12 && !HasFailure(); ++stream )
+      RandomEngine( stream ).run( 150 );
+}
+
+} // namespace
+} // namespace L2Rib::Test
