@@ -2,6 +2,10 @@
 //
 // The same structure serves on both sides: a source's flood sets hang under its directory entry,
 // the merged ones under the output. Every level notifies its reactors per key.
+//
+// A flood set, or a VLAN's whole collection, that is deleted loses its members one by one first,
+// each with its notification. Whoever follows members alone then misses none of them: the engine's
+// reactors on a level say nothing when they go themselves.
 #pragma once
 
 #include "L2Rib/L2Rib.h"
@@ -15,11 +19,13 @@ namespace L2Rib {
 class FloodSet : public Vexil::Entity {
  public:
    struct Handlers {
+      virtual void handleFloodSetType() {}
       virtual void handleDestSet( const Dest& ) {}
    };
    Vexil::Notifiees<Handlers> notifiees;
 
-   VEXIL_ATTRIBUTE( FloodSetType, floodSetType, floodSetTypeInvalid_ );
+   VEXIL_ATTRIBUTE_NOTIFYING( FloodSetType, floodSetType, handleFloodSetType,
+                              floodSetTypeInvalid_ );
 
    const Vexil::KeySet<Dest>& destSet() const { return destSet_; }
    bool destSet( const Dest& dest ) const { return destSet_.contains( dest ); }
@@ -31,12 +37,17 @@ class FloodSet : public Vexil::Entity {
       if( destSet_.erase( dest ) )
          notifiees.notify( &Handlers::handleDestSet, dest );
    }
+   void clear() {
+      for( auto at = destSet_.begin(); at != destSet_.end(); ++at )
+         destSetDel( Dest( at->key ) );
+   }
 
  private:
    Vexil::KeySet<Dest> destSet_;
 };
 
-// A keyed collection of owned entities, each made when its key is first entered.
+// A keyed collection of owned entities, each made when its key is first entered and cleared before
+// it goes.
 #define L2RIB_CHILDREN( Key, Child, name, handler )                                                \
  public:                                                                                           \
    const Vexil::HashMap<Key, Vexil::Ptr<Child>>& name() const { return name##_; }                  \
@@ -53,6 +64,8 @@ class FloodSet : public Vexil::Entity {
       return made;                                                                                 \
    }                                                                                               \
    void name##Del( const Key& key ) {                                                              \
+      if( const Vexil::Ptr<Child> leaving = name( key ) )                                          \
+         leaving->clear();                                                                         \
       if( name##_.erase( key ) )                                                                   \
          notifiees.notify( &Handlers::handler, key );                                              \
    }                                                                                               \
@@ -71,6 +84,10 @@ class VlanFloodSet : public Vexil::Entity {
    Vexil::Notifiees<Handlers> notifiees;
 
    L2RIB_CHILDREN( Vexil::EthAddr, FloodSet, floodSet, handleFloodSet )
+   void clear() {
+      for( auto at = floodSet_.begin(); at != floodSet_.end(); ++at )
+         floodSetDel( Vexil::EthAddr( at->key ) );
+   }
 };
 
 // The merged flood sets, by VLAN; written by the engine alone.

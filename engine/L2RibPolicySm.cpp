@@ -19,6 +19,7 @@ PolicySm::PolicySm( Ptr<Vexil::EntityManager> entityManager, Ptr<const Vexil::Di
      agentSourceDirReactor_( std::make_unique<AgentSourceDirReactor>( agentSourceDir_, *this ) ),
      reviewTimer_( clock_, [ this ] { handleReviewTimer(); } ),
      hammerReviewTimer_( clock_, [ this ] { handleHammerReviewTimer(); } ),
+     floodSetTimer_( clock_, [ this ] { processFloodSetBacklog(); } ),
      holdTimer_( clock_, [ this ] { handleHoldTimer(); } ),
      withdrawalTimer_( clock_, [ this ] { handleWithdrawalTimer(); } ) {
    handleInitialized();
@@ -36,7 +37,11 @@ void PolicySm::handleInitialized() {
    tupleManagerIs( tableTypeDest_, output_.status->maxDestId().value() + 1, highestOutputId );
    tupleManagerIs( tableTypeLoadBalance_, output_.status->maxLbId().value() + 1, highestOutputId );
    tupleManagerIs( tableTypeLabel_, output_.status->maxLabelId().value() + 1, highestOutputId );
+   // Every member that an earlier run left is judged anew.
+   for( const auto& entry : output_.flood->vlanFloodSet() )
+      queueFloodSets( entry.key, *entry.value );
    handleSource();
+   setFloodSetTimer();
    restartState_ = running_;
    maybeRescheduleHostReview();
 }

@@ -11,7 +11,7 @@
 // a user or is about to go; every row's ids are output ids.
 //
 // One source file a concern: L2RibPolicySm.cpp (construction, start), BestHost.cpp,
-// ObjectMapping.cpp, Users.cpp, Review.cpp, Sources.cpp.
+// ObjectMapping.cpp, Users.cpp, Review.cpp, FloodSetMerge.cpp, Sources.cpp.
 //
 // All of it runs on the event-loop thread.
 #pragma once
@@ -115,9 +115,17 @@ class PolicySm : public Vexil::Entity {
    void handleReviewTimer();
    void handleHammerReviewTimer();
 
-   // --- flood sets ----------------------------------------------------------------------------
+   // --- flood sets (FloodSetMerge.cpp) --------------------------------------------------------
    VEXIL_KEY_SET( FloodSetTriple, floodSetBacklog )
+   VEXIL_ATTRIBUTE( FloodSetTriple, floodSetBookmark )
+   VEXIL_ATTRIBUTE( bool, floodSetBookmarkValid, false )
+   // Lets the backlog be worked at the next turn of the event loop.
    void setFloodSetTimer();
+   void processFloodSetBacklog();
+   // Judges one member anew: it is in the output exactly when a ready source has it.
+   void handleFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
+                            const Dest& dest );
+   // Recomputes the mask of the initialized sources.
    void setFloodSetOutputType();
 
    // --- sources (Sources.cpp) -----------------------------------------------------------------
@@ -169,6 +177,9 @@ class PolicySm : public Vexil::Entity {
 
    void noteVerified( const ObjTupleAndSource& otas, const PolicySourceSm::ObjectVersion& version,
                       unsigned depth );
+   bool usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
+                    const ObjTuple& user ) const;
+   bool leadsTo( const ObjTuple& ot, const ObjTuple& target ) const;
    unsigned depthOf( const ObjTupleAndSource& otas ) const;
    void forgetUnwritten( const ObjTupleAndSource& otas, bool hasRow );
    void releaseOldNexts( const LoadBalance& oldOutLb, const ObjTupleSet& newNexts,
@@ -199,6 +210,11 @@ class PolicySm : public Vexil::Entity {
    void endHold( Source source );
    void handleHoldTimer();
    void handleWithdrawalTimer();
+   bool queueHostsOfVanished( Seconds deadline );
+   bool queueFloodMembers( Seconds deadline );
+   void removeFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
+                            const Dest& dest );
+   void queueFloodSets( const Bridging::VlanId& vlan, const VlanFloodSet& sets );
 
    Ptr<Vexil::EntityManager> entityManager_;
    Ptr<Vexil::Clock> clock_;
@@ -225,9 +241,11 @@ class PolicySm : public Vexil::Entity {
    std::map<Source, Seconds> heldUntil_; // vanished sources whose hosts are still unexamined
    Vexil::KeySet<Source> withdrawing_;   // sources whose output hosts are being queued
    uint32_t withdrawalSlot_ = 0;         // where in the host output
+   Bridging::VlanId withdrawalVlan_;     // where in the flood output; 0 at its beginning
 
    Vexil::TimerReactor reviewTimer_;
    Vexil::TimerReactor hammerReviewTimer_;
+   Vexil::TimerReactor floodSetTimer_;
    Vexil::TimerReactor holdTimer_;
    Vexil::TimerReactor withdrawalTimer_;
 };

@@ -23,9 +23,78 @@ class PolicySourceSm::SourceEntryReactor : public Vexil::Reactor<SourceDirEntry>
    SourceEntryReactor( Vexil::Ptr<const SourceDirEntry> entry, PolicySourceSm& sm )
       : Reactor( std::move( entry ) ), sm_( sm ) {}
    void handleInitialized() override { sm_.handleSourceInitialized(); }
+   void handleVlanFloodSet( const Bridging::VlanId& vlan ) override {
+      sm_.handleVlanFloodSet( vlan );
+   }
 
  private:
    PolicySourceSm& sm_;
+};
+
+// Names each member of one flood set that came or went.
+class PolicySourceSm::FloodSetReactor : public Vexil::Reactor<FloodSet> {
+ public:
+   FloodSetReactor( Vexil::Ptr<const FloodSet> floodSet, const PolicySourceSm& sm,
+                    const Bridging::VlanId& vlan, const Vexil::EthAddr& mac )
+      : Reactor( std::move( floodSet ) ), sm_( sm ), vlan_( vlan ), mac_( mac ) {}
+
+   // The same for both: the engine finds out which when it works the backlog.
+   void handleDestSet( const Dest& dest ) override {
+      TRACE( 0, __PRETTY_FUNCTION__ << " "
+                                    << " vlan: " << vlan_ << " mac: " << mac_
+                                    << " dest: " << dest );
+      if( !sm_.initialized() )
+         return;
+      sm_.policySm()->floodSetBacklogIs( FloodSetTriple( vlan_, mac_, dest ), true );
+      sm_.policySm()->setFloodSetTimer();
+   }
+   // Every member.
+   void handleDestSet() {
+      TRACE( 0, __PRETTY_FUNCTION__ << " vlan: " << vlan_ << " mac: " << mac_ );
+      if( sm_.initialized() )
+         for( const auto& member : notifier()->destSet() )
+            handleDestSet( member.key );
+   }
+
+ private:
+   const PolicySourceSm& sm_;
+   Bridging::VlanId vlan_;
+   Vexil::EthAddr mac_;
+};
+
+// Keeps a reactor on each flood set of one VLAN. Coming and going, these tell the engine nothing.
+class PolicySourceSm::VlanFloodSetReactor : public Vexil::Reactor<VlanFloodSet> {
+ public:
+   VlanFloodSetReactor( Vexil::Ptr<const VlanFloodSet> sets, const PolicySourceSm& sm,
+                        const Bridging::VlanId& vlan )
+      : Reactor( std::move( sets ) ), sm_( sm ), vlan_( vlan ) {
+      for( const auto& entry : notifier()->floodSet() )
+         floodSetIs( entry.key, entry.value );
+   }
+
+   void handleFloodSet( const Vexil::EthAddr& mac ) override {
+      if( const auto floodSet = notifier()->floodSet( mac ) )
+         floodSetIs( mac, floodSet );
+      else
+         floodSetDel( mac );
+   }
+   void handleDestSet() {
+      for( const auto& entry : floodSet_ )
+         entry.value->handleDestSet();
+   }
+   void floodSetIs( const Vexil::EthAddr& mac, Vexil::Ptr<const FloodSet> floodSet ) {
+      if( !floodSet )
+         Vexil::nullMutatorFailure( "L2Rib::PolicySourceSm::VlanFloodSetReactor", "floodSet" );
+      if( floodSet_.contains( mac ) )
+         return;
+      floodSet_.emplace( mac, std::make_unique<FloodSetReactor>( floodSet, sm_, vlan_, mac ) );
+   }
+   void floodSetDel( const Vexil::EthAddr& mac ) { floodSet_.erase( mac ); }
+
+ private:
+   const PolicySourceSm& sm_;
+   Bridging::VlanId vlan_;
+   Vexil::HashMap<Vexil::EthAddr, std::unique_ptr<FloodSetReactor>> floodSet_;
 };
 
 namespace {
@@ -41,7 +110,10 @@ PolicySourceSm::PolicySourceSm( std::string name, Vexil::Ptr<const SourceDirEntr
                                 PolicySm* policySm, Vexil::Ptr<Vexil::EntityManager> entityManager )
    : name_( std::move( name ) ), entry_( std::move( source ) ), policySm_( policySm ),
      entityManager_( std::move( entityManager ) ), attachment_( nextAttachment() ),
-     source_( std::make_unique<SourceEntryReactor>( entry_, *this ) ) {}
+     source_( std::make_unique<SourceEntryReactor>( entry_, *this ) ) {
+   for( const auto& entry : entry_->vlanFloodSet() )
+      vlanFloodSetIs( entry.key, entry.value );
+}
 
 PolicySourceSm::~PolicySourceSm() = default;
 
@@ -64,6 +136,8 @@ void PolicySourceSm::handleSourceInitialized() {
       handleLabel();
    if( hostTable_ )
       handleHost();
+   for( const auto& entry : vlanFloodSet_ )
+      entry.value->handleDestSet();
    policySm_->setFloodSetOutputType();
    if( ready() )
       policySm_->handleSourceReplayed( sourceEnum() );
@@ -195,6 +269,25 @@ void PolicySourceSm::handleDest() {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
    if( initialized_ && destTable_ )
       destTable_->forEach( [ this ]( const Dest& dest ) { handleDest( dest.key() ); } );
+}
+
+void PolicySourceSm::handleVlanFloodSet( const Bridging::VlanId& vlan ) {
+   if( const auto sets = entry_->vlanFloodSet( vlan ) )
+      vlanFloodSetIs( vlan, sets );
+   else
+      vlanFloodSetDel( vlan );
+}
+
+void PolicySourceSm::vlanFloodSetIs( const Bridging::VlanId& vlan,
+                                     Vexil::Ptr<const VlanFloodSet> sets ) {
+   if( !sets )
+      Vexil::nullMutatorFailure( "L2Rib::PolicySourceSm", "vlanFloodSet" );
+   if( !vlanFloodSet_.contains( vlan ) )
+      vlanFloodSet_.emplace( vlan, std::make_unique<VlanFloodSetReactor>( sets, *this, vlan ) );
+}
+
+void PolicySourceSm::vlanFloodSetDel( const Bridging::VlanId& vlan ) {
+   vlanFloodSet_.erase( vlan );
 }
 
 // Every key that the table has is named to us next; what it no longer has is found from the output.

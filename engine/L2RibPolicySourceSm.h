@@ -64,6 +64,11 @@ class PolicySourceSm : public Vexil::Entity {
    void handleLb();
    void handleLabel();
    void handleDest();
+   // The entry's flood sets of one VLAN came or went.
+   void handleVlanFloodSet( const Bridging::VlanId& vlan );
+   // Follows the flood sets of a VLAN, or keeps following them; throws MutatorFailure on null.
+   void vlanFloodSetIs( const Bridging::VlanId& vlan, Vexil::Ptr<const VlanFloodSet> sets );
+   void vlanFloodSetDel( const Bridging::VlanId& vlan );
    // Changes of a table were lost to us: what the output has of this source is examined again.
    void handleOvertaken();
 
@@ -71,6 +76,8 @@ class PolicySourceSm : public Vexil::Entity {
    template<class Table, class Key, void ( PolicySourceSm::*handle )( const Key& )>
    class TableReactor;
    class SourceEntryReactor;
+   class VlanFloodSetReactor;
+   class FloodSetReactor;
 
    void handleSourceInitialized();
    void maybeMountTarnTable();
@@ -89,6 +96,7 @@ class PolicySourceSm : public Vexil::Entity {
    Vexil::Ptr<LoadBalanceTable> lbTable_;
    Vexil::Ptr<LabelTable> labelTable_;
    Vexil::Ptr<DestTable> destTable_;
+   Vexil::HashMap<Bridging::VlanId, std::unique_ptr<VlanFloodSetReactor>> vlanFloodSet_;
    std::unique_ptr<SourceEntryReactor> source_;
    std::unique_ptr<HostInput::Handlers> host_;
    std::unique_ptr<LoadBalanceTable::Handlers> lb_;

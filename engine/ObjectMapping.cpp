@@ -261,7 +261,7 @@ bool PolicySm::processLabel( const ObjTupleAndSource& otas, bool forceCreate ) {
    const ObjTupleAndSource next( inLabel.next(), sm->sourceEnum() );
    const bool ok = processOtas( next, true );
    const ObjTuple outOt = outputObjTuple( next );
-   if( !ok || outOt == Util::objTupleInvalid() || depthOf( next ) >= maxObjectDepth ) {
+   if( !ok || !usableNext( next, outOt, ObjTuple( outLabelId ) ) ) {
       TRACE( 8, "processLabel"
                    << " failed to process" << next << ( ok ? "" : " (cascading)" ) );
       releaseIfUnused( outOt );
@@ -357,7 +357,7 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
       const ObjTupleAndSource next( *it, sm->sourceEnum() );
       const bool ok = processOtas( next, true );
       const ObjTuple outOt = outputObjTuple( next );
-      if( !ok || outOt == Util::objTupleInvalid() || depthOf( next ) >= maxObjectDepth ) {
+      if( !ok || !usableNext( next, outOt, outOtForLb ) ) {
          TRACE( 8, "processLb"
                       << " failed to process " << next << ( ok ? "" : " (cascading)" ) );
          releaseIfUnused( outOt );
@@ -426,6 +426,35 @@ bool PolicySm::hasOutputRow( const ObjTuple& ot ) const {
    default:
       return false;
    }
+}
+
+// Whether an object may point to outOt, the output copy of next, once next has been processed.
+bool PolicySm::usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
+                           const ObjTuple& user ) const {
+   if( outOt == Util::objTupleInvalid() || depthOf( next ) >= maxObjectDepth )
+      return false;
+   // A copy whose object the source has deleted stands as it was; it may lead back to us.
+   return verified_.contains( next ) || !leadsTo( outOt, user );
+}
+
+// Whether target is among the output objects at or below ot.
+bool PolicySm::leadsTo( const ObjTuple& ot, const ObjTuple& target ) const {
+   Vexil::KeySet<ObjTuple> met;
+   std::vector<ObjTuple> toVisit{ ot };
+   while( !toVisit.empty() ) {
+      const ObjTuple at = toVisit.back();
+      toVisit.pop_back();
+      if( at == target )
+         return true;
+      if( !met.emplace( at ).second )
+         continue;
+      if( at.tableType() == tableTypeLabel_ )
+         toVisit.push_back( output_.label->label( at.labelId() ).label().next() );
+      else if( at.tableType() == tableTypeLoadBalance_ )
+         for( const auto row = output_.lb->lb( at.lbId() ); const ObjTuple& next : row.lb().used() )
+            toVisit.push_back( next );
+   }
+   return false;
 }
 
 // How deep the objects go from a verified one downwards.

@@ -102,6 +102,7 @@ void PolicySm::reviewOtas( Seconds deadline ) {
                                                    << " looking at " << otas );
                                       const bool ok = processOtas( otas, false );
                                       otasListDel( otas );
+                                      cleanUpUnused();
                                       if( !ok )
                                          TRACE( 8, "handleReviewTimer"
                                                       << " processing failure on " << otas );

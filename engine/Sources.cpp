@@ -6,6 +6,7 @@
 // review withdraws what no source has any more.
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
+#include "engine/SliceWalk.h"
 
 #include <algorithm>
 
@@ -173,6 +174,7 @@ void PolicySm::handleHoldTimer() {
 void PolicySm::reviewHostsOf( Source source ) {
    withdrawing_.emplace( source );
    withdrawalSlot_ = 0; // for all of them, from the start
+   withdrawalVlan_ = Bridging::VlanId();
    withdrawalTimer_.timeMinIs( 0 );
 }
 
@@ -181,38 +183,36 @@ uint64_t PolicySm::withdrawalChecksLeft() const {
    return withdrawing_.empty() || withdrawalSlot_ >= slots ? 0 : slots - withdrawalSlot_;
 }
 
-// A slice of the walk over the host output, in memory order.
+// A slice of the two walks, over the host output in memory order and over the flood output. Which
+// source a flood member stems from is not recorded, so all members are judged anew.
 void PolicySm::handleWithdrawalTimer() {
-   constexpr uint32_t step = 256; // slots between two looks at the clock
    const Seconds deadline = clock_->now() + reviewQuantum();
+   if( queueHostsOfVanished( deadline ) && queueFloodMembers( deadline ) )
+      withdrawing_.clear();
+   else
+      withdrawalTimer_.timeMinIs( 0 );
+}
+
+// Returns whether the walk is at its end.
+bool PolicySm::queueHostsOfVanished( Seconds deadline ) {
+   constexpr uint32_t step = 256; // slots between two looks at the clock
    while( withdrawalSlot_ < output_.host->slotCount() ) {
       const auto row = output_.host->inSlot( withdrawalSlot_++ );
       if( row && withdrawing_.contains( row->source() ) )
          handleHost( row->key() );
-      if( withdrawalSlot_ % step == 0 && clock_->now() > deadline ) {
-         withdrawalTimer_.timeMinIs( 0 );
-         return;
-      }
+      if( withdrawalSlot_ % step == 0 && clock_->now() > deadline )
+         return false;
    }
-   withdrawing_.clear();
+   return true;
 }
 
-// The flood sets of the sources are merged in their own backlog, on their own timer.
-void PolicySm::setFloodSetTimer() {}
-
-void PolicySm::setFloodSetOutputType() {
-   TRACE( 0, __PRETTY_FUNCTION__ );
-   unsigned mask = 0;
-   for( const PolicySourceSm* sm : sourceOrder_ )
-      if( sm->source()->initialized() ) {
-         TRACE( 0, "setFloodSetOutputType"
-                      << " adding " << entryStr( sm->source().get() ) << " to type." );
-         mask |= static_cast<unsigned>( sm->sourceEnum() );
-      }
-   TRACE( 0, "setFloodSetOutputType" << std::hex << " new source is " << mask << ", old is "
-                                     << ( output_.flood ? output_.flood->source() : 0 ) );
-   if( output_.flood )
-      output_.flood->sourceIs( mask );
+bool PolicySm::queueFloodMembers( Seconds deadline ) {
+   const auto slice = walkSlice( output_.flood->vlanFloodSet(), withdrawalVlan_, *clock_, deadline,
+                                 [ this ]( const Bridging::VlanId& vlan ) {
+                                    queueFloodSets( vlan, *output_.flood->vlanFloodSet( vlan ) );
+                                 } );
+   withdrawalVlan_ = slice.bookmark;
+   return slice.atEnd;
 }
 
 } // namespace L2Rib

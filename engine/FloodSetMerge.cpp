@@ -1,0 +1,97 @@
+// Flood-set merging: a destination is in the output flood set of (VLAN, MAC) exactly when a ready
+// source has it in its own.
+//
+// Changed members wait in a backlog, which is worked off on a timer in slices of at most
+// floodReviewQuantum seconds. The backlog is a set: a burst of changes of one member costs one
+// evaluation.
+#include "engine/L2RibPolicySm.h"
+#include "engine/PolicyTrace.h"
+#include "engine/SliceWalk.h"
+
+namespace L2Rib {
+
+void PolicySm::setFloodSetTimer() { floodSetTimer_.timeMinIs( 0 ); }
+
+void PolicySm::processFloodSetBacklog() {
+   TRACE( 0, __PRETTY_FUNCTION__ << " floodSet length: " << floodSetBacklog().size() );
+   floodSetTimer_.timeMinIs( Vexil::never );
+   const Seconds deadline = clock_->now() + floodReviewQuantum();
+   const auto slice =
+      walkSlice( floodSetBacklog(), floodSetBookmarkValid() ? floodSetBookmark() : FloodSetTriple(),
+                 *clock_, deadline, [ this ]( const FloodSetTriple& triple ) {
+                    handleFloodSetDest( triple.vlan(), triple.mac(), triple.dest() );
+                    floodSetBacklogDel( triple );
+                 } );
+   floodSetBookmarkValidIs( !slice.atEnd );
+   if( !slice.atEnd ) {
+      TRACE( 0, __PRETTY_FUNCTION__ << " processed " << slice.count << " from backlog" );
+      floodSetBookmarkIs( slice.bookmark );
+   }
+   if( !floodSetBacklog().empty() ) // the rest, or what came in behind the walk
+      floodSetTimer_.timeMinIs( 0 );
+}
+
+void PolicySm::handleFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
+                                   const Dest& dest ) {
+   TRACE( 0, __PRETTY_FUNCTION__ << " vlan: " << vlan << " mac: " << mac << " dest: " << dest );
+   VEXIL_ASSERT( dest.key() == Util::destIdNotInTarn() );
+   for( const PolicySourceSm* sm : sourceOrder_ ) {
+      if( !sm->ready() )
+         continue;
+      const auto sets = sm->source()->vlanFloodSet( vlan );
+      const auto ifs = sets ? sets->floodSet( mac ) : nullptr;
+      if( !ifs || !ifs->destSet( dest ) )
+         continue;
+      VEXIL_ASSERT( ifs->floodSetType() != floodSetTypeInvalid_ );
+      const auto outSet = output_.flood->vlanFloodSetIs( vlan )->floodSetIs( mac );
+      outSet->floodSetTypeIs( ifs->floodSetType() );
+      outSet->destSetIs( dest, true );
+      return;
+   }
+   removeFloodSetDest( vlan, mac, dest );
+}
+
+// No ready source has the member: out of the output with it, and with what it leaves empty.
+void PolicySm::removeFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
+                                   const Dest& dest ) {
+   const auto outSets = output_.flood->vlanFloodSet( vlan );
+   if( !outSets )
+      return;
+   if( const auto outSet = outSets->floodSet( mac ) ) {
+      outSet->destSetDel( dest );
+      TRACE( 0, __PRETTY_FUNCTION__ << " deleting " << dest << " in " << vlan << "/" << mac );
+      if( outSet->destSet().empty() ) {
+         outSets->floodSetDel( mac );
+         TRACE( 0, __PRETTY_FUNCTION__ << " deleting output FloodSet for " << vlan << "/" << mac );
+      }
+   }
+   if( outSets->floodSet().empty() ) {
+      output_.flood->vlanFloodSetDel( vlan );
+      TRACE( 0, __PRETTY_FUNCTION__ << " deleting output VlanFloodSet for " << vlan );
+   }
+}
+
+// Puts every member that the output has in a VLAN into the backlog.
+void PolicySm::queueFloodSets( const Bridging::VlanId& vlan, const VlanFloodSet& sets ) {
+   for( const auto& set : sets.floodSet() )
+      for( const auto& member : set.value->destSet() )
+         floodSetBacklogIs( FloodSetTriple( vlan, set.key, member.key ), true );
+   setFloodSetTimer();
+}
+
+void PolicySm::setFloodSetOutputType() {
+   TRACE( 0, __PRETTY_FUNCTION__ );
+   unsigned mask = 0;
+   for( const PolicySourceSm* sm : sourceOrder_ )
+      if( sm->source()->initialized() ) {
+         TRACE( 0, "setFloodSetOutputType"
+                      << " adding " << entryStr( sm->source().get() ) << " to type." );
+         mask |= static_cast<unsigned>( sm->sourceEnum() );
+      }
+   TRACE( 0, "setFloodSetOutputType" << std::hex << " new source is " << mask << ", old is "
+                                     << ( output_.flood ? output_.flood->source() : 0 ) );
+   if( output_.flood )
+      output_.flood->sourceIs( mask );
+}
+
+} // namespace L2Rib
