@@ -1,6 +1,7 @@
 #include "L2Rib/Bindings.h"
 
 #include "L2Rib/Bridging.h"
+#include "L2Rib/FloodBindings.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"
@@ -21,8 +22,10 @@ using Vexil::Ptr;
 // wants it otherwise publishes a new entry.
 class SourceEntryBinding : public Vexil::Reactor<SourceEntryTable> {
  public:
-   SourceEntryBinding( Ptr<SourceEntryTable> table, Ptr<SourceDirEntry> entry )
-      : Reactor( table ), table_( std::move( table ) ), entry_( std::move( entry ) ),
+   SourceEntryBinding( EntityManager& manager, Ptr<SourceEntryTable> table,
+                       Ptr<SourceDirEntry> entry )
+      : Reactor( table ), manager_( manager ), table_( std::move( table ) ),
+        entry_( std::move( entry ) ),
         name_( SourceName::of( entry_->name() ).value_or( SourceName() ) ) {
       copyRecord();
    }
@@ -36,7 +39,19 @@ class SourceEntryBinding : public Vexil::Reactor<SourceEntryTable> {
       if( !settled_ )
          copyIdentity( record );
       settled_ = settled_ || record.initialized;
+      if( record.initialized && !flood_ && !record.floodPath.view().empty() )
+         attachFlood( record.floodPath.str() );
       entry_->initializedIs( record.initialized != 0 );
+   }
+   // Before the entry is seen to be initialized: then its flood sets are complete too.
+   void attachFlood( const std::string& path ) {
+      try {
+         flood_ = std::make_unique<SourceFloodBinding>(
+            manager_.mountTable<FloodMemberTable>( path, FloodMemberTable::Mode::read, 1 ),
+            entry_ );
+      } catch( const Vexil::TableError& failure ) {
+         Vexil::log( "source " + entry_->name() + " has no flood sets: " + failure.what() );
+      }
    }
    void copyIdentity( const SourceEntryRecord& record ) {
       entry_->sourceIs( record.source );
@@ -50,16 +65,18 @@ class SourceEntryBinding : public Vexil::Reactor<SourceEntryTable> {
       entry_->destTableLenIs( record.destLen );
    }
 
+   EntityManager& manager_;
    Ptr<SourceEntryTable> table_;
    Ptr<SourceDirEntry> entry_;
    SourceName name_;
    bool settled_ = false;
+   std::unique_ptr<SourceFloodBinding> flood_;
 };
 
 Mounted mountSourceEntry( EntityManager& manager, const std::string& path, MountMode ) {
    const auto table = manager.mountTable<SourceEntryTable>( path, SourceEntryTable::Mode::read, 1 );
    const auto entry = makeEntity<SourceDirEntry>( path.substr( path.rfind( '/' ) + 1 ) );
-   return { entry, std::make_shared<SourceEntryBinding>( table, entry ) };
+   return { entry, std::make_shared<SourceEntryBinding>( manager, table, entry ) };
 }
 
 // Writes each new highest id through to the file.
@@ -105,7 +122,7 @@ void registerEntityTypes() {
    Vexil::registerType( "L2Rib::SourceDirEntry", { mountSourceEntry, nullptr } );
    Vexil::registerType( "L2Rib::PolicySmStatus", { mountPolicySmStatus, nullptr } );
    Vexil::registerType( "L2Rib::AgentSourceDir", { mountInProcess<AgentSourceDir>, nullptr } );
-   Vexil::registerType( "L2Rib::FloodSetOutput", { mountInProcess<FloodSetOutput>, nullptr } );
+   Vexil::registerType( "L2Rib::FloodSetOutput", { mountFloodOutput, nullptr } );
    Vexil::registerType( "Bridging::Config", { mountInProcess<Bridging::Config>, nullptr } );
 }
 

@@ -24,6 +24,9 @@ class ActivityManager {
    ActivityManager& operator=( const ActivityManager& ) = delete;
 
    const Ptr<Clock>& clock() const { return clock_; }
+   // For turning this loop inside another one: readable when a watched descriptor or a signal is.
+   // Timers do not show on it.
+   int fd() const { return epoll_; }
 
    // Calls readable() in each turn in which fd has something to read, until unwatch( fd ). The
    // descriptor stays the caller's; it is unwatched before it is closed.

@@ -91,6 +91,15 @@ class SharedTable : public TableBase {
       else
          attachForReading( TableMapping::forReading( path, spec ) );
    }
+   // The writer of a new file that takes the name path, from the file that has it if there is one,
+   // when it already holds the record: nobody meets the name without it. Throws TableError.
+   SharedTable( const TableSpec& spec, const std::string& path, uint32_t capacity,
+                const Record& first )
+      : spec_( spec ), mapping_( TableMapping::unpublished( path, spec, capacity ) ),
+        table_( *mapping_ ) {
+      VEXIL_ASSERT( set( first ) ); // a new table has room
+      mapping_->publish();
+   }
 
    // --- reading -------------------------------------------------------------------------------
    // The record of key, or a zero record when absent. Content that can't be read is recorded as
@@ -160,6 +169,9 @@ class SharedTable : public TableBase {
          if( const std::optional<Record> record = inSlot( slot ) )
             erase( TableView<Key, Record>::keyOf( *record ) );
    }
+   // Brings the table, which is in a file, to another capacity; at least to its number of records.
+   // The content is kept; readers follow. Takes the time of copying it. Throws TableError.
+   void capacityIs( uint32_t capacity );
    void ring() override {
       if( !unrung_ )
          return;
@@ -210,24 +222,30 @@ template<class Key, class Record>
 void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32_t capacity ) {
    mapping_ = TableMapping::forWriting( path, spec_, capacity );
    table_ = TableWriter<Key, Record>( *mapping_ );
-   capacity = std::max( capacity, table_.count() );
-   if( capacity != table_.capacity() ) {
-      // The content moves to a new file that takes over the name. Whoever has the old one mapped
-      // reads on there until it sees that it is superseded.
-      auto larger = TableMapping::unpublished( path, spec_, capacity );
-      TableWriter<Key, Record> copy( *larger );
-      forEach( [ & ]( const Record& record ) { copy.set( record ); } );
-      // First the mark, then the new file: killed in between, this writer leaves a mark too many,
-      // which the next one takes back, and not readers who stay with the old file for ever.
-      table_.supersededIs( true );
-      larger->publish();
-      mapping_->ringBell();
-      mapping_ = std::move( larger );
-      table_ = std::move( copy );
-   }
+   capacityIs( capacity );
    unrung_ = true; // the previous writer may have died before it rang
    ring();
    cursor_ = table_.journalHead();
+}
+
+template<class Key, class Record>
+void SharedTable<Key, Record>::capacityIs( uint32_t capacity ) {
+   capacity = std::max( capacity, table_.count() );
+   if( capacity == table_.capacity() )
+      return;
+   // The content moves to a new file that takes over the name. Whoever has the old one mapped reads
+   // on there until it sees that it is superseded.
+   auto moved = TableMapping::unpublished( mapping_->path(), spec_, capacity );
+   TableWriter<Key, Record> copy( *moved );
+   forEach( [ & ]( const Record& record ) { copy.set( record ); } );
+   // First the mark, then the new file: killed in between, this writer leaves a mark too many,
+   // which the next one takes back, and not readers who stay with the old file for ever.
+   table_.supersededIs( true );
+   moved->publish();
+   mapping_->ringBell();
+   mapping_ = std::move( moved );
+   table_ = std::move( copy );
+   unrung_ = true;
 }
 
 template<class Key, class Record>
@@ -303,6 +321,8 @@ class NamedTable : public SharedTable<Key, Record> {
    explicit NamedTable( uint32_t capacity ) : SharedTable<Key, Record>( spec(), capacity ) {}
    NamedTable( const std::string& file, Mode mode, uint32_t capacity = 0 )
       : SharedTable<Key, Record>( spec(), file, mode, capacity ) {}
+   NamedTable( const std::string& file, uint32_t capacity, const Record& first )
+      : SharedTable<Key, Record>( spec(), file, capacity, first ) {}
 };
 
 } // namespace Vexil

@@ -120,6 +120,8 @@ class EntityManager : public Entity {
    template<class Table>
    Ptr<Table> mountTable( const std::string& path, typename Table::Mode mode, uint32_t capacity );
 
+   // Lets a table that was attached otherwise have its bell rung with the others.
+   void ringAtEndOfTurn( Ptr<TableBase> table ) { written_.push_back( std::move( table ) ); }
    // Wakes the readers of every table written since the last time; the event loop does it at the
    // end of each turn.
    void ringBells();

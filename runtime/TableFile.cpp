@@ -230,7 +230,7 @@ void TableMapping::publish() {
 
 std::unique_ptr<TableMapping>
 TableMapping::forWriting( const std::string& path, const TableSpec& spec, uint32_t capacityOfNew ) {
-   while( true ) {
+   for( int attempt = 0; attempt < 100; ++attempt ) {
       std::unique_ptr<TableMapping> made( new TableMapping );
       made->path_ = path;
       made->fd_ = open( path.c_str(), O_RDWR | O_CLOEXEC );
@@ -261,6 +261,7 @@ TableMapping::forWriting( const std::string& path, const TableSpec& spec, uint32
       made->map( true );
       return made;
    }
+   fail( TableError::system, path, "is neither there nor can be made" ); // a link to nowhere, say
 }
 
 void TableMapping::ringBell() const {

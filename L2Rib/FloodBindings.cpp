@@ -1,0 +1,182 @@
+#include "L2Rib/FloodBindings.h"
+
+#include "L2Rib/L2RibTarn.h"
+
+#include <utility>
+#include <vector>
+
+namespace L2Rib {
+
+namespace {
+
+using Vexil::makeEntity;
+using Vexil::Ptr;
+
+bool sound( const FloodMember& member ) {
+   return member.triple.dest().key() == Util::destIdNotInTarn() &&
+          member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
+}
+
+constexpr uint32_t firstOutputCapacity = 4096;
+
+} // namespace
+
+SourceFloodBinding::SourceFloodBinding( Ptr<FloodMemberTable> table, Ptr<SourceDirEntry> entry )
+   : Reactor( table ), table_( std::move( table ) ), entry_( std::move( entry ) ) {
+   table_->forEach( [ this ]( const FloodMember& member ) { memberIs( member ); } );
+}
+
+void SourceFloodBinding::handleEntry( const FloodSetTriple& triple ) {
+   FloodMember member;
+   if( table_->get( triple, member ) )
+      memberIs( member );
+   else
+      memberDel( triple );
+}
+
+// Every member that the table has is named next; what is known and no longer there goes now.
+void SourceFloodBinding::handleOvertaken() {
+   std::vector<FloodSetTriple> known;
+   for( const auto& sets : entry_->vlanFloodSet() )
+      for( const auto& set : sets.value->floodSet() )
+         for( const auto& member : set.value->destSet() )
+            known.emplace_back( sets.key, set.key, member.key );
+   for( const FloodSetTriple& triple : known )
+      handleEntry( triple );
+}
+
+void SourceFloodBinding::memberIs( const FloodMember& member ) {
+   if( !sound( member ) ) {
+      table_->corruptionDetected( table_->path() + ": flood member " + member.triple.str() +
+                                  " has no known type, or a key of its own" );
+      return;
+   }
+   const auto set =
+      entry_->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
+   const bool otherType = set->floodSetType() != member.floodSetType;
+   set->floodSetTypeIs( member.floodSetType );
+   if( otherType ) // the output follows the type when a member is judged
+      set->destSetDel( member.triple.dest() );
+   set->destSetIs( member.triple.dest(), true );
+}
+
+void SourceFloodBinding::memberDel( const FloodSetTriple& triple ) {
+   const auto sets = entry_->vlanFloodSet( triple.vlan() );
+   const auto set = sets ? sets->floodSet( triple.mac() ) : nullptr;
+   if( !set )
+      return;
+   set->destSetDel( triple.dest() );
+   if( set->destSet().empty() )
+      sets->floodSetDel( triple.mac() );
+   if( sets->floodSet().empty() )
+      entry_->vlanFloodSetDel( triple.vlan() );
+}
+
+namespace {
+
+// Writes the flood output's members through to their table. One reactor a level, kept as long as
+// what it follows is there.
+class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
+ public:
+   FloodOutputBinding( const std::string& file, Ptr<FloodSetOutput> output )
+      : Reactor( nullptr ), members_( makeEntity<FloodMemberTable>(
+                               file, FloodMemberTable::Mode::write, firstOutputCapacity ) ),
+        source_(
+           makeEntity<FloodSourceTable>( file + "Source", FloodSourceTable::Mode::write, 1u ) ) {
+      members_->forEach( [ & ]( const FloodMember& member ) {
+         const auto set =
+            output->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
+         set->floodSetTypeIs( member.floodSetType );
+         set->destSetIs( member.triple.dest(), true );
+      } );
+      output->sourceIs( source_->get( 1 ).source );
+      notifierIs( output ); // from here on changes go the other way
+      for( const auto& sets : output->vlanFloodSet() )
+         handleVlanFloodSet( sets.key );
+   }
+
+   void handleSource() override {
+      [[maybe_unused]] const bool written = source_->set( { 1, notifier()->source() } );
+   }
+   void handleVlanFloodSet( const Bridging::VlanId& vlan ) override {
+      if( const auto sets = notifier()->vlanFloodSet( vlan ) )
+         vlans_.emplace( vlan, std::make_unique<Vlan>( sets, *this, vlan ) );
+      else
+         vlans_.erase( vlan );
+   }
+
+   const Ptr<FloodMemberTable>& members() const { return members_; }
+   const Ptr<FloodSourceTable>& source() const { return source_; }
+
+ private:
+   class Set : public Vexil::Reactor<FloodSet> {
+    public:
+      Set( Ptr<const FloodSet> set, FloodOutputBinding& binding, const Bridging::VlanId& vlan,
+           const Vexil::EthAddr& mac )
+         : Reactor( std::move( set ) ), binding_( binding ), vlan_( vlan ), mac_( mac ) {}
+      void handleDestSet( const Dest& dest ) override {
+         const FloodSetTriple triple( vlan_, mac_, dest );
+         if( notifier()->destSet( dest ) )
+            binding_.write( { triple, notifier()->floodSetType() } );
+         else
+            binding_.members_->erase( triple );
+      }
+      void handleFloodSetType() override {
+         for( const auto& member : notifier()->destSet() )
+            handleDestSet( member.key );
+      }
+
+    private:
+      FloodOutputBinding& binding_;
+      Bridging::VlanId vlan_;
+      Vexil::EthAddr mac_;
+   };
+
+   class Vlan : public Vexil::Reactor<VlanFloodSet> {
+    public:
+      Vlan( Ptr<const VlanFloodSet> sets, FloodOutputBinding& binding,
+            const Bridging::VlanId& vlan )
+         : Reactor( std::move( sets ) ), binding_( binding ), vlan_( vlan ) {
+         for( const auto& set : notifier()->floodSet() )
+            handleFloodSet( set.key );
+      }
+      void handleFloodSet( const Vexil::EthAddr& mac ) override {
+         if( const auto set = notifier()->floodSet( mac ) )
+            sets_.emplace( mac, std::make_unique<Set>( set, binding_, vlan_, mac ) );
+         else
+            sets_.erase( mac );
+      }
+
+    private:
+      FloodOutputBinding& binding_;
+      Bridging::VlanId vlan_;
+      Vexil::HashMap<Vexil::EthAddr, std::unique_ptr<Set>> sets_;
+   };
+
+   void write( const FloodMember& member ) {
+      if( members_->set( member ) )
+         return;
+      members_->capacityIs( members_->capacity() * 2 );
+      const bool written = members_->set( member );
+      VEXIL_ASSERT( written );
+   }
+
+   Ptr<FloodMemberTable> members_;
+   Ptr<FloodSourceTable> source_;
+   Vexil::HashMap<Bridging::VlanId, std::unique_ptr<Vlan>> vlans_;
+};
+
+} // namespace
+
+Vexil::Mounted mountFloodOutput( Vexil::EntityManager& manager, const std::string& path,
+                                 Vexil::MountMode ) {
+   const auto output = makeEntity<FloodSetOutput>();
+   if( manager.inMemory() )
+      return { output, nullptr };
+   const auto binding = std::make_shared<FloodOutputBinding>( manager.fileOf( path ), output );
+   manager.ringAtEndOfTurn( binding->members() );
+   manager.ringAtEndOfTurn( binding->source() );
+   return { output, binding };
+}
+
+} // namespace L2Rib

@@ -1,0 +1,213 @@
+// The merged flood sets: against a model, and across the tables that carry them.
+#include "L2Rib/Bindings.h"
+#include "L2Rib/FloodBindings.h"
+#include "tests/EngineLab.h"
+#include "tests/TestSupport.h"
+
+#include <functional>
+
+namespace L2Rib::Test {
+namespace {
+
+constexpr uint32_t a = 0x40, b = 0x100, c = 0x80000000;
+
+Dest member( uint64_t interface ) {
+   Dest made = intfDest( 0, interface );
+   made.keyIs( Util::destIdNotInTarn() );
+   return made;
+}
+
+void add( const Ptr<SourceDirEntry>& entry, uint32_t vlan, uint64_t mac, const Dest& dest,
+          FloodSetType type = floodSetTypeAny_ ) {
+   const auto set =
+      entry->vlanFloodSetIs( Bridging::VlanId( vlan ) )->floodSetIs( Vexil::EthAddr( mac ) );
+   set->floodSetTypeIs( type );
+   set->destSetIs( dest, true );
+}
+
+// "VLAN/MAC:interface" of each member.
+template<class Owner>
+std::set<std::string> members( const Owner& owner ) {
+   std::set<std::string> all;
+   for( const auto& sets : owner.vlanFloodSet() ) {
+      EXPECT_FALSE( sets.value->floodSet().empty() ) << "an empty VLAN " << sets.key;
+      for( const auto& set : sets.value->floodSet() ) {
+         EXPECT_FALSE( set.value->destSet().empty() ) << "an empty set " << sets.key;
+         for( const auto& found : set.value->destSet() )
+            all.insert( sets.key.str() + "/" + set.key.str() + ":" + found.key.str() );
+      }
+   }
+   return all;
+}
+
+TEST( FloodMerge, OutputIsTheUnionOfTheReadySources ) {
+   for( uint64_t stream = 0; stream < 6 && !HasFailure(); ++stream ) {
+      TestSupport::Random random( stream );
+      Lab lab;
+      lab.clock->tickIs( 0.0001 );
+      for( const auto& [ name, value ] :
+           std::map<std::string, uint32_t>{ { "red", a }, { "green", b }, { "blue", c } } )
+         lab.source( name, value );
+      for( int round = 0; round < 120; ++round ) {
+         // Now a slice for every member, now all in one.
+         lab.engine->floodReviewQuantumIs( random.percent( 70 ) ? 0 : 10 );
+         for( uint32_t changes = random.below( 30 ); changes > 0; --changes ) {
+            auto at = lab.sources.begin();
+            std::advance( at, random.below( 3 ) );
+            const auto entry = at->second.entry;
+            const uint32_t vlan = 1 + random.below( 4 );
+            const Bridging::VlanId vlanId( vlan );
+            const uint64_t mac = 1 + random.below( 3 );
+            const Dest dest = member( random.below( 6 ) );
+            const auto sets = entry->vlanFloodSet( vlanId );
+            const auto set = sets ? sets->floodSet( Vexil::EthAddr( mac ) ) : nullptr;
+            switch( random.below( 12 ) ) {
+            case 0:
+               entry->vlanFloodSetDel( vlanId ); // a whole VLAN at once
+               break;
+            case 1:
+               if( sets )
+                  sets->floodSetDel( Vexil::EthAddr( mac ) ); // a whole address at once
+               break;
+            case 2:
+            case 3:
+            case 4:
+               if( set )
+                  set->destSetDel( dest );
+               break;
+            case 5:
+               if( random.percent( 30 ) )
+                  entry->initializedIs( !entry->initialized() );
+               break;
+            default:
+               add( entry, vlan, mac, dest );
+            }
+            if( random.percent( 40 ) )
+               lab.turn();
+         }
+         lab.settle();
+         std::set<std::string> expected;
+         unsigned mask = 0;
+         for( const auto& [ name, source ] : lab.sources ) {
+            if( !source.entry->initialized() )
+               continue;
+            mask |= source.entry->source();
+            for( const auto& sets : source.entry->vlanFloodSet() )
+               for( const auto& set : sets.value->floodSet() )
+                  for( const auto& found : set.value->destSet() )
+                     expected.insert( sets.key.str() + "/" + set.key.str() + ":" +
+                                      found.key.str() );
+         }
+         EXPECT_EQ( expected, members( *lab.output.flood ) ) << "round " << round;
+         EXPECT_EQ( mask, lab.output.flood->source() );
+      }
+   }
+}
+
+TEST( FloodMerge, QuantumZeroHandlesOneMemberARun ) {
+   Lab lab;
+   lab.engine->floodReviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.0001 );
+   LabSource& source = lab.source( "one", a );
+   lab.settle();
+   for( uint64_t interface = 0; interface < 10; ++interface )
+      add( source.entry, 10, 1, member( interface ) );
+   for( size_t run = 1; run <= 10; ++run ) {
+      lab.turn();
+      EXPECT_EQ( run, members( *lab.output.flood ).size() );
+      EXPECT_EQ( run < 10, lab.engine->floodSetBookmarkValid() );
+   }
+}
+
+TEST( FloodMerge, MembersOfAVanishedSourceGoAfterTheHold ) {
+   Lab lab;
+   add( lab.source( "one", a ).entry, 10, 1, member( 1 ) );
+   add( lab.source( "two", b ).entry, 10, 1, member( 2 ) );
+   lab.settle();
+   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   lab.inputDir->entryDel( "one" );
+   lab.pass( 29 );
+   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   EXPECT_EQ( b, lab.output.flood->source() );
+   lab.pass( 2 );
+   EXPECT_EQ( 1u, members( *lab.output.flood ).size() );
+}
+
+TEST( FloodMergeDeath, BrokenMembersStopTheProcess ) {
+   const auto publish = []( const Dest& dest, FloodSetType type ) {
+      Lab lab;
+      add( lab.source( "one", a ).entry, 10, 1, dest, type );
+      lab.settle();
+   };
+   EXPECT_DEATH( publish( intfDest( 1, 1 ), floodSetTypeAny_ ),
+                 "dest.key\\(\\) == Util::destIdNotInTarn\\(\\)" );
+   EXPECT_DEATH( publish( member( 1 ), floodSetTypeInvalid_ ),
+                 "ifs->floodSetType\\(\\) != floodSetTypeInvalid_" );
+}
+
+// --- across process borders --------------------------------------------------------------------
+
+FloodMember record( uint32_t vlan, uint64_t mac, uint64_t interface,
+                    FloodSetType type = floodSetTypeAny_ ) {
+   return { FloodSetTriple( Bridging::VlanId( vlan ), Vexil::EthAddr( mac ), member( interface ) ),
+            type };
+}
+
+TEST( FloodBinding, SourceTableFillsTheEntry ) {
+   const auto table = makeEntity<FloodMemberTable>( 64u );
+   const auto entry = makeEntity<SourceDirEntry>( "one" );
+   ASSERT_TRUE( table->set( record( 10, 1, 1 ) ) );
+   SourceFloodBinding binding( table, entry );
+   ASSERT_TRUE( table->set( record( 10, 2, 1 ) ) );
+   ASSERT_TRUE( table->set( record( 20, 1, 1 ) ) );
+   EXPECT_EQ( 3u, members( *entry ).size() );
+   ASSERT_TRUE( table->set( record( 10, 2, 1, floodSetTypeIntf_ ) ) );
+   EXPECT_EQ( floodSetTypeIntf_, entry->vlanFloodSet( Bridging::VlanId( 10 ) )
+                                    ->floodSet( Vexil::EthAddr( uint64_t( 2 ) ) )
+                                    ->floodSetType() );
+   ASSERT_TRUE( table->set( record( 30, 1, 1, FloodSetType( 77 ) ) ) );
+   FloodMember keyed = record( 30, 1, 2 );
+   keyed.triple = FloodSetTriple( Bridging::VlanId( 30 ), Vexil::EthAddr(), intfDest( 5, 1 ) );
+   ASSERT_TRUE( table->set( keyed ) );
+   EXPECT_EQ( 3u, members( *entry ).size() ) << "corrupt records are left out";
+   EXPECT_EQ( 2u, table->corruptions() );
+   table->eraseAll();
+   EXPECT_TRUE( members( *entry ).empty() );
+}
+
+TEST( FloodBinding, OutputOutlivesItsWriterAndGrows ) {
+   TestSupport::TemporaryFolder folder;
+   const std::string directory = folder.file( "state" );
+   const auto mounted = [ & ]( Vexil::ActivityManager& loop, const auto& use ) {
+      const auto manager = makeEntity<Vexil::EntityManager>( loop, directory );
+      const auto mount = mountFloodOutput( *manager, "flood", Vexil::MountMode::write );
+      use( *dynamic_cast<FloodSetOutput*>( mount.entity.get() ) );
+      manager->ringBells();
+   };
+   std::set<std::string> written;
+   Vexil::ActivityManager loop;
+   mounted( loop, [ & ]( FloodSetOutput& output ) {
+      output.sourceIs( a | b );
+      for( uint64_t interface = 0; interface < 5000; ++interface ) {
+         const auto set = output.vlanFloodSetIs( Bridging::VlanId( 1 + interface % 7 ) )
+                             ->floodSetIs( Vexil::EthAddr( interface % 3 ) );
+         set->floodSetTypeIs( floodSetTypeVxlan_ );
+         set->destSetIs( member( interface ), true );
+      }
+      output.vlanFloodSetDel( Bridging::VlanId( 3 ) );
+      output.vlanFloodSetIs( Bridging::VlanId( 4 ) )
+         ->floodSetDel( Vexil::EthAddr( uint64_t( 1 ) ) );
+      written = members( output );
+   } );
+   mounted( loop, [ & ]( FloodSetOutput& output ) {
+      EXPECT_EQ( written, members( output ) );
+      EXPECT_EQ( a | b, output.source() );
+      output.vlanFloodSet( Bridging::VlanId( 1 ) )->clear();
+      output.vlanFloodSetDel( Bridging::VlanId( 1 ) );
+      written = members( output );
+   } );
+   mounted( loop, [ & ]( FloodSetOutput& output ) { EXPECT_EQ( written, members( output ) ); } );
+}
+
+} // namespace
+} // namespace L2Rib::Test
