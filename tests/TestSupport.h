@@ -1,5 +1,5 @@
-// What tests share: random choices that can be replayed, a private folder, and waiting for a
-// condition with a deadline.
+// What tests share: random choices that can be replayed, a private folder, files as strings, and
+// waiting for a condition with a deadline.
 #pragma once
 
 #include <chrono>
@@ -30,7 +30,6 @@ inline uint64_t seed() {
 class Random {
  public:
    explicit Random( uint64_t stream = 0 ) : engine_( seed() + stream ) {}
-   uint64_t number() { return engine_(); }
    // 0 to limit - 1
    uint32_t below( uint64_t limit ) { return static_cast<uint32_t>( engine_() % limit ); }
    bool percent( unsigned chance ) { return below( 100 ) < chance; }

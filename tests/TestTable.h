@@ -27,18 +27,18 @@ struct Key {
 struct Record {
    Key key;
    uint32_t serial;
-   std::array<uint32_t, 23> words;
+   std::array<uint32_t, 15> words;
 
    static Record of( uint32_t number, uint32_t serial ) {
       Record record{ { number }, serial, {} };
-      for( uint32_t i = 0; i < record.words.size(); ++i )
-         record.words[ i ] = static_cast<uint32_t>(
-            mix64( hashCombine( number, uint64_t( serial ) << 8 | i ) ) );
+      uint64_t hash = hashCombine( number, serial );
+      for( uint32_t& word : record.words )
+         word = static_cast<uint32_t>( hash = mix64( hash + 1 ) );
       return record;
    }
    bool whole() const { return words == of( key.number, serial ).words; }
 };
-static_assert( sizeof( Record ) == 100 );
+static_assert( sizeof( Record ) == 68 );
 
 constexpr TableSpec spec{ "TestRecord", "record", sizeof( Key ), sizeof( Record ) };
 using Table = SharedTable<Key, Record>;
@@ -50,26 +50,35 @@ inline Ptr<Table> written( const std::string& path, uint32_t capacity ) {
 inline Ptr<Table> read( const std::string& path ) {
    return makeEntity<Table>( spec, path, Table::Mode::read );
 }
-
-inline Contents contentsOf( const Table& table ) {
+template<class Reader>
+Contents contentsOf( const Reader& table ) {
    Contents contents;
-   table.forEach( [ & ]( const Record& record ) { contents[ record.key.number ] = record.serial; } );
+   table.forEach(
+      [ & ]( const Record& record ) { contents[ record.key.number ] = record.serial; } );
    return contents;
+}
+// Brings the entry of one key up to date.
+template<class Reader>
+void refresh( Contents& contents, const Reader& table, uint32_t number ) {
+   Record record;
+   if( table.get( { number }, record ) )
+      contents[ number ] = record.serial;
+   else
+      contents.erase( number );
 }
 
 // Follows a table and remembers it.
 class Mirror : public Reactor<Table> {
  public:
-   explicit Mirror( const Ptr<Table>& table ) : Reactor<Table>( table ), table_( *table ) {
-      table->forEach( [ & ]( const Record& record ) { examine( record.key ); } );
-   }
+   explicit Mirror( const Ptr<Table>& table )
+      : Reactor<Table>( table ), contents( contentsOf( *table ) ), table_( *table ) {}
    void handleEntry( const Key& key ) override {
       ++told;
-      examine( key );
+      refresh( contents, table_, key.number );
    }
    void handleOvertaken() override {
       for( const auto& [ number, serial ] : Contents( contents ) )
-         examine( { number } );
+         refresh( contents, table_, number );
    }
    // Polls to the end, on a clock that gives each call no more than one batch.
    void follow() {
@@ -82,13 +91,6 @@ class Mirror : public Reactor<Table> {
    uint64_t told = 0; // changes
 
  private:
-   void examine( const Key& key ) {
-      Record record;
-      if( notifier()->get( key, record ) )
-         contents[ key.number ] = record.serial;
-      else
-         contents.erase( key.number );
-   }
    Table& table_;
 };
 
@@ -99,7 +101,6 @@ class Mirror : public Reactor<Table> {
 class Ledger {
  public:
    static constexpr uint32_t keys = 300;
-   static constexpr uint32_t gone = 1u << 31;
 
    // So many were begun; also the serial number of the last one.
    uint32_t operations() const { return serial_; }
@@ -112,6 +113,14 @@ class Ledger {
       const uint64_t promise = promises_[ number ];
       const uint64_t value = done ? after( promise ) : before( promise );
       promises_[ number ] = value << 32 | value;
+   }
+   // Takes what the table has for the outcome of the operation under way.
+   void settleAs( const Table& table ) {
+      for( uint32_t number = 0; number < keys; ++number ) {
+         Record record;
+         const bool found = table.get( { number }, record );
+         settle( number, matches( after( promises_[ number ] ), found, record ) );
+      }
    }
 
    // The writer's operations; false when the table refuses.
@@ -132,8 +141,7 @@ class Ledger {
    // One of them; false when the table does not answer as it must.
    template<class Writer>
    bool operate( Writer& table, uint32_t number, Random& random ) {
-      const uint32_t value = after( promises_[ number ] );
-      const bool present = value != 0 && !( value & gone );
+      const bool present = !absent( after( promises_[ number ] ) );
       if( random.percent( 45 ) )
          return erase( table, number ) == present;
       const bool full = table.count() == table.capacity();
@@ -161,12 +169,12 @@ class Ledger {
       std::array<Record, keys> met;
       std::string wrong;
       table.forEach( [ & ]( const Record& record ) {
-         if( record.key.number >= keys || !record.whole() ) {
+         if( record.key.number < keys && record.whole() ) {
+            ++visits[ record.key.number ];
+            met[ record.key.number ] = record;
+         } else {
             wrong = "torn: key " + std::to_string( record.key.number );
-            return;
          }
-         ++visits[ record.key.number ];
-         met[ record.key.number ] = record;
       } );
       for( uint32_t number = 0; number < keys && wrong.empty(); ++number )
          if( promises_[ number ] == promises[ number ] )
@@ -181,32 +189,23 @@ class Ledger {
       return wrong;
    }
 
-   // Takes what the table has for the outcome of the operation under way.
-   void settleAs( const Table& table ) {
-      for( uint32_t number = 0; number < keys; ++number ) {
-         Record record;
-         const bool found = table.get( { number }, record );
-         settle( number, matches( after( promises_[ number ] ), found, record ) );
-      }
-   }
-
  private:
+   static constexpr uint32_t gone = 1u << 31;
+
    static uint32_t before( uint64_t promise ) { return static_cast<uint32_t>( promise >> 32 ); }
    static uint32_t after( uint64_t promise ) { return static_cast<uint32_t>( promise ); }
+   static bool absent( uint32_t value ) { return value == 0 || ( value & gone ); }
    static bool matches( uint32_t value, bool found, const Record& record ) {
-      return found ? record.serial == value : value == 0 || ( value & gone );
+      return found ? record.serial == value : absent( value );
    }
    static std::string judged( uint32_t number, uint64_t promise, unsigned visits,
                               const Record& record ) {
-      const bool found = visits > 0;
-      const bool right = matches( before( promise ), found, record ) ||
-                         matches( after( promise ), found, record );
-      if( right && visits <= 1 )
+      if( visits <= 1 && ( matches( before( promise ), visits > 0, record ) ||
+                           matches( after( promise ), visits > 0, record ) ) )
          return "";
       return "key " + std::to_string( number ) + " was " + std::to_string( before( promise ) ) +
-             " becomes " + std::to_string( after( promise ) ) + ", met " +
-             std::to_string( visits ) + " times with " +
-             ( found ? std::to_string( record.serial ) : "nothing" );
+             ", becomes " + std::to_string( after( promise ) ) + ", was met " +
+             std::to_string( visits ) + " times, with " + std::to_string( record.serial );
    }
 
    std::array<std::atomic<uint64_t>, keys> promises_{};

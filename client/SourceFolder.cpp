@@ -1,0 +1,108 @@
+#include "client/SourceFolder.h"
+
+#include "L2Rib/L2RibTarn.h"
+#include "runtime/TableFile.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/file.h>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+namespace L2Rib::Client {
+
+namespace {
+
+std::vector<std::filesystem::path> filesIn( const std::string& folder ) {
+   std::vector<std::filesystem::path> found;
+   std::error_code absent;
+   for( const auto& file : std::filesystem::directory_iterator( folder, absent ) )
+      found.push_back( file.path() );
+   return found;
+}
+
+bool hidden( const std::filesystem::path& file ) {
+   return file.filename().string().starts_with( '.' );
+}
+
+} // namespace
+
+std::string SourceFolder::entryFile( const std::string& name ) const {
+   return fileOf( Path::inputDir ) + "/" + name;
+}
+
+std::string SourceFolder::tablePath( const std::string& name, const std::string& table ) {
+   return "bridging/l2Rib/input/" + name + ( table.empty() ? "" : "/" + table );
+}
+
+std::map<std::string, SourceFolder::Published> SourceFolder::sources() const {
+   std::map<std::string, Published> found;
+   for( const auto& file : filesIn( fileOf( Path::inputDir ) ) ) {
+      if( hidden( file ) )
+         continue;
+      const std::string name = file.filename();
+      Published source;
+      try {
+         const SourceEntryTable entry( file, SourceEntryTable::Mode::read );
+         source.readable =
+            entry.get( SourceName::of( name ).value_or( SourceName() ), source.record );
+      } catch( const Vexil::TableError& failure ) {
+         if( failure.kind() == Vexil::TableError::absent )
+            continue; // it has gone meanwhile
+      }
+      found[ name ] = source;
+   }
+   return found;
+}
+
+bool SourceFolder::published( const std::string& name ) const {
+   std::error_code unknown;
+   return std::filesystem::exists( entryFile( name ), unknown );
+}
+
+bool SourceFolder::running( const std::string& name ) const {
+   if( Vexil::tableHasWriter( entryFile( name ) ) )
+      return true;
+   for( const auto& file : filesIn( tableFolder( name ) ) )
+      if( Vexil::tableHasWriter( file ) )
+         return true;
+   return false;
+}
+
+SourceFolder::Lock::Lock( const SourceFolder& folder ) {
+   const std::string file = folder.fileOf( "bridging/l2Rib/.sources.lock" );
+   Vexil::makeFoldersFor( file );
+   fd_ = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
+   int locked = -1;
+   if( fd_ >= 0 )
+      do
+         locked = flock( fd_, LOCK_EX );
+      while( locked != 0 && errno == EINTR );
+   if( locked != 0 ) {
+      const std::string reason = std::strerror( errno );
+      if( fd_ >= 0 )
+         close( fd_ );
+      throw Vexil::TableError( Vexil::TableError::system, file + ": locking: " + reason );
+   }
+}
+
+SourceFolder::Lock::~Lock() { close( fd_ ); }
+
+void SourceFolder::remove( const std::string& name ) const {
+   std::error_code absent;
+   std::filesystem::remove( entryFile( name ), absent );
+   std::filesystem::remove_all( tableFolder( name ), absent );
+}
+
+void SourceFolder::removeUnpublished( const std::string& name ) const {
+   std::error_code absent;
+   for( const std::string& folder : { fileOf( Path::inputDir ), tableFolder( name ) } )
+      for( const auto& file : filesIn( folder ) )
+         if( hidden( file ) && file.extension() == ".new" && !Vexil::tableHasWriter( file ) )
+            std::filesystem::remove( file, absent );
+}
+
+} // namespace L2Rib::Client

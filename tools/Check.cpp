@@ -1,0 +1,136 @@
+// l2ribctl check: whether the output tables keep their invariants.
+#include "L2Rib/Status.h"
+#include "tools/OutputGraph.h"
+#include "tools/Show.h"
+
+#include <iostream>
+#include <map>
+
+namespace Tools {
+
+using namespace L2Rib;
+
+namespace {
+
+class Check {
+ public:
+   Check( const OutputGraph& graph, const PolicySmStatusRecord& ids )
+      : graph_( graph ), ids_( ids ) {}
+
+   // One line a fault.
+   const std::vector<std::string>& faults() {
+      checkHosts();
+      for( const auto& [ id, row ] : graph_.dests )
+         checkObject( row, ObjTuple( id ), ids_.maxDestId );
+      for( const auto& [ id, row ] : graph_.groups ) {
+         checkObject( row, ObjTuple( id ), ids_.maxLbId );
+         if( row.lb().nexts() == 0 || row.lb().nexts() > EcmpIndex::max + 1 )
+            fault( ObjTuple( id ), "has " + std::to_string( row.lb().nexts() ) + " nexts" );
+      }
+      for( const auto& [ id, row ] : graph_.labels ) {
+         checkObject( row, ObjTuple( id ), ids_.maxLabelId );
+         if( !row.label().label().valid() )
+            fault( ObjTuple( id ), "pushes a label past 20 bits" );
+      }
+      checkUse();
+      return faults_;
+   }
+
+ private:
+   template<class Subject>
+   void fault( const Subject& subject, const std::string& what ) {
+      faults_.push_back( subject.str() + " " + what );
+   }
+
+   void checkNext( const std::string& user, const ObjTuple& next ) {
+      if( !graph_.has( next ) )
+         faults_.push_back( user + " points to " + next.str() + ", which is not there" );
+   }
+
+   void checkHosts() {
+      for( const HostAndSource& row : graph_.hosts ) {
+         const std::string subject = "host " + row.key().str();
+         if( row.host().key() != row.key() )
+            faults_.push_back( subject + " holds the host " + row.host().key().str() );
+         if( !isSingleBit( row.source() ) )
+            faults_.push_back( subject + " has the source " + sourceStr( row.source() ) +
+                               ", which is no single bit" );
+         const CiDest& dest = row.host().ciDest();
+         if( row.next() != Util::objTupleInvalid() ) {
+            checkNext( subject, row.next() );
+            if( dest != CiDest() )
+               faults_.push_back( subject + " has both a next and an inline destination" );
+         } else if( dest.destType() != destTypeDefault_ && dest.destType() != destTypeVxlan_ ) {
+            faults_.push_back( subject + " has an inline destination of no known type" );
+         } else if( dest.vtepCount() > CiVtepIndex::max + 1 ||
+                    ( dest.vtepCount() == 2 && !( dest.vteps()[ 0 ] < dest.vteps()[ 1 ] ) ) ) {
+            faults_.push_back( subject + " has VTEPs that are too many or out of order" );
+         }
+      }
+   }
+
+   // What holds of every kind of object.
+   template<class Row, class Id>
+   void checkObject( const Row& row, const ObjTuple& object, Id maxId ) {
+      if( object.objId().value() == 0 || object.objId().value() > maxId.value() )
+         fault( object, "has an id that was never given: the highest is " + maxId.str() );
+      const ObjTupleAndSource& input = row.sourceOtas();
+      if( input.tableType() != object.tableType() || !isSingleBit( input.source() ) )
+         fault( object, "is the copy of something else: " + input.str() );
+      const auto [ first, fresh ] = copies_.emplace( input, object );
+      if( !fresh )
+         fault( object, "and " + first->second.str() + " are copies of the same " + input.str() );
+      for( const ObjTuple& next : graph_.nextsOf( object ) )
+         checkNext( object.str(), next );
+   }
+
+   void checkUse() {
+      std::vector<ObjTuple> starts;
+      for( const HostAndSource& row : graph_.hosts )
+         starts.push_back( row.next() );
+      const std::set<ObjTuple> reached = graph_.reachedFrom( starts );
+      for( const auto& [ input, object ] : copies_ )
+         if( !reached.contains( object ) )
+            fault( object, "is not reached from any host" );
+   }
+
+   const OutputGraph& graph_;
+   PolicySmStatusRecord ids_;
+   std::map<ObjTupleAndSource, ObjTuple> copies_;
+   std::vector<std::string> faults_;
+};
+
+int check( const Context& context ) {
+   const Client::OutputReader output( context.stateDirectory );
+   requireOutput( output, context );
+   const OutputGraph graph( output );
+   if( !graph.stoodStill ) {
+      complain( "the output never stood still: 'l2ribctl settle' waits until it does" );
+      return answerIsNo;
+   }
+   // After the rows: an id is noted here before a row has it.
+   const PolicySmStatusTable ids( context.fileOf( Path::policySmStatus ),
+                                  PolicySmStatusTable::Mode::read );
+   Check check( graph, ids.get( SingleKey() ) );
+   const auto& faults = check.faults();
+   for( const std::string& fault : faults )
+      std::cout << fault << '\n';
+   if( !faults.empty() ) {
+      complain( std::to_string( faults.size() ) + " faults in the output" );
+      return answerIsNo;
+   }
+   std::cout << "no faults: " << graph.hosts.size() << " hosts, " << graph.dests.size()
+             << " dests, " << graph.groups.size() << " groups, " << graph.labels.size()
+             << " labels\n";
+   return done;
+}
+
+} // namespace
+
+void addCheck( CLI::App& app, Context& context ) {
+   CLI::App* const command = app.add_subcommand( "check", "whether the output is consistent" );
+   command->callback(
+      [ &context ] { context.command = [ &context ] { return check( context ); }; } );
+}
+
+} // namespace Tools

@@ -1,0 +1,86 @@
+// l2ribctl graph: the output objects and who points to whom, in the language of Graphviz.
+#include "tools/OutputGraph.h"
+#include "tools/Show.h"
+
+#include <iostream>
+#include <memory>
+#include <optional>
+
+namespace Tools {
+
+using namespace L2Rib;
+
+namespace {
+
+// What a node of an object says.
+std::string labelOf( const OutputGraph& graph, const ObjTuple& object ) {
+   std::string label = object.str();
+   if( !graph.has( object ) )
+      return label + "\\n(not there)";
+   if( object.tableType() == tableTypeLabel_ )
+      label += "\\npush " + graph.labels.at( object.labelId() ).label().label().str();
+   if( object.tableType() == tableTypeDest_ ) {
+      const Json dest = toJson( graph.dests.at( object.destId() ).dest() );
+      for( const auto& [ kind, data ] : dest.items() ) {
+         label += "\\n" + kind;
+         if( data.is_object() )
+            for( const auto& [ key, value ] : data.items() )
+               label += " " + ( value.is_string() ? value.get<std::string>() : text( value ) );
+      }
+   }
+   return label;
+}
+
+int graph( const Context& context, const std::string& mac, std::optional<uint32_t> vlan ) {
+   std::optional<Vexil::EthAddr> address;
+   if( !mac.empty() && !( address = Vexil::EthAddr::parse( mac ) ) ) {
+      complain( "--mac " + mac + "; right would be such as 02:00:00:00:00:01" );
+      return badUsage;
+   }
+   const Client::OutputReader output( context.stateDirectory );
+   requireOutput( output, context );
+   const OutputGraph graph( output );
+   std::cout << "digraph output {\n   rankdir=LR;\n";
+   std::vector<ObjTuple> starts;
+   for( const HostAndSource& row : graph.hosts ) {
+      if( ( address && row.key().mac() != *address ) ||
+          ( vlan && row.key().vlan().value() != *vlan ) )
+         continue;
+      const std::string node = "\"" + row.key().str() + "\"";
+      const bool isInline = row.next() == Util::objTupleInvalid();
+      std::cout << "   " << node << " [shape=box";
+      if( isInline )
+         std::cout << ",label=\"" << row.key() << "\\n" << row.host().ciDest() << "\"";
+      std::cout << "];\n";
+      if( isInline )
+         continue;
+      std::cout << "   " << node << " -> \"" << row.next() << "\";\n";
+      starts.push_back( row.next() );
+   }
+   for( const ObjTuple& object : graph.reachedFrom( starts ) ) {
+      std::cout << "   \"" << object << "\" [label=\"" << labelOf( graph, object ) << "\"];\n";
+      for( const ObjTuple& next : graph.nextsOf( object ) )
+         std::cout << "   \"" << object << "\" -> \"" << next << "\";\n";
+   }
+   std::cout << "}\n";
+   return done;
+}
+
+} // namespace
+
+void addGraph( CLI::App& app, Context& context ) {
+   struct Given {
+      std::string mac;
+      std::optional<uint32_t> vlan;
+   };
+   const auto given = std::make_shared<Given>();
+   CLI::App* const command =
+      app.add_subcommand( "graph", "who points to whom in the output, as Graphviz DOT" );
+   command->add_option( "--mac", given->mac, "only from hosts with this MAC address" );
+   command->add_option( "--vlan", given->vlan, "only from hosts of this VLAN" );
+   command->callback( [ &context, given ] {
+      context.command = [ &context, given ] { return graph( context, given->mac, given->vlan ); };
+   } );
+}
+
+} // namespace Tools

@@ -1,0 +1,146 @@
+#include "tools/Operations.h"
+
+#include "tools/Json.h"
+
+#include <map>
+#include <string>
+
+namespace Tools {
+
+using namespace L2Rib;
+using Client::Rejection;
+using Client::SourcePublisher;
+
+namespace {
+
+// What one operation does: reads all its fields first, then acts.
+using Operation = Rejection ( * )( Fields&, SourcePublisher& );
+
+template<class Value, class Act>
+Rejection closed( Fields& fields, const Value& value, Act act ) {
+   fields.close();
+   return act( value );
+}
+
+const std::map<std::string, Operation, std::less<>>& operations() {
+   static const std::map<std::string, Operation, std::less<>> all{
+      { "host",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, hostFrom( fields ),
+                          [ & ]( const Host& host ) { return source.hostIs( host ); } );
+        } },
+      { "hostDel",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, keyFrom( fields ),
+                          [ & ]( const auto& key ) { return source.hostDel( key ); } );
+        } },
+      { "dest",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, destFrom( fields, DestId( fields.number( "id" ) ) ),
+                          [ & ]( const Dest& dest ) { return source.destIs( dest ); } );
+        } },
+      { "destDel",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, DestId( fields.number( "id" ) ),
+                          [ & ]( DestId id ) { return source.destDel( id ); } );
+        } },
+      { "lb",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, lbFrom( fields ),
+                          [ & ]( const LoadBalance& lb ) { return source.lbIs( lb ); } );
+        } },
+      { "lbDel",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, LoadBalanceId( fields.number( "id" ) ),
+                          [ & ]( LoadBalanceId id ) { return source.lbDel( id ); } );
+        } },
+      { "label",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, labelFrom( fields ),
+                          [ & ]( const Label& label ) { return source.labelIs( label ); } );
+        } },
+      { "labelDel",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, LabelId( fields.number( "id" ) ),
+                          [ & ]( LabelId id ) { return source.labelDel( id ); } );
+        } },
+      { "flood",
+        []( Fields& fields, SourcePublisher& source ) {
+           const std::string type = fields.text( "type" );
+           const auto parsed = floodSetTypeParse( type );
+           if( !parsed )
+              throw BadInput( "flood: \"type\" is " + text( type ) +
+                              "; right would be \"vxlan\", \"intf\" or \"any\"" );
+           return closed( fields, FloodMember{ floodTripleFrom( fields ), *parsed },
+                          [ & ]( const FloodMember& member ) { return source.floodIs( member ); } );
+        } },
+      { "floodDel",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, floodTripleFrom( fields ), [ & ]( const FloodSetTriple& triple ) {
+              return source.floodDel( triple );
+           } );
+        } },
+      { "initialized",
+        []( Fields& fields, SourcePublisher& source ) {
+           return closed( fields, fields.boolean( "value" ), [ & ]( bool value ) {
+              source.initializedIs( value );
+              return Rejection();
+           } );
+        } },
+      { "clear",
+        []( Fields& fields, SourcePublisher& source ) {
+           fields.close();
+           source.clear();
+           return Rejection();
+        } },
+      { "begin",
+        []( Fields& fields, SourcePublisher& source ) {
+           fields.close();
+           return source.begin();
+        } },
+      { "end",
+        []( Fields& fields, SourcePublisher& source ) {
+           fields.close();
+           return source.end();
+        } },
+   };
+   return all;
+}
+
+std::string operationNames() {
+   std::string names;
+   for( const auto& [ name, operation ] : operations() )
+      names += name + ", ";
+   return names + "sync";
+}
+
+} // namespace
+
+Rejection Operations::carryOut( std::string_view line ) {
+   try {
+      const Json json = Json::parse( line );
+      const std::string name = Fields( json, "the line" ).text( "op" );
+      Fields fields( json, name );
+      fields.any( "op" );
+      if( name == "sync" ) {
+         fields.close();
+         source_.flush();
+         answer_( done_ );
+         return {};
+      }
+      const auto operation = operations().find( name );
+      if( operation == operations().end() )
+         return "unknown op " + text( name ) + "; right would be one of " + operationNames();
+      const Rejection bad = operation->second( fields, source_ );
+      if( !bad )
+         ++done_;
+      return bad ? name + ": " + *bad : bad;
+   } catch( const Json::parse_error& error ) {
+      return "not valid JSON at character " + std::to_string( error.byte ) +
+             "; right would be one object a line, such as {\"op\":\"sync\"}";
+   } catch( const BadInput& error ) {
+      return error.what();
+   }
+}
+
+} // namespace Tools

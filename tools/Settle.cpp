@@ -1,0 +1,158 @@
+// l2ribctl settle: waits until the agent has worked off what was published before the call.
+//
+// For each table of each source the head of its journal is noted at the start. The agent tells in
+// its status tables how far it has read each file, and how long its work lists are: when it has
+// read up to those heads and the lists are empty, all of it is in the output. The figures of the
+// sources are read before those of the lists, because the agent writes them in that order.
+#include "L2Rib/L2RibTarn.h"
+#include "L2Rib/Status.h"
+#include "engine/RestartState.h"
+#include "runtime/FileWatcher.h"
+#include "tools/Commands.h"
+#include "tools/SourceTables.h"
+
+#include <map>
+#include <memory>
+#include <sstream>
+
+namespace Tools {
+
+using namespace L2Rib;
+using Vexil::Ptr;
+
+namespace {
+
+class Settling {
+ public:
+   explicit Settling( const Context& context )
+      : context_( context ), sources_( context.sources() ), watcher_( loop_ ) {
+      Vexil::makeFoldersFor( context.fileOf( Path::agentStatus ) );
+      watcher_.watchFolder( context.fileOf( "bridging/l2Rib" ),
+                            [ this ]( const std::string& ) { attach(); } );
+      Vexil::makeFoldersFor( context.fileOf( Path::inputDir ) + "/" );
+      watcher_.watchFolder( context.fileOf( Path::inputDir ), []( const std::string& ) {} );
+      attach();
+      for( const auto& [ name, source ] : sources_.sources() ) {
+         atCall_[ name ] = source.readable;
+         const SourceTables tables( context_, source.record );
+         noteHead( tables.host );
+         noteHead( tables.lb );
+         noteHead( tables.label );
+         noteHead( tables.dest );
+      }
+   }
+
+   // What is still to be waited for when the time is over; empty when all is settled.
+   std::string waitFor( Vexil::Seconds timeout ) {
+      const Vexil::Seconds deadline = loop_.clock()->now() + timeout;
+      std::string missing;
+      while( !( missing = unsettled() ).empty() && loop_.clock()->now() < deadline )
+         loop_.turn( deadline - loop_.clock()->now() );
+      return missing;
+   }
+
+ private:
+   void attach() {
+      const auto follow = [ this ]<class Table>( Ptr<Table>& table, const char* path ) {
+         const auto found = readable<Table>( context_.fileOf( path ) );
+         if( !found || ( table && table->tableId() == found->tableId() ) )
+            return;
+         table = found;
+         watcher_.follow( table );
+      };
+      follow( agent_, Path::agentStatus );
+      follow( statuses_, Path::sourceStatus );
+   }
+
+   // The head that the agent has to reach in this file: the one when it was first seen.
+   template<class Table>
+   uint64_t noteHead( const Ptr<Table>& table ) {
+      return table ? heads_.emplace( table->tableId(), table->journalHead() ).first->second : 0;
+   }
+
+   template<class Table>
+   bool hasRead( const ReadMark& mark, const Ptr<Table>& table ) {
+      const uint64_t head = noteHead( table );
+      return !table || ( mark.tableId.value() == table->tableId() && mark.cursor.value() >= head );
+   }
+
+   std::string unsettledSource( const std::string& name, const SourceEntryRecord& entry ) {
+      SourceStatusRecord status;
+      if( !statuses_->get( entry.name, status ) || status.source != entry.source )
+         return "the agent to meet source " + name;
+      if( ( status.ready != 0 ) != ( entry.initialized != 0 ) )
+         return "the agent to see source " + name +
+                ( entry.initialized ? " initialized" : " not initialized" );
+      if( !entry.initialized )
+         return {};
+      const SourceTables tables( context_, entry );
+      if( !hasRead( status.host, tables.host ) || !hasRead( status.lb, tables.lb ) ||
+          !hasRead( status.label, tables.label ) || !hasRead( status.dest, tables.dest ) )
+         return "the agent to read the tables of source " + name;
+      return {};
+   }
+
+   std::string unsettled() {
+      if( !agent_ || !statuses_ || !Vexil::tableHasWriter( agent_->path() ) )
+         return "an agent to run on " + context_.stateDirectory;
+      const auto published = sources_.sources();
+      for( const auto& [ name, source ] : published )
+         if( atCall_.contains( name ) && source.readable )
+            if( const std::string missing = unsettledSource( name, source.record );
+                !missing.empty() )
+               return missing;
+      std::string missing;
+      statuses_->forEach( [ & ]( const SourceStatusRecord& status ) {
+         const std::string name = status.name.str();
+         if( name != "static" && !published.contains( name ) )
+            missing = "the agent to see that source " + name + " has gone";
+      } );
+      if( !missing.empty() )
+         return missing;
+
+      const AgentStatusRecord figures = agent_->get( SingleKey() );
+      if( figures.restartState != running_ )
+         return "the agent to finish its restart";
+      std::ostringstream left;
+      const auto waiting = [ & ]( uint64_t count, const char* what ) {
+         if( count != 0 )
+            left << ( left.str().empty() ? "the agent to work off " : ", " ) << count << what;
+      };
+      waiting( figures.hostList.value(), " hosts" );
+      waiting( figures.otasList.value(), " objects" );
+      waiting( figures.floodSetBacklog.value(), " flood set members" );
+      waiting( figures.withdrawalChecks.value(), " withdrawal checks" );
+      return left.str();
+   }
+
+   const Context& context_;
+   Client::SourceFolder sources_;
+   Vexil::ActivityManager loop_;
+   Vexil::FileWatcher watcher_;
+   Ptr<AgentStatusTable> agent_;
+   Ptr<SourceStatusTable> statuses_;
+   std::map<std::string, bool> atCall_; // the sources when the call was made
+   std::map<uint64_t, uint64_t> heads_; // by the tables' ids
+};
+
+} // namespace
+
+void addSettle( CLI::App& app, Context& context ) {
+   CLI::App* const command =
+      app.add_subcommand( "settle", "wait until the agent has worked off what was published" );
+   const auto timeout = std::make_shared<double>( 30 );
+   command->add_option( "--timeout", *timeout, "seconds" )
+      ->check( CLI::Range( 0.0, 1e9 ) )
+      ->capture_default_str();
+   command->callback( [ &context, timeout ] {
+      context.command = [ &context, timeout ] {
+         const std::string missing = Settling( context ).waitFor( *timeout );
+         if( missing.empty() )
+            return done;
+         complain( "not settled in time: still waiting for " + missing );
+         return answerIsNo;
+      };
+   } );
+}
+
+} // namespace Tools

@@ -1,0 +1,268 @@
+// l2ribctl show: the output tables, the sources and the agent's status.
+#include "tools/Show.h"
+
+#include "L2Rib/Status.h"
+#include "engine/RestartState.h"
+#include "tools/SourceTables.h"
+#include "tools/TextTable.h"
+
+#include <ctime>
+#include <iostream>
+#include <memory>
+#include <optional>
+
+namespace Tools {
+
+using namespace L2Rib;
+using Client::OutputReader;
+
+// --- what other commands use too
+
+SourceNames::SourceNames( const Context& context ) : names_{ { sourceStatic_, "static" } } {
+   for( const auto& [ name, source ] : context.sources().sources() )
+      if( source.readable )
+         names_[ source.record.source ] = name;
+}
+
+Json SourceNames::of( Source source ) const {
+   const auto found = names_.find( source );
+   return found == names_.end() ? Json() : Json( found->second );
+}
+
+Source SourceNames::valueOf( const std::string& name ) const {
+   for( const auto& [ source, known ] : names_ )
+      if( known == name )
+         return source;
+   if( name.starts_with( "0x" ) )
+      if( const uint64_t value = numberOf( Json( name ), "--source" ); value <= UINT32_MAX )
+         return static_cast<Source>( value );
+   throw BadInput( "no source named " + name +
+                   "; 'l2ribctl source list' shows those that there are" );
+}
+
+Json toJson( const HostAndSource& row, const SourceNames& names ) {
+   Json json = toJson( row.key() );
+   json[ "source" ] = sourceStr( row.source() );
+   json[ "sourceName" ] = names.of( row.source() );
+   json.update( toJson( row.host() ) );
+   return json;
+}
+
+void requireOutput( const OutputReader& output, const Context& context ) {
+   if( !output.complete() )
+      throw Vexil::TableError( Vexil::TableError::absent,
+                               context.stateDirectory +
+                                  ": no agent has run here: start l2ribd, or say which "
+                                  "--state-dir it runs on" );
+}
+
+namespace {
+
+AgentStatusRecord agentStatus( const Context& context ) {
+   const AgentStatusTable table( context.fileOf( Path::agentStatus ),
+                                 AgentStatusTable::Mode::read );
+   return table.get( SingleKey() );
+}
+
+bool agentRuns( const Context& context ) {
+   return Vexil::tableHasWriter( context.fileOf( Path::agentStatus ) );
+}
+
+// "2026-01-31 12:00:00", local time, of seconds since 1970.
+std::string timeText( double seconds ) {
+   const auto whole = static_cast<time_t>( seconds );
+   tm parts{};
+   char buffer[ 32 ];
+   if( !localtime_r( &whole, &parts ) )
+      return "unknown";
+   return std::string( buffer, strftime( buffer, sizeof buffer, "%F %T", &parts ) );
+}
+
+} // namespace
+
+void mentionStoppedAgent( const Context& context ) {
+   if( !agentRuns( context ) )
+      std::cerr << "(the agent is stopped since "
+                << timeText( agentStatus( context ).lastSign.value() )
+                << "; this is what it left)\n";
+}
+
+namespace {
+
+struct Filters {
+   std::optional<uint32_t> vlan;
+   std::string mac;
+   std::string source;
+};
+
+// --- one list a kind
+
+Json hostList( const OutputReader& output, const Filters& filters, const SourceNames& names ) {
+   std::optional<Vexil::EthAddr> mac;
+   if( !filters.mac.empty() && !( mac = Vexil::EthAddr::parse( filters.mac ) ) )
+      throw BadInput( "--mac " + filters.mac + "; right would be such as 02:00:00:00:00:01" );
+   std::optional<Source> source;
+   if( !filters.source.empty() )
+      source = names.valueOf( filters.source );
+   Json all = Json::array();
+   for( const HostAndSource& row : output.hosts.list() )
+      if( ( !filters.vlan || row.key().vlan().value() == *filters.vlan ) &&
+          ( !mac || row.key().mac() == *mac ) && ( !source || row.source() == *source ) )
+         all.push_back( toJson( row, names ) );
+   return all;
+}
+
+template<class Rows>
+Json objectList( const Rows& rows, const Filters& filters, const SourceNames& names ) {
+   std::optional<Source> source;
+   if( !filters.source.empty() )
+      source = names.valueOf( filters.source );
+   Json all = Json::array();
+   for( const auto& row : rows.list() )
+      if( !source || row.sourceOtas().source() == *source )
+         all.push_back( toJson( row ) );
+   return all;
+}
+
+// A list in one document, or with the members of each row that have no columns of their own in a
+// last column.
+int print( const Context& context, const Json& rows, std::vector<std::string> columns ) {
+   if( context.json ) {
+      std::cout << text( rows ) << '\n';
+      return done;
+   }
+   Json lines = Json::array();
+   for( Json row : rows ) {
+      std::string rest;
+      for( const auto& [ key, value ] : row.items() )
+         if( std::find( columns.begin(), columns.end(), key ) == columns.end() && !value.is_null() )
+            rest += ( rest.empty() ? "" : " " ) + key + " " + text( value );
+      row[ "leads to" ] = rest;
+      lines.push_back( row );
+   }
+   columns.push_back( "leads to" );
+   printTable( lines, columns );
+   mentionStoppedAgent( context );
+   return done;
+}
+
+// --- sources and status
+
+// The sources as the agent sees them, those inside the agent too, beside what is published.
+Json sourceList( const Context& context ) {
+   const SourceStatusTable statuses( context.fileOf( Path::sourceStatus ),
+                                     SourceStatusTable::Mode::read );
+   const auto published = context.sources().sources();
+   Json all = Json::array();
+   const auto add = [ & ]( const std::string& name, const SourceEntryRecord& entry ) {
+      SourceStatusRecord status;
+      const bool known = statuses.get( SourceName::of( name ).value_or( SourceName() ), status );
+      const SourceTables tables( context, entry );
+      all.push_back( { { "name", name },
+                       { "source", sourceStr( known ? status.source : entry.source ) },
+                       { "initialized", entry.initialized != 0 },
+                       { "ready", known && status.ready != 0 },
+                       { "running", context.sources().running( name ) },
+                       { "hosts", countOf( tables.host ) } } );
+   };
+   for( const auto& [ name, source ] : published )
+      add( name, source.record );
+   statuses.forEach( [ & ]( const SourceStatusRecord& status ) {
+      if( !published.contains( status.name.str() ) )
+         add( status.name.str(), SourceEntryRecord() );
+   } );
+   return all;
+}
+
+Json statusJson( const Context& context, const OutputReader& output ) {
+   const AgentStatusRecord status = agentStatus( context );
+   const PolicySmStatusTable idTable( context.fileOf( Path::policySmStatus ),
+                                      PolicySmStatusTable::Mode::read );
+   const PolicySmStatusRecord ids = idTable.get( SingleKey() );
+   const bool runs = agentRuns( context );
+   const auto state = static_cast<PolicySmRestartState>( status.restartState );
+   return { { "agent", runs ? "running" : "stopped" },
+            { "since", runs ? status.since.value() : status.lastSign.value() },
+            { "restartState", state <= running_ ? restartStateStr( state ) : "unknown" },
+            { "processId", status.processId },
+            { "sources", status.sources },
+            { "hosts", output.hosts.table()->count() },
+            { "dests", output.dests.table()->count() },
+            { "groups", output.groups.table()->count() },
+            { "labels", output.labels.table()->count() },
+            { "hostList", status.hostList.value() },
+            { "otasList", status.otasList.value() },
+            { "failedHost", status.failedHost.value() },
+            { "failedOtas", status.failedOtas.value() },
+            { "floodSetBacklog", status.floodSetBacklog.value() },
+            { "withdrawalChecks", status.withdrawalChecks.value() },
+            { "longestHold", status.longestHold.value() },
+            { "maxDestId", ids.maxDestId.value() },
+            { "maxLbId", ids.maxLbId.value() },
+            { "maxLabelId", ids.maxLabelId.value() } };
+}
+
+int printStatus( const Context& context, Json status ) {
+   if( context.json ) {
+      std::cout << text( status ) << '\n';
+      return done;
+   }
+   status[ "since" ] = timeText( status[ "since" ].get<double>() );
+   Json rows = Json::array();
+   for( const auto& [ key, value ] : status.items() )
+      rows.push_back( { { "what", key }, { "value", value } } );
+   printTable( rows, { "what", "value" } );
+   return done;
+}
+
+int show( const Context& context, const std::string& what, const Filters& filters ) {
+   const OutputReader output( context.stateDirectory );
+   requireOutput( output, context );
+   const SourceNames names( context );
+   if( what == "hosts" )
+      return print(
+         context, hostList( output, filters, names ),
+         { "vlan", "mac", "source", "sourceName", "pref", "seqNo", "updateTime", "entryType" } );
+   if( what == "dests" )
+      return print( context, objectList( output.dests, filters, names ), { "id" } );
+   if( what == "groups" )
+      return print( context, objectList( output.groups, filters, names ), { "id" } );
+   if( what == "labels" )
+      return print( context, objectList( output.labels, filters, names ), { "id", "label" } );
+   if( what == "status" )
+      return printStatus( context, statusJson( context, output ) );
+   const Json sources = sourceList( context );
+   if( context.json )
+      std::cout << text( sources ) << '\n';
+   else
+      printTable( sources, { "name", "source", "initialized", "ready", "running", "hosts" } );
+   return done;
+}
+
+} // namespace
+
+void addShow( CLI::App& app, Context& context ) {
+   CLI::App* const command = app.add_subcommand( "show", "the output, the sources, the status" );
+   command->require_subcommand( 1 );
+   const auto filters = std::make_shared<Filters>();
+   const auto add = [ & ]( const char* what, const char* help ) {
+      CLI::App* const kind = command->add_subcommand( what, help );
+      addJsonFlag( *kind, context );
+      kind->callback( [ &context, filters, what ] {
+         context.command = [ &context, filters, what ] { return show( context, what, *filters ); };
+      } );
+      return kind;
+   };
+   CLI::App* const hosts = add( "hosts", "the hosts, ordered by VLAN, then MAC" );
+   hosts->add_option( "--vlan", filters->vlan, "only of this VLAN" );
+   hosts->add_option( "--mac", filters->mac, "only with this MAC address" );
+   CLI::App* const dests = add( "dests", "the destinations" );
+   CLI::App* const groups = add( "groups", "the load-balance groups" );
+   CLI::App* const labels = add( "labels", "the label pushes" );
+   for( CLI::App* const kind : { hosts, dests, groups, labels } )
+      kind->add_option( "--source", filters->source, "only from the source of this name" );
+   add( "sources", "the sources, as the agent sees them" );
+   add( "status", "what the agent has in hand" );
+}
+
+} // namespace Tools

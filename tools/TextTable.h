@@ -1,0 +1,15 @@
+// Tables for people.
+#pragma once
+
+#include "tools/Json.h"
+
+#include <string>
+#include <vector>
+
+namespace Tools {
+
+// Prints the named members of each object of a list in columns of their width, under a heading.
+// null is "-", true "yes", false "no"; text is printed as it is, without control characters.
+void printTable( const Json& rows, const std::vector<std::string>& columns );
+
+} // namespace Tools
