@@ -1,6 +1,6 @@
 #include "L2Rib/Bindings.h"
 
-#include "L2Rib/Bridging.h"
+#include "L2Rib/ConfigBinding.h"
 #include "L2Rib/FloodBindings.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/SourceDir.h"
@@ -106,8 +106,8 @@ Mounted mountPolicySmStatus( EntityManager& manager, const std::string& path, Mo
    if( manager.inMemory() )
       return { status, nullptr };
    // Attached beside the manager's own tables, because the path stands for the entity.
-   const auto table =
-      makeEntity<PolicySmStatusTable>( manager.fileOf( path ), PolicySmStatusTable::Mode::write );
+   const auto table = makeEntity<PolicySmStatusTable>( manager.fileOf( path ),
+                                                       PolicySmStatusTable::Mode::write, 1u );
    return { status, std::make_shared<PolicySmStatusBinding>( table, status ) };
 }
 
@@ -123,7 +123,7 @@ void registerEntityTypes() {
    Vexil::registerType( "L2Rib::PolicySmStatus", { mountPolicySmStatus, nullptr } );
    Vexil::registerType( "L2Rib::AgentSourceDir", { mountInProcess<AgentSourceDir>, nullptr } );
    Vexil::registerType( "L2Rib::FloodSetOutput", { mountFloodOutput, nullptr } );
-   Vexil::registerType( "Bridging::Config", { mountInProcess<Bridging::Config>, nullptr } );
+   Vexil::registerType( "Bridging::Config", { Bridging::mountConfig, nullptr } );
 }
 
 std::string entryStr( const SourceDirEntry* entry ) {

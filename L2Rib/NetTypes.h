@@ -39,7 +39,8 @@ class alignas( 4 ) EthAddr {
    constexpr uint64_t number() const {
       return __builtin_bswap64( std::bit_cast<uint64_t>( *this ) ) >> 16;
    }
-   constexpr uint64_t hash() const { return mix64( number() ); }
+   // Multiplicative (Knuth, volume 3, section 6.4): the high bits are good, which is what counts.
+   constexpr uint64_t hash() const { return number() * 0x9e3779b97f4a7c15ULL; }
    // "02:00:00:00:00:01", in lower case.
    std::string str() const;
 
@@ -141,7 +142,7 @@ class VlanId {
    explicit constexpr VlanId( uint32_t value ) : value_( value ) {}
 
    constexpr uint32_t value() const { return value_; }
-   constexpr uint64_t hash() const { return Vexil::mix64( value_ ); }
+   constexpr uint64_t hash() const { return value_ * 0xd6e8feb86659fd93ULL; }
    std::string str() const { return std::to_string( value_ ); }
 
    friend constexpr bool operator==( VlanId, VlanId ) = default;
@@ -160,7 +161,8 @@ class MacVlanPair {
 
    constexpr Vexil::EthAddr mac() const { return mac_; }
    constexpr VlanId vlan() const { return vlan_; }
-   constexpr uint64_t hash() const { return Vexil::hashCombine( mac_.hash(), vlan_.hash() ); }
+   // Computed some times for every host that is decided, so one round of mixing has to do.
+   constexpr uint64_t hash() const { return Vexil::mix64( mac_.hash() ^ vlan_.hash() ); }
    // "(02:00:00:00:00:01/10)"; "(MVP INVALID)" for the invalid pair.
    std::string str() const;
 

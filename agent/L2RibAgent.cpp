@@ -38,6 +38,7 @@ Agent::Agent( const std::string& name ) : BaseAgent( name ) {}
 Agent::~Agent() {
    statusPublisher_.reset();
    policySm_ = nullptr;
+   staticHostSm_ = nullptr;
 }
 
 void Agent::doInit() {
@@ -78,6 +79,7 @@ void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
    policySm_->hammerReviewIntervalIs(
       setting( "hammer-interval", policySm_->hammerReviewInterval() ) );
    policySm_->sourceHoldTimeIs( setting( "source-hold", policySm_->sourceHoldTime() ) );
+   staticHostSmIs( em, l2RibAgentSourceDir(), bridgingConfig() );
    statusPublisher_ = std::make_unique<StatusPublisher>( *em, activityManager(), policySm_ );
 }
 
@@ -95,6 +97,15 @@ const Vexil::Ptr<PolicySm>& Agent::policySmIs( Vexil::Ptr<Vexil::EntityManager> 
    return policySm_;
 }
 
+const Vexil::Ptr<StaticHostSm>&
+Agent::staticHostSmIs( Vexil::Ptr<Vexil::EntityManager> em,
+                       Vexil::Ptr<AgentSourceDir> agentInputDir,
+                       Vexil::Ptr<const Bridging::Config> bridgingConfig ) {
+   if( !staticHostSm_ )
+      staticHostSm_ = staticHostSmFactory( em, agentInputDir, bridgingConfig );
+   return staticHostSm_;
+}
+
 Vexil::Ptr<Vexil::BaseAgent> agentFactory( const std::string& name ) {
    return Vexil::makeEntity<Agent>( name );
 }
@@ -109,6 +120,12 @@ policySmFactory( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<const Vexil::Di
                                        PolicySm::Tables{ hostOutput, lbOutput, labelOutput,
                                                          destOutput, floodOutput,
                                                          policySmStatus } );
+}
+
+Vexil::Ptr<StaticHostSm> staticHostSmFactory( Vexil::Ptr<Vexil::EntityManager> em,
+                                              Vexil::Ptr<AgentSourceDir> agentSourceDir,
+                                              Vexil::Ptr<const Bridging::Config> bridgingConfig ) {
+   return Vexil::makeEntity<StaticHostSm>( em, agentSourceDir, bridgingConfig );
 }
 
 } // namespace L2Rib

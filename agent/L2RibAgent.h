@@ -9,6 +9,7 @@
 #include "agent/StatusPublisher.h"
 #include "engine/L2RibPolicySm.h"
 #include "runtime/Agent.h"
+#include "static/L2RibStaticHostSm.h"
 
 #include <memory>
 #include <string>
@@ -34,11 +35,18 @@ class Agent : public Vexil::BaseAgent {
                                            Vexil::Ptr<const AgentSourceDir> agentInputDir,
                                            const PolicySm::Tables& output );
    void policySmDel() { policySm_ = nullptr; }
+   const Vexil::Ptr<StaticHostSm>& staticHostSm() const { return staticHostSm_; }
+   // Makes the static host source; returns the present one when there is one.
+   const Vexil::Ptr<StaticHostSm>&
+   staticHostSmIs( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<AgentSourceDir> agentInputDir,
+                   Vexil::Ptr<const Bridging::Config> bridgingConfig );
+   void staticHostSmDel() { staticHostSm_ = nullptr; }
 
  private:
    Vexil::Seconds setting( const char* name, Vexil::Seconds ifAbsent ) const;
 
    Vexil::Ptr<PolicySm> policySm_;
+   Vexil::Ptr<StaticHostSm> staticHostSm_;
    std::unique_ptr<StatusPublisher> statusPublisher_;
 };
 
@@ -52,5 +60,10 @@ policySmFactory( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<const Vexil::Di
                  Vexil::Ptr<LoadBalanceOutput> lbOutput, Vexil::Ptr<LabelOutput> labelOutput,
                  Vexil::Ptr<DestOutput> destOutput, Vexil::Ptr<FloodSetOutput> floodOutput,
                  Vexil::Ptr<PolicySmStatus> policySmStatus );
+
+// Makes a static host source.
+Vexil::Ptr<StaticHostSm> staticHostSmFactory( Vexil::Ptr<Vexil::EntityManager> em,
+                                              Vexil::Ptr<AgentSourceDir> agentSourceDir,
+                                              Vexil::Ptr<const Bridging::Config> bridgingConfig );
 
 } // namespace L2Rib

@@ -13,6 +13,12 @@ void PolicySm::handleHost( const Bridging::MacVlanPair& mvp ) {
    maybeRescheduleHostReview();
 }
 
+void PolicySm::expectHosts( size_t count ) { hostList_.reserve( count ); }
+
+void PolicySm::prefetchHandleHost( const Bridging::MacVlanPair& mvp ) const {
+   hostList_.prefetch( mvp );
+}
+
 bool PolicySm::hostIsBetter( const Host& host, Source source, const Host& curBestHost,
                              Source curBestHostSource ) const {
    TRACE( 0, __PRETTY_FUNCTION__ << " comparing " << host << " and " << curBestHost );
@@ -68,23 +74,33 @@ bool PolicySm::sourceValid( const HostAndSource& row ) {
    }
 }
 
-void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
+void PolicySm::prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const {
+   const uint64_t hash = mvp.hash();
    for( const PolicySourceSm* sm : sourceOrder_ )
       if( sm->ready() )
-         sm->hostTable()->prefetchRecord( mvp );
-   output_.host->prefetchRecord( mvp );
+         sm->hostTable()->prefetchIndex( hash );
+   output_.host->prefetchIndex( hash );
+}
+
+void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
+   const uint64_t hash = mvp.hash();
+   for( const PolicySourceSm* sm : sourceOrder_ )
+      if( sm->ready() )
+         sm->hostTable()->prefetchRecord( hash );
+   output_.host->prefetchRecord( hash );
 }
 
 bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
 
    // The best of what the ready sources hold now.
+   const uint64_t hash = mvp.hash(); // once for all tables
    Host bestHost;
    const PolicySourceSm* bestHostSource = nullptr;
    for( const PolicySourceSm* sm : sourceOrder_ ) {
       if( !sm->ready() )
          continue;
-      const Host h = sm->host( mvp );
+      const Host h = sm->host( mvp, hash );
       if( h.key() != mvp ) {
          TRACE( 1, "processHost"
                       << " Did not find host " << mvpStr( mvp ) << " in source "
@@ -106,7 +122,7 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
 
    TRACE( 1, "processHost"
                 << " Looking up " << mvpStr( mvp ) << " in output." );
-   const HostAndSource oldRow = output_.host->host( mvp );
+   const HostAndSource oldRow = output_.host->get( mvp, hash );
    const bool wasPresent = oldRow.key() == mvp;
    const ObjTuple oldNext = wasPresent ? oldRow.next() : Util::objTupleInvalid();
    TRACE( 1, "processHost"

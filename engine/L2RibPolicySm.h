@@ -64,6 +64,9 @@ class PolicySm : public Vexil::Entity {
    // --- best host (BestHost.cpp) --------------------------------------------------------------
    // A source's host for mvp appeared, changed or went. Only queues.
    void handleHost( const Bridging::MacVlanPair& mvp );
+   // That many hosts are about to be named, or these ones next: hints that make a replay faster.
+   void expectHosts( size_t count );
+   void prefetchHandleHost( const Bridging::MacVlanPair& mvp ) const;
    // Decides mvp anew and brings the output in line. False when the winner could not be programmed:
    // the output is as it was and mvp is parked.
    bool processHost( const Bridging::MacVlanPair& mvp );
@@ -173,6 +176,8 @@ class PolicySm : public Vexil::Entity {
    void processDest( const ObjTupleAndSource& otas, bool forceCreate );
    bool processLb( const ObjTupleAndSource& otas, bool forceCreate );
    bool processLabel( const ObjTupleAndSource& otas, bool forceCreate );
+   // What a host that is soon to be decided will need: first the index words, then the records.
+   void prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const;
    void prefetchHost( const Bridging::MacVlanPair& mvp ) const;
 
    void noteVerified( const ObjTupleAndSource& otas, const PolicySourceSm::ObjectVersion& version,

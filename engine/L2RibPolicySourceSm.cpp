@@ -3,6 +3,9 @@
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
 
+#include <algorithm>
+#include <array>
+
 namespace L2Rib {
 
 // Forwards each changed key of one of the source's tables.
@@ -208,13 +211,14 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
             destTable_->journalHead() + lbTable_->journalHead() + labelTable_->journalHead() };
 }
 
-Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp ) const {
-   const Host h = hostTable_->host( mvp );
-   if( h.next().tableType() <= tableTypeDest_ ) [[likely]]
-      return h;
-   hostTable_->corruptionDetected( hostTable_->path() + ": host " + mvpStr( mvp ) +
-                                   " has a next of no known table type" );
-   return Host();
+Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const {
+   Host h = hostTable_->get( mvp, hash );
+   if( h.next().tableType() > tableTypeDest_ ) [[unlikely]] {
+      hostTable_->corruptionDetected( hostTable_->path() + ": host " + mvpStr( mvp ) +
+                                      " has a next of no known table type" );
+      h = Host();
+   }
+   return h;
 }
 
 void PolicySourceSm::handleHost( const Bridging::MacVlanPair& mvp ) {
@@ -249,26 +253,43 @@ void PolicySourceSm::handleDest( const DestId& key ) {
 
 void PolicySourceSm::handleHost() {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
-   if( initialized_ && hostTable_ )
-      hostTable_->forEach( [ this ]( const Host& host ) { handleHost( host.key() ); } );
+   if( !initialized_ || !hostTable_ )
+      return;
+   // A table may hold a million hosts: their places in the work list are fetched from memory some
+   // keys before they are needed.
+   policySm_->expectHosts( hostTable_->count() );
+   std::array<Bridging::MacVlanPair, 32> ahead;
+   size_t size = 0;
+   const auto forward = [ & ] {
+      std::for_each_n( ahead.begin(), size,
+                       [ this ]( const Bridging::MacVlanPair& mvp ) { handleHost( mvp ); } );
+      size = 0;
+   };
+   hostTable_->forEachKey( [ & ]( const Bridging::MacVlanPair& mvp ) {
+      policySm_->prefetchHandleHost( mvp );
+      ahead[ size++ ] = mvp;
+      if( size == ahead.size() )
+         forward();
+   } );
+   forward();
 }
 
 void PolicySourceSm::handleLb() {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
    if( initialized_ && lbTable_ )
-      lbTable_->forEach( [ this ]( const LoadBalance& lb ) { handleLb( lb.key() ); } );
+      lbTable_->forEachKey( [ this ]( const LoadBalanceId& key ) { handleLb( key ); } );
 }
 
 void PolicySourceSm::handleLabel() {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
    if( initialized_ && labelTable_ )
-      labelTable_->forEach( [ this ]( const Label& label ) { handleLabel( label.key() ); } );
+      labelTable_->forEachKey( [ this ]( const LabelId& key ) { handleLabel( key ); } );
 }
 
 void PolicySourceSm::handleDest() {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
    if( initialized_ && destTable_ )
-      destTable_->forEach( [ this ]( const Dest& dest ) { handleDest( dest.key() ); } );
+      destTable_->forEachKey( [ this ]( const DestId& key ) { handleDest( key ); } );
 }
 
 void PolicySourceSm::handleVlanFloodSet( const Bridging::VlanId& vlan ) {

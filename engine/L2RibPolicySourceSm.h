@@ -42,8 +42,9 @@ class PolicySourceSm : public Vexil::Entity {
    const LabelTable* labelTable() const { return labelTable_.get(); }
    const DestTable* destTable() const { return destTable_.get(); }
 
-   // The source's host for mvp, a default one when it has none. The state machine is ready.
-   Host host( const Bridging::MacVlanPair& mvp ) const;
+   // The source's host for mvp, whose hash is given; a default one when it has none. The state
+   // machine is ready.
+   Host host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const;
 
    // Changes whenever any object of the source may have changed: while it stays the same, so does
    // everything that was computed from the objects.

@@ -59,7 +59,8 @@ void PolicySm::handleReviewTimer() {
             VEXIL_ASSERT( failedHost( mvp ) );
          }
       },
-      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHost( mvp ); } );
+      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHost( mvp ); },
+      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHostIndex( mvp ); } );
    hostBookmarkIs( hosts.bookmark );
    if( hosts.timedOut ) {
       TRACE( 0, "handleReviewTimer"

@@ -95,17 +95,33 @@ class HashMap {
       return at == slotCount_ ? nullptr : &slots_[ at ].value;
    }
 
+   // Makes room for that many entries in all.
+   void reserve( size_t count ) {
+      if( count * 4 > homeCount_ * 3 )
+         rebuild( std::max( smallest, std::bit_ceil( count * 4 / 3 + 1 ) ) );
+   }
+   // Brings the place of key nearer to the processor.
+   void prefetch( const Key& key ) const {
+      if( homeCount_ != 0 )
+         __builtin_prefetch( &slots_[ homeOf( keyHash( key ) ) ] );
+   }
+
    // Enters key if it is absent, with a value built from arguments; says whether it was absent.
    template<class... Arguments>
    std::pair<Value*, bool> emplace( const Key& key, Arguments&&... arguments ) {
-      if( Value* present = find( key ) )
-         return { present, false };
-      if( ( size_ + 1 ) * 4 > homeCount_ * 3 )
+      if( homeCount_ == 0 )
          grow();
-      size_t at = openPlaceFor( key );
-      if( at == slotCount_ ) { // the last run reached the end of the array
+      size_t at = placeInRun( key );
+      if( occupied( at ) && slots_[ at ].key == key )
+         return { &slots_[ at ].value, false };
+      if( ( size_ + 1 ) * 4 > homeCount_ * 3 ) {
+         grow();
+         at = placeInRun( key );
+      }
+      if( !openPlace( at ) ) { // the last run reached the end of the array
          rebuild( homeCount_ );
-         at = openPlaceFor( key );
+         at = placeInRun( key );
+         openPlace( at );
       }
       ::new( &slots_[ at ] ) Entry{ key, Value( std::forward<Arguments>( arguments )... ) };
       mark( at );
@@ -211,19 +227,24 @@ class HashMap {
       return at != slotCount_ && slots_[ at ].key == key ? occupiedFrom( at + 1 ) : at;
    }
 
-   // Makes the slot free in which key belongs, moving the rest of its run by one; slotCount_ when
-   // the run would leave the array. The caller builds the entry there and marks it.
-   size_t openPlaceFor( const Key& key ) {
+   // Where key stands, or belongs, in the run of entries that begins at its ideal slot.
+   size_t placeInRun( const Key& key ) const {
       const uint64_t hash = keyHash( key );
       size_t at = homeOf( hash );
-      while( occupied( at ) &&
+      while( occupied( at ) && !( slots_[ at ].key == key ) &&
              precedes( slots_[ at ].key, keyHash( slots_[ at ].key ), key, hash ) )
          ++at;
+      return at;
+   }
+
+   // Makes a slot free, moving the rest of its run by one; false when the run would leave the
+   // array. The caller builds an entry there and marks it.
+   bool openPlace( size_t at ) {
       size_t end = at;
       while( occupied( end ) )
          ++end;
       if( end >= slotCount_ - 1 ) // the last slot stays free: it ends every run
-         return slotCount_;
+         return false;
       for( size_t to = end; to > at; --to ) {
          ::new( &slots_[ to ] ) Entry( std::move( slots_[ to - 1 ] ) );
          std::destroy_at( &slots_[ to - 1 ] );
@@ -231,7 +252,7 @@ class HashMap {
       unmark( at );
       if( end != at )
          mark( end );
-      return at;
+      return true;
    }
 
    void grow() { rebuild( homeCount_ == 0 ? smallest : homeCount_ * 2 ); }

@@ -23,6 +23,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace Vexil {
 
@@ -104,23 +105,46 @@ class SharedTable : public TableBase {
    // --- reading -------------------------------------------------------------------------------
    // The record of key, or a zero record when absent. Content that can't be read is recorded as
    // corruption and reads as absent.
-   Record get( const Key& key ) const {
+   Record get( const Key& key ) const { return get( key, keyHash( key ) ); }
+   bool get( const Key& key, Record& record ) const { return get( key, keyHash( key ), record ); }
+   // The same for a caller that looks one key up in several tables: hash is keyHash( key ).
+   Record get( const Key& key, uint64_t hash ) const {
       Record record;
-      return get( key, record ) ? record : Record();
+      if( !get( key, hash, record ) )
+         record = Record();
+      return record;
    }
-   bool get( const Key& key, Record& record ) const {
-      return recorded( [ & ] { return table_.get( key, record ); } );
+   bool get( const Key& key, uint64_t hash, Record& record ) const {
+      return recorded( [ & ] { return table_.get( key, hash, record ); } );
    }
-   void prefetchIndex( const Key& key ) const { table_.prefetchIndex( key ); }
-   void prefetchRecord( const Key& key ) const { table_.prefetchRecord( key ); }
+   // Bring the index word of the key with that hash, or its record, nearer to the processor.
+   void prefetchIndex( uint64_t hash ) const { table_.prefetchIndex( hash ); }
+   void prefetchRecord( uint64_t hash ) const { table_.prefetchRecord( hash ); }
 
    // Calls each( record ) for every record, in memory order. Records may change meanwhile: one that
-   // stays is met once. Corruption is recorded; a record that can't be read is left out.
+   // stays is met once. Corruption is recorded and ends the walk.
    template<class Each>
    void forEach( Each each ) const {
-      for( uint32_t slot = 0; slot < slotCount(); ++slot )
-         if( const std::optional<Record> record = inSlot( slot ) )
-            each( *record );
+      try {
+         Record record;
+         for( uint32_t slot = 0; slot < slotCount(); ++slot )
+            if( table_.readSlot( slot, record ) )
+               each( std::as_const( record ) );
+      } catch( const CorruptionDetected& failure ) {
+         corruptionDetected( failure.what() );
+      }
+   }
+   // Calls each( key ) for every key likewise.
+   template<class Each>
+   void forEachKey( Each each ) const {
+      try {
+         Key key;
+         for( uint32_t slot = 0; slot < slotCount(); ++slot )
+            if( table_.readKey( slot, key ) )
+               each( key );
+      } catch( const CorruptionDetected& failure ) {
+         corruptionDetected( failure.what() );
+      }
    }
    // The same in steps, for a walk in slices: slots 0 to slotCount() - 1.
    uint32_t slotCount() const {

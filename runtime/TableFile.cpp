@@ -79,7 +79,7 @@ void TableMapping::map( bool writable ) {
    const int protection = writable ? PROT_READ | PROT_WRITE : PROT_READ;
    const int flags = fd_ < 0 ? MAP_SHARED | MAP_ANONYMOUS : MAP_SHARED;
    // Large tables stand on a huge page's border, or the system couldn't give them any.
-   const bool large = geometry_.fileSize >= 2 * hugePage;
+   const bool large = geometry_.fileSize >= hugePage;
    const uint64_t room = geometry_.fileSize + ( large ? hugePage : 0 );
    void* reserved =
       mmap( nullptr, room, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0 );

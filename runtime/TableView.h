@@ -110,8 +110,9 @@ class TableView {
    bool superseded() const { return loadWord( &header().superseded ) != 0; }
 
    // Copies the record of key; false when it is absent.
-   bool get( const Key& key, Record& out ) const {
-      const uint64_t hash = keyHash( key );
+   bool get( const Key& key, Record& out ) const { return get( key, keyHash( key ), out ); }
+   // For a caller that looks one key up in several tables: hash is keyHash( key ).
+   bool get( const Key& key, uint64_t hash, Record& out ) const {
       for( unsigned attempt = 0; attempt < maxAttempts; ++attempt ) {
          const uint64_t moves = loadWord( &header().indexMoves );
          uint32_t at = homeOf( hash );
@@ -134,12 +135,9 @@ class TableView {
       corrupt( "the index never stands still" );
    }
 
-   // Brings the index word of key, and with prefetchRecord the record too, nearer to the processor.
-   void prefetchIndex( const Key& key ) const {
-      __builtin_prefetch( index() + homeOf( keyHash( key ) ) );
-   }
-   void prefetchRecord( const Key& key ) const {
-      const uint64_t hash = keyHash( key );
+   // Brings the index word of the key with that hash, or its record, nearer to the processor.
+   void prefetchIndex( uint64_t hash ) const { __builtin_prefetch( index() + homeOf( hash ) ); }
+   void prefetchRecord( uint64_t hash ) const {
       uint32_t at = homeOf( hash );
       for( unsigned probed = 0; probed < 8; ++probed, at = ( at + 1 ) & indexMask_ ) {
          const uint32_t word = loadWord( index() + at );
@@ -174,6 +172,28 @@ class TableView {
             return whole;
       }
       corrupt( "a record never stands still" );
+   }
+
+   // The same for the key alone.
+   bool readKey( uint32_t slot, Key& out ) const {
+      if( slot >= geometry_.capacity )
+         corrupt( "a slot number is out of range" );
+      const uint64_t* const words = slotWords( slot );
+      const uint64_t state = loadWord( words );
+      if( ( state & SlotState::live ) && !( state & SlotState::writing ) ) [[likely]] {
+         KeyImage image;
+         for( size_t i = 0; i < keyWords; ++i )
+            image[ i ] = loadWord( words + 1 + i );
+         if( loadWord( words ) == state ) [[likely]] {
+            std::memcpy( static_cast<void*>( &out ), image.data(), sizeof out );
+            return true;
+         }
+      }
+      Record record; // being written just now: the long way
+      if( !readSlot( slot, record ) )
+         return false;
+      out = keyOf( record );
+      return true;
    }
 
    // What a reader of the journal finds.

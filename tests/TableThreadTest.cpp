@@ -1,14 +1,19 @@
 // Shared tables between threads: one writer, and two readers that hold it to its ledger at each
 // look. Made for ThreadSanitizer, which sees a race only between accesses to one address: so the
-// readers use the writer's own mapping, and then each one of its own, as they do in real use.
+// readers use the writer's own mapping, and then each one of its own, as they do in real use. In a
+// last test the writer works in a signal handler: between any two instructions of the reader.
 #include "tests/TestTable.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <csignal>
+#include <functional>
 #include <memory>
 #include <string>
+#include <sys/time.h>
 #include <thread>
 
 namespace TestTable {
@@ -43,15 +48,19 @@ class Reader : public TableView<Key, Record> {
          if( readSlot( slot, record ) )
             each( record );
    }
-   // Whether the writer is about to overtake it: the best moment to follow, for a test.
-   bool isLate() const { return journalHead() - cursor_ + 8 >= geometry_.journalSize; }
+   // Reads some of the journal and holds it to the log.
+   template<class Each>
+   Journal readChecked( uint64_t& cursor, Each each ) const {
+      uint64_t change = cursor;
+      return readJournal( cursor, 64, [ & ]( const Key& key ) {
+         EXPECT_TRUE( log_.agrees( change++, key.number ) );
+         each( key.number );
+      } );
+   }
    // Follows the journal a little; whether there is more.
    bool follow() {
-      uint64_t change = cursor_;
-      const auto found = readJournal( cursor_, 64, [ & ]( const Key& key ) {
-         EXPECT_TRUE( log_.agrees( change++, key.number ) );
-         refresh( followed, *this, key.number );
-      } );
+      const Journal found =
+         readChecked( cursor_, [ & ]( uint32_t number ) { refresh( followed, *this, number ); } );
       if( found == Journal::overtaken ) {
          cursor_ = journalHead();
          for( uint32_t number = 0; number < Ledger::keys; ++number )
@@ -84,7 +93,7 @@ void runTogether( const TableMapping& written, const TableMapping& first,
          wrong[ self ] = random.percent( 1 )
                             ? ledger->wrongInWalk( reader )
                             : ledger->wrongAt( reader, random.below( Ledger::keys ) );
-         if( reader.isLate() )
+         if( random.percent( 2 ) )
             reader.follow();
       }
       while( reader.follow() ) {
@@ -120,6 +129,51 @@ TEST( TableBetweenThreads, OnAMappingForEach ) {
    const auto first = TableMapping::forReading( path, spec );
    const auto second = TableMapping::forReading( path, spec );
    runTogether( *writing, *first, *second );
+}
+
+std::function<void()> interruption;
+
+TEST( TableBetweenThreads, InterruptedByTheWriter ) {
+   const auto mapping = TableMapping::anonymous( spec, capacity );
+   TableWriter<Key, Record> writer( *mapping );
+   Ledger ledger;
+   ChangeLog log;
+   const Reader reader( *mapping, log );
+   Random random, writersRandom( 1 );
+   bool right = true;
+   volatile bool interrupted = false;
+   interruption = [ & ] {
+      for( uint32_t left = writersRandom.below( 1500 ); right && left > 0; --left ) {
+         const uint32_t number = writersRandom.below( Ledger::keys );
+         log.note( writer.journalHead(), number );
+         right = ledger.operate( writer, number, writersRandom );
+      }
+      interrupted = true;
+   };
+   for( uint32_t number = 0; number < capacity; ++number )
+      ASSERT_TRUE( ledger.set( writer, number ) );
+   for( uint32_t number = 0; number < capacity; ++number ) // its free list has its final size now
+      ASSERT_TRUE( ledger.erase( writer, number ) );
+   interruption();
+   struct sigaction action {};
+   action.sa_handler = []( int ) { interruption(); };
+   sigaction( SIGALRM, &action, nullptr );
+   unsigned overtaken = 0;
+   for( int time = 0; time < 3000; ++time ) {
+      interrupted = false;
+      itimerval timer{};
+      timer.it_value.tv_usec = 1 + random.below( 20 );
+      setitimer( ITIMER_REAL, &timer, nullptr );
+      while( !interrupted ) {
+         uint64_t cursor = writer.journalHead() - std::min<uint64_t>( 1000, writer.journalHead() );
+         overtaken += reader.readChecked( cursor, []( uint32_t ) {} ) == Reader::Journal::overtaken;
+         ASSERT_EQ( ledger.wrongAt( reader, random.below( Ledger::keys ) ), "" );
+      }
+   }
+   signal( SIGALRM, SIG_DFL );
+   EXPECT_TRUE( right );
+   EXPECT_EQ( ledger.wrongIn( reader ), "" );
+   EXPECT_GT( overtaken, 0u );
 }
 
 } // namespace

@@ -1,0 +1,72 @@
+// The bridging configuration in the state database, and what fills the Bridging::Config entity from
+// it.
+//
+// "bridging/config" is a folder with two shared tables, one of hosts and one of tunnels. They are
+// written by l2ribctl alone, for a moment at a time and under the lock of the file ".lock" beside
+// them; that an agent runs is not required. Either table may be absent, which means that it is
+// empty. What a writer keeps: a tunnel is written before the hosts on it, and goes after them.
+//
+// The binding follows both tables and the folder. A record that is nonsense is corruption of its
+// table and reads as absent. An fdbConfig entry that has lost its last host stays: it costs
+// nothing, while deleting it would cost its readers a look at everything.
+#pragma once
+
+#include "L2Rib/Bridging.h"
+#include "runtime/SharedTable.h"
+#include "runtime/StateDb.h"
+
+#include <optional>
+#include <string>
+
+namespace Bridging {
+
+struct ConfiguredHostRecord {
+   MacVlanPair key;
+   uint32_t onTunnel = 0; // 1: intf is the number of a dynamic tunnel interface; 0: a plain one
+   Vexil::Wire64<uint64_t> intf;                    // never 0
+   Vexil::MplsLabel label = Vexil::MplsLabel::none; // on a tunnel only, and there always
+
+   friend bool operator==( const ConfiguredHostRecord&, const ConfiguredHostRecord& ) = default;
+};
+static_assert( Vexil::WireRecord<ConfiguredHostRecord, 28> );
+
+struct TunnelRecord {
+   TunnelId key;
+   L2Rib::DestDataTunnel data;
+
+   friend bool operator==( const TunnelRecord&, const TunnelRecord& ) = default;
+};
+static_assert( Vexil::WireRecord<TunnelRecord, 56> );
+
+class ConfiguredHostTable
+   : public Vexil::NamedTable<ConfiguredHostTable, MacVlanPair, ConfiguredHostRecord> {
+ public:
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "Bridging::ConfiguredHost";
+   static constexpr const char* collection = "configuredHost";
+   static constexpr const char* fileName = "hosts";
+};
+
+class TunnelTable : public Vexil::NamedTable<TunnelTable, TunnelId, TunnelRecord> {
+ public:
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "Bridging::Tunnel";
+   static constexpr const char* collection = "tunnel";
+   static constexpr const char* fileName = "tunnels";
+};
+
+// What is wrong with a record from outside, whether or not its tunnel exists.
+struct ConfigFault {
+   const char*
+      field;         // "vlan", "mac", "interface", "label", "tunnel"; "id", "destination" and so on
+   std::string text; // what it is, and what would be right
+};
+std::optional<ConfigFault> faultOf( const ConfiguredHostRecord& record );
+std::optional<ConfigFault> faultOf( const TunnelRecord& record );
+
+// Mounts the configuration under a path of the state database; read-only, whatever the mode. In
+// memory it stays as it is made, empty.
+Vexil::Mounted mountConfig( Vexil::EntityManager& manager, const std::string& path,
+                            Vexil::MountMode mode );
+
+} // namespace Bridging
