@@ -107,8 +107,7 @@ OutputReader::OutputReader( const std::string& stateDirectory )
    : hosts( stateDirectory + "/" + Path::hostOutput ),
      dests( stateDirectory + "/" + Path::destOutput ),
      groups( stateDirectory + "/" + Path::lbOutput ),
-     labels( stateDirectory + "/" + Path::labelOutput ),
-     folder_( std::filesystem::path( hosts.file_ ).parent_path() ), watcher_( loop_ ),
+     labels( stateDirectory + "/" + Path::labelOutput ), watcher_( loop_ ),
      more_( eventfd( 1, EFD_NONBLOCK | EFD_CLOEXEC ) ) {
    if( more_ < 0 )
       throw std::system_error( errno, std::generic_category(), "eventfd" );
@@ -119,7 +118,13 @@ OutputReader::OutputReader( const std::string& stateDirectory )
    if( !std::filesystem::exists( stateDirectory ) )
       throw Vexil::TableError( Vexil::TableError::absent,
                                stateDirectory + ": there is no such state directory" );
-   awaitFolder();
+   folder_.emplace( watcher_, std::filesystem::path( hosts.file_ ).parent_path(), [ this ] {
+      try {
+         attachAll();
+      } catch( const Vexil::TableError& failure ) {
+         Vexil::log( failure.what() );
+      }
+   } );
    attachAll();
 }
 
@@ -130,25 +135,6 @@ void OutputReader::attachAll() {
    dests.attach( watcher_ );
    groups.attach( watcher_ );
    labels.attach( watcher_ );
-}
-
-// Watches the folder of the tables, or as much of the way to it as there is.
-void OutputReader::awaitFolder() {
-   std::filesystem::path present = folder_;
-   while( !std::filesystem::exists( present ) )
-      present = present.parent_path();
-   if( present == awaited_ )
-      return;
-   awaited_ = present;
-   watcher_.watchFolder( present, [ this ]( const std::string& ) {
-      try {
-         awaitFolder();
-         attachAll();
-      } catch( const Vexil::TableError& failure ) {
-         Vexil::log( failure.what() );
-      }
-   } );
-   awaitFolder(); // what was made between the look and the watch
 }
 
 bool OutputReader::complete() const {

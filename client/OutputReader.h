@@ -27,10 +27,10 @@
 #pragma once
 
 #include "L2Rib/L2RibTarn.h"
+#include "client/AwaitedFolder.h"
 #include "runtime/FileWatcher.h"
 #include "runtime/HashMap.h"
 
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -102,13 +102,11 @@ class OutputReader {
 
  private:
    void attachAll();
-   void awaitFolder();
 
-   std::filesystem::path folder_;  // of the tables
-   std::filesystem::path awaited_; // the folder on the way there that is being watched
    Vexil::ActivityManager loop_;
    Vexil::FileWatcher watcher_;
-   int more_ = -1; // an eventfd that keeps fd() readable
+   std::optional<AwaitedFolder> folder_; // of the tables
+   int more_ = -1;                       // an eventfd that keeps fd() readable
    std::function<void()> inSync_;
 };
 

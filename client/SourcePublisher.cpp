@@ -26,6 +26,8 @@ SourcePublisher::SourcePublisher( const SourceOptions& options )
    requireUsable();
    const SourceFolder::Lock lock( folder_ );
    requireFree();
+   if( !folder_.published( options_.name ) )
+      folder_.remove( options_.name ); // what a withdrawal that was cut short left of the tables
    folder_.removeUnpublished( options_.name );
    const SourceEntryRecord wanted = wantedRecord();
    bool complete = true; // all tables were there: whoever reads them still reads the same files

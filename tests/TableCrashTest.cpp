@@ -91,11 +91,11 @@ constexpr uint32_t spacing = 8;
 constexpr uint32_t keysUsed = Ledger::keys / spacing;
 const Scenario scenarios[] = {
    { "InsertIntoNewSlot", 0, 20, Action::set, 31 * spacing, false },
-   { "InsertIntoFreedSlot", 1500, 0, Action::set, 1 * spacing, false },
+   { "InsertIntoFreedSlot", 0, 20, Action::set, 1 * spacing, false },
    { "Update", 0, 20, Action::set, 11 * spacing, true },
    { "UpdateAtTheEndOfTheJournal", 1022, 0, Action::set, 2 * spacing, true },
    { "EraseAcrossTheEndOfTheIndex", 0, keysUsed, Action::erase, 0, true },
-   { "EraseInARun", 1500, 0, Action::erase, 16 * spacing, true },
+   { "EraseInARun", 1500, keysUsed, Action::erase, 1 * spacing, true },
    { "Grow", 0, 9, Action::resize, 80, false },
    { "Shrink", 0, 6, Action::resize, 3, false },
 };
@@ -110,10 +110,10 @@ class KilledBeforeEveryStore : public testing::TestWithParam<Scenario> {
          EXPECT_TRUE( ledger.set( *writer, spacing * i ) );
       if( scenario.action == Action::resize )
          return;
-      if( scenario.present )
-         EXPECT_TRUE( ledger.set( *writer, scenario.operand ) );
-      else
-         ledger.erase( *writer, scenario.operand );
+      const bool set = scenario.present || scenario.operand < spacing * scenario.records;
+      EXPECT_TRUE( !set || ledger.set( *writer, scenario.operand ) );
+      if( !scenario.present )
+         ledger.erase( *writer, scenario.operand ); // its slot is the next to be used
       ledger.announce( scenario.operand, scenario.action == Action::erase );
    }
 
@@ -142,8 +142,8 @@ class KilledBeforeEveryStore : public testing::TestWithParam<Scenario> {
       ASSERT_EQ( ledger.wrongIn( *read( path ) ), "" );
       ASSERT_EQ( reader.corruptions(), 0u );
    }
-   // Then to the next writer, which finds every slot that holds no record free; and readers have
-   // been told of whatever has changed.
+   // Then to the next writer, which finds every slot that holds no record free, and no more index
+   // words than records; and readers have been told of whatever has changed.
    void expectRecovered( std::initializer_list<Mirror*> mirrors ) const {
       const Ptr<Table> writer = attached();
       Contents contents = contentsOf( *writer );
@@ -162,6 +162,10 @@ class KilledBeforeEveryStore : public testing::TestWithParam<Scenario> {
          contents[ number ] = 1;
       ASSERT_EQ( contents.size(), writer->capacity() );
       ASSERT_NO_FATAL_FAILURE( expectFollowed() );
+      writer->eraseAll();
+      const TableGeometry geometry( spec, writer->capacity() );
+      const std::string bytes = TestSupport::bytesOf( path );
+      ASSERT_GE( bytes.find_first_not_of( '\0', geometry.indexOffset ), geometry.slotOffset );
    }
 
    const Scenario& scenario = GetParam();

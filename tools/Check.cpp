@@ -72,6 +72,7 @@ class Check {
    // What holds of every kind of object.
    template<class Row, class Id>
    void checkObject( const Row& row, const ObjTuple& object, Id maxId ) {
+      objects_.push_back( object );
       if( object.objId().value() == 0 || object.objId().value() > maxId.value() )
          fault( object, "has an id that was never given: the highest is " + maxId.str() );
       const ObjTupleAndSource& input = row.sourceOtas();
@@ -89,14 +90,15 @@ class Check {
       for( const HostAndSource& row : graph_.hosts )
          starts.push_back( row.next() );
       const std::set<ObjTuple> reached = graph_.reachedFrom( starts );
-      for( const auto& [ input, object ] : copies_ )
+      for( const ObjTuple& object : objects_ )
          if( !reached.contains( object ) )
             fault( object, "is not reached from any host" );
    }
 
    const OutputGraph& graph_;
    PolicySmStatusRecord ids_;
-   std::map<ObjTupleAndSource, ObjTuple> copies_;
+   std::vector<ObjTuple> objects_;
+   std::map<ObjTupleAndSource, ObjTuple> copies_; // by their input objects
    std::vector<std::string> faults_;
 };
 

@@ -29,8 +29,8 @@ class ObjectReader {
       : object_( object ), what_( what ), complaints_( complaints ),
         complaintsBefore_( complaints.size() ) {
       if( !object.value.is_object() )
-         return complain( object.offset, "this is " + shortText( object ) + "; right would be a " +
-                                            what + ", {...}" );
+         complain( object.offset,
+                   "this is " + shortText( object ) + "; right would be a " + what + ", {...}" );
       for( const auto& member : object.members )
          checkKey( member, keys );
    }

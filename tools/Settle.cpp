@@ -6,8 +6,8 @@
 // sources are read before those of the lists, because the agent writes them in that order.
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
+#include "client/AwaitedFolder.h"
 #include "engine/RestartState.h"
-#include "runtime/FileWatcher.h"
 #include "tools/Commands.h"
 #include "tools/SourceTables.h"
 
@@ -25,12 +25,9 @@ namespace {
 class Settling {
  public:
    explicit Settling( const Context& context )
-      : context_( context ), sources_( context.sources() ), watcher_( loop_ ) {
-      Vexil::makeFoldersFor( context.fileOf( Path::agentStatus ) );
-      watcher_.watchFolder( context.fileOf( "bridging/l2Rib" ),
-                            [ this ]( const std::string& ) { attach(); } );
-      Vexil::makeFoldersFor( context.fileOf( Path::inputDir ) + "/" );
-      watcher_.watchFolder( context.fileOf( Path::inputDir ), []( const std::string& ) {} );
+      : context_( context ), sources_( context.sources() ), watcher_( loop_ ),
+        statusFolder_( watcher_, context.fileOf( "bridging/l2Rib" ), [ this ] { attach(); } ),
+        entryFolder_( watcher_, context.fileOf( Path::inputDir ), [] {} ) {
       attach();
       for( const auto& [ name, source ] : sources_.sources() ) {
          atCall_[ name ] = source.readable;
@@ -129,6 +126,8 @@ class Settling {
    Client::SourceFolder sources_;
    Vexil::ActivityManager loop_;
    Vexil::FileWatcher watcher_;
+   Client::AwaitedFolder statusFolder_;
+   Client::AwaitedFolder entryFolder_; // its changes end a wait; they are looked up then
    Ptr<AgentStatusTable> agent_;
    Ptr<SourceStatusTable> statuses_;
    std::map<std::string, bool> atCall_; // the sources when the call was made

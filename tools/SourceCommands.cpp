@@ -39,11 +39,11 @@ int run( SourceOptions options, const std::string& value, bool keep ) {
 }
 
 int remove( const SourceFolder& folder, const std::string& name ) {
-   const SourceFolder::Lock lock( folder );
    if( !folder.sources().contains( name ) ) {
       complain( "no source named " + name + "; 'l2ribctl source list' shows those that there are" );
       return answerIsNo;
    }
+   const SourceFolder::Lock lock( folder );
    if( folder.running( name ) ) {
       complain( "source " + name + " is being run by a process: end that first" );
       return answerIsNo;

@@ -1,0 +1,116 @@
+// Readers of the output, on tables that the test writes itself.
+#include "client/OutputReader.h"
+#include "L2Rib/L2RibTarn.h"
+#include "L2Rib/Status.h"
+#include "tests/ProcessSupport.h"
+
+#include <map>
+
+namespace {
+
+using namespace L2Rib;
+using namespace ProcessSupport;
+using Bridging::MacVlanPair;
+using Bridging::VlanId;
+using TestSupport::Random;
+
+class OutputReaderTest : public ProcessTest {
+ protected:
+   std::string file( const char* path ) const { return state + "/" + path; }
+};
+
+// An output that no agent would write: a label that leads to itself, and a host that leads nowhere.
+TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
+   const auto write = HostOutput::Mode::write;
+   HostOutput hosts( file( Path::hostOutput ), write, 8 );
+   DestOutput dests( file( Path::destOutput ), DestOutput::Mode::write, 8 );
+   LoadBalanceOutput groups( file( Path::lbOutput ), LoadBalanceOutput::Mode::write, 8 );
+   LabelOutput labels( file( Path::labelOutput ), LabelOutput::Mode::write, 8 );
+   PolicySmStatusTable ids( file( Path::policySmStatus ), PolicySmStatusTable::Mode::write, 1 );
+   const auto row = [ & ]( unsigned number, const ObjTuple& next ) {
+      const MacVlanPair key( Vexil::EthAddr( 0x020000000000 + number ), VlanId( 10 ) );
+      Host host( key );
+      host.nextIs( next );
+      return hosts.hostIs( HostAndSource( key, host, sourceBit6_ ) );
+   };
+   const ObjTuple label( LabelId( 1 ) );
+   ASSERT_TRUE( row( 1, label ) && row( 2, ObjTuple( DestId( 4 ) ) ) );
+   const ObjTupleAndSource input( label, sourceBit6_ );
+   for( const uint64_t id : { 1, 2 } )
+      ASSERT_TRUE( labels.labelIs( LabelAndSource(
+         Label( LabelId( id ), ObjTuple( LabelId( id ) ), Vexil::MplsLabel( 16 ) ), input ) ) );
+   ASSERT_TRUE( ids.set( { SingleKey(), DestId(), LoadBalanceId(), LabelId( 1 ) } ) );
+   const Result result = ctl( { "check" } );
+   EXPECT_EQ( result.status, 1 );
+   for( const char* fault : { "host (02:00:00:00:00:02/10) points to dest/4, which is not there",
+                              "label/2 has an id that was never given: the highest is 1",
+                              "label/2 and label/1 are copies of the same label/1 from 0x40",
+                              "label/2 is not reached from any host", "4 faults" } )
+      EXPECT_NE( ( result.out + result.err ).find( fault ), std::string::npos ) << fault;
+   EXPECT_EQ( ctl( { "graph" } ).status, 0 );
+}
+
+// A reader that is overtaken by the journal still hears of every net change, and of nothing else.
+TEST_F( OutputReaderTest, ReaderHearsOfNetChanges ) {
+   std::filesystem::create_directory( state );
+   Client::OutputReader reader( state );
+   std::map<MacVlanPair, uint32_t> mirror;
+   size_t events = 0;
+   bool inSync = false;
+   reader.hosts.follow( [ & ]( const MacVlanPair& key, const HostAndSource* row ) {
+      ++events;
+      if( row )
+         mirror[ key ] = row->host().pref();
+      else
+         EXPECT_EQ( mirror.erase( key ), 1u );
+   } );
+   reader.inSyncIs( [ & ] { inSync = true; } );
+   reader.process();
+   EXPECT_FALSE( inSync ); // there are no tables yet
+
+   HostOutput hosts( file( Path::hostOutput ), HostOutput::Mode::write, 4096 );
+   DestOutput dests( file( Path::destOutput ), DestOutput::Mode::write, 8 );
+   LoadBalanceOutput groups( file( Path::lbOutput ), LoadBalanceOutput::Mode::write, 8 );
+   LabelOutput labels( file( Path::labelOutput ), LabelOutput::Mode::write, 8 );
+   Random random;
+   std::map<MacVlanPair, uint32_t> expected;
+   const auto change = [ & ]( unsigned times ) {
+      for( unsigned i = 0; i < times; ++i ) {
+         const MacVlanPair key( Vexil::EthAddr( 1 + random.below( 3000 ) ), VlanId( 10 ) );
+         Host host( key );
+         host.prefIs( random.below( 4 ) );
+         if( random.percent( 40 ) ) {
+            hosts.hostDel( key );
+            expected.erase( key );
+         } else {
+            ASSERT_TRUE( hosts.hostIs( HostAndSource( key, host, sourceBit6_ ) ) );
+            expected[ key ] = host.pref();
+         }
+      }
+      hosts.ring();
+   };
+   for( const unsigned times : { 2000u, 5u, 20000u, 300u, 9000u } ) {
+      const auto before = expected;
+      events = 0;
+      change( times );
+      EXPECT_TRUE( waitFor(
+         [ & ] {
+            reader.process();
+            return mirror == expected;
+         },
+         patience ) );
+      size_t net = 0;
+      for( unsigned number = 1; number <= 3000; ++number ) {
+         const MacVlanPair key( Vexil::EthAddr( number ), VlanId( 10 ) );
+         const auto was = before.find( key );
+         const auto is = expected.find( key );
+         net += ( was == before.end() ) != ( is == expected.end() ) ||
+                ( is != expected.end() && was->second != is->second );
+      }
+      EXPECT_EQ( events, net ) << times;
+   }
+   EXPECT_TRUE( inSync );
+   EXPECT_EQ( reader.hosts.list().size(), expected.size() );
+}
+
+} // namespace

@@ -1,0 +1,171 @@
+// The whole system as its users run it: agent, sources and readers in processes of their own, on a
+// private state directory.
+#include "tests/ProcessSupport.h"
+
+namespace {
+
+using namespace ProcessSupport;
+using TestSupport::Random;
+
+TEST_F( ProcessTest, BetterHostWinsAndTheOtherTakesOver ) {
+   startAgent();
+   Program evpn = source( "evpn", "0x40" );
+   Program mlag = source( "mlag", "0x8", { "--host-only" } );
+   publish( evpn, objects + host( 1, 100, group ) + initialized( true ) );
+   publish( mlag, host( 1, 200, inlineDest ) + initialized( true ) );
+   EXPECT_EQ( winner( 1 ), "mlag" );
+   Json why = json( { "explain", mac( 1 ), "10" } );
+   EXPECT_EQ( why[ "winner" ], "mlag" );
+   EXPECT_EQ( why[ "path" ], Json::parse( R"([{"inline":{"value":12}}])" ) );
+   for( const Json& candidate : why[ "candidates" ] )
+      EXPECT_EQ( candidate[ "beats" ],
+                 candidate[ "sourceName" ] == "mlag"
+                    ? Json()
+                    : Json( { { "sourceName", "mlag" }, { "rule", "pref" } } ) );
+
+   publish( mlag, R"({"op":"hostDel","mac":")" + mac( 1 ) + R"(","vlan":10})" + "\n" );
+   EXPECT_EQ( winner( 1 ), "evpn" );
+   publish( mlag, host( 1, 200, inlineDest ) );
+   EXPECT_EQ( winner( 1 ), "mlag" );
+   publish( mlag, initialized( false ) );
+   EXPECT_EQ( winner( 1 ), "evpn" );
+
+   why = json( { "explain", mac( 1 ), "10" } );
+   EXPECT_EQ( why[ "candidates" ].size(), 2u );
+   EXPECT_EQ( why[ "path" ].size(), 3u ); // group, dest and label
+   EXPECT_EQ( why[ "path" ][ 0 ][ "id" ], json( { "show", "groups" } )[ 0 ][ "id" ] );
+   EXPECT_EQ( ctl( { "check" } ).status, 0 );
+   EXPECT_NE( ctl( { "graph" } ).out.find( "-> \"lb/" ), std::string::npos );
+   EXPECT_EQ( json( { "explain", mac( 9 ), "10" }, 1 )[ "winner" ], Json() );
+   evpn.signal( SIGTERM );
+   EXPECT_EQ( evpn.status(), 0 );
+   EXPECT_EQ( json( { "source", "list" } ).size(), 1u );
+}
+
+TEST_F( ProcessTest, RestartedSourceIsNotNoticed ) {
+   startAgent();
+   const std::string content = objects + host( 1, 100, group ) + host( 2, 100, inlineDest );
+   keep( "evpn", "0x40", content + initialized( true ) );
+   settle();
+   Program watch = start( L2RIBCTL_PATH, { "watch", "--json" } );
+   watch.expectOut( "inSync" );
+   const size_t before = watch.count( "\n" );
+   const Json entry = json( { "source", "list" } );
+
+   keep( "evpn", "0x40", "{\"op\":\"begin\"}\n" + content + "{\"op\":\"end\"}\n" );
+   EXPECT_EQ( json( { "source", "list" } ), entry );
+   keep( "evpn", "0x40", host( 3, 100, inlineDest ) );
+   watch.expectOut( mac( 3 ) );
+   EXPECT_EQ( watch.count( "\n" ), before + 1 ) << watch.out();
+
+   // With another capacity and then another value it is a new source with the old content.
+   Program larger = source( "evpn", "0x40", { "--keep", "--host-capacity", "70000" } );
+   publish( larger, host( 4, 100, inlineDest ) );
+   watch.expectOut( mac( 4 ) );
+   EXPECT_EQ( watch.count( "\n" ), before + 2 ) << watch.out();
+   larger.signal( SIGKILL );
+   EXPECT_EQ( larger.status(), -SIGKILL );
+   keep( "evpn", "0x100",
+         "{\"op\":\"begin\"}\n" + host( 1, 7, inlineDest ) + "{\"op\":\"end\"}\n" +
+            initialized( true ) );
+   settle();
+   const Json rows = json( { "show", "hosts", "--source", "evpn" } );
+   ASSERT_EQ( rows.size(), 1u );
+   EXPECT_EQ( rows[ 0 ][ "source" ], "0x100" );
+   EXPECT_EQ( rows[ 0 ][ "pref" ], 7 );
+   watch.signal( SIGINT );
+   EXPECT_EQ( watch.status(), 0 );
+}
+
+TEST_F( ProcessTest, SourcesThatDieNeverStopTheAgent ) {
+   startAgent( { "--source-hold", "0.01", "--review-quantum", "0.001" } );
+   std::string storm = objects + initialized( true );
+   Random random;
+   for( unsigned i = 0; i < 20000; ++i ) {
+      const unsigned number = 1 + random.below( 500 );
+      storm += random.percent( 20 )
+                  ? R"({"op":"hostDel","mac":")" + mac( number ) + R"(","vlan":10})" + "\n"
+                  : host( number, random.below( 9 ), random.percent( 50 ) ? group : inlineDest );
+      if( random.percent( 1 ) )
+         storm += random.percent( 50 ) ? "{\"op\":\"clear\"}\n" + objects
+                                       : initialized( random.percent( 80 ) );
+   }
+   const std::string file = folder.file( "storm" );
+   TestSupport::replace( file, storm );
+   for( int round = 0; round < 25; ++round ) {
+      const Words more = random.percent( 30 ) ? Words{ "--host-capacity", "600" } : Words{};
+      Program dying = source( "evpn", random.percent( 70 ) ? "0x40" : "0x8", more, file );
+      waitFor( [ & ] { return dying.ended(); }, random.below( 200 ) * 1e-3 );
+      dying.signal( SIGKILL );
+      dying.status();
+      if( random.percent( 30 ) )
+         ctl( { "source", "delete", "evpn" } );
+      ASSERT_FALSE( agent->ended() ) << agent->err();
+   }
+   keep( "evpn", "0x40",
+         "{\"op\":\"begin\"}\n" + objects + host( 1, 1, group ) + "{\"op\":\"end\"}\n" +
+            initialized( true ) );
+   EXPECT_TRUE( waitFor( // what the value 0x8 left goes when its hold is over
+      [ & ] {
+         settle();
+         return json( { "show", "hosts" } ).size() == 1 || HasFailure();
+      },
+      patience ) );
+   EXPECT_EQ( winner( 1 ), "evpn" );
+   const Result check = ctl( { "check" } );
+   EXPECT_EQ( check.status, 0 ) << check.out;
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 ) << agent->err();
+}
+
+TEST_F( ProcessTest, HostsOfAVanishedSourceAreHeld ) {
+   startAgent( { "--source-hold", "1000" } );
+   const std::string content = host( 1, 100, inlineDest ) + initialized( true );
+   keep( "evpn", "0x40", content );
+   settle();
+   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
+   settle();
+   EXPECT_EQ( json( { "show", "hosts", "--source", "0x40" } ).size(), 1u );
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 );
+
+   startAgent( { "--source-hold", "0.2" } );
+   keep( "evpn", "0x40", content );
+   settle();
+   EXPECT_EQ( json( { "show", "hosts" } ).size(), 1u );
+   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
+   EXPECT_TRUE( waitFor( [ & ] { return json( { "show", "hosts" } ).empty(); }, patience ) );
+}
+
+TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
+   EXPECT_EQ( ctl( { "show", "hosts" } ).status, 1 ); // no agent ever ran
+   startAgent();
+   keep( "evpn", "0x40", objects + host( 1, 100, group ) + initialized( true ) );
+   settle();
+   const std::vector<const char*> tables{ "hosts", "dests", "groups", "labels" };
+   std::vector<Json> before;
+   for( const char* table : tables )
+      before.push_back( json( { "show", table } ) );
+   EXPECT_EQ( json( { "show", "status" } )[ "agent" ], "running" );
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 );
+   for( size_t i = 0; i < tables.size(); ++i )
+      EXPECT_EQ( json( { "show", tables[ i ] } ), before[ i ] ) << tables[ i ];
+   const Result human = ctl( { "show", "hosts" } );
+   EXPECT_NE( human.err.find( "agent is stopped since" ), human.err.npos ) << human.err;
+   const Json status = json( { "show", "status" } );
+   EXPECT_EQ( status[ "agent" ], "stopped" );
+   EXPECT_EQ( status[ "restartState" ], "running" );
+   EXPECT_EQ( status[ "groups" ], 1 );
+   EXPECT_EQ( ctl( { "settle", "--timeout", "0" } ).status, 1 );
+}
+
+TEST_F( ProcessTest, ExampleDaemonFindsItsHostsInTheOutput ) {
+   startAgent();
+   settle();
+   Program example( folder, { EXAMPLE_PATH, state } );
+   EXPECT_EQ( example.status(), 0 ) << example.err();
+   EXPECT_EQ( example.count( "host: " ), 3u ) << example.out();
+}
+
+} // namespace
