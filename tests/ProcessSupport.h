@@ -127,7 +127,7 @@ inline const std::string objects = R"({"op":"dest","id":1,"vxlan":{"vtep":"10.0.
 inline std::string initialized( bool on ) {
    return std::string( R"({"op":"initialized","value":)" ) + ( on ? "true" : "false" ) + "}\n";
 }
-inline const std::string sync = "{\"op\":\"sync\"}\n";
+inline const std::string syncOp = "{\"op\":\"sync\"}\n";
 
 class ProcessTest : public testing::Test {
  protected:
@@ -170,7 +170,7 @@ class ProcessTest : public testing::Test {
    // Has a source carry out operations, and waits until the agent has worked them off.
    void publish( Program& source, const std::string& operations ) {
       const size_t synced = source.count( "synced" );
-      source.write( operations + sync );
+      source.write( operations + syncOp );
       source.expectOut( "synced", synced + 1 );
       settle();
    }

@@ -83,7 +83,7 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
 
    // What depends on the table: a full one, and one that a host-only source has not.
    const Result full = ctl( { "source", "run", "full", "--value", "1", "--host-capacity", "1" },
-                            host( 1, 1, inlineDest ) + host( 2, 1, inlineDest ) + sync );
+                            host( 1, 1, inlineDest ) + host( 2, 1, inlineDest ) + syncOp );
    EXPECT_EQ( full.status, 3 );
    EXPECT_NE( full.err.find( "line 2: host: the table of hosts is full" ), full.err.npos )
       << full.err;
@@ -95,7 +95,7 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
 
 TEST_F( SourceRunTest, WhatMayNotBePublishedIsRefused ) {
    Program evpn = source( "evpn", "0x40" );
-   evpn.write( host( 1, 100, inlineDest ) + sync );
+   evpn.write( host( 1, 100, inlineDest ) + syncOp );
    evpn.expectOut( "synced" );
    const Json before = json( { "source", "list" } );
    struct Refused {

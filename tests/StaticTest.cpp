@@ -75,9 +75,8 @@ class StaticLab {
    // No label and no dest without its host.
    void expectNoLeaks() const {
       uint32_t labelHosts = 0;
-      host->forEach( [ & ]( const Host& row ) {
-         labelHosts += row.next().tableType() == tableTypeLabel_;
-      } );
+      host->forEach(
+         [ & ]( const Host& row ) { labelHosts += row.next().tableType() == tableTypeLabel_; } );
       EXPECT_EQ( labelHosts, label->count() );
       EXPECT_EQ( labelHosts, dest->count() );
       EXPECT_EQ( 0u, sm->staticLoadBalanceTable()->count() );
@@ -85,19 +84,22 @@ class StaticLab {
 
    void wrote( const MacVlanPair& key ) {
       const ObjTuple next = host->host( key ).next();
-      if( next != Util::objTupleInvalid() )
+      if( next != Util::objTupleInvalid() ) {
          EXPECT_EQ( next.labelId(), label->label( next.labelId() ).key() ) << "before its label";
+      }
    }
    void wrote( const LabelId& key ) {
       const Label row = label->label( key );
       if( row.key() != key )
          return;
-      EXPECT_EQ( row.next().destId(), dest->dest( row.next().destId() ).key() );
+      const DestId end( row.next().objId().value() );
+      EXPECT_EQ( end, dest->dest( end ).key() ) << "before its dest";
       EXPECT_TRUE( labelIds.insert( key ).second ) << "id " << key << " is used again";
    }
    void wrote( const DestId& key ) {
-      if( dest->dest( key ).key() == key )
+      if( dest->dest( key ).key() == key ) {
          EXPECT_TRUE( destIds.insert( key ).second ) << "id " << key << " is used again";
+      }
    }
 
    Ptr<Vexil::ManualClock> clock = makeEntity<Vexil::ManualClock>();
@@ -141,8 +143,8 @@ class StaticLab {
 TEST( StaticHosts, PublishesItselfWithWhatIsConfiguredAlone ) {
    StaticLab lab;
    ASSERT_TRUE( lab.host->hostIs( Host( mvp( 9 ) ) ) );
-   ASSERT_TRUE( lab.label->labelIs( push( 77, 5, dest( 88 ) ) ) );
    ASSERT_TRUE( lab.dest->destIs( intfDest( 88, 1 ) ) );
+   ASSERT_TRUE( lab.label->labelIs( push( 77, 5, dest( 88 ) ) ) );
    const auto lb = lab.manager->mountTable<LoadBalanceTable>( folder + "loadBalanceTable",
                                                               LoadBalanceTable::Mode::write, 8 );
    ASSERT_TRUE( lb->lbIs( group( 7, { dest( 88 ) } ) ) );
@@ -177,7 +179,10 @@ TEST( StaticHosts, StepByStep ) {
       int writes;
    } steps[] = {
       { "interface host", [ & ] { lab.set( onInterface( 1, 5 ) ); }, "1=value 5", 1 },
-      { "again", [ & ] { lab.sm->handleHost( { EthAddr( 1 ), Bridging::VlanId( 10 ) } ); },
+      { "again",
+        [ & ] {
+           lab.sm->handleHost( { EthAddr( 1 ), Bridging::VlanId( 10 ) } );
+        },
         "1=value 5", 0 },
       { "label host", [ & ] { lab.set( onTunnel( 2, 1000, 1 ) ); },
         "1=value 5 2=label/1:1000 dest/1:10.0.1.1", 3 },
@@ -203,7 +208,9 @@ TEST( StaticHosts, StepByStep ) {
       { "no label: the interface counts", [ & ] { lab.set( onTunnel( 2, 0x100000, 1 ) ); },
         "1=value 5 2=value 1", 3 },
       { "a label needs a tunnel",
-        [ & ] { lab.set( { EthAddr( 1 ), IntfId( 8 ), MplsLabel( 16 ) } ); },
+        [ & ] {
+           lab.set( { EthAddr( 1 ), IntfId( 8 ), MplsLabel( 16 ) } );
+        },
         "1=value 8 2=value 1", 1 },
       { "removed", [ & ] { lab.del( 2 ); }, "1=value 8", 1 },
       { "same MAC, another VLAN", [ & ] { lab.set( onTunnel( 1, 16, 1 ), 20 ); },
@@ -255,7 +262,7 @@ TEST( StaticHosts, AgreeWithTheModel ) {
    const auto change = [ & ] {
       const uint64_t mac = 1 + random.below( 8 );
       const uint32_t vlan = 1 + random.below( 3 );
-      const MacVlanPair key( EthAddr( mac ), Bridging::VlanId( vlan ) );
+      const MacVlanPair key{ EthAddr( mac ), Bridging::VlanId( vlan ) };
       const uint32_t kind = random.below( 100 );
       if( kind < 30 ) {
          lab.set( model[ key ] = onInterface( mac, 1 + random.below( 3 ) ), vlan );
@@ -284,9 +291,9 @@ TEST( StaticHosts, AgreeWithTheModel ) {
          if( const auto what = expected( host, *lab.config ) )
             wanted[ key ] = *what;
       lab.host->forEach( [ & ]( const Host& row ) {
-         const Label push = lab.label->label( row.next().tableType() == tableTypeLabel_
-                                                 ? row.next().labelId()
-                                                 : Util::labelIdInvalid() );
+         const Label push =
+            lab.label->label( row.next().tableType() == tableTypeLabel_ ? row.next().labelId()
+                                                                        : Util::labelIdInvalid() );
          const Dest end = lab.dest->dest( DestId( push.next().objId().value() ) );
          found[ row.key() ] = end.destType() == objDestTypeTunnel_
                                  ? push.label().str() + " over " + end.tunnel().destination.str()
@@ -300,54 +307,148 @@ TEST( StaticHosts, AgreeWithTheModel ) {
    EXPECT_EQ( 0, lab.writes ) << "nothing has changed";
 }
 
-TEST( StaticHosts, WaitForRoom ) {
-   const struct {
-      const char* what;
-      uint32_t hosts, labels, dests;
-      const char* full;      // host 4 does not get in, host 3 can't become a label host
-      const char* afterHost; // host 1, a label host, has gone
-   } cases[] = {
-      { "labels", 9, 2, 9, "1=label/1:1 dest/1:10.0.1.1 2=label/2:2 dest/2:10.0.1.1 3=value 3",
-        "2=label/2:2 dest/2:10.0.1.1 3=label/3:3 dest/3:10.0.1.1" },
-      { "dests", 9, 9, 2, "1=label/1:1 dest/1:10.0.1.1 2=label/2:2 dest/2:10.0.1.1 3=value 3",
-        "2=label/2:2 dest/2:10.0.1.1 3=label/3:3 dest/3:10.0.1.1" },
-      { "hosts", 3, 9, 9,
-        "1=label/1:1 dest/1:10.0.1.1 2=label/2:2 dest/2:10.0.1.1 3=label/3:3 dest/3:10.0.1.1",
-        "2=label/2:2 dest/2:10.0.1.1 3=label/3:3 dest/3:10.0.1.1 4=label/4:4 dest/4:10.0.1.1" },
-   };
-   for( const auto& test : cases ) {
-      SCOPED_TRACE( test.what );
-      StaticLab lab( test.hosts, test.labels, test.dests );
+TEST( StaticHosts, WaitForRoomOfLabelsAndDests ) {
+   for( const bool labelsAreFull : { true, false } ) {
+      SCOPED_TRACE( labelsAreFull ? "labels" : "dests" );
+      StaticLab lab( 9, labelsAreFull ? 2 : 9, labelsAreFull ? 9 : 2 );
       lab.config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
-      lab.start();
       for( const uint32_t mac : { 1, 2 } )
+         lab.set( onInterface( mac, mac ) );
+      lab.start();
+      for( const uint32_t mac : { 1, 2, 3 } )
          lab.set( onTunnel( mac, mac, 1 ) );
+      lab.set( onInterface( 4, 4 ) );
+      lab.set( onTunnel( 4, 4, 1 ) );
+      const std::string both = "1=label/1:1 dest/1:10.0.1.1 2=label/2:2 dest/2:10.0.1.1";
+      EXPECT_EQ( both + " 4=value 4", lab.text() ) << "3 is not in, 4 as it was";
+      EXPECT_EQ( 2u, lab.sm->waiting() );
+      lab.sm->handleHost();
+      EXPECT_EQ( both + " 4=value 4", lab.text() ) << "no room, no change";
+      lab.set( onTunnel( 2, 9, 1 ) );
+      EXPECT_EQ( "1=label/1:1 dest/1:10.0.1.1 2=label/3:9 dest/3:10.0.1.1 4=value 4", lab.text() )
+         << "a change takes its own room, before those who wait";
       lab.set( onInterface( 3, 3 ) );
-      lab.set( onTunnel( 3, 3, 1 ) );
-      if( test.hosts == 3 )
-         lab.set( onTunnel( 4, 4, 1 ) );
-      EXPECT_EQ( test.full, lab.text() );
-      EXPECT_EQ( 1u, lab.sm->waiting() );
-      lab.set( onTunnel( 2, 2, 1 ) );
-      lab.set( onInterface( 3, 3 ) ); // no longer waits for a label
-      lab.set( onTunnel( 3, 3, 1 ) );
       EXPECT_EQ( 1u, lab.sm->waiting() );
       lab.del( 1 );
+      EXPECT_EQ( "2=label/3:9 dest/3:10.0.1.1 3=value 3 4=label/4:4 dest/4:10.0.1.1", lab.text() );
       EXPECT_EQ( 0u, lab.sm->waiting() );
-      std::string text = lab.text();
-      if( test.hosts == 3 ) // host 3 was rewritten on the way
-         text = text.replace( text.find( "3=" ), std::string( "3=label/4:3 dest/4" ).size(),
-                              "3=label/3:3 dest/3" );
       lab.expectNoLeaks();
-      if( test.hosts != 3 )
-         EXPECT_EQ( test.afterHost, text );
-      else
-         EXPECT_EQ( "2=label/2:2 dest/2:10.0.1.1 3=label/3:3 dest/3:10.0.1.1 4=label/5:4 "
-                    "dest/5:10.0.1.1",
-                    text );
-      // A label host that changes needs no room beyond its own.
-      lab.set( onTunnel( 2, 9, 1 ) );
-      EXPECT_EQ( 0u, lab.sm->waiting() );
-      EXPECT_NE( lab.text().find( ":9 " ), std::string::npos ) << lab.text();
    }
 }
+
+TEST( StaticHosts, WaitForRoomOfHosts ) {
+   StaticLab lab( 2 );
+   lab.config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
+   lab.start();
+   for( const uint32_t mac : { 1, 2 } )
+      lab.set( onInterface( mac, mac ) );
+   lab.set( onTunnel( 3, 3, 1 ) );
+   EXPECT_EQ( "1=value 1 2=value 2", lab.text() );
+   EXPECT_EQ( 0u, lab.sm->currLabelId() ) << "nothing is made for a host that can't be in";
+   lab.set( onInterface( 1, 9 ) );
+   EXPECT_EQ( "1=value 9 2=value 2", lab.text() );
+   lab.del( 2 );
+   EXPECT_EQ( "1=value 9 3=label/1:3 dest/1:10.0.1.1", lab.text() );
+   lab.set( onInterface( 2, 2 ) );
+   lab.del( 2 );
+   EXPECT_EQ( 0u, lab.sm->waiting() ) << "one that is no longer configured does not wait";
+   lab.expectNoLeaks();
+}
+
+TEST( StaticHosts, TraceWhatTheyDo ) {
+   std::vector<std::string> lines;
+   Vexil::traceSettingIs( "L2RibStaticHostSm=0-9" );
+   Vexil::logSinkIs( [ & ]( std::string_view line ) { lines.emplace_back( line ); } );
+   {
+      StaticLab lab;
+      lab.config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
+      lab.set( onTunnel( 1, 1000, 1 ) );
+      lab.start();
+      lab.set( onInterface( 1, 5 ) );
+      lab.del( 1 );
+      lab.config->fdbConfigDel( Fid( 10 ) );
+      lab.sm->handleHost( { EthAddr( 1 ), Bridging::VlanId( 10 ) } );
+   }
+   Vexil::logSinkIs( nullptr );
+   Vexil::traceHandle( "L2RibStaticHostSm" ).levelsIs( 0 );
+   const struct {
+      const char* text;
+      int times;
+   } texts[] = {
+      { "void L2Rib::StaticHostSm::handleInitialized()", 1 },
+      { "void L2Rib::StaticHostSm::handleHost()", 2 },
+      { "void L2Rib::StaticHostSm::handleHost(const Bridging::MacVlanPair&) for "
+        "(00:00:00:00:00:01/10)",
+        6 },
+      { "handleConfiguredHost(const Vexil::EthAddr&) for 00:00:00:00:00:01 in 10", 3 },
+      { "handleDelete() for 10", 1 },
+      { " not init yet!", 1 },
+      { "handleHost host entry { (00:00:00:00:00:01/10) seqNo 1 pref 64 entryType 4 ", 3 },
+      { "bool L2Rib::StaticHostSm::labelHostIntact(", 2 },
+      { "Not a label host", 1 },
+      { "handleHost label and tunnel intact", 1 },
+      { "handleHost add tunnel { dest/1 tunnel 10.0.0.1 to 10.0.1.1 tos 0 ttl 64 } to the static "
+        "input tunnel table",
+        1 },
+      { "handleHost add label { label/1 push 1000 next dest/1 } to the static input label table",
+        1 },
+      { "handleHost host has changed, reprogramming", 2 },
+      { "void L2Rib::StaticHostSm::cleanupLabelDestEntries(const L2Rib::Host&) for { ", 3 },
+      { " deleting label { label/1 push 1000 next dest/1 } entry from L2Rib label input", 1 },
+      { " deleting dest with id 1", 1 },
+      { "handleHost did not find host in fdb", 1 },
+      { "handleHost no fdbConfig for vlan 10", 1 },
+      { "handleHost deleting host (00:00:00:00:00:01/10) from L2Rib input", 1 },
+   };
+   for( const auto& [ text, times ] : texts )
+      EXPECT_EQ( times, std::count_if( lines.begin(), lines.end(),
+                                       [ & ]( const std::string& line ) {
+                                          return line.find( text ) != line.npos;
+                                       } ) )
+         << text;
+}
+
+TEST( StaticHostsDeathTest, BrokenInvariantsAreFatal ) {
+   StaticLab lab;
+   lab.set( onInterface( 1, 5 ) );
+   lab.start();
+   auto& reactor = **lab.sm->fdbConfig().find( Fid( 10 ) );
+   EXPECT_TRUE( reactor.initialized() );
+   EXPECT_DEATH( reactor.handleInitialized(), "assertion failed: !initialized\\(\\)," );
+   EXPECT_DEATH( makeEntity<StaticHostSm>( nullptr, lab.sources, lab.config ),
+                 "assertion failed: entityManager\\(\\)," );
+   ASSERT_TRUE( lab.dest->destIs( intfDest( 7, 1 ) ) );
+   ASSERT_TRUE( lab.label->labelIs( push( 1, 16, L2Rib::Test::lb( 7 ) ) ) );
+   EXPECT_DEATH(
+      lab.sm->labelHostIntact( objectHost( mvp( 1 ), label( 1 ) ), MplsLabel( 16 ), tunnelTo( 1 ) ),
+      "assertion failed: tableType\\(\\) == tableTypeDest_," );
+}
+
+// The engine attaches the tables that the state machine writes, and takes them like any source's.
+TEST( StaticHosts, AreASourceOfTheEngine ) {
+   Lab lab;
+   const auto config = makeEntity<Bridging::Config>();
+   config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
+   const auto sm = makeEntity<StaticHostSm>( lab.manager, lab.agentInputDir, config );
+   const auto fdb = config->fdbConfigIs( Fid( 10 ) );
+   const ConfiguredHost first{ mvp( 1 ).mac(), IntfId( 5 ), MplsLabel::none };
+   const ConfiguredHost second{ mvp( 2 ).mac(), IntfId( TunnelId( 1 ) ), MplsLabel( 1000 ) };
+   fdb->configuredHostIs( first );
+   fdb->configuredHostIs( second );
+   lab.settle();
+   EXPECT_EQ( "value 5 from 0x10", lab.outcome( mvp( 1 ) ) );
+   EXPECT_EQ( "label/1 from 0x10", lab.outcome( mvp( 2 ) ) );
+   EXPECT_EQ( tunnelTo( 1 ), lab.output.dest->dest( DestId( 1 ) ).dest().tunnel() );
+   lab.source( "strong", 0x40 ).set( inlineHost( mvp( 1 ), 7 ) );
+   config->tunnelIs( TunnelId( 1 ), tunnelTo( 2 ) );
+   lab.settle();
+   EXPECT_EQ( "value 7 from 0x40", lab.outcome( mvp( 1 ) ) ) << "pref 64 is weaker";
+   EXPECT_EQ( "label/2 from 0x10", lab.outcome( mvp( 2 ) ) );
+   config->fdbConfigDel( Fid( 10 ) );
+   lab.settle();
+   EXPECT_EQ( "none", lab.outcome( mvp( 2 ) ) );
+   EXPECT_EQ( 0u, lab.output.label->count() + lab.output.dest->count() );
+}
+
+} // namespace
+} // namespace L2Rib::Test

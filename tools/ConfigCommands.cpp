@@ -1,12 +1,15 @@
 // l2ribctl config: set, delete, delete-vlan, tunnel, apply; and show config.
+#include "L2Rib/L2RibTarn.h"
 #include "tools/Commands.h"
 #include "tools/ConfigDocument.h"
 #include "tools/ConfigStore.h"
+#include "tools/Show.h"
 #include "tools/TextTable.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -153,6 +156,8 @@ int show( const Context& context, std::optional<uint32_t> vlan, const std::strin
       }
       printTable( tunnels, { "tunnel", "source", "destination", "tos", "ttl" } );
    }
+   if( std::filesystem::exists( context.fileOf( L2Rib::Path::agentStatus ) ) )
+      mentionStoppedAgent( context );
    return done;
 }
 
