@@ -1,19 +1,22 @@
 #include "client/AwaitedFolder.h"
 
+#include <system_error>
 #include <utility>
 
 namespace L2Rib::Client {
 
-AwaitedFolder::AwaitedFolder( Vexil::FileWatcher& watcher, std::filesystem::path folder,
+AwaitedFolder::AwaitedFolder( Vexil::FileWatcher& watcher, const std::filesystem::path& folder,
                               std::function<void()> changed )
-   : watcher_( watcher ), folder_( std::move( folder ) ), changed_( std::move( changed ) ) {
+   : watcher_( watcher ), folder_( std::filesystem::absolute( folder ) ),
+     changed_( std::move( changed ) ) {
    watchWhatIsThere();
 }
 
 void AwaitedFolder::watchWhatIsThere() {
    std::filesystem::path present = folder_;
-   while( !std::filesystem::exists( present ) )
-      present = present.has_relative_path() ? present.parent_path() : present.root_path();
+   std::error_code unknown;
+   while( !std::filesystem::exists( present, unknown ) )
+      present = present.parent_path(); // the root at the latest
    if( present == watched_ )
       return;
    watched_ = present;

@@ -13,7 +13,7 @@ namespace L2Rib::Client {
 // look into the folder after the construction.
 class AwaitedFolder {
  public:
-   AwaitedFolder( Vexil::FileWatcher& watcher, std::filesystem::path folder,
+   AwaitedFolder( Vexil::FileWatcher& watcher, const std::filesystem::path& folder,
                   std::function<void()> changed );
    AwaitedFolder( const AwaitedFolder& ) = delete; // the watcher calls back here
    AwaitedFolder& operator=( const AwaitedFolder& ) = delete;

@@ -107,14 +107,7 @@ OutputReader::OutputReader( const std::string& stateDirectory )
    : hosts( stateDirectory + "/" + Path::hostOutput ),
      dests( stateDirectory + "/" + Path::destOutput ),
      groups( stateDirectory + "/" + Path::lbOutput ),
-     labels( stateDirectory + "/" + Path::labelOutput ), watcher_( loop_ ),
-     more_( eventfd( 1, EFD_NONBLOCK | EFD_CLOEXEC ) ) {
-   if( more_ < 0 )
-      throw std::system_error( errno, std::generic_category(), "eventfd" );
-   loop_.watch( more_, [ this ] {
-      eventfd_t ignored;
-      eventfd_read( more_, &ignored );
-   } );
+     labels( stateDirectory + "/" + Path::labelOutput ), watcher_( loop_ ) {
    if( !std::filesystem::exists( stateDirectory ) )
       throw Vexil::TableError( Vexil::TableError::absent,
                                stateDirectory + ": there is no such state directory" );
@@ -126,6 +119,13 @@ OutputReader::OutputReader( const std::string& stateDirectory )
       }
    } );
    attachAll();
+   more_ = eventfd( 1, EFD_NONBLOCK | EFD_CLOEXEC );
+   if( more_ < 0 )
+      throw std::system_error( errno, std::generic_category(), "eventfd" );
+   loop_.watch( more_, [ this ] {
+      eventfd_t ignored;
+      eventfd_read( more_, &ignored );
+   } );
 }
 
 OutputReader::~OutputReader() { close( more_ ); }

@@ -2,8 +2,8 @@
 
 #include "runtime/Failure.h"
 
-#include <algorithm>
 #include <filesystem>
+#include <set>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -18,28 +18,28 @@ std::map<std::string, EntityType>& types() {
 
 // Keeps a Directory in step with a folder: an entry is a table file whose record type names the
 // entity type. Another file under the same name is another entity.
+//
+// What has gone or was replaced leaves the directory before anything new enters it. So the entries
+// that are in it at one time have also stood in the folder at one time: whoever publishes entries
+// with something that only one of them may have finds that kept here too.
 class FolderBinding {
  public:
    FolderBinding( EntityManager& manager, std::string path, Ptr<Directory> directory )
       : manager_( manager ), path_( std::move( path ) ), folder_( manager.fileOf( path_ ) ),
         directory_( std::move( directory ) ) {}
 
+   // Something happened to the entry of that name; to any, when it is empty.
    void review( const std::string& name ) {
-      if( name.empty() )
-         reviewAll();
+      std::set<std::string> names = dropStale();
+      if( !name.empty() )
+         names.insert( name );
       else
-         reviewEntry( name );
-   }
-   void reviewAll() {
-      std::vector<std::string> names;
-      for( const auto& [ name, entry ] : entries_ )
-         names.push_back( name );
-      std::error_code error;
-      for( const auto& file : std::filesystem::directory_iterator( folder_, error ) )
-         names.push_back( file.path().filename() );
-      for( const std::string& name : names )
-         if( name[ 0 ] != '.' )
-            reviewEntry( name );
+         for( std::error_code error;
+              const auto& file : std::filesystem::directory_iterator( folder_, error ) )
+            names.insert( file.path().filename() );
+      for( const std::string& present : names )
+         if( present[ 0 ] != '.' && !entries_.contains( present ) )
+            mountEntry( present );
    }
 
  private:
@@ -48,37 +48,44 @@ class FolderBinding {
       Mounted mounted;
    };
 
-   void reviewEntry( const std::string& name ) {
-      const std::string file = folder_ + "/" + name;
+   // The file that has the entry's name now; 0 when there is none.
+   ino_t inodeOf( const std::string& name ) const {
       struct stat status {};
-      const bool present = stat( file.c_str(), &status ) == 0;
-      const auto known = entries_.find( name );
-      if( known != entries_.end() ) {
-         if( present && known->second.inode == status.st_ino )
-            return;
-         entries_.erase( known ); // unbound first: the old entity stands still
-      }
-      if( present && mountEntry( name, file, status.st_ino ) )
-         return;
-      directory_->entryDel( name );
+      return stat( ( folder_ + "/" + name ).c_str(), &status ) == 0 ? status.st_ino : 0;
    }
 
-   bool mountEntry( const std::string& name, const std::string& file, ino_t inode ) {
+   // Takes out the entries whose files no longer have their names. Returns which they are.
+   std::set<std::string> dropStale() {
+      std::set<std::string> dropped;
+      for( const auto& [ name, entry ] : entries_ )
+         if( inodeOf( name ) != entry.inode )
+            dropped.insert( name );
+      for( const std::string& name : dropped ) {
+         entries_.erase( name ); // unbound first: the old entity stands still
+         directory_->entryDel( name );
+      }
+      return dropped;
+   }
+
+   void mountEntry( const std::string& name ) {
+      const std::string file = folder_ + "/" + name;
+      const ino_t inode = inodeOf( name );
+      if( inode == 0 )
+         return;
       const std::string typeName = tableTypeName( file );
       const EntityType* const type = registeredType( typeName );
       if( !type || !type->mount ) {
          log( file + ": not an entry: no known entity type '" + typeName + "'" );
-         return false;
+         return;
       }
       try {
          Mounted mounted = type->mount( manager_, path_ + "/" + name, MountMode::read );
+         dropStale(); // what this one may have taken the place of; it is reported on its own
          directory_->entryIs( name, mounted.entity );
          entries_[ name ] = { inode, std::move( mounted ) };
-         return true;
       } catch( const TableError& failure ) {
          if( failure.kind() != TableError::absent ) // it may have gone since we looked
             log( failure.what() );
-         return false;
       }
    }
 
@@ -99,7 +106,7 @@ Mounted mountDirectory( EntityManager& manager, const std::string& path, MountMo
    // Watched before the first look, so that nothing falls between.
    manager.fileWatcher()->watchFolder(
       folder, [ binding ]( const std::string& name ) { binding->review( name ); } );
-   binding->reviewAll();
+   binding->review( "" );
    return { directory, binding };
 }
 

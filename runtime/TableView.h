@@ -34,17 +34,21 @@ static_assert( std::endian::native == std::endian::little, "the tables are littl
 
 // Words of a mapped table. The compiler's atomics rather than std::atomic_ref, which g++ 12 does
 // not give for const words, as those of a read-only mapping are.
+#ifdef VEXIL_TEST_HOOKS
+void beforeLoad();  // a test's own: another may take its turn here
+void beforeStore(); // or the process end
+#else
+inline void beforeLoad() {}
+inline void beforeStore() {}
+#endif
 inline uint64_t loadWord( const uint64_t* word ) {
+   beforeLoad();
    return __atomic_load_n( word, __ATOMIC_ACQUIRE );
 }
 inline uint32_t loadWord( const uint32_t* word ) {
+   beforeLoad();
    return __atomic_load_n( word, __ATOMIC_ACQUIRE );
 }
-#ifdef VEXIL_TEST_STORES
-void beforeStore(); // a test's own: it may end the process here
-#else
-inline void beforeStore() {}
-#endif
 inline void storeWord( uint64_t* word, uint64_t value ) {
    beforeStore();
    __atomic_store_n( word, value, __ATOMIC_RELEASE );

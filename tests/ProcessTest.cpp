@@ -118,6 +118,26 @@ TEST_F( ProcessTest, SourcesThatDieNeverStopTheAgent ) {
    EXPECT_EQ( agent->status(), 0 ) << agent->err();
 }
 
+// Each value is always that of one source only, but an agent that was held up sees it all at once.
+TEST_F( ProcessTest, SourcesMayExchangeTheirValues ) {
+   startAgent();
+   const auto content = []( unsigned number ) {
+      return host( number, 100, inlineDest ) + initialized( true );
+   };
+   keep( "evpn", "0x40", content( 1 ) );
+   keep( "mlag", "0x8", content( 2 ) );
+   settle();
+   agent->signal( SIGSTOP );
+   EXPECT_EQ( ctl( { "source", "delete", "mlag" } ).status, 0 );
+   keep( "evpn", "0x8", initialized( true ) );
+   keep( "mlag", "0x40", content( 2 ) );
+   agent->signal( SIGCONT );
+   settle();
+   EXPECT_EQ( winner( 1 ), "evpn" );
+   EXPECT_EQ( winner( 2 ), "mlag" );
+   EXPECT_EQ( ctl( { "check" } ).status, 0 );
+}
+
 TEST_F( ProcessTest, HostsOfAVanishedSourceAreHeld ) {
    startAgent( { "--source-hold", "1000" } );
    const std::string content = host( 1, 100, inlineDest ) + initialized( true );

@@ -180,7 +180,7 @@ class DamagedTable : public testing::Test {
       mirror.follow();
       for( uint32_t number = 0; number < keys; ++number ) {
          Record record;
-         reader.prefetchRecord( { number } );
+         reader.prefetchRecord( Key{ number }.hash() );
          ASSERT_TRUE( !reader.get( { number }, record ) || record.key.number == number );
       }
       reader.forEach( []( const Record& ) {} );

@@ -6,8 +6,8 @@
 
 #include "runtime/Trace.h"
 
-#include <functional>
-#include <optional>
+#include <array>
+#include <sstream>
 
 namespace L2Rib::Test {
 namespace {
@@ -22,15 +22,12 @@ using Vexil::MplsLabel;
 
 const std::string folder = "bridging/l2Rib/static/";
 
+MacVlanPair key( uint64_t mac, uint32_t vlan = 10 ) {
+   return { EthAddr( mac ), Bridging::VlanId( vlan ) };
+}
 DestDataTunnel tunnelTo( uint32_t last ) {
    return { *Vexil::IpGenAddr::parse( "10.0.0.1" ),
             *Vexil::IpGenAddr::parse( "10.0.1." + std::to_string( last ) ), 0, 64 };
-}
-ConfiguredHost onInterface( uint64_t mac, uint64_t intf ) {
-   return { EthAddr( mac ), IntfId( intf ), MplsLabel::none };
-}
-ConfiguredHost onTunnel( uint64_t mac, uint32_t label, uint64_t tunnel ) {
-   return { EthAddr( mac ), IntfId( TunnelId( tunnel ) ), MplsLabel( label ) };
 }
 
 // A state machine on tables in memory. Every write is counted, and looked at when it happens.
@@ -43,18 +40,67 @@ class StaticLab {
         labelWatch( label, *this ), destWatch( dest, *this ) {}
 
    void start() { sm = makeEntity<StaticHostSm>( manager, sources, config ); }
-   void set( const ConfiguredHost& configured, uint32_t vlan = 10 ) {
-      config->fdbConfigIs( Fid( vlan ) )->configuredHostIs( configured );
-   }
-   void del( uint64_t mac, uint32_t vlan = 10 ) {
-      if( const auto fdb = config->fdbConfig( Fid( vlan ) ) )
-         fdb->configuredHostDel( EthAddr( mac ) );
+   // Changes the configuration: "intf MAC ID", "label MAC LABEL TUNNEL", "both MAC LABEL ID" (a
+   // label on a plain interface), "del MAC", each followed by the VLAN unless it is 10; "tunnel ID
+   // TO", "tunnelDel ID", "vlanDel VLAN"; and "again", which changes nothing.
+   void run( const std::string& steps ) {
+      std::istringstream all( steps );
+      for( std::string step; std::getline( all, step, ',' ); ) {
+         std::istringstream in( step );
+         std::string verb;
+         std::vector<uint32_t> n;
+         in >> verb;
+         for( uint32_t number; in >> number; )
+            n.push_back( number );
+         const auto set = [ & ]( size_t at, IntfId intf, MplsLabel label ) {
+            config->fdbConfigIs( Fid( at < n.size() ? n[ at ] : 10 ) )
+               ->configuredHostIs( { EthAddr( uint64_t( n[ 0 ] ) ), intf, label } );
+         };
+         if( verb == "intf" )
+            set( 2, IntfId( uint64_t( n[ 1 ] ) ), MplsLabel::none );
+         else if( verb == "label" )
+            set( 3, IntfId( TunnelId( n[ 2 ] ) ), MplsLabel( n[ 1 ] ) );
+         else if( verb == "both" )
+            set( 3, IntfId( uint64_t( n[ 2 ] ) ), MplsLabel( n[ 1 ] ) );
+         else if( verb == "tunnel" )
+            config->tunnelIs( TunnelId( n[ 0 ] ), tunnelTo( n[ 1 ] ) );
+         else if( verb == "tunnelDel" )
+            config->tunnelDel( TunnelId( n[ 0 ] ) );
+         else if( verb == "vlanDel" )
+            config->fdbConfigDel( Fid( n[ 0 ] ) );
+         else if( verb == "again" )
+            sm->handleHost();
+         else if( const auto fdb = config->fdbConfig( Fid( n.size() > 1 ? n[ 1 ] : 10 ) ) )
+            fdb->configuredHostDel( EthAddr( uint64_t( n[ 0 ] ) ) );
+      }
    }
 
-   // "1=value 5 2=label/1:1000 dest/1:10.0.1.1", hosts in order; "10/" stands for no VLAN but 10.
-   std::string text() const {
+   // "1=5 2=3:1000>1 20/4=7": the interface of a host, or the id of its label and dest, the label,
+   // and where the tunnel leads. VLAN 10 goes without saying. Without ids: "2=1000>1".
+   std::string text( bool withIds = true ) const {
       std::map<MacVlanPair, std::string> hosts;
-      host->forEach( [ & ]( const Host& row ) { hosts[ row.key() ] = textOf( row ); } );
+      uint32_t labelHosts = 0;
+      host->forEach( [ & ]( const Host& row ) {
+         EXPECT_EQ( Vexil::Seqno32( 1 ), row.seqNo() );
+         EXPECT_EQ( 64u, row.pref() );
+         EXPECT_EQ( 4u, row.entryType() );
+         std::string& what = hosts[ row.key() ] = std::to_string( row.ciDest().payload() );
+         if( row.next() == Util::objTupleInvalid() )
+            return;
+         ++labelHosts;
+         const Label push = label->label( row.next().labelId() );
+         EXPECT_EQ( push.key().value(), push.next().destId().value() );
+         const std::string to = dest->dest( push.next().destId() ).tunnel().destination.str();
+         what = ( withIds ? push.key().str() + ":" : "" ) + push.label().str() + ">" +
+                to.substr( to.rfind( '.' ) + 1 );
+      } );
+      // No label and no dest without its host.
+      EXPECT_EQ( labelHosts, label->count() );
+      EXPECT_EQ( labelHosts, dest->count() );
+      EXPECT_EQ( 0u, sm->staticLoadBalanceTable()->count() );
+      return joined( hosts );
+   }
+   static std::string joined( const std::map<MacVlanPair, std::string>& hosts ) {
       std::string all;
       for( const auto& [ key, what ] : hosts )
          all += ( all.empty() ? "" : " " ) +
@@ -62,28 +108,9 @@ class StaticLab {
                 std::to_string( key.mac().number() ) + "=" + what;
       return all;
    }
-   std::string textOf( const Host& row ) const {
-      EXPECT_EQ( "1 64 4", row.seqNo().str() + " " + std::to_string( row.pref() ) + " " +
-                              std::to_string( row.entryType() ) );
-      if( row.next() == Util::objTupleInvalid() )
-         return row.ciDest().str();
-      const Label push = label->label( row.next().labelId() );
-      const Dest end = dest->dest( push.next().destId() );
-      return row.next().str() + ":" + push.label().str() + " " + push.next().str() + ":" +
-             ( end.key() == push.next().destId() ? end.tunnel().destination.str() : "missing" );
-   }
-   // No label and no dest without its host.
-   void expectNoLeaks() const {
-      uint32_t labelHosts = 0;
-      host->forEach(
-         [ & ]( const Host& row ) { labelHosts += row.next().tableType() == tableTypeLabel_; } );
-      EXPECT_EQ( labelHosts, label->count() );
-      EXPECT_EQ( labelHosts, dest->count() );
-      EXPECT_EQ( 0u, sm->staticLoadBalanceTable()->count() );
-   }
 
-   void wrote( const MacVlanPair& key ) {
-      const ObjTuple next = host->host( key ).next();
+   void wrote( const MacVlanPair& mvp ) {
+      const ObjTuple next = host->host( mvp ).next();
       if( next != Util::objTupleInvalid() ) {
          EXPECT_EQ( next.labelId(), label->label( next.labelId() ).key() ) << "before its label";
       }
@@ -148,10 +175,9 @@ TEST( StaticHosts, PublishesItselfWithWhatIsConfiguredAlone ) {
    const auto lb = lab.manager->mountTable<LoadBalanceTable>( folder + "loadBalanceTable",
                                                               LoadBalanceTable::Mode::write, 8 );
    ASSERT_TRUE( lb->lbIs( group( 7, { dest( 88 ) } ) ) );
-   lab.set( onInterface( 1, 5 ) );
+   lab.run( "intf 1 5" );
    lab.start();
-   EXPECT_EQ( "1=value 5", lab.text() );
-   lab.expectNoLeaks();
+   EXPECT_EQ( "1=5", lab.text() );
    const Ptr<SourceDirEntry> entry = lab.sources->source( "static" );
    ASSERT_TRUE( entry );
    EXPECT_EQ( entry, lab.sm->staticSde() );
@@ -169,63 +195,41 @@ TEST( StaticHosts, PublishesItselfWithWhatIsConfiguredAlone ) {
 
 TEST( StaticHosts, StepByStep ) {
    StaticLab lab;
-   lab.config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
    lab.start();
-   Bridging::Config& config = *lab.config;
    const struct {
-      const char* what;
-      std::function<void()> change;
+      const char* change;
       const char* outcome;
       int writes;
    } steps[] = {
-      { "interface host", [ & ] { lab.set( onInterface( 1, 5 ) ); }, "1=value 5", 1 },
-      { "again",
-        [ & ] {
-           lab.sm->handleHost( { EthAddr( 1 ), Bridging::VlanId( 10 ) } );
-        },
-        "1=value 5", 0 },
-      { "label host", [ & ] { lab.set( onTunnel( 2, 1000, 1 ) ); },
-        "1=value 5 2=label/1:1000 dest/1:10.0.1.1", 3 },
-      { "all again", [ & ] { lab.sm->handleHost(); }, "1=value 5 2=label/1:1000 dest/1:10.0.1.1",
-        0 },
-      { "another label", [ & ] { lab.set( onTunnel( 2, 1001, 1 ) ); },
-        "1=value 5 2=label/2:1001 dest/2:10.0.1.1", 5 },
-      { "other tunnel data", [ & ] { config.tunnelIs( TunnelId( 1 ), tunnelTo( 2 ) ); },
-        "1=value 5 2=label/3:1001 dest/3:10.0.1.2", 5 },
-      { "another tunnel", [ & ] { config.tunnelIs( TunnelId( 2 ), tunnelTo( 3 ) ); },
-        "1=value 5 2=label/3:1001 dest/3:10.0.1.2", 0 },
-      { "no such tunnel", [ & ] { lab.set( onTunnel( 2, 1001, 4 ) ); }, "1=value 5", 3 },
-      { "it comes", [ & ] { config.tunnelIs( TunnelId( 4 ), tunnelTo( 4 ) ); },
-        "1=value 5 2=label/4:1001 dest/4:10.0.1.4", 3 },
-      { "it goes", [ & ] { config.tunnelDel( TunnelId( 4 ) ); }, "1=value 5", 3 },
-      { "label 0 is a label", [ & ] { lab.set( onTunnel( 2, 0, 1 ) ); },
-        "1=value 5 2=label/5:0 dest/5:10.0.1.2", 3 },
-      { "to an interface", [ & ] { lab.set( onInterface( 2, 7 ) ); }, "1=value 5 2=value 7", 3 },
-      { "off the tunnel", [ & ] { config.tunnelIs( TunnelId( 1 ), tunnelTo( 5 ) ); },
-        "1=value 5 2=value 7", 0 },
-      { "back", [ & ] { lab.set( onTunnel( 2, 0xfffff, 1 ) ); },
-        "1=value 5 2=label/6:1048575 dest/6:10.0.1.5", 3 },
-      { "no label: the interface counts", [ & ] { lab.set( onTunnel( 2, 0x100000, 1 ) ); },
-        "1=value 5 2=value 1", 3 },
-      { "a label needs a tunnel",
-        [ & ] {
-           lab.set( { EthAddr( 1 ), IntfId( 8 ), MplsLabel( 16 ) } );
-        },
-        "1=value 8 2=value 1", 1 },
-      { "removed", [ & ] { lab.del( 2 ); }, "1=value 8", 1 },
-      { "same MAC, another VLAN", [ & ] { lab.set( onTunnel( 1, 16, 1 ), 20 ); },
-        "1=value 8 20/1=label/7:16 dest/7:10.0.1.5", 3 },
-      { "its VLAN goes", [ & ] { config.fdbConfigDel( Fid( 20 ) ); }, "1=value 8", 3 },
-      { "the last VLAN goes", [ & ] { config.fdbConfigDel( Fid( 10 ) ); }, "", 1 },
+      { "intf 1 5", "1=5", 1 },
+      { "again", "1=5", 0 },
+      { "label 2 1000 1", "1=5", 0 }, // until its tunnel comes
+      { "tunnel 1 1", "1=5 2=1:1000>1", 3 },
+      { "again", "1=5 2=1:1000>1", 0 },
+      { "label 2 1001 1", "1=5 2=2:1001>1", 5 }, // the old label and dest go first
+      { "tunnel 1 2", "1=5 2=3:1001>2", 5 },
+      { "tunnel 2 3", "1=5 2=3:1001>2", 0 },
+      { "label 2 1001 2", "1=5 2=4:1001>3", 5 },
+      { "tunnelDel 1", "1=5 2=4:1001>3", 0 },
+      { "tunnelDel 2", "1=5", 3 },
+      { "label 2 0 1,tunnel 1 2", "1=5 2=5:0>2", 3 }, // label 0 is a label
+      { "intf 2 7", "1=5 2=7", 3 },
+      { "tunnel 1 5", "1=5 2=7", 0 }, // nobody is on it
+      { "label 2 1048575 1", "1=5 2=6:1048575>5", 3 },
+      { "label 2 1048576 1", "1=5 2=1", 3 }, // no label: what counts is the interface
+      { "both 1 16 8", "1=8 2=1", 1 },       // and so it is on a plain one
+      { "del 2", "1=8", 1 },
+      { "label 1 16 1 20", "1=8 20/1=7:16>5", 3 }, // same MAC, another VLAN
+      { "vlanDel 20", "1=8", 3 },
+      { "vlanDel 10", "", 1 },
    };
    for( const auto& step : steps ) {
-      SCOPED_TRACE( step.what );
+      SCOPED_TRACE( step.change );
       lab.writes = 0;
       lab.clock->nowIs( lab.clock->now() + 1 );
-      step.change();
+      lab.run( step.change );
       EXPECT_EQ( step.outcome, lab.text() );
       EXPECT_EQ( step.writes, lab.writes );
-      lab.expectNoLeaks();
    }
    EXPECT_TRUE( lab.sm->fdbConfig().empty() );
    EXPECT_EQ( 7u, lab.sm->currLabelId() );
@@ -235,124 +239,95 @@ TEST( StaticHosts, StepByStep ) {
 TEST( StaticHosts, UpdateTimeIsThatOfTheLastChange ) {
    StaticLab lab;
    lab.start();
-   const MacVlanPair key( EthAddr( 1 ), Bridging::VlanId( 10 ) );
    const double first = lab.clock->now();
-   lab.set( onInterface( 1, 5 ) );
+   lab.run( "intf 1 5" );
    lab.clock->nowIs( first + 10 );
-   lab.sm->handleHost();
-   EXPECT_EQ( first, lab.host->host( key ).updateTime() );
-   lab.set( onInterface( 1, 6 ) );
-   EXPECT_EQ( first + 10, lab.host->host( key ).updateTime() );
-}
-
-// What a host must look like, whatever the ids; nothing when it must not be there.
-std::optional<std::string> expected( const ConfiguredHost& host, const Bridging::Config& config ) {
-   if( !host.isLabelHost() )
-      return "value " + std::to_string( host.intf.id() );
-   const DestDataTunnel* const tunnel = config.tunnel( host.intf.tunnel() );
-   if( !tunnel )
-      return std::nullopt;
-   return host.mplsLabel.str() + " over " + tunnel->destination.str();
+   lab.run( "again" );
+   EXPECT_EQ( first, lab.host->host( key( 1 ) ).updateTime() );
+   lab.run( "intf 1 6" );
+   EXPECT_EQ( first + 10, lab.host->host( key( 1 ) ).updateTime() );
 }
 
 TEST( StaticHosts, AgreeWithTheModel ) {
    Random random;
    StaticLab lab;
-   std::map<MacVlanPair, ConfiguredHost> model;
+   std::map<MacVlanPair, std::pair<uint32_t, uint32_t>> hosts; // interface, or label and tunnel
+   std::map<uint32_t, uint32_t> tunnels;
    const auto change = [ & ] {
-      const uint64_t mac = 1 + random.below( 8 );
-      const uint32_t vlan = 1 + random.below( 3 );
-      const MacVlanPair key{ EthAddr( mac ), Bridging::VlanId( vlan ) };
+      const auto upTo = [ & ]( uint32_t last ) { return 1 + random.below( last ); };
+      const auto text = []( auto... numbers ) {
+         return ( ( " " + std::to_string( numbers ) ) + ... );
+      };
+      const uint32_t mac = upTo( 8 ), vlan = upTo( 3 ), a = upTo( 3 ), b = upTo( 4 );
       const uint32_t kind = random.below( 100 );
       if( kind < 30 ) {
-         lab.set( model[ key ] = onInterface( mac, 1 + random.below( 3 ) ), vlan );
+         hosts[ key( mac, vlan ) ] = { a, 0 };
+         lab.run( "intf" + text( mac, a, vlan ) );
       } else if( kind < 65 ) {
-         lab.set( model[ key ] = onTunnel( mac, random.below( 3 ), 1 + random.below( 4 ) ), vlan );
+         hosts[ key( mac, vlan ) ] = { a, b };
+         lab.run( "label" + text( mac, a, b, vlan ) );
       } else if( kind < 80 ) {
-         model.erase( key );
-         lab.del( mac, vlan );
+         hosts.erase( key( mac, vlan ) );
+         lab.run( "del" + text( mac, vlan ) );
       } else if( kind < 90 ) {
-         lab.config->tunnelIs( TunnelId( 1 + random.below( 4 ) ),
-                               tunnelTo( 1 + random.below( 3 ) ) );
+         tunnels[ b ] = a;
+         lab.run( "tunnel" + text( b, a ) );
       } else if( kind < 95 ) {
-         lab.config->tunnelDel( TunnelId( 1 + random.below( 4 ) ) );
+         tunnels.erase( b );
+         lab.run( "tunnelDel" + text( b ) );
       } else {
-         std::erase_if( model, [ & ]( const auto& h ) { return h.first.vlan().value() == vlan; } );
-         lab.config->fdbConfigDel( Fid( vlan ) );
+         std::erase_if( hosts, [ & ]( auto& host ) { return host.first.vlan().value() == vlan; } );
+         lab.run( "vlanDel" + text( vlan ) );
       }
    };
    for( int i = 0; i < 20; ++i )
       change();
    lab.start();
-   for( int round = 0; round < 3000 && !testing::Test::HasFailure(); ++round ) {
+   for( int round = 0; round < 3000; ++round ) {
       change();
-      std::map<MacVlanPair, std::string> wanted, found;
-      for( const auto& [ key, host ] : model )
-         if( const auto what = expected( host, *lab.config ) )
-            wanted[ key ] = *what;
-      lab.host->forEach( [ & ]( const Host& row ) {
-         const Label push =
-            lab.label->label( row.next().tableType() == tableTypeLabel_ ? row.next().labelId()
-                                                                        : Util::labelIdInvalid() );
-         const Dest end = lab.dest->dest( DestId( push.next().objId().value() ) );
-         found[ row.key() ] = end.destType() == objDestTypeTunnel_
-                                 ? push.label().str() + " over " + end.tunnel().destination.str()
-                                 : row.ciDest().str();
-      } );
-      ASSERT_EQ( wanted, found ) << "round " << round;
-      lab.expectNoLeaks();
+      std::map<MacVlanPair, std::string> wanted;
+      for( const auto& [ mvp, where ] : hosts )
+         if( where.second == 0 )
+            wanted[ mvp ] = std::to_string( where.first );
+         else if( tunnels.contains( where.second ) )
+            wanted[ mvp ] =
+               std::to_string( where.first ) + ">" + std::to_string( tunnels[ where.second ] );
+      ASSERT_EQ( lab.joined( wanted ), lab.text( false ) ) << "round " << round;
    }
    lab.writes = 0;
-   lab.sm->handleHost();
+   lab.run( "again" );
    EXPECT_EQ( 0, lab.writes ) << "nothing has changed";
 }
 
-TEST( StaticHosts, WaitForRoomOfLabelsAndDests ) {
-   for( const bool labelsAreFull : { true, false } ) {
-      SCOPED_TRACE( labelsAreFull ? "labels" : "dests" );
-      StaticLab lab( 9, labelsAreFull ? 2 : 9, labelsAreFull ? 9 : 2 );
-      lab.config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
-      for( const uint32_t mac : { 1, 2 } )
-         lab.set( onInterface( mac, mac ) );
+TEST( StaticHosts, WaitForRoom ) {
+   using Room = std::array<uint32_t, 3>; // hosts, labels, dests
+   for( const Room& room : { Room{ 9, 2, 9 }, Room{ 9, 9, 2 } } ) {
+      StaticLab lab( room[ 0 ], room[ 1 ], room[ 2 ] );
+      lab.run( "tunnel 1 1,intf 1 1" );
       lab.start();
-      for( const uint32_t mac : { 1, 2, 3 } )
-         lab.set( onTunnel( mac, mac, 1 ) );
-      lab.set( onInterface( 4, 4 ) );
-      lab.set( onTunnel( 4, 4, 1 ) );
-      const std::string both = "1=label/1:1 dest/1:10.0.1.1 2=label/2:2 dest/2:10.0.1.1";
-      EXPECT_EQ( both + " 4=value 4", lab.text() ) << "3 is not in, 4 as it was";
+      lab.run( "label 1 1 1,label 2 2 1,label 3 3 1,intf 4 4,label 4 4 1" );
+      EXPECT_EQ( "1=1:1>1 2=2:2>1 4=4", lab.text() ) << "3 is not in, 4 as it was";
       EXPECT_EQ( 2u, lab.sm->waiting() );
-      lab.sm->handleHost();
-      EXPECT_EQ( both + " 4=value 4", lab.text() ) << "no room, no change";
-      lab.set( onTunnel( 2, 9, 1 ) );
-      EXPECT_EQ( "1=label/1:1 dest/1:10.0.1.1 2=label/3:9 dest/3:10.0.1.1 4=value 4", lab.text() )
-         << "a change takes its own room, before those who wait";
-      lab.set( onInterface( 3, 3 ) );
+      lab.run( "again" );
+      EXPECT_EQ( "1=1:1>1 2=2:2>1 4=4", lab.text() );
+      lab.run( "label 2 9 1" );
+      EXPECT_EQ( "1=1:1>1 2=3:9>1 4=4", lab.text() ) << "its own room, before those who wait";
+      lab.run( "intf 3 3" );
       EXPECT_EQ( 1u, lab.sm->waiting() );
-      lab.del( 1 );
-      EXPECT_EQ( "2=label/3:9 dest/3:10.0.1.1 3=value 3 4=label/4:4 dest/4:10.0.1.1", lab.text() );
+      lab.run( "del 1" );
+      EXPECT_EQ( "2=3:9>1 3=3 4=4:4>1", lab.text() );
       EXPECT_EQ( 0u, lab.sm->waiting() );
-      lab.expectNoLeaks();
    }
-}
-
-TEST( StaticHosts, WaitForRoomOfHosts ) {
    StaticLab lab( 2 );
-   lab.config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
+   lab.run( "tunnel 1 1" );
    lab.start();
-   for( const uint32_t mac : { 1, 2 } )
-      lab.set( onInterface( mac, mac ) );
-   lab.set( onTunnel( 3, 3, 1 ) );
-   EXPECT_EQ( "1=value 1 2=value 2", lab.text() );
+   lab.run( "intf 1 1,intf 2 2,label 3 3 1" );
+   EXPECT_EQ( "1=1 2=2", lab.text() );
    EXPECT_EQ( 0u, lab.sm->currLabelId() ) << "nothing is made for a host that can't be in";
-   lab.set( onInterface( 1, 9 ) );
-   EXPECT_EQ( "1=value 9 2=value 2", lab.text() );
-   lab.del( 2 );
-   EXPECT_EQ( "1=value 9 3=label/1:3 dest/1:10.0.1.1", lab.text() );
-   lab.set( onInterface( 2, 2 ) );
-   lab.del( 2 );
-   EXPECT_EQ( 0u, lab.sm->waiting() ) << "one that is no longer configured does not wait";
-   lab.expectNoLeaks();
+   lab.run( "intf 1 9,del 2" );
+   EXPECT_EQ( "1=9 3=1:3>1", lab.text() );
+   lab.run( "intf 2 2,del 2,del 1" );
+   EXPECT_EQ( "3=1:3>1", lab.text() ) << "who is no longer configured does not wait";
 }
 
 TEST( StaticHosts, TraceWhatTheyDo ) {
@@ -361,56 +336,44 @@ TEST( StaticHosts, TraceWhatTheyDo ) {
    Vexil::logSinkIs( [ & ]( std::string_view line ) { lines.emplace_back( line ); } );
    {
       StaticLab lab;
-      lab.config->tunnelIs( TunnelId( 1 ), tunnelTo( 1 ) );
-      lab.set( onTunnel( 1, 1000, 1 ) );
+      lab.run( "tunnel 1 1,label 1 1000 1" );
       lab.start();
-      lab.set( onInterface( 1, 5 ) );
-      lab.del( 1 );
-      lab.config->fdbConfigDel( Fid( 10 ) );
-      lab.sm->handleHost( { EthAddr( 1 ), Bridging::VlanId( 10 ) } );
+      lab.run( "intf 1 5,del 1,vlanDel 10" );
+      lab.sm->handleHost( key( 1 ) );
    }
    Vexil::logSinkIs( nullptr );
    Vexil::traceHandle( "L2RibStaticHostSm" ).levelsIs( 0 );
-   const struct {
-      const char* text;
-      int times;
-   } texts[] = {
-      { "void L2Rib::StaticHostSm::handleInitialized()", 1 },
-      { "void L2Rib::StaticHostSm::handleHost()", 2 },
-      { "void L2Rib::StaticHostSm::handleHost(const Bridging::MacVlanPair&) for "
-        "(00:00:00:00:00:01/10)",
-        6 },
-      { "handleConfiguredHost(const Vexil::EthAddr&) for 00:00:00:00:00:01 in 10", 3 },
-      { "handleDelete() for 10", 1 },
-      { " not init yet!", 1 },
-      { "handleHost host entry { (00:00:00:00:00:01/10) seqNo 1 pref 64 entryType 4 ", 3 },
-      { "bool L2Rib::StaticHostSm::labelHostIntact(", 2 },
-      { "Not a label host", 1 },
-      { "handleHost label and tunnel intact", 1 },
-      { "handleHost add tunnel { dest/1 tunnel 10.0.0.1 to 10.0.1.1 tos 0 ttl 64 } to the static "
-        "input tunnel table",
-        1 },
-      { "handleHost add label { label/1 push 1000 next dest/1 } to the static input label table",
-        1 },
-      { "handleHost host has changed, reprogramming", 2 },
-      { "void L2Rib::StaticHostSm::cleanupLabelDestEntries(const L2Rib::Host&) for { ", 3 },
-      { " deleting label { label/1 push 1000 next dest/1 } entry from L2Rib label input", 1 },
-      { " deleting dest with id 1", 1 },
-      { "handleHost did not find host in fdb", 1 },
-      { "handleHost no fdbConfig for vlan 10", 1 },
-      { "handleHost deleting host (00:00:00:00:00:01/10) from L2Rib input", 1 },
-   };
-   for( const auto& [ text, times ] : texts )
-      EXPECT_EQ( times, std::count_if( lines.begin(), lines.end(),
-                                       [ & ]( const std::string& line ) {
-                                          return line.find( text ) != line.npos;
-                                       } ) )
+   std::istringstream expected( // how often, and what
+      R"(1 void L2Rib::StaticHostSm::handleInitialized()
+2 void L2Rib::StaticHostSm::handleHost()
+6 void L2Rib::StaticHostSm::handleHost(const Bridging::MacVlanPair&) for (00:00:00:00:00:01/10)
+3 handleConfiguredHost(const Vexil::EthAddr&) for 00:00:00:00:00:01 in 10
+1 handleDelete() for 10
+1 handleHost not init yet!
+3 handleHost host entry { (00:00:00:00:00:01/10) seqNo 1 pref 64 entryType 4 updateTime 1000 inline value 0 }
+2 bool L2Rib::StaticHostSm::labelHostIntact(
+1 Not a label host
+1 handleHost label and tunnel intact
+1 add tunnel { dest/1 tunnel 10.0.0.1 to 10.0.1.1 tos 0 ttl 64 } to the static input tunnel table
+1 handleHost add label { label/1 push 1000 next dest/1 } to the static input label table
+2 handleHost host has changed, reprogramming
+3 void L2Rib::StaticHostSm::cleanupLabelDestEntries(const L2Rib::Host&) for { (
+1 deleting label { label/1 push 1000 next dest/1 } entry from L2Rib label input
+1 deleting dest with id 1
+1 handleHost did not find host in fdb
+1 handleHost no fdbConfig for vlan 10
+1 handleHost deleting host (00:00:00:00:00:01/10) from L2Rib input)" );
+   long times;
+   for( std::string text; expected >> times >> std::ws && std::getline( expected, text ); )
+      EXPECT_EQ( times, std::count_if(
+                           lines.begin(), lines.end(),
+                           [ & ]( const auto& line ) { return line.find( text ) != line.npos; } ) )
          << text;
 }
 
 TEST( StaticHostsDeathTest, BrokenInvariantsAreFatal ) {
    StaticLab lab;
-   lab.set( onInterface( 1, 5 ) );
+   lab.run( "intf 1 5" );
    lab.start();
    auto& reactor = **lab.sm->fdbConfig().find( Fid( 10 ) );
    EXPECT_TRUE( reactor.initialized() );

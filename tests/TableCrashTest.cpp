@@ -2,8 +2,8 @@
 // once before each single store of every operation, of the recovery from it, and of a change of
 // capacity.
 //
-// The stores call beforeStore() where this macro is set, so this file is a program of its own.
-#define VEXIL_TEST_STORES
+// Each store calls beforeStore() where this macro is set, so this file is a program of its own.
+#define VEXIL_TEST_HOOKS
 #include "tests/TestTable.h"
 
 #include <gtest/gtest.h>
@@ -22,6 +22,7 @@ namespace {
 int64_t storesToLive = -1; // -1: no end is set
 }
 
+void Vexil::beforeLoad() {}
 void Vexil::beforeStore() {
    if( storesToLive >= 0 && storesToLive-- == 0 )
       raise( SIGKILL );

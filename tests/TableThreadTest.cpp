@@ -1,7 +1,11 @@
 // Shared tables between threads: one writer, and two readers that hold it to its ledger at each
 // look. Made for ThreadSanitizer, which sees a race only between accesses to one address: so the
 // readers use the writer's own mapping, and then each one of its own, as they do in real use. In a
-// last test the writer works in a signal handler: between any two instructions of the reader.
+// last test a writer and a reader take turns, which may change before each access to the table: so
+// that each order of their accesses comes up, the rare ones too.
+//
+// Each access calls a hook where this macro is set, so this file is a program of its own.
+#define VEXIL_TEST_HOOKS
 #include "tests/TestTable.h"
 
 #include <gtest/gtest.h>
@@ -9,15 +13,63 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <csignal>
 #include <functional>
 #include <memory>
 #include <string>
-#include <sys/time.h>
 #include <thread>
+#include <ucontext.h>
+#include <utility>
+#include <vector>
 
 namespace TestTable {
 namespace {
+
+// Two courses of one thread: the one that makes this, and another. Each has its turn for a random
+// number of accesses to tables, from one to many operations.
+class Turns {
+ public:
+   explicit Turns( std::function<void( const bool& done )> other ) : other_( std::move( other ) ) {
+      getcontext( &contexts_[ 1 ] );
+      contexts_[ 1 ].uc_stack.ss_sp = stack_.data();
+      contexts_[ 1 ].uc_stack.ss_size = stack_.size();
+      contexts_[ 1 ].uc_link = &contexts_[ 0 ];
+      current = this;
+      makecontext(
+         &contexts_[ 1 ], [] { current->runOther(); }, 0 );
+   }
+   // Lets the other course come to its end.
+   void end() {
+      done_ = true;
+      while( !ended_ )
+         pass();
+      current = nullptr;
+   }
+   static void access() {
+      if( current && current->left_-- == 0 )
+         current->pass();
+   }
+
+ private:
+   void runOther() {
+      other_( done_ );
+      ended_ = true;
+      turn_ = 0;
+   }
+   void pass() {
+      left_ = random_.below( 1 << random_.below( random_.percent( 5 ) ? 17 : 7 ) );
+      turn_ = 1 - turn_;
+      swapcontext( &contexts_[ 1 - turn_ ], &contexts_[ turn_ ] );
+   }
+
+   static inline Turns* current = nullptr;
+   std::function<void( const bool& )> other_;
+   std::vector<char> stack_ = std::vector<char>( 1 << 20 );
+   ucontext_t contexts_[ 2 ];
+   int turn_ = 0;
+   uint32_t left_ = 0;
+   Random random_{ 7 };
+   bool done_ = false, ended_ = false;
+};
 
 constexpr uint32_t capacity = 250; // too few for all keys: sets are refused, too
 constexpr uint32_t operations = 400000;
@@ -131,50 +183,49 @@ TEST( TableBetweenThreads, OnAMappingForEach ) {
    runTogether( *writing, *first, *second );
 }
 
-std::function<void()> interruption;
+#ifndef __SANITIZE_THREAD__ // it knows nothing of contexts
 
-TEST( TableBetweenThreads, InterruptedByTheWriter ) {
+TEST( TableBetweenTurns, AtEveryAccess ) {
    const auto mapping = TableMapping::anonymous( spec, capacity );
    TableWriter<Key, Record> writer( *mapping );
    Ledger ledger;
    ChangeLog log;
-   const Reader reader( *mapping, log );
+   Reader reader( *mapping, log );
    Random random, writersRandom( 1 );
-   bool right = true;
-   volatile bool interrupted = false;
-   interruption = [ & ] {
-      for( uint32_t left = writersRandom.below( 1500 ); right && left > 0; --left ) {
-         const uint32_t number = writersRandom.below( Ledger::keys );
-         log.note( writer.journalHead(), number );
-         right = ledger.operate( writer, number, writersRandom );
-      }
-      interrupted = true;
-   };
-   for( uint32_t number = 0; number < capacity; ++number )
-      ASSERT_TRUE( ledger.set( writer, number ) );
-   for( uint32_t number = 0; number < capacity; ++number ) // its free list has its final size now
-      ASSERT_TRUE( ledger.erase( writer, number ) );
-   interruption();
-   struct sigaction action {};
-   action.sa_handler = []( int ) { interruption(); };
-   sigaction( SIGALRM, &action, nullptr );
+   // Multiples of 8 have five hashes: they meet in the index and follow each other in a slot.
+   const auto randomKey = []( Random& choices ) { return 8 * choices.below( Ledger::keys / 8 ); };
+   std::string wrong;
    unsigned overtaken = 0;
-   for( int time = 0; time < 3000; ++time ) {
-      interrupted = false;
-      itimerval timer{};
-      timer.it_value.tv_usec = 1 + random.below( 20 );
-      setitimer( ITIMER_REAL, &timer, nullptr );
-      while( !interrupted ) {
-         uint64_t cursor = writer.journalHead() - std::min<uint64_t>( 1000, writer.journalHead() );
+   Turns turns( [ & ]( const bool& done ) {
+      while( wrong.empty() && !done ) {
+         wrong = random.percent( 2 ) ? ledger.wrongInWalk( reader )
+                                     : ledger.wrongAt( reader, randomKey( random ) );
+         const uint64_t head = reader.journalHead();
+         uint64_t cursor = head - std::min<uint64_t>( head, random.below( 1024 ) );
          overtaken += reader.readChecked( cursor, []( uint32_t ) {} ) == Reader::Journal::overtaken;
-         ASSERT_EQ( ledger.wrongAt( reader, random.below( Ledger::keys ) ), "" );
+         if( random.percent( 10 ) )
+            reader.follow();
       }
+   } );
+   bool right = true;
+   for( uint32_t i = 0; right && wrong.empty() && i < 2 * operations; ++i ) {
+      const uint32_t number = randomKey( writersRandom );
+      log.note( writer.journalHead(), number );
+      right = ledger.operate( writer, number, writersRandom );
    }
-   signal( SIGALRM, SIG_DFL );
+   turns.end();
+   while( reader.follow() ) {
+   }
    EXPECT_TRUE( right );
-   EXPECT_EQ( ledger.wrongIn( reader ), "" );
    EXPECT_GT( overtaken, 0u );
+   EXPECT_EQ( wrong + ledger.wrongIn( reader ), "" );
+   EXPECT_EQ( reader.followed, contentsOf( reader ) );
 }
+
+#endif
 
 } // namespace
 } // namespace TestTable
+
+void Vexil::beforeLoad() { TestTable::Turns::access(); }
+void Vexil::beforeStore() { TestTable::Turns::access(); }

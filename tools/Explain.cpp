@@ -2,12 +2,11 @@
 //
 // Decides as the engine does, with the same comparator and in the same order of the sources, from
 // the tables that the sources publish at this moment.
+#include "L2Rib/Status.h"
 #include "engine/HostRank.h"
 #include "runtime/HashMap.h"
 #include "tools/Show.h"
 #include "tools/SourceTables.h"
-
-#include "L2Rib/Status.h"
 
 #include <deque>
 #include <iostream>

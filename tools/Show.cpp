@@ -6,6 +6,7 @@
 #include "tools/SourceTables.h"
 #include "tools/TextTable.h"
 
+#include <algorithm>
 #include <ctime>
 #include <iostream>
 #include <memory>

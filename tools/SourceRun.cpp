@@ -4,10 +4,10 @@
 #include "tools/Commands.h"
 #include "tools/Operations.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <sys/stat.h>
 #include <system_error>

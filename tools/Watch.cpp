@@ -1,6 +1,7 @@
 // l2ribctl watch: each change of the output as it happens, after the present content.
 #include "tools/Show.h"
 
+#include <algorithm>
 #include <csignal>
 #include <iostream>
 #include <memory>
