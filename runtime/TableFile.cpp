@@ -142,8 +142,8 @@ std::unique_ptr<TableMapping> TableMapping::anonymous( const TableSpec& spec, ui
    return made;
 }
 
-// Reads the header and takes over its geometry, if all of it agrees with the spec, with itself and
-// with the file's size.
+// Reads the header and takes over its geometry, if all of it agrees with the TableSpec, with itself
+// and with the file's size.
 void TableMapping::adoptHeader( const TableSpec& spec, uint64_t sizeOfFile ) {
    TableHeader h{};
    const ssize_t got = pread( fd_, &h, offsetof( TableHeader, superseded ), 0 );

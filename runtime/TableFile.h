@@ -42,7 +42,7 @@ struct TableSpec {
    uint32_t recordSize;    // bytes, at most maxRecordSize
 };
 
-// Where everything is, in bytes from the start of the file. A function of the spec and capacity.
+// Where everything is, in bytes from the start of the file. A function of TableSpec and capacity.
 struct TableGeometry {
    TableGeometry() = default;
    TableGeometry( const TableSpec& spec, uint32_t capacity );
