@@ -12,9 +12,9 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <optional>
+#include <sstream>
 
 namespace Tools {
 
@@ -96,10 +96,11 @@ std::optional<std::string> contentOf( const std::string& name ) {
          return std::nullopt;
    }
    std::istream& from = name == "-" ? std::cin : file;
-   std::string content( std::istreambuf_iterator<char>( from ), {} );
-   if( from.bad() )
+   std::ostringstream content;
+   content << from.rdbuf();
+   if( content.bad() )
       return std::nullopt;
-   return content;
+   return content.str();
 }
 
 int applyFile( const Context& context, const std::string& name ) {
