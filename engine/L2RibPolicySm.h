@@ -10,8 +10,11 @@
 // Invariants of the output, after every single write: what a row points to exists; every object has
 // a user or is about to go; every row's ids are output ids.
 //
-// One source file a concern: L2RibPolicySm.cpp (construction, start), BestHost.cpp,
-// ObjectMapping.cpp, Users.cpp, Review.cpp, FloodSetMerge.cpp, Sources.cpp.
+// A new engine adopts the output that it finds, checks it and reconciles it with the sources before
+// it enters normal work; until then changes are only queued.
+//
+// One source file a concern: L2RibPolicySm.cpp (construction), BestHost.cpp, ObjectMapping.cpp,
+// Users.cpp, Review.cpp, Restart.cpp, FloodSetMerge.cpp, Sources.cpp.
 //
 // All of it runs on the event-loop thread.
 #pragma once
@@ -29,6 +32,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -109,7 +113,6 @@ class PolicySm : public Vexil::Entity {
    VEXIL_KEY_SET( ObjTupleAndSource, otasList )
    VEXIL_KEY_SET( Bridging::MacVlanPair, failedHost )
    VEXIL_KEY_SET( ObjTupleAndSource, failedOtas )
-   VEXIL_KEY_SET( ObjTuple, otForZeroRefCleanup )
    VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostBookmark )
    VEXIL_ATTRIBUTE( ObjTupleAndSource, otasBookmark )
    void maybeRescheduleHostReview();
@@ -117,6 +120,39 @@ class PolicySm : public Vexil::Entity {
    void foundFailedOtas( const ObjTupleAndSource& otas );
    void handleReviewTimer();
    void handleHammerReviewTimer();
+
+   // --- restart (Restart.cpp) -----------------------------------------------------------------
+   PolicySmRestartState restartState() const { return restartState_; }
+   // How long the restart took, or has taken so far; and what it still has to look at.
+   Seconds restartDuration() const;
+   uint64_t restartEntriesLeft() const;
+   // A check found rows that contradict each other. Never reset.
+   VEXIL_ATTRIBUTE( bool, detectedInconsistentTables, false )
+   VEXIL_KEY_SET( Bridging::MacVlanPair, hostForSourceCheck )
+   VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostForSourceCheckBookmark )
+   VEXIL_KEY_SET( ObjTuple, otForSourceCheck )
+   VEXIL_ATTRIBUTE( ObjTuple, otForSourceCheckBookmark )
+   VEXIL_KEY_SET( Bridging::MacVlanPair, hostForInitialSync )
+   VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostForInitialSyncBookmark )
+   // Objects without a user whose delete was put off: to the end of the restart, or of the work on
+   // one host or object.
+   VEXIL_KEY_SET( ObjTuple, otForZeroRefCleanup )
+   VEXIL_ATTRIBUTE( ObjTuple, otForZeroRefCleanupBookmark )
+   // The path from the object that is being wiped to the one at work.
+   VEXIL_KEY_SET( ObjTuple, objTupleForLoopCheck )
+   // One slice of the restart.
+   void handleInitialSyncTimer();
+   // The three checks of the found rows, as far as they get until end. True when they are over: the
+   // state is then initialHostScan, or the output has been wiped.
+   bool handleSourceCheck( const Seconds& start, const Seconds& end );
+   bool existsForSourceCheck( const ObjTuple& ot );
+   // Enters which input object a found row is a copy of.
+   void restoreMapping( const ObjTupleAndSource& sourceOtas, const ObjTuple& outputOt );
+   void handleZeroRefCleanupCheck( const ObjTuple& ot );
+   // Empties the output and all that is known of it, and enters normal work.
+   void handleTablesInconsistent();
+   void delOtForInconsistency( const ObjTuple& ot );
+   void maybeRescheduleInitialSyncReview();
 
    // --- flood sets (FloodSetMerge.cpp) --------------------------------------------------------
    VEXIL_KEY_SET( FloodSetTriple, floodSetBacklog )
@@ -149,7 +185,7 @@ class PolicySm : public Vexil::Entity {
    // Slots of the host output that such a review still has to look at.
    uint64_t withdrawalChecksLeft() const;
 
-   PolicySmRestartState restartState() const { return restartState_; }
+   // Set once, at the start of the adoption.
    bool initialized() const { return initialized_; }
    const Ptr<HostOutput>& hostOutput() const { return output_.host; }
    const Ptr<LoadBalanceOutput>& lbOutput() const { return output_.lb; }
@@ -163,6 +199,18 @@ class PolicySm : public Vexil::Entity {
    class AgentSourceDirReactor;
 
    void handleInitialized();
+   void adoptHosts();
+   template<class Table>
+   uint64_t adoptObjects( const Table& table );
+   void restartStateIs( PolicySmRestartState state );
+   bool checkHosts( Seconds end );
+   bool checkObjects( Seconds end );
+   void checkObject( const ObjTuple& ot );
+   bool checkFloating( Seconds end );
+   bool requireNext( const ObjTuple& next );
+   bool scanHosts( Seconds end );
+   void cleanUpZeroRefs( Seconds end );
+   void deleteRow( const ObjTuple& ot );
 
    // How an input object stood when it, and all below it, was last found to be up to date.
    struct Verified {
@@ -191,6 +239,7 @@ class PolicySm : public Vexil::Entity {
                          const ObjTuple& outOtForLb );
    void releaseIfUnused( const ObjTuple& ot );
    bool hasOutputRow( const ObjTuple& ot ) const;
+   std::vector<ObjTuple> nextsOfRow( const ObjTuple& ot ) const;
    DestId newDestId( const ObjTupleAndSource& otas );
    LoadBalanceId newLbId( const ObjTupleAndSource& otas );
    LabelId newLabelId( const ObjTupleAndSource& otas );
@@ -200,7 +249,7 @@ class PolicySm : public Vexil::Entity {
    void usersMapDel( const ObjTuple& used );
    bool isInProcess( const ObjTuple& ot ) const;
    void onZeroRefs( const ObjTuple& ot );
-   void handleZeroRefCleanupCheck( const ObjTuple& ot );
+   bool isUnused( const ObjTuple& ot ) const;
    void cleanUpUnused();
    void onDestZeroRefs( const ObjTuple& ot );
    void onLabelZeroRefs( const ObjTuple& ot );
@@ -236,6 +285,8 @@ class PolicySm : public Vexil::Entity {
 
    bool initialized_ = false;
    PolicySmRestartState restartState_ = init_;
+   Seconds restartBegan_ = 0;
+   Seconds restartDuration_ = 0;
 
    Vexil::HashMap<std::string, Ptr<PolicySourceSm>> sourceSm_;
    std::vector<PolicySourceSm*> sourceOrder_; // sourceSm_ in its order, for the walk of every host
@@ -250,6 +301,9 @@ class PolicySm : public Vexil::Entity {
 
    Vexil::TimerReactor reviewTimer_;
    Vexil::TimerReactor hammerReviewTimer_;
+   // Works off what was queued during a restart that ended without asking for a review.
+   Vexil::TimerReactor queuedReviewTimer_;
+   std::optional<Vexil::TimerReactor> initialSyncTimer_; // steps the restart
    Vexil::TimerReactor floodSetTimer_;
    Vexil::TimerReactor holdTimer_;
    Vexil::TimerReactor withdrawalTimer_;

@@ -1,10 +1,8 @@
 #include "engine/L2RibPolicySourceSm.h"
 
+#include "engine/KeyWalk.h"
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
-
-#include <algorithm>
-#include <array>
 
 namespace L2Rib {
 
@@ -255,23 +253,11 @@ void PolicySourceSm::handleHost() {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ );
    if( !initialized_ || !hostTable_ )
       return;
-   // A table may hold a million hosts: their places in the work list are fetched from memory some
-   // keys before they are needed.
    policySm_->expectHosts( hostTable_->count() );
-   std::array<Bridging::MacVlanPair, 32> ahead;
-   size_t size = 0;
-   const auto forward = [ & ] {
-      std::for_each_n( ahead.begin(), size,
-                       [ this ]( const Bridging::MacVlanPair& mvp ) { handleHost( mvp ); } );
-      size = 0;
-   };
-   hostTable_->forEachKey( [ & ]( const Bridging::MacVlanPair& mvp ) {
-      policySm_->prefetchHandleHost( mvp );
-      ahead[ size++ ] = mvp;
-      if( size == ahead.size() )
-         forward();
-   } );
-   forward();
+   forEachKeyAhead<Bridging::MacVlanPair>(
+      *hostTable_,
+      [ this ]( const Bridging::MacVlanPair& mvp ) { policySm_->prefetchHandleHost( mvp ); },
+      [ this ]( const Bridging::MacVlanPair& mvp ) { handleHost( mvp ); } );
 }
 
 void PolicySourceSm::handleLb() {

@@ -416,6 +416,8 @@ void PolicySm::releaseIfUnused( const ObjTuple& ot ) {
 }
 
 bool PolicySm::hasOutputRow( const ObjTuple& ot ) const {
+   if( ot.objId() == ObjId( Constants::objIdInvalid() ) )
+      return false;
    switch( ot.tableType() ) {
    case tableTypeLoadBalance_:
       return output_.lb->lb( ot.lbId() ).key() == ot.lbId();
@@ -426,6 +428,21 @@ bool PolicySm::hasOutputRow( const ObjTuple& ot ) const {
    default:
       return false;
    }
+}
+
+// What an output object points to, in order; nothing when it has no row.
+std::vector<ObjTuple> PolicySm::nextsOfRow( const ObjTuple& ot ) const {
+   std::vector<ObjTuple> nexts;
+   if( !hasOutputRow( ot ) )
+      return nexts;
+   if( ot.tableType() == tableTypeLabel_ )
+      nexts.push_back( output_.label->label( ot.labelId() ).label().next() );
+   if( ot.tableType() == tableTypeLoadBalance_ ) {
+      const LoadBalance lb = output_.lb->lb( ot.lbId() ).lb();
+      for( uint32_t i = 0; i < lb.nexts(); ++i )
+         nexts.push_back( lb.next( EcmpIndex( i ) ) );
+   }
+   return nexts;
 }
 
 // Whether an object may point to outOt, the output copy of next, once next has been processed.
@@ -448,11 +465,8 @@ bool PolicySm::leadsTo( const ObjTuple& ot, const ObjTuple& target ) const {
          return true;
       if( !met.emplace( at ).second )
          continue;
-      if( at.tableType() == tableTypeLabel_ )
-         toVisit.push_back( output_.label->label( at.labelId() ).label().next() );
-      else if( at.tableType() == tableTypeLoadBalance_ )
-         for( const auto row = output_.lb->lb( at.lbId() ); const ObjTuple& next : row.lb().used() )
-            toVisit.push_back( next );
+      for( const ObjTuple& next : nextsOfRow( at ) )
+         toVisit.push_back( next );
    }
    return false;
 }

@@ -4,11 +4,14 @@
 #include "runtime/Clock.h"
 #include "runtime/HashMap.h"
 
+#include <type_traits>
+
 namespace L2Rib {
 
 template<class Key>
 struct Slice {
    size_t count;  // entries visited
+   bool stopped;  // visit() ended the walk
    bool timedOut; // the deadline ended the slice; it may have been at the last entry all the same
    bool atEnd;    // no entry is left behind the last one visited
    Key bookmark;  // where the next slice resumes; the invalid key when nothing is left
@@ -18,9 +21,10 @@ struct Slice {
 // (default) key, until the clock is past the deadline; at least one entry is visited when there is
 // one. The clock is read after every entry, so a slice lasts no longer than its time and the work
 // of one entry. visit( key ) may delete any entry, its own included, and insert others: one ahead
-// of the walk is met in the same pass. ahead( key ) is called for each entry some places before its
-// turn, and farAhead( key ) earlier still, so that what it needs can be fetched from memory
-// meanwhile: first what says where it is, then it. They are hints and may miss some.
+// of the walk is met in the same pass; when it returns false, the walk ends there. ahead( key ) is
+// called for each entry some places before its turn, and farAhead( key ) earlier still, so that
+// what it needs can be fetched from memory meanwhile: first what says where it is, then it. They
+// are hints and may miss some.
 template<class Key, class Value, class Visit, class Ahead, class FarAhead>
 Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmark,
                       const Vexil::Clock& clock, Vexil::Seconds deadline, Visit visit, Ahead ahead,
@@ -48,14 +52,19 @@ Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmar
       const Key key = at->key;
       scoutOn();
       ++count;
-      visit( key );
+      if constexpr( std::is_same_v<decltype( visit( key ) ), bool> ) {
+         if( !visit( key ) )
+            return { count, true, false, false, key };
+      } else {
+         visit( key );
+      }
       ++at;
       if( clock.now() > deadline ) {
          const bool atEnd = at == list.end();
-         return { count, true, atEnd, atEnd ? Key() : at->key };
+         return { count, false, true, atEnd, atEnd ? Key() : at->key };
       }
    }
-   return { count, false, true, Key() };
+   return { count, false, false, true, Key() };
 }
 
 template<class Key, class Value, class Visit>

@@ -101,11 +101,15 @@ bool PolicySm::isInProcess( const ObjTuple& ot ) const {
              inProcess_.end();
 }
 
+bool PolicySm::isUnused( const ObjTuple& ot ) const {
+   const Ptr<ObjTupleUsers> otu = usersMap( ot );
+   return !otu || otu->empty();
+}
+
 // Carries out a deferred delete, unless a user has come back.
 void PolicySm::handleZeroRefCleanupCheck( const ObjTuple& ot ) {
    VEXIL_ASSERT( ot != Util::objTupleInvalid() );
-   const Ptr<ObjTupleUsers> otu = usersMap( ot );
-   if( ( otu && !otu->empty() ) || !hasOutputRow( ot ) )
+   if( !isUnused( ot ) || !hasOutputRow( ot ) ) // it may have gone with another one meanwhile
       return;
    TRACE( 0, "handleZeroRefCleanupCheck"
                 << " no users left for " << ot << " handling deferred delete now" );

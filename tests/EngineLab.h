@@ -98,6 +98,13 @@ class Lab {
                 makeEntity<PolicySmStatus>() },
         hostWatch( output.host, *this ), lbWatch( output.lb, *this ),
         labelWatch( output.label, *this ), destWatch( output.dest, *this ) {
+      newEngine();
+      settle(); // nothing to adopt: the restart is over at once
+   }
+
+   // Drops the engine and builds another one on the tables that it leaves, as a restart does.
+   void newEngine() {
+      engine = nullptr;
       engine = makeEntity<PolicySm>( manager, inputDir, agentInputDir, output );
    }
 
