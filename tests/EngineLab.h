@@ -129,7 +129,16 @@ class Lab {
       return made;
    }
 
-   void turn() { clock->fireDue(); }
+   void turn() {
+      clock->fireDue();
+      if( danglesInRestart.empty() )
+         return;
+      // Rows may dangle while a contradictory output is emptied, and then nothing is left of it.
+      EXPECT_EQ( 0u, output.host->count() + output.lb->count() + output.label->count() +
+                        output.dest->count() )
+         << danglesInRestart;
+      danglesInRestart.clear();
+   }
    // Turns until nothing is left to do now; parked failures stay parked.
    void settle() {
       for( int turns = 0; clock->nextWake() <= 0; ++turns ) {
@@ -207,9 +216,17 @@ class Lab {
    // Called after every single write to an output table.
    void checkNothingDangles() {
       ++writes;
-      for( const auto& [ used, user ] : relationsOfRows() )
-         if( !existsByText( used ) )
-            ADD_FAILURE() << "write " << writes << ": " << user << " points to missing " << used;
+      if( !engine )
+         return; // a write of the test's own
+      for( const auto& [ used, user ] : relationsOfRows() ) {
+         if( existsByText( used ) )
+            continue;
+         const std::string what = user + " points to missing " + used;
+         if( engine->restartState() != running_ )
+            danglesInRestart = what;
+         else
+            ADD_FAILURE() << "write " << writes << ": " << what;
+      }
    }
 
    Ptr<Vexil::ManualClock> clock;
@@ -219,6 +236,7 @@ class Lab {
    PolicySm::Tables output;
    std::map<std::string, LabSource> sources;
    uint64_t writes = 0;
+   std::string danglesInRestart;
 
  private:
    template<class Table>

@@ -265,7 +265,8 @@ TEST( ObjTupleManager, GivesEachIdOnceUpToItsBound ) {
 // --- the whole engine against a model ----------------------------------------------------------
 
 // Sources change hosts and objects at random; reviews run in slices of one entry, with changes
-// between them. At rest the output must be what the sources' present content says.
+// between them; the engine is dropped and built anew on what it left, sometimes with a row missing.
+// At rest the output must be what the sources' present content says.
 class RandomEngine {
  public:
    explicit RandomEngine( uint64_t stream ) : random_( stream ) {
@@ -281,15 +282,42 @@ class RandomEngine {
             change();
             if( random_.percent( 60 ) )
                lab_.turn();
+            if( random_.percent( 4 ) )
+               restart();
          }
          lab_.engine->reviewQuantumIs( 0.05 ); // so that a pass with parked hosts gets to its end
          lab_.hammer();
          lab_.hammer(); // what the first tick's pass made possible for others
          compare( round );
+         if( random_.percent( 20 ) )
+            restartUnchanged();
       }
    }
 
  private:
+   void restart() {
+      lab_.engine = nullptr;
+      if( random_.percent( 20 ) ) {
+         const uint64_t id = 1 + random_.below( lab_.output.status->maxDestId().value() + 1 );
+         lab_.output.dest->destDel( DestId( id ) );
+         lab_.output.lb->lbDel( LoadBalanceId( id ) );
+      }
+      lab_.newEngine();
+      lab_.engine->reviewQuantumIs( 0 );
+   }
+
+   // Nothing is parked, no source has changed: readers see no write at all.
+   void restartUnchanged() {
+      if( !lab_.engine->failedHost().empty() || !lab_.engine->failedOtas().empty() )
+         return;
+      const uint64_t writes = lab_.writes;
+      lab_.newEngine();
+      lab_.settle();
+      EXPECT_EQ( running_, lab_.engine->restartState() );
+      EXPECT_EQ( writes, lab_.writes );
+      EXPECT_EQ( lab_.relationsOfRows(), lab_.relationsOfUsers() );
+   }
+
    ObjTuple someObject() {
       const uint64_t id = 1 + random_.below( 5 );
       switch( random_.below( 3 ) ) {

@@ -1,0 +1,257 @@
+// Restart: what an earlier run left in the output is adopted, checked and reconciled.
+#include "tests/EngineLab.h"
+#include "tests/TestSupport.h"
+
+#include <functional>
+
+namespace L2Rib::Test {
+namespace {
+
+constexpr uint32_t a = 0x40, b = 0x100;
+
+// Two inline hosts; a host behind a group of a label and a dest, one host behind that label too.
+struct Restart : ::testing::Test {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+
+   Restart() {
+      source.set( intfDest( 1, 11 ) );
+      source.set( intfDest( 2, 22 ) );
+      source.set( push( 1, 100, dest( 1 ) ) );
+      source.set( group( 1, { label( 1 ), dest( 2 ) } ) );
+      source.set( inlineHost( mvp( 1 ), 1 ) );
+      source.set( inlineHost( mvp( 2 ), 2 ) );
+      source.set( objectHost( mvp( 3 ), lb( 1 ) ) );
+      source.set( objectHost( mvp( 4 ), label( 1 ) ) );
+      lab.settle();
+   }
+
+   // The whole output as text, ids included.
+   std::string output() const {
+      std::set<std::string> rows;
+      const auto take = [ & ]( const auto& table ) {
+         table->forEach( [ & ]( const auto& row ) { rows.insert( row.str() ); } );
+      };
+      take( lab.output.host );
+      take( lab.output.lb );
+      take( lab.output.label );
+      take( lab.output.dest );
+      std::string all;
+      for( const std::string& row : rows )
+         all += row + "\n";
+      return all;
+   }
+   void expectSound() {
+      EXPECT_EQ( running_, lab.engine->restartState() );
+      EXPECT_EQ( lab.relationsOfRows(), lab.relationsOfUsers() );
+      EXPECT_EQ( 0u, lab.engine->restartEntriesLeft() );
+      EXPECT_TRUE( lab.engine->hostList().empty() ) << "nobody works off what was queued";
+   }
+};
+
+TEST_F( Restart, UnchangedSourcesCauseNoWrite ) {
+   const std::string before = output();
+   const uint64_t writes = lab.writes;
+   lab.newEngine();
+   lab.settle();
+   EXPECT_EQ( writes, lab.writes );
+   EXPECT_EQ( before, output() );
+   EXPECT_FALSE( lab.engine->detectedInconsistentTables() );
+   expectSound();
+}
+
+// One entry a slice: every state ends on its time-out path.
+TEST_F( Restart, EveryStateInSlicesOfOneEntry ) {
+   lab.source( "two", b ).set( inlineHost( mvp( 9 ), 9 ) ); // queued, and worked off at the end
+   source.set( inlineHost( mvp( 3 ), 3 ) );                 // the group goes once all is decided
+   lab.engine = nullptr;
+   lab.clock->tickIs( 0.001 );
+   lab.newEngine();
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->nowIs( 5000 );
+   std::map<PolicySmRestartState, int> slices;
+   std::vector<PolicySmRestartState> order;
+   while( lab.engine->restartState() != running_ ) {
+      const PolicySmRestartState state = lab.engine->restartState();
+      if( order.empty() || order.back() != state )
+         order.push_back( state );
+      ++slices[ state ];
+      EXPECT_LT( slices[ state ], 10 );
+      lab.turn();
+      if( state == initialHostScan_ ) {
+         EXPECT_EQ( 1u, lab.output.lb->count() ) << "deletes wait for the end of the scan";
+      }
+   }
+   EXPECT_EQ( ( std::vector{ hostSourceCheck_, otSourceCheck_, otFloatCheck_, initialHostScan_,
+                             zeroRefCleanup_ } ),
+              order );
+   EXPECT_EQ( 4, slices[ hostSourceCheck_ ] );
+   EXPECT_EQ( 4, slices[ otSourceCheck_ ] );
+   EXPECT_EQ( 4, slices[ otFloatCheck_ ] );
+   EXPECT_EQ( 4, slices[ initialHostScan_ ] );
+   EXPECT_EQ( 1, slices[ zeroRefCleanup_ ] );
+   lab.settle();
+   EXPECT_EQ( 0u, lab.output.lb->count() );
+   EXPECT_EQ( "value 9 from 0x100", lab.outcome( mvp( 9 ) ) );
+   expectSound();
+}
+
+TEST_F( Restart, OnlyWhatChangedMeanwhileIsWritten ) {
+   const HostAndSource untouched = lab.row( mvp( 4 ) );
+   lab.engine = nullptr;
+   source.set( intfDest( 2, 33 ) );
+   source.host->hostDel( mvp( 1 ) );
+   source.set( inlineHost( mvp( 5 ), 5 ) );
+   const uint64_t writes = lab.writes;
+   lab.newEngine();
+   lab.settle();
+   EXPECT_EQ( writes + 3, lab.writes );
+   EXPECT_EQ( "none", lab.outcome( mvp( 1 ) ) );
+   EXPECT_EQ( "value 5 from 0x40", lab.outcome( mvp( 5 ) ) );
+   EXPECT_EQ( untouched, lab.row( mvp( 4 ) ) );
+   expectSound();
+}
+
+TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
+   const auto rowOf = [ this ]( const ObjTuple& input ) {
+      return lab.engine->outputObjTuple( ObjTupleAndSource( input, Source( a ) ) );
+   };
+   ObjTuple outDest, outDestBelow, outLabel, outLb;
+   const auto inputOf = []( const ObjTuple& input ) {
+      return ObjTupleAndSource( input, Source( a ) );
+   };
+   const struct {
+      const char* what;
+      std::function<void()> damage;
+      bool sound = false; // the found rows themselves are
+   } cases[] = {
+      { "a host's object is missing", [ & ] { lab.output.lb->lbDel( outLb.lbId() ); } },
+      { "a label's next is missing", [ & ] { lab.output.dest->destDel( outDestBelow.destId() ); } },
+      { "a group's next is missing", [ & ] { lab.output.dest->destDel( outDest.destId() ); } },
+      { "a next of no table type",
+        [ & ] {
+           const Label row( outLabel.labelId(), ObjTuple( ObjId( 1 ), TableType( 7 ) ), {} );
+           ASSERT_TRUE( lab.output.label->labelIs( LabelAndSource( row, inputOf( label( 1 ) ) ) ) );
+        } },
+      { "a group without nexts",
+        [ & ] {
+           const LoadBalance row( outLb.lbId() );
+           ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
+        } },
+      { "an object without users",
+        [ & ] {
+           ASSERT_TRUE( lab.output.dest->destIs(
+              DestAndSource( intfDest( 900, 9 ), inputOf( dest( 9 ) ) ) ) );
+        } },
+      { "two rows for one input object",
+        [ & ] {
+           ASSERT_TRUE( lab.output.dest->destIs(
+              DestAndSource( intfDest( 900, 9 ), inputOf( dest( 2 ) ) ) ) );
+           LoadBalance row = lab.output.lb->lb( outLb.lbId() ).lb();
+           row.nextIs( EcmpIndex( 2 ), dest( 900 ) );
+           ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
+        } },
+      { "a loop, and a missing object",
+        [ & ] {
+           LoadBalance row = lab.output.lb->lb( outLb.lbId() ).lb();
+           row.nextIs( EcmpIndex( 2 ), outLb );
+           ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
+           lab.output.dest->destDel( outDest.destId() );
+        } },
+      { "a long chain of labels without users",
+        [ & ] {
+           for( uint64_t id = 1000; id < 1100; ++id )
+              ASSERT_TRUE( lab.output.label->labelIs(
+                 LabelAndSource( push( id, 1, label( id + 1 ) ), inputOf( label( id ) ) ) ) );
+        } },
+      { "a found host that can't be programmed any more",
+        [ & ] { source.set( objectHost( mvp( 1 ), dest( 77 ) ) ); }, true },
+   };
+   for( const auto& test : cases ) {
+      SCOPED_TRACE( test.what );
+      for( const bool slow : { false, true } ) {
+         source.set( inlineHost( mvp( 1 ), 1 ) );
+         lab.hammer();
+         const auto highest = lab.output.status->maxDestId();
+         lab.engine->reviewQuantumIs( 0.05 );
+         outDest = rowOf( dest( 2 ) );
+         outDestBelow = rowOf( dest( 1 ) );
+         outLabel = rowOf( label( 1 ) );
+         outLb = rowOf( lb( 1 ) );
+         lab.engine = nullptr;
+         test.damage();
+         lab.newEngine();
+         lab.clock->tickIs( slow ? 0.001 : 0 );
+         lab.engine->reviewQuantumIs( slow ? 0 : 0.05 );
+         for( int turns = 0; turns < 50; ++turns )
+            lab.turn();
+         lab.engine->reviewQuantumIs( 0.05 );
+         lab.settle();
+         EXPECT_EQ( !test.sound, lab.engine->detectedInconsistentTables() );
+         EXPECT_EQ( "value 2 from 0x40", lab.outcome( mvp( 2 ) ) );
+         EXPECT_EQ( 1u, lab.output.lb->count() );
+         EXPECT_EQ( 1u, lab.output.label->count() );
+         EXPECT_EQ( 2u, lab.output.dest->count() );
+         EXPECT_LT( highest, lab.output.status->maxDestId() ) << "ids are not reused after a wipe";
+         expectSound();
+      }
+   }
+}
+
+TEST( RestartIds, NumberingGoesOnAboveWhatWasFoundOrTold ) {
+   const struct {
+      uint64_t found, told, first;
+   } cases[] = { { 41, 0, 42 }, { 41, 50, 51 }, { 0, 7, 8 }, { 0, 0, 1 } };
+   for( const auto& test : cases ) {
+      SCOPED_TRACE( test.first );
+      Lab lab;
+      lab.engine = nullptr;
+      lab.output.status->maxDestIdIs( DestId( test.told ) );
+      LabSource& source = lab.source( "one", a );
+      if( test.found ) { // the copy of a dest that a host uses
+         const ObjTupleAndSource input( dest( 1 ), Source( a ) );
+         source.set( intfDest( 1, 1 ) );
+         source.set( objectHost( mvp( 1 ), dest( 1 ) ) );
+         ASSERT_TRUE(
+            lab.output.dest->destIs( DestAndSource( intfDest( test.found, 1 ), input ) ) );
+         ASSERT_TRUE( lab.output.host->hostIs(
+            HostAndSource( mvp( 1 ), objectHost( mvp( 1 ), dest( test.found ) ), Source( a ) ) ) );
+      }
+      lab.newEngine();
+      lab.settle();
+      source.set( intfDest( 2, 2 ) );
+      source.set( objectHost( mvp( 2 ), dest( 2 ) ) );
+      lab.settle();
+      EXPECT_EQ( dest( test.first ), lab.row( mvp( 2 ) ).next() );
+   }
+}
+
+TEST_F( Restart, ChangesBeforeRunningAreOnlyQueued ) {
+   lab.engine = nullptr;
+   lab.newEngine();
+   const uint64_t writes = lab.writes;
+   source.set( inlineHost( mvp( 1 ), 7 ) );
+   EXPECT_TRUE( lab.engine->hostList( mvp( 1 ) ) );
+   lab.engine->handleReviewTimer(); // finds the restart under way
+   EXPECT_EQ( writes, lab.writes );
+   EXPECT_EQ( hostSourceCheck_, lab.engine->restartState() );
+   lab.settle();
+   EXPECT_EQ( "value 7 from 0x40", lab.outcome( mvp( 1 ) ) );
+   expectSound();
+}
+
+TEST_F( Restart, FloodMembersNobodyHasAnyMoreGo ) {
+   Dest member{ Util::destIdNotInTarn() };
+   member.intfIs( { 5 } );
+   const Bridging::VlanId vlan( 10 );
+   const auto set = lab.output.flood->vlanFloodSetIs( vlan )->floodSetIs( Vexil::EthAddr( 1 ) );
+   set->floodSetTypeIs( floodSetTypeAny_ );
+   set->destSetIs( member, true );
+   lab.newEngine();
+   EXPECT_EQ( 1u, lab.engine->floodSetBacklog().size() );
+   lab.settle();
+   EXPECT_FALSE( lab.output.flood->vlanFloodSet( vlan ) );
+}
+
+} // namespace
+} // namespace L2Rib::Test
