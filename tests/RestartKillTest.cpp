@@ -1,0 +1,417 @@
+// The agent process is killed after each single write that it makes to a shared table, and started
+// again: whatever it left, the next run ends with what the sources say.
+//
+// The agent runs in a child process on a state directory of its own, turn by turn on a clock that
+// stands still, so that every run makes the same writes in the same order.
+#include "L2Rib/FloodBindings.h"
+#include "agent/L2RibAgent.h"
+#include "client/SourcePublisher.h"
+#include "tests/TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace L2Rib::Test {
+namespace {
+
+namespace fs = std::filesystem;
+using Bridging::MacVlanPair;
+using Bridging::VlanId;
+using Client::SourcePublisher;
+using Vexil::makeEntity;
+using Vexil::Ptr;
+using Vexil::Reactor;
+
+// --- counting the agent's writes ---------------------------------------------------------------
+
+struct Fuse {
+   int64_t writes = 0;
+   int64_t limit = -1; // the process ends after that many; -1: never
+   void operator()() {
+      if( ++writes == limit )
+         raise( SIGKILL );
+   }
+};
+Fuse fuse; // of the child
+
+template<class Table>
+struct TableFuse : Reactor<Table> {
+   explicit TableFuse( Ptr<Table> table ) : Reactor<Table>( table ) {}
+   using Key = std::remove_cvref_t<decltype( std::declval<Table>().inSlot( 0 )->key() )>;
+   void handleEntry( const Key& ) override { fuse(); }
+};
+
+struct SetFuse : Reactor<FloodSet> {
+   using Reactor::Reactor;
+   void handleDestSet( const Dest& ) override { fuse(); }
+};
+struct VlanFuse : Reactor<VlanFloodSet> {
+   explicit VlanFuse( Ptr<const VlanFloodSet> sets ) : Reactor( std::move( sets ) ) {
+      for( const auto& set : notifier()->floodSet() )
+         handleFloodSet( set.key );
+   }
+   void handleFloodSet( const Vexil::EthAddr& mac ) override {
+      sets.erase( mac );
+      if( const auto set = notifier()->floodSet( mac ) )
+         sets.emplace( mac, std::make_unique<SetFuse>( set ) );
+   }
+   std::map<Vexil::EthAddr, std::unique_ptr<SetFuse>> sets;
+};
+struct FloodFuse : Reactor<FloodSetOutput> {
+   explicit FloodFuse( Ptr<const FloodSetOutput> output ) : Reactor( std::move( output ) ) {
+      for( const auto& sets : notifier()->vlanFloodSet() )
+         handleVlanFloodSet( sets.key );
+   }
+   void handleVlanFloodSet( const VlanId& vlan ) override {
+      vlans.erase( vlan );
+      if( const auto sets = notifier()->vlanFloodSet( vlan ) )
+         vlans.emplace( vlan, std::make_unique<VlanFuse>( sets ) );
+   }
+   std::map<VlanId, std::unique_ptr<VlanFuse>> vlans;
+};
+struct StatusFuse : Reactor<PolicySmStatus> {
+   using Reactor::Reactor;
+   void handleMaxIds() override { fuse(); }
+};
+
+// --- the agent in a process of its own ---------------------------------------------------------
+
+class AgentRun {
+ public:
+   explicit AgentRun( const std::string& stateDirectory )
+      : loop_( makeEntity<Vexil::ManualClock>() ),
+        manager_( makeEntity<Vexil::EntityManager>( loop_, stateDirectory ) ) {
+      agent_.entityManagerIs( manager_ );
+      agent_.activityManagerIs( &loop_ );
+      watch<HostOutput>( Path::hostOutput, 64 );
+      watch<LoadBalanceOutput>( Path::lbOutput, 64 );
+      watch<LabelOutput>( Path::labelOutput, 64 );
+      watch<DestOutput>( Path::destOutput, 64 );
+      watch<HostInput>( "bridging/l2Rib/static/hostInput", 65536 );
+      watch<LabelTable>( "bridging/l2Rib/static/labelTable", 1024 );
+      watch<DestTable>( "bridging/l2Rib/static/destTable", 1024 );
+      agent_.doInit();
+      const auto mounted = [ & ]( const char* path ) { return manager_->entity( path ); };
+      keep( std::make_shared<FloodFuse>(
+         dynamic_cast<FloodSetOutput*>( mounted( Path::floodOutput ).get() ) ) );
+      keep( std::make_shared<StatusFuse>(
+         dynamic_cast<PolicySmStatus*>( mounted( Path::policySmStatus ).get() ) ) );
+      agent_.doMountsComplete( Vexil::MountStatus::success, manager_ );
+   }
+
+   // Turns until there is nothing left to do at this time.
+   void settle() {
+      for( int quiet = 0; quiet < 3; ) {
+         const int64_t before = fuse.writes;
+         loop_.turn( 0 );
+         const bool busy = loop_.clock()->nextWake() <= 0 || fuse.writes != before;
+         quiet = busy ? 0 : quiet + 1;
+      }
+      if( agent_.policySm()->restartState() != running_ )
+         abort();
+   }
+
+ private:
+   template<class Table>
+   void watch( const char* path, uint32_t capacity ) {
+      keep( std::make_shared<TableFuse<Table>>(
+         manager_->mountTable<Table>( path, Table::Mode::write, capacity ) ) );
+   }
+   void keep( std::shared_ptr<void> fuse ) { fuses_.push_back( std::move( fuse ) ); }
+
+   Vexil::ActivityManager loop_;
+   Ptr<Vexil::EntityManager> manager_;
+   std::vector<std::shared_ptr<void>> fuses_;
+   Agent agent_{ "L2Rib" };
+};
+
+// Runs work( agent ) after the agent has settled; the process ends after `limit` writes, counted
+// from the start of the process or of the work. Returns how many writes there were, or nothing when
+// it was killed.
+std::optional<int64_t> runAgent( const std::string& state, int64_t limit, bool countFromWork,
+                                 const std::function<void()>& work ) {
+   int ends[ 2 ];
+   EXPECT_EQ( 0, pipe( ends ) );
+   const pid_t child = fork();
+   if( child == 0 ) {
+      prctl( PR_SET_PDEATHSIG, SIGKILL );
+      alarm( 60 );
+      fuse = { 0, countFromWork ? -1 : limit };
+      AgentRun agent( state );
+      agent.settle();
+      if( countFromWork )
+         fuse = { 0, limit };
+      work();
+      agent.settle();
+      [[maybe_unused]] const auto told = write( ends[ 1 ], &fuse.writes, sizeof fuse.writes );
+      _exit( 0 );
+   }
+   close( ends[ 1 ] );
+   int64_t writes = 0;
+   const bool complete = read( ends[ 0 ], &writes, sizeof writes ) == sizeof writes;
+   close( ends[ 0 ] );
+   int status = 0;
+   waitpid( child, &status, 0 );
+   if( complete )
+      return writes;
+   EXPECT_TRUE( WIFSIGNALED( status ) && WTERMSIG( status ) == SIGKILL ) << "status " << status;
+   return std::nullopt;
+}
+
+// --- what the output says ----------------------------------------------------------------------
+
+class Output {
+ public:
+   explicit Output( const std::string& state ) : state_( state ) {
+      table<HostOutput>( Path::hostOutput ).forEach( [ & ]( const HostAndSource& row ) {
+         std::string text = mvpStr( row.key() ) + " from " + sourceStr( row.source() ) + ": ";
+         text += row.next() == Util::objTupleInvalid() ? row.host().ciDest().str()
+                                                       : expansion( row.next() );
+         hosts += text + "\n";
+         sorted.insert( text );
+      } );
+      table<FloodMemberTable>( Path::floodOutput ).forEach( [ & ]( const FloodMember& member ) {
+         sorted.insert( "flood " + member.triple.str() );
+      } );
+      inputs( table<DestOutput>( Path::destOutput ) );
+      inputs( table<LabelOutput>( Path::labelOutput ) );
+      inputs( table<LoadBalanceOutput>( Path::lbOutput ) );
+   }
+   // No row is missing, none is too many.
+   bool sound() const { return hosts.find( "missing" ) == hosts.npos && reached == inputOf.size(); }
+
+   std::set<std::string> sorted;               // the content, output ids left out
+   std::map<std::string, std::string> inputOf; // of each output object, the input object
+
+ private:
+   template<class Table>
+   Table table( const char* path ) const {
+      return Table( state_ + "/" + path, Table::Mode::read );
+   }
+   template<class Table>
+   void inputs( const Table& table ) {
+      table.forEach( [ & ]( const auto& row ) {
+         inputOf[ ObjTuple( row.key() ).str() ] = row.sourceOtas().str();
+      } );
+   }
+   std::string expansion( const ObjTuple& ot ) {
+      met_.insert( ot.str() );
+      reached = met_.size();
+      if( ot.tableType() == tableTypeDest_ ) {
+         Dest dest = table<DestOutput>( Path::destOutput ).dest( ot.destId() ).dest();
+         const bool there = dest.key() == ot.destId();
+         dest.keyIs( DestId() );
+         return there ? dest.str() : "missing";
+      }
+      if( ot.tableType() == tableTypeLabel_ ) {
+         const Label row = table<LabelOutput>( Path::labelOutput ).label( ot.labelId() ).label();
+         return row.key() == ot.labelId() ? row.label().str() + " over " + expansion( row.next() )
+                                          : "missing";
+      }
+      const LoadBalance row = table<LoadBalanceOutput>( Path::lbOutput ).lb( ot.lbId() ).lb();
+      std::string text = row.key() == ot.lbId() ? "group (" : "missing";
+      for( const ObjTuple& next : row.used() )
+         text += " " + expansion( next );
+      return text + " )";
+   }
+
+   std::string state_;
+   std::string hosts;
+   std::set<std::string> met_;
+   size_t reached = 0;
+};
+
+// --- the script --------------------------------------------------------------------------------
+
+MacVlanPair key( uint64_t number ) {
+   return MacVlanPair( Vexil::EthAddr( 0x020000000000 + number ), VlanId( 10 ) );
+}
+Host host( uint64_t number, uint64_t value, uint32_t pref, const ObjTuple& next = {} ) {
+   Host made( key( number ) );
+   made.prefIs( pref );
+   made.nextIs( next );
+   CiDest dest( 0 );
+   dest.payloadIs( next == Util::objTupleInvalid() ? value : 0 );
+   made.ciDestIs( dest );
+   return made;
+}
+Dest dest( uint64_t id, uint64_t interface ) {
+   Dest made{ DestId( id ) };
+   made.intfIs( { interface } );
+   return made;
+}
+FloodMember flood( uint32_t vlan, uint64_t interface ) {
+   Dest member = dest( 0, interface );
+   member.keyIs( Util::destIdNotInTarn() );
+   return { FloodSetTriple( VlanId( vlan ), Vexil::EthAddr( 0xffffffffffff ), member ),
+            floodSetTypeAny_ };
+}
+LoadBalance group( uint64_t id, std::initializer_list<ObjTuple> nexts ) {
+   LoadBalance made{ LoadBalanceId( id ) };
+   uint32_t at = 0;
+   for( const ObjTuple& next : nexts )
+      made.nextIs( EcmpIndex( at++ ), next );
+   return made;
+}
+
+class Kill : public ::testing::Test {
+ protected:
+   using Content = std::function<void( SourcePublisher& red, SourcePublisher& blue )>;
+
+   // Both sources say this and nothing else; both stay when their process has gone.
+   static void publish( const std::string& state, const Content& content ) {
+      const auto options = [ & ]( const char* name, uint32_t value ) {
+         return Client::SourceOptions{ state, name, Source( value ), 64, 64, 64, false };
+      };
+      SourcePublisher red( options( "red", 0x40 ) ), blue( options( "blue", 0x100 ) );
+      for( SourcePublisher* source : { &red, &blue } )
+         take( source->begin() );
+      content( red, blue );
+      for( SourcePublisher* source : { &red, &blue } ) {
+         take( source->end() );
+         source->initializedIs( true );
+         source->flush();
+      }
+   }
+   static void take( const Client::Rejection& rejection ) {
+      ASSERT_FALSE( rejection ) << *rejection;
+   }
+   static void config( const std::string& state, const std::string& words ) {
+      const std::string command =
+         std::string( L2RIBCTL_PATH ) + " --state-dir " + state + " config " + words;
+      ASSERT_EQ( 0, std::system( command.c_str() ) ) << command;
+   }
+
+   static void before( SourcePublisher& red, SourcePublisher& blue ) {
+      for( uint64_t id = 1; id <= 3; ++id )
+         take( red.destIs( dest( id, id ) ) );
+      take( red.labelIs( Label( LabelId( 1 ), ObjTuple( DestId( 1 ) ), Vexil::MplsLabel( 7 ) ) ) );
+      take( red.lbIs( group( 1, { ObjTuple( LabelId( 1 ) ), ObjTuple( DestId( 2 ) ) } ) ) );
+      take( red.hostIs( host( 1, 0, 100, ObjTuple( LoadBalanceId( 1 ) ) ) ) );
+      take( red.hostIs( host( 2, 0, 100, ObjTuple( LabelId( 1 ) ) ) ) );
+      take( red.hostIs( host( 3, 3, 100 ) ) );
+      take( red.floodIs( flood( 10, 1 ) ) );
+      take( blue.destIs( dest( 1, 91 ) ) );
+      take( blue.hostIs( host( 3, 4, 50 ) ) );
+      take( blue.hostIs( host( 4, 0, 50, ObjTuple( DestId( 1 ) ) ) ) );
+      take( blue.floodIs( flood( 10, 1 ) ) );
+      take( blue.floodIs( flood( 20, 2 ) ) );
+   }
+   // A member of the group is exchanged and another one added, a label moves, hosts move between
+   // sources and between kinds, objects come and go, flood members too.
+   static void after( SourcePublisher& red, SourcePublisher& blue ) {
+      for( uint64_t id = 2; id <= 4; ++id )
+         take( red.destIs( dest( id, id == 3 ? 33 : id ) ) );
+      take( red.labelIs( Label( LabelId( 1 ), ObjTuple( DestId( 3 ) ), Vexil::MplsLabel( 8 ) ) ) );
+      take( red.lbIs( group(
+         1, { ObjTuple( LabelId( 1 ) ), ObjTuple( DestId( 3 ) ), ObjTuple( DestId( 4 ) ) } ) ) );
+      take( red.hostIs( host( 1, 0, 100, ObjTuple( LoadBalanceId( 1 ) ) ) ) );
+      take( red.hostIs( host( 2, 22, 100 ) ) );
+      take( red.hostIs( host( 5, 0, 100, ObjTuple( LabelId( 1 ) ) ) ) );
+      take( red.floodIs( flood( 10, 3 ) ) );
+      take( blue.destIs( dest( 2, 92 ) ) );
+      take( blue.lbIs( group( 9, { ObjTuple( DestId( 2 ) ) } ) ) );
+      take( blue.hostIs( host( 3, 0, 50, ObjTuple( LoadBalanceId( 9 ) ) ) ) );
+      take( blue.floodIs( flood( 20, 2 ) ) );
+      take( blue.floodIs( flood( 30, 2 ) ) );
+   }
+
+   Kill() {
+      fs::create_directory( original );
+      config( original, "set 10 02:00:00:00:00:21 --interface 7" );
+      config( original, "tunnel 1 --source 10.0.0.1 --destination 10.0.0.2" );
+      config( original, "set 10 02:00:00:00:00:22 --label 500 --tunnel 1" );
+      publish( original, before );
+      EXPECT_TRUE( runAgent( original, -1, false, [] {} ) );
+      EXPECT_TRUE( Output( original ).sound() );
+      const std::string fresh = folder.file( "fresh" );
+      publish( fresh, after );
+      config( fresh, "set 10 02:00:00:00:00:21 --interface 7" );
+      config( fresh, "tunnel 1 --source 10.0.0.1 --destination 10.0.0.2" );
+      config( fresh, "set 10 02:00:00:00:00:22 --label 500 --tunnel 1" );
+      EXPECT_TRUE( runAgent( fresh, -1, false, [] {} ) );
+      expected = Output( fresh ).sorted;
+      EXPECT_EQ( 9u, expected.size() );
+   }
+
+   void copyOriginal() {
+      fs::remove_all( copy );
+      fs::copy( original, copy, fs::copy_options::recursive );
+   }
+   // An output id stands for the same input object for ever.
+   void noteIds( const Output& output ) {
+      for( const auto& [ ot, input ] : output.inputOf )
+         EXPECT_EQ( input, ids.emplace( ot, input ).first->second ) << ot << " was given twice";
+   }
+   // The agent dies after the n-th write, the next one too, after some other; the one after that
+   // ends with what the sources say.
+   void recover( int64_t n ) {
+      SCOPED_TRACE( "killed after write " + std::to_string( n ) );
+      noteIds( Output( copy ) );
+      runAgent( copy, 1 + random.below( 30 ), false, [] {} );
+      noteIds( Output( copy ) );
+      ASSERT_TRUE( runAgent( copy, -1, false, [] {} ) );
+      const Output output( copy );
+      EXPECT_EQ( expected, output.sorted );
+      EXPECT_TRUE( output.sound() );
+      noteIds( output );
+   }
+
+   TestSupport::TemporaryFolder folder;
+   const std::string original = folder.file( "original" ), copy = folder.file( "copy" );
+   std::set<std::string> expected;
+   std::map<std::string, std::string> ids;
+   TestSupport::Random random;
+};
+
+// The sources change while no agent runs; the next one is killed while it adopts, checks and
+// reconciles.
+TEST_F( Kill, AfterEveryWriteOfARestart ) {
+   noteIds( Output( original ) );
+   publish( original, after );
+   const auto start = ids;
+   for( int64_t n = 1;; ++n ) {
+      ids = start;
+      copyOriginal();
+      if( runAgent( copy, n, false, [] {} ) ) {
+         EXPECT_GT( n, 15 ) << "the script has become too short";
+         EXPECT_EQ( expected, Output( copy ).sorted );
+         break;
+      }
+      recover( n );
+      if( HasFailure() )
+         break;
+   }
+}
+
+// The sources change under a running agent.
+TEST_F( Kill, AfterEveryWriteOfNormalWork ) {
+   noteIds( Output( original ) );
+   const auto start = ids;
+   for( int64_t n = 1;; ++n ) {
+      ids = start;
+      copyOriginal();
+      if( runAgent( copy, n, true, [ this ] { publish( copy, after ); } ) ) {
+         EXPECT_GT( n, 15 ) << "the script has become too short";
+         EXPECT_EQ( expected, Output( copy ).sorted );
+         break;
+      }
+      recover( n );
+      if( HasFailure() )
+         break;
+   }
+}
+
+} // namespace
+} // namespace L2Rib::Test
