@@ -37,6 +37,8 @@ void benchGet( const Settings& settings, Report& report );
 void benchSet( const Settings& settings, Report& report );
 void benchWake( const Settings& settings, Report& report );
 void benchMerge( const Settings& settings, Report& report );
+void benchObjects( const Settings& settings, Report& report );
+void benchRestart( const Settings& settings, Report& report );
 
 // Nanoseconds of the monotonic clock, the same in every process.
 inline int64_t nanoseconds() {

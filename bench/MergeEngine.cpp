@@ -30,9 +30,9 @@ constexpr std::array<Step, phaseCount> steps{
 
 std::string hostPath( int source ) { return "bridging/l2Rib/input/s" + std::to_string( source ); }
 
-class EngineRig {
+class MergeRig {
  public:
-   EngineRig( const std::string& stateDirectory, uint32_t keys )
+   MergeRig( const std::string& stateDirectory, uint32_t keys )
       : keys_( keys ), em_( makeEntity<Vexil::EntityManager>( loop_, stateDirectory ) ),
         sourceDir_( makeEntity<Vexil::Directory>() ) {
       using namespace L2Rib;
@@ -49,7 +49,8 @@ class EngineRig {
       for( int i = 0; i < sourceCount; ++i )
          enterSource( i );
       engine_ = makeEntity<PolicySm>( em_, sourceDir_, makeEntity<AgentSourceDir>(), output );
-      loop_.turn( 0 ); // the timers' first firing
+      while( engine_->restartState() != L2Rib::running_ )
+         loop_.turn( 0 );
    }
 
    PhaseResult run( const Step& step ) {
@@ -136,7 +137,7 @@ MergeResult runEngine( const std::string& stateDirectory, uint32_t keys ) {
    Shared<MergeResult> result;
    runInProcess( "engine", [ & ] {
       const auto atStart = static_cast<double>( privateMemory( getpid() ) );
-      EngineRig rig( stateDirectory, keys );
+      MergeRig rig( stateDirectory, keys );
       for( size_t phase = 0; phase < phaseCount; ++phase )
          result->phase[ phase ] = rig.run( steps[ phase ] );
       result->engineBytes = rig.mostPrivateMemory() - atStart;

@@ -9,8 +9,8 @@ namespace L2Rib {
 
 // Made and owned by the engine, one for each output object in use. The users are sets, not counts:
 // entering the same user twice leaves one relation. Looking up, entering and removing a user take
-// constant time. One relation of a host costs 12 bytes in an array that is between three eighths
-// and three quarters full, so 16 to 32 bytes; an object with few users has arrays of 64 slots.
+// constant time. One relation costs 12 bytes in an array that is between three eighths and three
+// quarters full, so 16 to 32 bytes; the smallest array has 8 slots, and an empty set has none.
 class ObjTupleUsers : public Vexil::Entity {
  public:
    explicit ObjTupleUsers( const ObjTuple& used ) : used_( used ) {}

@@ -170,8 +170,9 @@ class HashMap {
    };
 
  private:
-   static constexpr size_t smallest = 16;        // ideal slots of the first array
-   static constexpr size_t overflow = 48;        // room behind the last ideal slot, for its run
+   static constexpr size_t smallest = 4;         // ideal slots of the first array
+   static constexpr size_t overflow = 48;        // room behind the last ideal slot, for its run;
+                                                 // in a small array as many slots as there are
    static constexpr size_t keptWhenEmpty = 4096; // slots that an emptied collection keeps
 
    size_t homeOf( uint64_t hash ) const { return hash >> shift_; }
@@ -266,7 +267,7 @@ class HashMap {
       size_t end = 0; // behind all entries placed so far
       for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) )
          end = std::max( end, larger.homeOf( keyHash( slots_[ at ].key ) ) ) + 1;
-      larger.slotCount_ = std::max( end, homes ) + overflow;
+      larger.slotCount_ = std::max( end, homes ) + std::min( homes, overflow );
       larger.slots_ = std::allocator<Entry>().allocate( larger.slotCount_ );
       larger.used_.assign( larger.slotCount_ / 64 + 1, 0 );
       end = 0;
