@@ -109,10 +109,10 @@ class PolicySm : public Vexil::Entity {
    const Vexil::HashMap<ObjTuple, Ptr<ObjTupleUsers>>& usersMap() const { return usersMap_; }
 
    // --- review (Review.cpp) -------------------------------------------------------------------
-   VEXIL_KEY_SET( Bridging::MacVlanPair, hostList )
-   VEXIL_KEY_SET( ObjTupleAndSource, otasList )
-   VEXIL_KEY_SET( Bridging::MacVlanPair, failedHost )
-   VEXIL_KEY_SET( ObjTupleAndSource, failedOtas )
+   VEXIL_WORK_LIST( Bridging::MacVlanPair, hostList )
+   VEXIL_WORK_LIST( ObjTupleAndSource, otasList )
+   VEXIL_WORK_LIST( Bridging::MacVlanPair, failedHost )
+   VEXIL_WORK_LIST( ObjTupleAndSource, failedOtas )
    VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostBookmark )
    VEXIL_ATTRIBUTE( ObjTupleAndSource, otasBookmark )
    void maybeRescheduleHostReview();
@@ -128,11 +128,11 @@ class PolicySm : public Vexil::Entity {
    uint64_t restartEntriesLeft() const;
    // A check found rows that contradict each other. Never reset.
    VEXIL_ATTRIBUTE( bool, detectedInconsistentTables, false )
-   VEXIL_KEY_SET( Bridging::MacVlanPair, hostForSourceCheck )
+   VEXIL_WORK_LIST( Bridging::MacVlanPair, hostForSourceCheck )
    VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostForSourceCheckBookmark )
-   VEXIL_KEY_SET( ObjTuple, otForSourceCheck )
+   VEXIL_WORK_LIST( ObjTuple, otForSourceCheck )
    VEXIL_ATTRIBUTE( ObjTuple, otForSourceCheckBookmark )
-   VEXIL_KEY_SET( Bridging::MacVlanPair, hostForInitialSync )
+   VEXIL_WORK_LIST( Bridging::MacVlanPair, hostForInitialSync )
    VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostForInitialSyncBookmark )
    // Objects without a user whose delete was put off: to the end of the restart, or of the work on
    // one host or object.
@@ -155,7 +155,7 @@ class PolicySm : public Vexil::Entity {
    void maybeRescheduleInitialSyncReview();
 
    // --- flood sets (FloodSetMerge.cpp) --------------------------------------------------------
-   VEXIL_KEY_SET( FloodSetTriple, floodSetBacklog )
+   VEXIL_WORK_LIST( FloodSetTriple, floodSetBacklog )
    VEXIL_ATTRIBUTE( FloodSetTriple, floodSetBookmark )
    VEXIL_ATTRIBUTE( bool, floodSetBookmarkValid, false )
    // Lets the backlog be worked at the next turn of the event loop.

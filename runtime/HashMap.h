@@ -14,7 +14,12 @@
 // the collection, deletion of its own entry included: it finds its place again by its key. A
 // reference to a value does not: it is valid until the next insertion or deletion.
 //
-// The order is that of the index of a shared table (SharedTable.h), because both use keyHash().
+// There are two orders. A WorkList's is that of the keys' hashes, as in the index of a shared
+// table: whoever walks the list meets the tables' index words one beside the other. Every other
+// collection has an order of its own. A collection that is filled in the order in which another
+// one of the same order is walked is crowded into the front of its array until it is full: each
+// insertion then searches and moves a long run. A work list that may be filled like that is given
+// its room before, with reserve().
 #pragma once
 
 #include "runtime/Hash.h"
@@ -33,7 +38,20 @@ namespace Vexil {
 // The value of a keyed set: takes no room in an entry.
 struct Present {};
 
-template<class Key, class Value>
+struct HashOrder {
+   template<class Key>
+   static uint64_t placeOf( const Key& key ) {
+      return keyHash( key );
+   }
+};
+struct OwnOrder {
+   template<class Key>
+   static uint64_t placeOf( const Key& key ) {
+      return mix64( keyHash( key ) + 0x9e3779b97f4a7c15ULL );
+   }
+};
+
+template<class Key, class Value, class Order = OwnOrder>
 class HashMap {
  public:
    struct Entry {
@@ -103,7 +121,7 @@ class HashMap {
    // Brings the place of key nearer to the processor.
    void prefetch( const Key& key ) const {
       if( homeCount_ != 0 )
-         __builtin_prefetch( &slots_[ homeOf( keyHash( key ) ) ] );
+         __builtin_prefetch( &slots_[ homeOf( Order::placeOf( key ) ) ] );
    }
 
    // Enters key if it is absent, with a value built from arguments; says whether it was absent.
@@ -137,7 +155,7 @@ class HashMap {
       if( at == slotCount_ )
          return false;
       [[maybe_unused]] const Entry removed = std::move( slots_[ at ] );
-      for( ; occupied( at + 1 ) && homeOf( keyHash( slots_[ at + 1 ].key ) ) <= at; ++at )
+      for( ; occupied( at + 1 ) && homeOf( Order::placeOf( slots_[ at + 1 ].key ) ) <= at; ++at )
          slots_[ at ] = std::move( slots_[ at + 1 ] );
       std::destroy_at( &slots_[ at ] );
       unmark( at );
@@ -201,11 +219,11 @@ class HashMap {
    size_t positionOf( const Key& key ) const {
       if( size_ == 0 )
          return slotCount_;
-      const uint64_t hash = keyHash( key );
+      const uint64_t hash = Order::placeOf( key );
       for( size_t at = homeOf( hash ); occupied( at ); ++at ) {
          if( slots_[ at ].key == key )
             return at;
-         if( keyHash( slots_[ at ].key ) > hash )
+         if( Order::placeOf( slots_[ at ].key ) > hash )
             break;
       }
       return slotCount_;
@@ -215,10 +233,10 @@ class HashMap {
    size_t placeOf( const Key& key ) const {
       if( size_ == 0 )
          return slotCount_;
-      const uint64_t hash = keyHash( key );
+      const uint64_t hash = Order::placeOf( key );
       size_t at = occupiedFrom( homeOf( hash ) );
       while( at != slotCount_ &&
-             precedes( slots_[ at ].key, keyHash( slots_[ at ].key ), key, hash ) )
+             precedes( slots_[ at ].key, Order::placeOf( slots_[ at ].key ), key, hash ) )
          at = occupiedFrom( at + 1 );
       return at;
    }
@@ -230,10 +248,10 @@ class HashMap {
 
    // Where key stands, or belongs, in the run of entries that begins at its ideal slot.
    size_t placeInRun( const Key& key ) const {
-      const uint64_t hash = keyHash( key );
+      const uint64_t hash = Order::placeOf( key );
       size_t at = homeOf( hash );
       while( occupied( at ) && !( slots_[ at ].key == key ) &&
-             precedes( slots_[ at ].key, keyHash( slots_[ at ].key ), key, hash ) )
+             precedes( slots_[ at ].key, Order::placeOf( slots_[ at ].key ), key, hash ) )
          ++at;
       return at;
    }
@@ -266,13 +284,13 @@ class HashMap {
       larger.shift_ = 64 - std::countr_zero( homes );
       size_t end = 0; // behind all entries placed so far
       for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) )
-         end = std::max( end, larger.homeOf( keyHash( slots_[ at ].key ) ) ) + 1;
+         end = std::max( end, larger.homeOf( Order::placeOf( slots_[ at ].key ) ) ) + 1;
       larger.slotCount_ = std::max( end, homes ) + std::min( homes, overflow );
       larger.slots_ = std::allocator<Entry>().allocate( larger.slotCount_ );
       larger.used_.assign( larger.slotCount_ / 64 + 1, 0 );
       end = 0;
       for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) ) {
-         const size_t to = std::max( end, larger.homeOf( keyHash( slots_[ at ].key ) ) );
+         const size_t to = std::max( end, larger.homeOf( Order::placeOf( slots_[ at ].key ) ) );
          ::new( &larger.slots_[ to ] ) Entry( std::move( slots_[ at ] ) );
          larger.mark( to );
          ++larger.size_;
@@ -313,5 +331,7 @@ class HashMap {
 
 template<class Key>
 using KeySet = HashMap<Key, Present>;
+template<class Key>
+using WorkList = HashMap<Key, Present, HashOrder>;
 
 } // namespace Vexil

@@ -65,7 +65,7 @@ class KeyedCollection : public testing::Test {
    static constexpr uint32_t keys = std::is_class_v<Key> ? 600 : 9000;
    Random random;
    uint64_t serial = 0;
-   HashMap<Key, uint64_t> map;
+   HashMap<Key, uint64_t, HashOrder> map;
    std::map<Place, uint64_t> model;
    std::map<Place, unsigned> staying; // visits of the entries that stay during a pass
 };
@@ -81,7 +81,7 @@ TYPED_TEST( KeyedCollection, MatchesTheModelWhileItGrowsAndEmpties ) {
       while( insertions == 0 && !this->model.empty() )
          ASSERT_NO_FATAL_FAILURE( this->erase( this->model.begin()->first.second ) );
    }
-   HashMap<TypeParam, uint64_t> other( std::move( this->map ) );
+   HashMap<TypeParam, uint64_t, HashOrder> other( std::move( this->map ) );
    this->map = std::move( other );
    this->insert( TypeParam{ 1 } ); // usable after all its room was given back
    this->check();
@@ -147,7 +147,7 @@ TEST( KeyedCollectionOfOwners, MayBeChangedByItsValuesAsTheyGo ) {
    Random random;
    std::map<std::pair<uint64_t, CrowdedKey>, bool> model;
    bool settled = false; // the values do nothing any more
-   HashMap<CrowdedKey, std::unique_ptr<Owned>> map;
+   HashMap<CrowdedKey, std::unique_ptr<Owned>, HashOrder> map;
    const auto randomKey = [ & ] { return CrowdedKey{ random.below( 400 ) }; };
    const auto erase = [ & ]( CrowdedKey key ) {
       model.erase( { key.hash(), key } );
@@ -178,6 +178,31 @@ TEST( KeyedCollectionOfOwners, MayBeChangedByItsValuesAsTheyGo ) {
          ASSERT_EQ( at->key, expected->first.second );
    }
    settled = true;
+}
+
+// A collection that is filled in the order in which another one is walked: in proportion to the
+// number of keys, not to its square.
+TEST( KeyedCollectionOrder, FillingInTheOrderOfAWalkIsCheap ) {
+   static uint64_t looks = 0;
+   struct CountedKey {
+      uint32_t number = 0;
+      uint64_t hash() const { return ++looks, mix64( number ); }
+      auto operator<=>( const CountedKey& ) const = default;
+   };
+   constexpr uint32_t keys = 20'000;
+   WorkList<CountedKey> list, reserved;
+   for( uint32_t number = 0; number < keys; ++number )
+      list.emplace( CountedKey{ number } );
+   KeySet<CountedKey> set;
+   reserved.reserve( keys );
+   looks = 0;
+   for( auto at = list.begin(); at != list.end(); ++at ) {
+      set.emplace( at->key );
+      reserved.emplace( at->key );
+   }
+   EXPECT_EQ( keys, set.size() );
+   EXPECT_EQ( keys, reserved.size() );
+   EXPECT_LT( looks, 30u * keys );
 }
 
 } // namespace
