@@ -24,11 +24,13 @@ void PolicySm::maybeRescheduleHostReview() {
 void PolicySm::foundFailedHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
    failedHostIs( mvp, true );
+   failingHosts_.failed( mvp, clock_->now() );
 }
 
 void PolicySm::foundFailedOtas( const ObjTupleAndSource& otas ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << otas );
    failedOtasIs( otas, true );
+   failingOtas_.failed( otas, clock_->now() );
 }
 
 void PolicySm::handleReviewTimer() {
@@ -53,7 +55,9 @@ void PolicySm::handleReviewTimer() {
          const bool ok = processHost( mvp );
          hostListDel( mvp );
          cleanUpUnused();
-         if( !ok ) {
+         if( ok ) {
+            failingHosts_.mended( mvp );
+         } else {
             TRACE( 8, "handleReviewTimer"
                          << " processing failure on " << mvpStr( mvp ) );
             VEXIL_ASSERT( failedHost( mvp ) );
@@ -92,6 +96,7 @@ void moveAll( Set& from, Set& to ) {
 
 // The start of a pass: what failed before is tried again.
 void PolicySm::parkedToLists() {
+   retries_ += failedHost_.size() + failedOtas_.size();
    moveAll( failedHost_, hostList_ );
    moveAll( failedOtas_, otasList_ );
 }
@@ -104,7 +109,9 @@ void PolicySm::reviewOtas( Seconds deadline ) {
                                       const bool ok = processOtas( otas, false );
                                       otasListDel( otas );
                                       cleanUpUnused();
-                                      if( !ok )
+                                      if( ok )
+                                         failingOtas_.mended( otas );
+                                      else
                                          TRACE( 8, "handleReviewTimer"
                                                       << " processing failure on " << otas );
                                    } );
