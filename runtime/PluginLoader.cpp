@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <dlfcn.h>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <system_error>
 
@@ -26,14 +25,9 @@ std::vector<std::filesystem::path> librariesIn( const std::string& directory ) {
    return found;
 }
 
-struct CloseLibrary {
-   void operator()( void* library ) const { dlclose( library ); }
-};
-using Library = std::unique_ptr<void, CloseLibrary>;
-
-const PluginDescription& descriptionOf( const Library& library ) {
+const PluginDescription& descriptionOf( void* library ) {
    using EntryPoint = const PluginDescription*();
-   auto* const entry = reinterpret_cast<EntryPoint*>( dlsym( library.get(), pluginEntryPoint ) );
+   auto* const entry = reinterpret_cast<EntryPoint*>( dlsym( library, pluginEntryPoint ) );
    if( !entry )
       throw std::runtime_error( "it has no entry point " + std::string( pluginEntryPoint ) + "()" );
    const PluginDescription* const description = entry();
@@ -49,17 +43,16 @@ const PluginDescription& descriptionOf( const Library& library ) {
 }
 
 // Null when the library belongs to another category. Throws std::exception with the reason when it
-// can't be loaded.
+// can't be loaded; the library stays open then: what was thrown may be of its making.
 Ptr<Entity> load( const std::string& file, const std::string& category, Entity& context ) {
-   Library library( dlopen( file.c_str(), RTLD_NOW | RTLD_LOCAL ) );
+   void* const library = dlopen( file.c_str(), RTLD_NOW | RTLD_LOCAL );
    if( !library )
       throw std::runtime_error( dlerror() );
    const PluginDescription& description = descriptionOf( library );
-   if( description.category != category )
+   if( description.category != category ) {
+      dlclose( library );
       return nullptr;
-   // Mapped for good, even when create() throws: the exception itself may be of the library's
-   // making.
-   static_cast<void>( library.release() );
+   }
    Ptr<Entity> plugin = description.create( context );
    if( !plugin )
       throw std::runtime_error( "it made no object" );
