@@ -72,7 +72,8 @@ TEST_F( OperationTest, ServiceManagerIsTold ) {
          unsetenv( variable );
       EXPECT_EQ( manager.next(), "READY=1" );
       EXPECT_TRUE( std::filesystem::exists( hostOutput ) ) << "ready before its tables are";
-      manager.until( "STATUS=running" );
+      EXPECT_EQ( manager.next(), "STATUS=hostSourceCheck, 0 entries left" );
+      manager.until( "STATUS=running, restarted in " );
       for( int fed = 0; abstract && fed < 5; ++fed )
          manager.until( "WATCHDOG=1" );
       agent->signal( SIGTERM );

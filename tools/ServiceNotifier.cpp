@@ -15,7 +15,7 @@ namespace Tools {
 
 namespace {
 
-constexpr Vexil::Seconds progressInterval = 1.0;
+constexpr Vexil::Seconds progressInterval = 0.25;
 
 std::optional<unsigned long long> numberIn( const char* variable ) {
    const char* const text = std::getenv( variable );

@@ -21,9 +21,9 @@ class ServiceNotifier {
    ServiceNotifier( const ServiceNotifier& ) = delete;
    ServiceNotifier& operator=( const ServiceNotifier& ) = delete;
 
-   // The daemon serves from now on. Its progress is asked for and told, as the status text, once a
-   // second until it is complete. The watchdog is fed from the event loop, twice as often as it
-   // needs: a loop that hangs feeds it no more.
+   // The daemon serves from now on. Its progress is asked for and told, as the status text, several
+   // times a second until it is complete. The watchdog is fed from the event loop, twice as often
+   // as it needs: a loop that hangs feeds it no more.
    void ready( std::function<Vexil::BaseAgent::Progress()> progress );
    void stopping();
 
