@@ -62,11 +62,19 @@ struct AgentStatusRecord {
    Vexil::Wire64<uint64_t> failedHost; // parked
    Vexil::Wire64<uint64_t> failedOtas;
    Vexil::Wire64<uint64_t> floodSetBacklog;
-   Vexil::Wire64<uint64_t> withdrawalChecks; // hosts still to be looked at for vanished sources
+   Vexil::Wire64<uint64_t> withdrawalChecks;   // hosts still to be looked at for vanished sources
+   Vexil::Wire64<double> restartDuration;      // seconds, until now or in all
+   Vexil::Wire64<uint64_t> restartEntriesLeft; // that the present restart state has to look at
+   // When the parked entry that has failed the longest failed first, seconds of the system's clock
+   // (those since the machine started); 0 when nothing is parked.
+   Vexil::Wire64<double> failingSince;
+   Vexil::Wire64<uint64_t> retries;         // of parked entries, so far
+   Vexil::Wire64<uint64_t> users;           // relations between output rows and what they use
+   Vexil::Wire64<uint64_t> journalOverruns; // source tables that were read too late, so far
 
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<AgentStatusRecord, 88> );
+static_assert( Vexil::WireRecord<AgentStatusRecord, 136> );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
  public:

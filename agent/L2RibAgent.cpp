@@ -4,6 +4,7 @@
 #include "runtime/Failure.h"
 #include "runtime/Trace.h"
 
+#include <sstream>
 #include <string>
 
 namespace L2Rib {
@@ -37,12 +38,15 @@ Agent::Agent( const std::string& name ) : BaseAgent( name ) {}
 
 Agent::~Agent() {
    statusPublisher_.reset();
-   policySm_ = nullptr;
-   staticHostSm_ = nullptr;
+   policySmDel();
+   pluginContextDel();
+   staticHostSmDel();
 }
 
 void Agent::doInit() {
    TRACE( 0, __PRETTY_FUNCTION__ << " em is " << entityManager().get() );
+   if( const auto chosen = settings().find( "test-plugins" ); chosen != settings().end() )
+      loadTestPluginIs( chosen->second == "1" );
    const auto group = entityManager()->mountGroup();
    group->doMount( Path::inputDir, "Vexil::Directory", "ri" );
    group->doMount( Path::agentInputDir, "L2Rib::AgentSourceDir", "w" );
@@ -55,6 +59,7 @@ void Agent::doInit() {
 void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
                               Vexil::Ptr<Vexil::EntityManager> em ) {
    TRACE( 0, __PRETTY_FUNCTION__ );
+   mountStatusIs( mountStatus );
    VEXIL_ASSERT( mountStatus == Vexil::MountStatus::success );
    const auto inputDir = mounted<Vexil::Directory>( *em, Path::inputDir );
    l2RibAgentSourceDirIs( mounted<AgentSourceDir>( *em, Path::agentInputDir ) );
@@ -81,6 +86,36 @@ void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
    policySm_->sourceHoldTimeIs( setting( "source-hold", policySm_->sourceHoldTime() ) );
    staticHostSmIs( em, l2RibAgentSourceDir(), bridgingConfig() );
    statusPublisher_ = std::make_unique<StatusPublisher>( *em, activityManager(), policySm_ );
+
+   pluginContextIs();
+   pluginContext_->entityManagerIs( em );
+   pluginContext_->l2RibOutputIs( output.host );
+   pluginContext_->clockIs( activityManager().clock() );
+   loadPlugins();
+}
+
+void Agent::loadPlugins() {
+   if( loadTestPlugin() )
+      TRACE( 5, "doMountsComplete"
+                   << " Loading L2RibTestPlugins" );
+   else
+      TRACE( 5, "doMountsComplete"
+                   << " Loading L2RibPlugins" );
+   if( const auto directory = settings().find( "plugin-dir" ); directory != settings().end() )
+      pluginContext_->pluginIs( Vexil::loadPlugins(
+         directory->second, loadTestPlugin() ? Plugin::testCategory : Plugin::category,
+         *pluginContext_ ) );
+}
+
+Agent::Progress Agent::progress() const {
+   std::ostringstream text;
+   text << policySm_->restartState();
+   const bool complete = policySm_->restartState() == running_;
+   if( complete )
+      text << ", restarted in " << policySm_->restartDuration() << " s";
+   else
+      text << ", " << policySm_->restartEntriesLeft() << " entries left";
+   return { complete, text.str() };
 }
 
 Vexil::Seconds Agent::setting( const char* name, Vexil::Seconds ifAbsent ) const {
@@ -104,6 +139,12 @@ Agent::staticHostSmIs( Vexil::Ptr<Vexil::EntityManager> em,
    if( !staticHostSm_ )
       staticHostSm_ = staticHostSmFactory( em, agentInputDir, bridgingConfig );
    return staticHostSm_;
+}
+
+const Vexil::Ptr<Plugin::Context>& Agent::pluginContextIs() {
+   if( !pluginContext_ )
+      pluginContext_ = Vexil::makeEntity<Plugin::Context>();
+   return pluginContext_;
 }
 
 Vexil::Ptr<Vexil::BaseAgent> agentFactory( const std::string& name ) {

@@ -1,11 +1,14 @@
 // The layer-2 RIB agent: what the host process creates from this library.
 //
 // doInit() declares the mounts; doMountsComplete() attaches the output tables and creates the state
-// machines. From then on the agent lives on their reactors and timers.
+// machines and loads the plug-ins. From then on the agent lives on their reactors and timers.
+// Destruction releases the engine, the plug-in context with the plug-ins, and the static host
+// source, in this order.
 #pragma once
 
 #include "L2Rib/Bridging.h"
 #include "L2Rib/L2RibTarn.h"
+#include "agent/Plugin.h"
 #include "agent/StatusPublisher.h"
 #include "engine/L2RibPolicySm.h"
 #include "runtime/Agent.h"
@@ -25,9 +28,16 @@ class Agent : public Vexil::BaseAgent {
    // Throws TableError when an output table can't be attached (another agent writes it, say).
    void doMountsComplete( Vexil::MountStatus mountStatus,
                           Vexil::Ptr<Vexil::EntityManager> em ) override;
+   // The engine's restart state, and how many entries it has still to look at.
+   Progress progress() const override;
 
    VEXIL_ATTRIBUTE( Vexil::Ptr<AgentSourceDir>, l2RibAgentSourceDir )
    VEXIL_ATTRIBUTE( Vexil::Ptr<Bridging::Config>, bridgingConfig )
+   // What doMountsComplete() was called with.
+   VEXIL_ATTRIBUTE( Vexil::MountStatus, mountStatus, Vexil::MountStatus::failed )
+   // Loads the plug-ins of the test category in place of the normal ones. doInit() sets it from the
+   // process's settings when they name it.
+   VEXIL_ATTRIBUTE( bool, loadTestPlugin, false )
    const Vexil::Ptr<PolicySm>& policySm() const { return policySm_; }
    // Makes the engine; returns the present one when there is one.
    const Vexil::Ptr<PolicySm>& policySmIs( Vexil::Ptr<Vexil::EntityManager> em,
@@ -41,11 +51,18 @@ class Agent : public Vexil::BaseAgent {
    staticHostSmIs( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<AgentSourceDir> agentInputDir,
                    Vexil::Ptr<const Bridging::Config> bridgingConfig );
    void staticHostSmDel() { staticHostSm_ = nullptr; }
+   const Vexil::Ptr<Plugin::Context>& pluginContext() const { return pluginContext_; }
+   // Makes the context, still empty; returns the present one when there is one.
+   const Vexil::Ptr<Plugin::Context>& pluginContextIs();
+   // Releases the plug-ins with it.
+   void pluginContextDel() { pluginContext_ = nullptr; }
 
  private:
    Vexil::Seconds setting( const char* name, Vexil::Seconds ifAbsent ) const;
+   void loadPlugins();
 
    Vexil::Ptr<PolicySm> policySm_;
+   Vexil::Ptr<Plugin::Context> pluginContext_;
    Vexil::Ptr<StaticHostSm> staticHostSm_;
    std::unique_ptr<StatusPublisher> statusPublisher_;
 };

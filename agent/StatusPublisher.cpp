@@ -59,6 +59,13 @@ AgentStatusRecord StatusPublisher::figures() const {
    record.failedOtas = policySm_->failedOtas().size();
    record.floodSetBacklog = policySm_->floodSetBacklog().size();
    record.withdrawalChecks = policySm_->withdrawalChecksLeft();
+   record.restartDuration = policySm_->restartDuration();
+   record.restartEntriesLeft = policySm_->restartEntriesLeft();
+   const Vexil::Seconds failingSince = policySm_->failingSince();
+   record.failingSince = failingSince == Vexil::never ? 0 : failingSince;
+   record.retries = policySm_->retries();
+   record.users = policySm_->userCount();
+   record.journalOverruns = policySm_->overruns();
    return record;
 }
 

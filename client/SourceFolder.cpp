@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -77,10 +78,13 @@ SourceFolder::Lock::Lock( const SourceFolder& folder ) {
    Vexil::makeFoldersFor( file );
    fd_ = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
    int locked = -1;
-   if( fd_ >= 0 )
+   if( fd_ >= 0 ) {
+      // Whatever the umask of its maker was. Refused when another user made it; it is his then.
+      [[maybe_unused]] const int refused = fchmod( fd_, 0640 );
       do
          locked = flock( fd_, LOCK_EX );
       while( locked != 0 && errno == EINTR );
+   }
    if( locked != 0 ) {
       const std::string reason = std::strerror( errno );
       if( fd_ >= 0 )

@@ -24,12 +24,14 @@
 #include "L2Rib/ObjTupleManager.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"
+#include "engine/FailureAges.h"
 #include "engine/L2RibPolicySourceSm.h"
 #include "engine/ObjTupleUsers.h"
 #include "engine/RestartState.h"
 #include "runtime/Clock.h"
 #include "runtime/StateDb.h"
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -107,6 +109,8 @@ class PolicySm : public Vexil::Entity {
    // The users of one output object; null when it has none.
    Ptr<ObjTupleUsers> usersMap( const ObjTuple& used ) const;
    const Vexil::HashMap<ObjTuple, Ptr<ObjTupleUsers>>& usersMap() const { return usersMap_; }
+   // All relations between a user and what it uses.
+   uint64_t userCount() const { return userCount_; }
 
    // --- review (Review.cpp) -------------------------------------------------------------------
    VEXIL_WORK_LIST( Bridging::MacVlanPair, hostList )
@@ -120,6 +124,13 @@ class PolicySm : public Vexil::Entity {
    void foundFailedOtas( const ObjTupleAndSource& otas );
    void handleReviewTimer();
    void handleHammerReviewTimer();
+   // Parked entries that were tried again, so far.
+   uint64_t retries() const { return retries_; }
+   // Since when the entry that has failed the longest has been failing, retries included; the
+   // clock's time. Never, when nothing fails.
+   Seconds failingSince() const {
+      return std::min( failingHosts_.oldest(), failingOtas_.oldest() );
+   }
 
    // --- restart (Restart.cpp) -----------------------------------------------------------------
    PolicySmRestartState restartState() const { return restartState_; }
@@ -184,6 +195,9 @@ class PolicySm : public Vexil::Entity {
    void reviewHostsOf( Source source );
    // Slots of the host output that such a review still has to look at.
    uint64_t withdrawalChecksLeft() const;
+   // A source's table was read too late: changes were lost to us, and all of it is read again.
+   void noteOverrun() { ++overruns_; }
+   uint64_t overruns() const { return overruns_; }
 
    // Set once, at the start of the adoption.
    bool initialized() const { return initialized_; }
@@ -282,6 +296,12 @@ class PolicySm : public Vexil::Entity {
    // Relations still to be removed in the cascade under way: (used object, object that used it).
    std::vector<std::pair<ObjTuple, ObjTuple>> toRelease_;
    bool releasing_ = false;
+
+   FailureAges<Bridging::MacVlanPair> failingHosts_;
+   FailureAges<ObjTupleAndSource> failingOtas_;
+   uint64_t userCount_ = 0;
+   uint64_t retries_ = 0;
+   uint64_t overruns_ = 0;
 
    bool initialized_ = false;
    PolicySmRestartState restartState_ = init_;

@@ -300,6 +300,7 @@ void PolicySourceSm::vlanFloodSetDel( const Bridging::VlanId& vlan ) {
 // Every key that the table has is named to us next; what it no longer has is found from the output.
 void PolicySourceSm::handleOvertaken() {
    attachment_ = nextAttachment(); // the file may be another one
+   policySm_->noteOverrun();
    if( initialized_ )
       policySm_->reviewHostsOf( sourceEnum() );
 }

@@ -17,6 +17,7 @@ class ObjTupleUsers : public Vexil::Entity {
 
    const ObjTuple& used() const { return used_; }
    bool empty() const { return otUser().empty() && mvpUser().empty(); }
+   size_t size() const { return otUser().size() + mvpUser().size(); }
 
    VEXIL_KEY_SET( ObjTuple, otUser )
    VEXIL_KEY_SET( Bridging::MacVlanPair, mvpUser )

@@ -417,6 +417,7 @@ void PolicySm::handleTablesInconsistent() {
    output_.lb->lbDelAll();
    output_.dest->destDelAll();
    usersMap_.clear();
+   userCount_ = 0;
    for( const auto& [ tableType, manager ] : tupleManager_ ) {
       manager->inputToOutputDelAll();
       manager->outputToInputDelAll();

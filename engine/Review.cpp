@@ -26,6 +26,7 @@ void PolicySm::foundFailedHost( const Bridging::MacVlanPair& mvp ) {
    if( failedHost().empty() ) // hosts fail in the order of the list that is being walked
       failedHost_.reserve( hostList().size() );
    failedHostIs( mvp, true );
+   failingHosts_.failed( mvp, clock_->now() );
 }
 
 void PolicySm::foundFailedOtas( const ObjTupleAndSource& otas ) {
@@ -33,6 +34,7 @@ void PolicySm::foundFailedOtas( const ObjTupleAndSource& otas ) {
    if( failedOtas().empty() )
       failedOtas_.reserve( otasList().size() );
    failedOtasIs( otas, true );
+   failingOtas_.failed( otas, clock_->now() );
 }
 
 void PolicySm::handleReviewTimer() {
@@ -57,7 +59,9 @@ void PolicySm::handleReviewTimer() {
          const bool ok = processHost( mvp );
          hostListDel( mvp );
          cleanUpUnused();
-         if( !ok ) {
+         if( ok ) {
+            failingHosts_.mended( mvp );
+         } else {
             TRACE( 8, "handleReviewTimer"
                          << " processing failure on " << mvpStr( mvp ) );
             VEXIL_ASSERT( failedHost( mvp ) );
@@ -96,6 +100,7 @@ void moveAll( Set& from, Set& to ) {
 
 // The start of a pass: what failed before is tried again.
 void PolicySm::parkedToLists() {
+   retries_ += failedHost_.size() + failedOtas_.size();
    moveAll( failedHost_, hostList_ );
    moveAll( failedOtas_, otasList_ );
 }
@@ -108,7 +113,9 @@ void PolicySm::reviewOtas( Seconds deadline ) {
                                       const bool ok = processOtas( otas, false );
                                       otasListDel( otas );
                                       cleanUpUnused();
-                                      if( !ok )
+                                      if( ok )
+                                         failingOtas_.mended( otas );
+                                      else
                                          TRACE( 8, "handleReviewTimer"
                                                       << " processing failure on " << otas );
                                    } );

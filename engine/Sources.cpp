@@ -144,6 +144,8 @@ void PolicySm::forgetOtasOf( Source source ) {
    for( auto at = otasList_.begin(); at != otasList_.end(); ++at )
       if( at->key.source() == source )
          otasListDel( at->key );
+   failingOtas_.forget(
+      [ & ]( const ObjTupleAndSource& otas ) { return otas.source() == source; } );
    for( auto at = failedOtas_.begin(); at != failedOtas_.end(); ++at )
       if( at->key.source() == source )
          failedOtasDel( at->key );

@@ -23,7 +23,11 @@ const Vexil::Ptr<ObjTupleUsers>& PolicySm::usersMapIs( const ObjTuple& used ) {
    return *usersMap_.emplace( used, Vexil::makeEntity<ObjTupleUsers>( used ) ).first;
 }
 
-void PolicySm::usersMapDel( const ObjTuple& used ) { usersMap_.erase( used ); }
+void PolicySm::usersMapDel( const ObjTuple& used ) {
+   if( const Ptr<ObjTupleUsers> otu = usersMap( used ) )
+      userCount_ -= otu->size();
+   usersMap_.erase( used );
+}
 
 void PolicySm::addUser( const ObjTuple& otUsed, const ObjTuple& otUser,
                         const Bridging::MacVlanPair& mvpUser ) {
@@ -39,10 +43,12 @@ void PolicySm::addUser( const ObjTuple& otUsed, const ObjTuple& otUser,
    }
    VEXIL_ASSERT( otu && otu->used() == otUsed );
    VEXIL_ASSERT( usersMap( otUsed ) == otu );
+   const size_t before = otu->size();
    if( otUser == Util::objTupleInvalid() )
       otu->mvpUserIs( mvpUser, true );
    else
       otu->otUserIs( otUser, true );
+   userCount_ += otu->size() - before; // the relation may have been there
 }
 
 bool PolicySm::isUser( const ObjTuple& otUsed, const ObjTuple& otUser,
@@ -78,6 +84,7 @@ void PolicySm::rmUser( const ObjTuple& otUsed, const ObjTuple& otUser,
       VEXIL_ASSERT( otu->otUser( otUser ) );
       otu->otUserDel( otUser );
    }
+   --userCount_;
    if( !otu->empty() )
       return;
    TRACE( 0, "rmUser"

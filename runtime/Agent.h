@@ -33,6 +33,14 @@ class BaseAgent : public Entity {
    virtual void doInit() = 0;
    virtual void doMountsComplete( MountStatus status, Ptr<EntityManager> manager ) = 0;
 
+   // How far the agent is with what it does at its start, in a line for people. Asked for after
+   // doMountsComplete().
+   struct Progress {
+      bool complete; // there is nothing more to wait for
+      std::string text;
+   };
+   virtual Progress progress() const = 0;
+
  private:
    std::string name_;
    Ptr<EntityManager> entityManager_;

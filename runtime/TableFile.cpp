@@ -200,6 +200,9 @@ std::unique_ptr<TableMapping> TableMapping::created( const std::string& path,
    if( made->fd_ < 0 )
       systemFailure( temporary, "creating" );
    made->temporary_ = temporary;
+   if( fchmod( made->fd_, fileMode ) !=
+       0 ) // whatever the umask is: a group of readers relies on it
+      systemFailure( temporary, "setting the mode" );
    if( !lockForWriting( made->fd_ ) )
       systemFailure( temporary, "locking" );
    made->geometry_ = TableGeometry( spec, capacity );
@@ -302,8 +305,16 @@ void makeFoldersFor( const std::string& path ) {
    for( size_t slash = path.find( '/', 1 ); slash != std::string::npos;
         slash = path.find( '/', slash + 1 ) ) {
       const std::string folder = path.substr( 0, slash );
-      if( mkdir( folder.c_str(), folderMode ) != 0 && errno != EEXIST )
-         systemFailure( folder, "making the folder" );
+      struct stat made {};
+      if( mkdir( folder.c_str(), folderMode ) != 0 ) {
+         if( errno != EEXIST )
+            systemFailure( folder, "making the folder" );
+      } else if( stat( folder.c_str(), &made ) != 0 ||
+                 ( ( made.st_mode & 0777 ) != folderMode && // the umask took something away; the
+                   chmod( folder.c_str(),                   // set-group-ID bit is inherited
+                          ( made.st_mode & S_ISGID ) | folderMode ) != 0 ) ) {
+         systemFailure( folder, "setting the mode" );
+      }
    }
 }
 

@@ -155,7 +155,8 @@ bool tableHasWriter( const std::string& path );
 // The record type that a table file's header names; empty when it is no table.
 std::string tableTypeName( const std::string& path );
 
-// Makes the folders above path, each with mode 0750. Throws TableError.
+// Makes the folders above path that are not there, each with mode 0750 whatever the umask is. One
+// that is made in a folder with the set-group-ID bit has its group and that bit. Throws TableError.
 void makeFoldersFor( const std::string& path );
 
 } // namespace Vexil

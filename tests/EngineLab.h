@@ -210,6 +210,7 @@ class Lab {
          for( const auto& user : entry.value->mvpUser() )
             all.emplace( entry.key.str(), mvpStr( user.key ) );
       }
+      EXPECT_EQ( engine->userCount(), all.size() );
       return all;
    }
 

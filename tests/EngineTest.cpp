@@ -256,12 +256,21 @@ TEST( Review, HammerTicksForEverAndRetriesWhatIsParked ) {
    LabSource& source = lab.source( "one", a );
    source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
    source.set( group( 1, { dest( 1 ) } ) );
+   const Vexil::Seconds start = lab.clock->now();
    lab.settle();
    EXPECT_EQ( "none", lab.outcome( mvp( 1 ) ) );
+   lab.hammer();
+   EXPECT_EQ( lab.engine->retries(), 2u ) << "the host and its group";
+   source.set(
+      objectHost( mvp( 2 ), lb( 1 ) ) ); // fails for less long; its pass takes the two along
+   lab.hammer();
+   EXPECT_EQ( lab.engine->retries(), 2u + 2 + 3 );
+   EXPECT_EQ( lab.engine->failingSince(), start ) << "retries do not make a failure younger";
    source.set( intfDest( 1, 7 ) );
    lab.turn(); // the dest alone helps nobody: no copy exists that would be refreshed
    lab.hammer();
    EXPECT_EQ( "lb/1 from 0x40", lab.outcome( mvp( 1 ) ) );
+   EXPECT_EQ( lab.engine->failingSince(), Vexil::never );
    EXPECT_TRUE( lab.engine->failedHost().empty() );
    EXPECT_TRUE( lab.engine->failedOtas().empty() );
    EXPECT_LT( lab.clock->nextWake(), Vexil::never );

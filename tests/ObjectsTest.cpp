@@ -436,6 +436,9 @@ class RandomEngine {
          used.insert( ot );
       EXPECT_EQ( used.size(), objectCount( lab_ ) ) << "an object without users";
       EXPECT_LE( lab_.output.status->maxDestId().value(), 1u << 20 );
+      const bool nothingFails =
+         lab_.engine->failedHost().empty() && lab_.engine->failedOtas().empty();
+      EXPECT_EQ( nothingFails, lab_.engine->failingSince() == Vexil::never );
    }
 
    Lab lab_;

@@ -41,6 +41,7 @@ void addExplain( CLI::App& app, Context& context );
 void addCheck( CLI::App& app, Context& context );
 void addGraph( CLI::App& app, Context& context );
 void addSettle( CLI::App& app, Context& context );
+void addMetrics( CLI::App& app, Context& context );
 // After addShow: "show config" is one of these.
 void addConfigCommands( CLI::App& app, Context& context );
 

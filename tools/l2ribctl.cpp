@@ -33,6 +33,7 @@ int main( int argc, char** argv ) {
    Tools::addCheck( app, context );
    Tools::addGraph( app, context );
    Tools::addSettle( app, context );
+   Tools::addMetrics( app, context );
    Tools::addConfigCommands( app, context );
    try {
       app.parse( argc, argv );

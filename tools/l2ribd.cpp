@@ -2,61 +2,59 @@
 // stages, and turns the event loop until it is told to end.
 #include "runtime/Agent.h"
 #include "runtime/Trace.h"
+#include "tools/ServiceNotifier.h"
+#include "tools/StateDirectory.h"
 
 #include <CLI/CLI.hpp>
 
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <sstream>
 #include <string>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
 
-// The sd_notify protocol: a datagram to the socket that systemd names, if it does.
-void notifySystemd( const std::string& state ) {
-   const char* const name = std::getenv( "NOTIFY_SOCKET" );
-   sockaddr_un address{};
-   if( !name || std::strlen( name ) >= sizeof address.sun_path )
-      return;
-   address.sun_family = AF_UNIX;
-   std::strcpy( address.sun_path, name );
-   if( name[ 0 ] == '@' )
-      address.sun_path[ 0 ] = '\0'; // the abstract namespace
-   const int fd = socket( AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0 );
-   if( fd < 0 )
-      return;
-   const auto size =
-      static_cast<socklen_t>( offsetof( sockaddr_un, sun_path ) + std::strlen( name ) );
-   sendto( fd, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>( &address ),
-           size );
-   close( fd );
+// Where this program's libraries lie: installed, or as they were built.
+std::filesystem::path libraryFolder() {
+   const auto here = std::filesystem::read_symlink( "/proc/self/exe" ).parent_path();
+   const auto installed = here.parent_path() / "lib" / "l2rib";
+   return std::filesystem::exists( installed ) ? installed : here.parent_path() / "lib";
 }
 
-// The agent library as it lies beside this program, built or installed.
-std::string defaultLibrary() {
-   const auto here = std::filesystem::read_symlink( "/proc/self/exe" ).parent_path();
-   const auto beside = here.parent_path() / "lib" / "libL2Rib.so";
-   return std::filesystem::exists( beside ) ? beside.string() : "libL2Rib.so";
+// A number as the agent's settings hold it, all of it and within the range.
+CLI::Validator numberWithin( double lowest, double highest, bool whole ) {
+   const auto check = [ = ]( const std::string& text ) -> std::string {
+      char* end = nullptr;
+      const double number = std::strtod( text.c_str(), &end );
+      const bool good = !text.empty() && *end == '\0' && number >= lowest && number <= highest &&
+                        ( !whole || number == std::floor( number ) );
+      std::ostringstream wanted;
+      wanted.precision( 12 );
+      wanted << "a " << ( whole ? "whole " : "" ) << "number from " << lowest << " to " << highest
+             << " is wanted, not '" << text << "'";
+      return good ? "" : wanted.str();
+   };
+   return CLI::Validator( check, "NUMBER" );
 }
 
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
+   Tools::requireStateDirectory( stateDirectory );
    Vexil::ActivityManager loop;
    loop.signalIs( SIGTERM, [ & ] { loop.stop(); } );
    loop.signalIs( SIGINT, [ & ] { loop.stop(); } );
+   Tools::ServiceNotifier service( loop );
    auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, stateDirectory );
    auto agent =
       Vexil::startAgent( library, "L2Rib::Agent", "L2Rib", loop, manager, std::move( settings ) );
    Vexil::log( "running on " + stateDirectory );
-   notifySystemd( "READY=1" );
+   service.ready( [ & ] { return agent->progress(); } );
    loop.run();
-   notifySystemd( "STOPPING=1" );
+   service.stopping();
    agent = nullptr;
    manager->ringBells();
    Vexil::log( "ended in order" );
@@ -69,13 +67,15 @@ int main( int argc, char** argv ) {
    CLI::App app( "The layer-2 RIB agent: merges what the sources publish into one output." );
    const char* const environment = std::getenv( "L2RIB_STATE_DIR" );
    std::string stateDirectory = environment ? environment : "/run/l2rib";
-   std::string library = defaultLibrary();
+   std::string library = libraryFolder() / "libL2Rib.so";
+   std::string pluginDirectory = libraryFolder() / "plugins";
    std::vector<std::string> traces;
-   std::string pluginDirectory;
    bool testPlugins = false;
    app.add_option( "--state-dir", stateDirectory, "where the tables are" )->capture_default_str();
    app.add_option( "--agent-lib", library, "the agent library" )->capture_default_str();
-   app.add_option( "--plugin-dir", pluginDirectory, "where plug-ins are looked for" );
+   app.add_option( "--plugin-dir", pluginDirectory, "where plug-ins are looked for" )
+      ->check( CLI::ExistingDirectory )
+      ->capture_default_str();
    app.add_flag( "--test-plugins", testPlugins,
                  "load the test plug-ins instead of the normal ones" );
    app.add_option( "--trace", traces, "HANDLE=LEVELS, LEVELS a list such as 0-3,8" );
@@ -86,21 +86,25 @@ int main( int argc, char** argv ) {
       app.add_option_function<std::string>(
             std::string( "--" ) + name,
             [ &settings, name ]( const std::string& value ) { settings[ name ] = value; }, help )
-         ->check( CLI::Number )
          ->check( range );
    };
-   const CLI::Range seconds( 0.0, 1e9 );
-   number( "output-capacity", "records per output table (16384)", CLI::Range( 1, 1 << 30 ) );
+   const CLI::Validator seconds = numberWithin( 0, 1e9, false );
+   number( "output-capacity", "records per output table (16384)",
+           numberWithin( 1, 1 << 30, true ) );
    number( "review-quantum", "seconds that a review slice may take (0.05)", seconds );
    number( "flood-review-quantum", "seconds that a flood slice may take (0.05)", seconds );
-   number( "hammer-interval", "seconds between retries of what failed (10)", seconds );
+   number( "hammer-interval", "seconds between retries of what failed (10)",
+           numberWithin( 0.001, 1e9, false ) );
    number( "source-hold", "seconds that a vanished source's hosts stay unexamined (30)", seconds );
    try {
       app.parse( argc, argv );
       for( const std::string& setting : traces )
          Vexil::traceSettingIs( setting );
+   } catch( const CLI::CallForHelp& help ) {
+      return app.exit( help );
    } catch( const CLI::ParseError& error ) {
-      return app.exit( error ) == 0 ? 0 : 2;
+      std::cerr << "l2ribd: " << error.what() << " (l2ribd --help says what there is)\n";
+      return 2;
    } catch( const std::invalid_argument& error ) {
       std::cerr << "l2ribd: " << error.what() << '\n';
       return 2;

@@ -1,0 +1,207 @@
+// The agent's stages, the order in which it makes and releases its parts, and its plug-ins.
+#include "agent/L2RibAgent.h"
+#include "runtime/Trace.h"
+#include "tests/ProcessSupport.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+
+namespace {
+
+using namespace L2Rib;
+using namespace ProcessSupport;
+using TestSupport::Random;
+
+// Looks, when the plug-ins go, at who else of the agent is still there.
+class Witness : public Vexil::Entity {
+ public:
+   Witness( const Agent& agent, std::string& seen )
+      : seen_( seen ), sourceDir_( agent.l2RibAgentSourceDir() ),
+        config_( agent.bridgingConfig() ) {}
+   ~Witness() override {
+      seen_ = std::string( sourceDir_->notifiees.empty() ? "no engine" : "engine" ) +
+              ( config_->notifiees.empty() ? ", no static source" : ", static source" );
+   }
+
+ private:
+   std::string& seen_;
+   Vexil::Ptr<AgentSourceDir> sourceDir_; // the engine reacts to it
+   Vexil::Ptr<Bridging::Config> config_;  // the static source does
+};
+
+TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
+   const TestSupport::TemporaryFolder folder;
+   std::vector<std::string> traced;
+   Vexil::traceSettingIs( "L2RibAgent=0,5" );
+   Vexil::logSinkIs( [ & ]( std::string_view line ) {
+      traced.emplace_back( line.substr( line.rfind( "L2RibAgent:" ) ) );
+      traced.back().erase( 0, traced.back().find( ' ' ) + 1 );
+   } );
+   std::string seen;
+   {
+      Vexil::ActivityManager loop;
+      const auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
+      const auto started = Vexil::startAgent( "libL2Rib.so", "L2Rib::Agent", "L2Rib", loop, manager,
+                                              { { "test-plugins", "1" } } );
+      auto* const agent = dynamic_cast<Agent*>( started.get() );
+      ASSERT_TRUE( agent );
+      EXPECT_EQ( agent->mountStatus(), Vexil::MountStatus::success );
+      EXPECT_EQ( agent->entityManager(), manager );
+      for( const char* path : { Path::inputDir, Path::agentInputDir, Path::floodOutput,
+                                Path::bridgingConfig, Path::policySmStatus } )
+         EXPECT_TRUE( manager->entity( path ) ) << path;
+      for( const char* path :
+           { Path::hostOutput, Path::lbOutput, Path::labelOutput, Path::destOutput } ) {
+         const auto table = manager->entity( path );
+         ASSERT_TRUE( dynamic_cast<Vexil::TableBase*>( table.get() ) ) << path;
+         EXPECT_EQ( dynamic_cast<Vexil::TableBase*>( table.get() )->capacity(), 16384u ) << path;
+      }
+      EXPECT_TRUE( agent->l2RibAgentSourceDir()->source( "static" ) );
+      const auto& context = agent->pluginContext();
+      EXPECT_EQ( context->entityManager(), manager );
+      EXPECT_EQ( context->l2RibOutput(), agent->policySm()->hostOutput().get() );
+      EXPECT_EQ( context->clock(), loop.clock() );
+      context->pluginIs( { Vexil::makeEntity<Witness>( *agent, seen ) } );
+   }
+   Vexil::logSinkIs( nullptr );
+   Vexil::traceSettingIs( "L2RibAgent=9" );
+   EXPECT_EQ( seen, "no engine, static source" );
+   ASSERT_EQ( traced.size(), 3u );
+   EXPECT_EQ( traced[ 0 ].rfind( "virtual void L2Rib::Agent::doInit() em is ", 0 ), 0u );
+   EXPECT_EQ( traced[ 1 ].rfind( "virtual void L2Rib::Agent::doMountsComplete(", 0 ), 0u );
+   EXPECT_EQ( traced[ 2 ], "doMountsComplete Loading L2RibTestPlugins" );
+}
+
+TEST( AgentDeathTest, FailedMountIsFatal ) {
+   const auto agent = agentFactory( "L2Rib" );
+   EXPECT_DEATH( agent->doMountsComplete( Vexil::MountStatus::failed, nullptr ),
+                 "assertion failed: mountStatus == Vexil::MountStatus::success" );
+}
+
+using PluginTest = ProcessTest;
+
+// What the log says of plug-ins, in its order, without times and folders.
+std::vector<std::string> pluginLines( const std::string& log ) {
+   std::vector<std::string> found;
+   std::istringstream lines( log );
+   for( std::string line; std::getline( lines, line ); ) {
+      line.erase( 0, std::string( "2026-01-01 00:00:00.000000 " ).size() );
+      if( const size_t at = line.find( TEST_PLUGIN_DIRECTORY "/" ); at != line.npos )
+         line.erase( at, std::strlen( TEST_PLUGIN_DIRECTORY "/" ) );
+      if( line.starts_with( "plug-in" ) || line.find( " made with " ) != line.npos ||
+          line.ends_with( " gone" ) )
+         found.push_back( line );
+   }
+   return found;
+}
+
+TEST_F( PluginTest, OneCategoryIsLoadedAndBrokenOnesAreNamed ) {
+   const std::string broken = "plug-in A_NoEntryPoint.so can't be loaded: it has no entry point "
+                              "vexilPlugin()";
+   const std::vector<std::string> normal{
+      broken,
+      "plug-in B_MissingSymbol.so can't be loaded: ",
+      "C_Normal made with 16384",
+      "plug-in C_Normal loaded from C_Normal.so",
+      "plug-in D_ThrowsInCreate.so can't be loaded: its work is impossible",
+      "plug-in E_MakesNothing.so can't be loaded: it made no object",
+      "plug-in F_OtherInterface.so can't be loaded: it was made for plug-in interface 2, this "
+      "process has 1",
+      "plug-in G_NoCategory.so can't be loaded: its description lacks category, name or create",
+      "I_Normal made with 16384",
+      "plug-in I_Normal loaded from I_Normal.so",
+      "I_Normal gone",
+      "C_Normal gone" };
+   const std::vector<std::string> test{ broken,
+                                        normal[ 1 ],
+                                        normal[ 6 ],
+                                        normal[ 7 ],
+                                        "H_Test made with 16384",
+                                        "plug-in H_Test loaded from H_Test.so",
+                                        "H_Test gone" };
+   for( const bool testPlugins : { false, true } ) {
+      Words words{ "--plugin-dir", TEST_PLUGIN_DIRECTORY };
+      if( testPlugins )
+         words.push_back( "--test-plugins" );
+      startAgent( words );
+      EXPECT_TRUE( waitFor(
+         [ this ] { return agent->err().find( "running on" ) != std::string::npos; }, patience ) );
+      agent->signal( SIGTERM );
+      EXPECT_EQ( agent->status(), 0 );
+      std::vector<std::string> lines = pluginLines( agent->err() );
+      ASSERT_GT( lines.size(), 1u ) << agent->err();
+      EXPECT_NE( lines[ 1 ].find( "undefined symbol" ), std::string::npos ) << lines[ 1 ];
+      lines[ 1 ].resize( normal[ 1 ].size() );
+      EXPECT_EQ( lines, testPlugins ? test : normal );
+   }
+}
+
+// The host output as the journal's lines tell it, from nothing on.
+std::map<std::string, Json> replayed( const std::string& journal ) {
+   std::map<std::string, Json> rows;
+   double last = 0;
+   std::istringstream lines( journal );
+   for( std::string line; std::getline( lines, line ); ) {
+      const Json change = Json::parse( line );
+      EXPECT_EQ( change[ "table" ], "hosts" );
+      EXPECT_LE( last, change[ "time" ].get<double>() );
+      last = change[ "time" ];
+      const std::string key = change[ "key" ].dump();
+      if( change[ "event" ] == "set" )
+         rows[ key ] = change[ "value" ];
+      else
+         EXPECT_EQ( rows.erase( key ), 1u ) << line;
+   }
+   return rows;
+}
+
+TEST_F( PluginTest, JournalIsWitnessOfEveryChange ) {
+   const std::string journal = folder.file( "journal" );
+   setenv( "L2RIB_JOURNAL", journal.c_str(), 1 );
+   startAgent();
+   unsetenv( "L2RIB_JOURNAL" );
+   Program evpn = source( "evpn", "0x40" );
+   Program mlag = source( "mlag", "0x8" );
+   publish( evpn, objects + initialized( true ) );
+   publish( mlag, objects + initialized( true ) );
+   Random random;
+   for( int round = 0; round < 30; ++round ) {
+      std::string operations;
+      for( int i = 0; i < 40; ++i ) {
+         const unsigned number = 1 + random.below( 50 );
+         operations +=
+            random.percent( 30 )
+               ? R"({"op":"hostDel","mac":")" + mac( number ) + R"(","vlan":10})" + "\n"
+               : host( number, random.below( 3 ), random.percent( 50 ) ? group : inlineDest );
+      }
+      publish( random.percent( 50 ) ? evpn : mlag, operations );
+   }
+   std::map<std::string, Json> rows;
+   for( Json row : json( { "show", "hosts" } ) ) {
+      row.erase( "sourceName" ); // a reader's knowledge
+      const std::string key = Json( { { "mac", row[ "mac" ] }, { "vlan", row[ "vlan" ] } } ).dump();
+      rows[ key ] = row;
+   }
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 ) << agent->err();
+   EXPECT_EQ( replayed( bytesOf( journal ) ), rows );
+
+   // The next run appends; a place that can't be written is the plug-in's trouble alone.
+   const std::string before = bytesOf( journal );
+   setenv( "L2RIB_JOURNAL", journal.c_str(), 1 );
+   startAgent();
+   setenv( "L2RIB_JOURNAL", folder.file( "absent/journal" ).c_str(), 1 );
+   publish( evpn, host( 99, 1, inlineDest ) );
+   EXPECT_TRUE( waitFor( [ & ] { return bytesOf( journal ).size() > before.size(); }, patience ) );
+   EXPECT_TRUE( bytesOf( journal ).starts_with( before ) );
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 );
+   startAgent();
+   unsetenv( "L2RIB_JOURNAL" );
+   settle();
+   EXPECT_NE( agent->err().find( "absent/journal: No such file or directory" ), std::string::npos )
+      << agent->err();
+}
+
+} // namespace
