@@ -7,6 +7,10 @@
 #include "L2Rib/Status.h"
 #include "runtime/StateDb.h"
 
+#include <filesystem>
+#include <map>
+#include <system_error>
+
 namespace L2Rib {
 
 namespace {
@@ -46,9 +50,10 @@ class SourceEntryBinding : public Vexil::Reactor<SourceEntryTable> {
    // Before the entry is seen to be initialized: then its flood sets are complete too.
    void attachFlood( const std::string& path ) {
       try {
-         flood_ = std::make_unique<SourceFloodBinding>(
-            manager_.mountTable<FloodMemberTable>( path, FloodMemberTable::Mode::read, 1 ),
-            entry_ );
+         const auto table =
+            manager_.mountTable<FloodMemberTable>( path, FloodMemberTable::Mode::read, 1 );
+         entry_->floodTableIs( table );
+         flood_ = std::make_unique<SourceFloodBinding>( table, entry_ );
       } catch( const Vexil::TableError& failure ) {
          Vexil::log( "source " + entry_->name() + " has no flood sets: " + failure.what() );
       }
@@ -77,6 +82,83 @@ Mounted mountSourceEntry( EntityManager& manager, const std::string& path, Mount
    const auto table = manager.mountTable<SourceEntryTable>( path, SourceEntryTable::Mode::read, 1 );
    const auto entry = makeEntity<SourceDirEntry>( path.substr( path.rfind( '/' ) + 1 ) );
    return { entry, std::make_shared<SourceEntryBinding>( manager, table, entry ) };
+}
+
+// Writes the entries of the sources inside the agent to files as external sources have them, which
+// the sources' tools read. Nothing is read back.
+class AgentSourceDirBinding : public Vexil::Reactor<AgentSourceDir> {
+ public:
+   AgentSourceDirBinding( EntityManager& manager, std::string path, Ptr<AgentSourceDir> directory )
+      : Reactor( directory ), manager_( manager ), path_( std::move( path ) ) {
+      const std::filesystem::path folder = manager_.fileOf( path_ );
+      Vexil::makeFoldersFor( folder / "" );
+      std::error_code error; // what stays in spite of it is written over by the entry of its name
+      for( const auto& left : std::filesystem::directory_iterator( folder, error ) ) {
+         if( Vexil::tableHasWriter( left.path() ) )
+            throw Vexil::TableError( Vexil::TableError::busy,
+                                     left.path().string() + ": another process writes this table" );
+         std::filesystem::remove( left, error );
+      }
+   }
+   void handleSource( const std::string& name ) override {
+      const std::string path = path_ + "/" + name;
+      entries_.erase( name );
+      if( const Ptr<SourceDirEntry> entry = notifier()->source( name ) )
+         entries_[ name ] = std::make_unique<EntryFile>( manager_, path, entry );
+      else if( std::error_code error; !std::filesystem::remove( manager_.fileOf( path ), error ) )
+         Vexil::log( path + ": removing: " + error.message() );
+   }
+
+ private:
+   // Appears when the entry is initialized for the first time: then it says where the tables are.
+   class EntryFile : public Vexil::Reactor<SourceDirEntry> {
+    public:
+      EntryFile( EntityManager& manager, std::string path, Ptr<SourceDirEntry> entry )
+         : Reactor( entry ), manager_( manager ), path_( std::move( path ) ) {}
+      void handleInitialized() override {
+         const SourceEntryRecord record = recordOf( *notifier() );
+         if( !table_ ) {
+            table_ = makeEntity<SourceEntryTable>( manager_.fileOf( path_ ), 1u, record );
+            manager_.ringAtEndOfTurn( table_ );
+         }
+         [[maybe_unused]] const bool written = table_->set( record ); // its one record
+      }
+
+    private:
+      EntityManager& manager_;
+      std::string path_;
+      Ptr<SourceEntryTable> table_;
+   };
+
+   static SourceEntryRecord recordOf( const SourceDirEntry& entry ) {
+      const auto path = []( const std::string& text ) {
+         return TablePath::of( text ).value_or( TablePath() );
+      };
+      SourceEntryRecord record;
+      record.name = SourceName::of( entry.name() ).value_or( SourceName() );
+      record.source = entry.source();
+      record.initialized = entry.initialized();
+      record.hostPath = path( entry.hostTableTarnPath() );
+      record.lbPath = path( entry.lbTableTarnPath() );
+      record.labelPath = path( entry.labelTableTarnPath() );
+      record.destPath = path( entry.destTableTarnPath() );
+      record.hostLen = entry.hostTableLen();
+      record.lbLen = entry.lbTableLen();
+      record.labelLen = entry.labelTableLen();
+      record.destLen = entry.destTableLen();
+      return record;
+   }
+
+   EntityManager& manager_;
+   std::string path_; // of the folder, in the state database
+   std::map<std::string, std::unique_ptr<EntryFile>> entries_;
+};
+
+Mounted mountAgentSourceDir( EntityManager& manager, const std::string& path, MountMode ) {
+   const auto directory = makeEntity<AgentSourceDir>();
+   if( manager.inMemory() )
+      return { directory, nullptr };
+   return { directory, std::make_shared<AgentSourceDirBinding>( manager, path, directory ) };
 }
 
 // Writes each new highest id through to the file.
@@ -111,17 +193,12 @@ Mounted mountPolicySmStatus( EntityManager& manager, const std::string& path, Mo
    return { status, std::make_shared<PolicySmStatusBinding>( table, status ) };
 }
 
-template<class T>
-Mounted mountInProcess( EntityManager&, const std::string&, MountMode ) {
-   return { makeEntity<T>(), nullptr };
-}
-
 } // namespace
 
 void registerEntityTypes() {
    Vexil::registerType( "L2Rib::SourceDirEntry", { mountSourceEntry, nullptr } );
    Vexil::registerType( "L2Rib::PolicySmStatus", { mountPolicySmStatus, nullptr } );
-   Vexil::registerType( "L2Rib::AgentSourceDir", { mountInProcess<AgentSourceDir>, nullptr } );
+   Vexil::registerType( "L2Rib::AgentSourceDir", { mountAgentSourceDir, nullptr } );
    Vexil::registerType( "L2Rib::FloodSetOutput", { mountFloodOutput, nullptr } );
    Vexil::registerType( "Bridging::Config", { Bridging::mountConfig, nullptr } );
 }

@@ -1,10 +1,10 @@
 // The bridging configuration, as far as the RIB reads it: per forwarding database (one a VLAN) the
 // statically configured hosts, and the dynamic tunnel interfaces that hosts may be behind.
 //
-// Entities of one process that know nothing of files; ConfigBinding.h keeps them in step with the
-// state database. Whoever writes them may name a tunnel that is not configured, or keeps a host on
-// it when it goes: readers must expect both. Every write that changes something is notified at
-// once, per key; the value is read from the entity.
+// Entities of one process; ConfigBinding.h keeps them in step with the files of the state database,
+// of which they know nothing but which tables there are. Whoever writes them may name a tunnel that
+// is not configured, or keeps a host on it when it goes: readers must expect both. Every write that
+// changes something is notified at once, per key; the value is read from the entity.
 #pragma once
 
 #include "L2Rib/Identifiers.h"
@@ -12,6 +12,7 @@
 #include "L2Rib/Objects.h"
 #include "runtime/Entity.h"
 #include "runtime/HashMap.h"
+#include "runtime/SharedTable.h"
 
 #include <cstdint>
 #include <string>
@@ -119,6 +120,11 @@ class Config : public Vexil::Entity {
       virtual void handleTunnel( const TunnelId& ) {}
    };
    Vexil::Notifiees<Handlers> notifiees;
+
+   // The tables that this is filled from, for whoever reports how far they have been read; null
+   // while there are none.
+   VEXIL_ATTRIBUTE( Vexil::Ptr<const Vexil::TableBase>, hostTable )
+   VEXIL_ATTRIBUTE( Vexil::Ptr<const Vexil::TableBase>, tunnelTable )
 
    const Vexil::HashMap<Fid, Vexil::Ptr<FdbConfig>>& fdbConfig() const { return fdbConfig_; }
    // Null when there is none.

@@ -91,10 +91,14 @@ class ConfigBinding {
 
    // The file of that name appeared, was replaced or went; either of them when the name is empty.
    void review( const std::string& name ) {
-      if( ( name.empty() || name == TunnelTable::fileName ) && reopen( tunnels_ ) )
+      if( ( name.empty() || name == TunnelTable::fileName ) && reopen( tunnels_ ) ) {
+         config_->tunnelTableIs( tunnels_ );
          followTunnels();
-      if( ( name.empty() || name == ConfiguredHostTable::fileName ) && reopen( hosts_ ) )
+      }
+      if( ( name.empty() || name == ConfiguredHostTable::fileName ) && reopen( hosts_ ) ) {
+         config_->hostTableIs( hosts_ );
          followHosts();
+      }
    }
 
  private:

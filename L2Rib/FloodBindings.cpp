@@ -13,7 +13,8 @@ using Vexil::makeEntity;
 using Vexil::Ptr;
 
 bool sound( const FloodMember& member ) {
-   return member.triple.dest().key() == Util::destIdNotInTarn() &&
+   const uint32_t vlan = member.triple.vlan().value();
+   return vlan >= 1 && vlan <= 4094 && member.triple.dest().key() == Util::destIdNotInTarn() &&
           member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
 }
 
@@ -48,7 +49,8 @@ void SourceFloodBinding::handleOvertaken() {
 void SourceFloodBinding::memberIs( const FloodMember& member ) {
    if( !sound( member ) ) {
       table_->corruptionDetected( table_->path() + ": flood member " + member.triple.str() +
-                                  " has no known type, or a key of its own" );
+                                  " has no known type, no such VLAN, or a key of its own" );
+      memberDel( member.triple );
       return;
    }
    const auto set =
@@ -81,8 +83,8 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
    FloodOutputBinding( const std::string& file, Ptr<FloodSetOutput> output )
       : Reactor( nullptr ), members_( makeEntity<FloodMemberTable>(
                                file, FloodMemberTable::Mode::write, firstOutputCapacity ) ),
-        source_(
-           makeEntity<FloodSourceTable>( file + "Source", FloodSourceTable::Mode::write, 1u ) ) {
+        source_( makeEntity<FloodSourceTable>( file + "Source", // Path::floodOutputSource
+                                               FloodSourceTable::Mode::write, 1u ) ) {
       members_->forEach( [ & ]( const FloodMember& member ) {
          const auto set =
             output->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );

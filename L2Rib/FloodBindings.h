@@ -32,6 +32,8 @@ class SourceFloodBinding : public Vexil::Reactor<FloodMemberTable> {
 struct FloodSourceRecord {
    uint32_t key = 1;
    uint32_t source = 0;
+
+   friend bool operator==( const FloodSourceRecord&, const FloodSourceRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<FloodSourceRecord, 8> );
 

@@ -44,6 +44,7 @@ namespace Path {
 constexpr const char* inputDir = "bridging/l2Rib/inputDir";
 constexpr const char* agentInputDir = "bridging/l2Rib/agentInputDir";
 constexpr const char* floodOutput = "bridging/l2Rib/floodOutput";
+constexpr const char* floodOutputSource = "bridging/l2Rib/floodOutputSource";
 constexpr const char* bridgingConfig = "bridging/config";
 constexpr const char* policySmStatus = "bridging/l2Rib/policySmStatus";
 constexpr const char* hostOutput = "bridging/l2Rib/hostOutput";

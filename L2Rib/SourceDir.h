@@ -2,8 +2,9 @@
 //
 // An entry says who a source is and where its tables are. External sources publish theirs as files
 // in the folder "bridging/l2Rib/inputDir"; sources inside the agent enter theirs in the agent's own
-// AgentSourceDir. The entry file is a shared table with one record: what is written into the same
-// file changes the entity's attributes, another file under the name is another entity.
+// AgentSourceDir, which writes the same files to "bridging/l2Rib/agentInputDir" for others to read.
+// The entry file is a shared table with one record: what is written into the same file changes the
+// entity's attributes, another file under the name is another entity.
 #pragma once
 
 #include "L2Rib/FloodSets.h"
@@ -44,6 +45,9 @@ class SourceDirEntry : public Vexil::Entity {
    VEXIL_ATTRIBUTE( uint32_t, destTableLen, 0 );
    // Set by the source when its tables hold a complete first copy.
    VEXIL_ATTRIBUTE_NOTIFYING( bool, initialized, handleInitialized, false );
+   // The table that vlanFloodSet follows, for whoever reports how far it has been read; null when
+   // the flood sets are entered in this process.
+   VEXIL_ATTRIBUTE( Vexil::Ptr<const Vexil::TableBase>, floodTable )
    L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
 
  private:
@@ -52,7 +56,8 @@ class SourceDirEntry : public Vexil::Entity {
 // The entry's name and source; "none" for null.
 std::string entryStr( const SourceDirEntry* entry );
 
-// The sources that live inside this agent, by name.
+// The sources that live inside this agent, by name. Mounted on a state directory it is empty at
+// first, whatever an earlier run published: nothing is taken for live before its source enters it.
 class AgentSourceDir : public Vexil::Entity {
  public:
    struct Handlers {

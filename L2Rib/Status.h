@@ -83,7 +83,8 @@ class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, A
    static constexpr const char* collection = "status";
 };
 
-// How far the agent has read one file: the table's id, and the number of the next change.
+// How far the agent has read one file: the table's id, and the number of the next change. All zero
+// while there is no such file, or it isn't attached.
 struct ReadMark {
    Vexil::Wire64<uint64_t> tableId;
    Vexil::Wire64<uint64_t> cursor;
@@ -96,14 +97,18 @@ struct SourceStatusRecord {
    SourceName name;
    Source source = sourceNone_;
    uint32_t ready = 0;
-   ReadMark host; // all zero while the table isn't attached
+   ReadMark host;
    ReadMark lb;
    ReadMark label;
    ReadMark dest;
+   ReadMark flood;
+   // Of the source "static": the configuration that its tables are made from.
+   ReadMark configuredHosts;
+   ReadMark configuredTunnels;
 
    friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<SourceStatusRecord, 136> );
+static_assert( Vexil::WireRecord<SourceStatusRecord, 184> );
 
 class SourceStatusTable
    : public Vexil::NamedTable<SourceStatusTable, SourceName, SourceStatusRecord> {

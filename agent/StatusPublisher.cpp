@@ -18,6 +18,7 @@ double wallClock() {
 ReadMark markOf( const Vexil::TableBase* table ) {
    return table ? ReadMark{ table->tableId(), table->journalCursor() } : ReadMark();
 }
+ReadMark markOf( const Vexil::Ptr<const Vexil::TableBase>& table ) { return markOf( table.get() ); }
 
 SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    SourceStatusRecord record;
@@ -28,6 +29,7 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    record.lb = markOf( sm.lbTable() );
    record.label = markOf( sm.labelTable() );
    record.dest = markOf( sm.destTable() );
+   record.flood = markOf( sm.source()->floodTable() );
    return record;
 }
 
@@ -40,7 +42,10 @@ StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::Activity
                                                    1 ) ),
      sources_( manager.mountTable<SourceStatusTable>( Path::sourceStatus,
                                                       SourceStatusTable::Mode::write, 64 ) ),
+     config_(
+        dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
      since_( wallClock() ) {
+   VEXIL_ASSERT( config_ );
    sources_->eraseAll();
    publish();
    endOfTurnWork_ = loop.atEndOfTurn( [ this ] { publish(); } );
@@ -86,7 +91,11 @@ void StatusPublisher::publishSources() {
          sources_->erase( record.name );
    } );
    for( const auto& entry : policySm_->sourceSm() ) {
-      const SourceStatusRecord record = statusOf( *entry.value );
+      SourceStatusRecord record = statusOf( *entry.value );
+      if( entry.key == "static" ) {
+         record.configuredHosts = markOf( config_->hostTable() );
+         record.configuredTunnels = markOf( config_->tunnelTable() );
+      }
       if( sources_->get( record.name ) != record && !sources_->set( record ) )
          Vexil::log( "no room for the status of source " + entry.key );
    }

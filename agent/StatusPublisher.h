@@ -1,10 +1,12 @@
-// Publishes what the engine has in hand, and how far each source's tables have been read.
+// Publishes what the engine has in hand, and how far each source's tables and the configuration
+// have been read.
 //
 // Written at the end of an event-loop turn, after the outputs and before their doorbells: whoever
 // sees a figure here sees the output that goes with it. l2ribctl shows the figures, and its settle
 // waits for them.
 #pragma once
 
+#include "L2Rib/Bridging.h"
 #include "L2Rib/Status.h"
 #include "engine/L2RibPolicySm.h"
 #include "runtime/ActivityManager.h"
@@ -15,7 +17,8 @@ namespace L2Rib {
 
 class StatusPublisher {
  public:
-   // Attaches the status tables; throws TableError. Works as long as the loop turns.
+   // Attaches the status tables; throws TableError. The configuration is mounted. Works as long as
+   // the loop turns.
    StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
                     Vexil::Ptr<PolicySm> policySm );
 
@@ -28,6 +31,7 @@ class StatusPublisher {
    Vexil::Ptr<PolicySm> policySm_;
    Vexil::Ptr<AgentStatusTable> agent_;
    Vexil::Ptr<SourceStatusTable> sources_;
+   Vexil::Ptr<const Bridging::Config> config_;
    AgentStatusRecord published_;
    Vexil::Wire64<double> since_;
    std::shared_ptr<void> endOfTurnWork_;

@@ -39,6 +39,7 @@ void benchWake( const Settings& settings, Report& report );
 void benchMerge( const Settings& settings, Report& report );
 void benchObjects( const Settings& settings, Report& report );
 void benchRestart( const Settings& settings, Report& report );
+void benchFlood( const Settings& settings, Report& report );
 
 // Nanoseconds of the monotonic clock, the same in every process.
 inline int64_t nanoseconds() {

@@ -69,8 +69,9 @@ std::vector<Record> OutputTable<Table, Key, Record>::list() const {
    std::vector<Record> rows;
    if( table_ )
       table_->forEach( [ & ]( const Record& row ) { rows.push_back( row ); } );
-   std::sort( rows.begin(), rows.end(),
-              []( const Record& a, const Record& b ) { return a.key() < b.key(); } );
+   std::sort( rows.begin(), rows.end(), []( const Record& a, const Record& b ) {
+      return Vexil::TableView<Key, Record>::keyOf( a ) < Vexil::TableView<Key, Record>::keyOf( b );
+   } );
    return rows;
 }
 
@@ -102,12 +103,16 @@ template class OutputTable<HostOutput, Bridging::MacVlanPair, HostAndSource>;
 template class OutputTable<DestOutput, DestId, DestAndSource>;
 template class OutputTable<LoadBalanceOutput, LoadBalanceId, LoadBalanceAndSource>;
 template class OutputTable<LabelOutput, LabelId, LabelAndSource>;
+template class OutputTable<FloodMemberTable, FloodSetTriple, FloodMember>;
+template class OutputTable<FloodSourceTable, uint32_t, FloodSourceRecord>;
 
 OutputReader::OutputReader( const std::string& stateDirectory )
    : hosts( stateDirectory + "/" + Path::hostOutput ),
      dests( stateDirectory + "/" + Path::destOutput ),
      groups( stateDirectory + "/" + Path::lbOutput ),
-     labels( stateDirectory + "/" + Path::labelOutput ), watcher_( loop_ ) {
+     labels( stateDirectory + "/" + Path::labelOutput ),
+     flood( stateDirectory + "/" + Path::floodOutput ),
+     floodSource( stateDirectory + "/" + Path::floodOutputSource ), watcher_( loop_ ) {
    if( !std::filesystem::exists( stateDirectory ) )
       throw Vexil::TableError( Vexil::TableError::absent,
                                stateDirectory + ": there is no such state directory" );
@@ -130,23 +135,28 @@ OutputReader::OutputReader( const std::string& stateDirectory )
 
 OutputReader::~OutputReader() { close( more_ ); }
 
+template<class Use>
+void OutputReader::forEachTable( Use use ) {
+   use( hosts );
+   use( dests );
+   use( groups );
+   use( labels );
+   use( flood );
+   use( floodSource );
+}
+
 void OutputReader::attachAll() {
-   hosts.attach( watcher_ );
-   dests.attach( watcher_ );
-   groups.attach( watcher_ );
-   labels.attach( watcher_ );
+   forEachTable( [ this ]( auto& table ) { table.attach( watcher_ ); } );
 }
 
 bool OutputReader::complete() const {
-   return hosts.table() && dests.table() && groups.table() && labels.table();
+   return hosts.table() && dests.table() && groups.table() && labels.table() && flood.table() &&
+          floodSource.table();
 }
 
 void OutputReader::process() {
    loop_.turn( 0 );
-   hosts.tell();
-   dests.tell();
-   groups.tell();
-   labels.tell();
+   forEachTable( []( auto& table ) { table.tell(); } );
    if( complete() && inSync_ )
       std::exchange( inSync_, nullptr )();
    if( loop_.clock()->nextWake() <= loop_.clock()->now() )

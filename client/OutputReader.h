@@ -8,6 +8,9 @@
 //       output.process();
 //    }
 //
+// A row of the flood output is one member of a flood set: a frame to that address in that VLAN is
+// copied to that destination. A set is there for as long as it has a member.
+//
 // Rows can be looked up and listed at any time, without following them. A follower is told each row
 // that is there, and then each row that appears, changes or goes, once per net change: what changed
 // several times since the last process() is told as it is now, and what came and went is not told.
@@ -26,6 +29,7 @@
 // Threads: all calls from one thread at a time, the followers are called from within process().
 #pragma once
 
+#include "L2Rib/FloodBindings.h"
 #include "L2Rib/L2RibTarn.h"
 #include "client/AwaitedFolder.h"
 #include "runtime/FileWatcher.h"
@@ -78,6 +82,8 @@ using HostRows = OutputTable<HostOutput, Bridging::MacVlanPair, HostAndSource>;
 using DestRows = OutputTable<DestOutput, DestId, DestAndSource>;
 using GroupRows = OutputTable<LoadBalanceOutput, LoadBalanceId, LoadBalanceAndSource>;
 using LabelRows = OutputTable<LabelOutput, LabelId, LabelAndSource>;
+using FloodRows = OutputTable<FloodMemberTable, FloodSetTriple, FloodMember>;
+using FloodSourceRows = OutputTable<FloodSourceTable, uint32_t, FloodSourceRecord>;
 
 class OutputReader {
  public:
@@ -88,6 +94,9 @@ class OutputReader {
    DestRows dests;
    GroupRows groups;
    LabelRows labels;
+   FloodRows flood;
+   // Under the key 1: the mask of the sources that take part.
+   FloodSourceRows floodSource;
 
    // Whether all tables are there.
    bool complete() const;
@@ -102,6 +111,9 @@ class OutputReader {
 
  private:
    void attachAll();
+   // Calls use( table ) for each of them.
+   template<class Use>
+   void forEachTable( Use use );
 
    Vexil::ActivityManager loop_;
    Vexil::FileWatcher watcher_;

@@ -1,6 +1,5 @@
 #include "client/SourceFolder.h"
 
-#include "L2Rib/L2RibTarn.h"
 #include "runtime/TableFile.h"
 
 #include <cerrno>
@@ -39,9 +38,10 @@ std::string SourceFolder::tablePath( const std::string& name, const std::string&
    return "bridging/l2Rib/input/" + name + ( table.empty() ? "" : "/" + table );
 }
 
-std::map<std::string, SourceFolder::Published> SourceFolder::sources() const {
+std::map<std::string, SourceFolder::Published>
+SourceFolder::publishedIn( const char* directory ) const {
    std::map<std::string, Published> found;
-   for( const auto& file : filesIn( fileOf( Path::inputDir ) ) ) {
+   for( const auto& file : filesIn( fileOf( directory ) ) ) {
       if( hidden( file ) )
          continue;
       const std::string name = file.filename();
@@ -59,13 +59,20 @@ std::map<std::string, SourceFolder::Published> SourceFolder::sources() const {
    return found;
 }
 
+std::map<std::string, SourceFolder::Published> SourceFolder::allSources() const {
+   auto all = sources();
+   all.merge( agentSources() );
+   return all;
+}
+
 bool SourceFolder::published( const std::string& name ) const {
    std::error_code unknown;
    return std::filesystem::exists( entryFile( name ), unknown );
 }
 
 bool SourceFolder::running( const std::string& name ) const {
-   if( Vexil::tableHasWriter( entryFile( name ) ) )
+   if( Vexil::tableHasWriter( entryFile( name ) ) ||
+       Vexil::tableHasWriter( fileOf( Path::agentInputDir ) + "/" + name ) )
       return true;
    for( const auto& file : filesIn( tableFolder( name ) ) )
       if( Vexil::tableHasWriter( file ) )

@@ -5,8 +5,12 @@
 // bridging/l2Rib/input/NAME. The entry is what counts: it is there after the tables are and gone
 // before they are. A source is running while a process holds the writer's lock of its entry or of
 // one of its tables; one that nobody runs was kept, or its process died.
+//
+// The sources inside the agent have their entries in bridging/l2Rib/agentInputDir, where nobody but
+// the agent publishes or removes any.
 #pragma once
 
+#include "L2Rib/L2RibTarn.h"
 #include "L2Rib/SourceDir.h"
 
 #include <map>
@@ -31,7 +35,13 @@ class SourceFolder {
       SourceEntryRecord record;
    };
    // By name. No folder means no sources.
-   std::map<std::string, Published> sources() const;
+   std::map<std::string, Published> sources() const { return publishedIn( Path::inputDir ); }
+   // Those inside the agent, as it has them or as the last one left them.
+   std::map<std::string, Published> agentSources() const {
+      return publishedIn( Path::agentInputDir );
+   }
+   // Both kinds.
+   std::map<std::string, Published> allSources() const;
    bool published( const std::string& name ) const;
    bool running( const std::string& name ) const;
 
@@ -53,6 +63,8 @@ class SourceFolder {
    void removeUnpublished( const std::string& name ) const;
 
  private:
+   std::map<std::string, Published> publishedIn( const char* directory ) const;
+
    std::string stateDirectory_;
 };
 

@@ -48,12 +48,7 @@ void PolicySm::handleFloodSetDest( const Bridging::VlanId& vlan, const Vexil::Et
       outSet->destSetIs( dest, true );
       return;
    }
-   removeFloodSetDest( vlan, mac, dest );
-}
-
-// No ready source has the member: out of the output with it, and with what it leaves empty.
-void PolicySm::removeFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
-                                   const Dest& dest ) {
+   // No ready source has it: out of the output with it, and with what it leaves empty.
    const auto outSets = output_.flood->vlanFloodSet( vlan );
    if( !outSets )
       return;

@@ -193,7 +193,8 @@ class PolicySm : public Vexil::Entity {
    void handleSourceReplayed( Source source );
    // Queues every output host that stems from the source for review, in slices.
    void reviewHostsOf( Source source );
-   // Slots of the host output that such a review still has to look at.
+   // How much such a review still has to look at, at the most: slots of the host output and VLANs
+   // of the flood output. 0 when none is under way.
    uint64_t withdrawalChecksLeft() const;
    // A source's table was read too late: changes were lost to us, and all of it is read again.
    void noteOverrun() { ++overruns_; }
@@ -280,8 +281,6 @@ class PolicySm : public Vexil::Entity {
    void handleWithdrawalTimer();
    bool queueHostsOfVanished( Seconds deadline );
    bool queueFloodMembers( Seconds deadline );
-   void removeFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
-                            const Dest& dest );
    void queueFloodSets( const Bridging::VlanId& vlan, const VlanFloodSet& sets );
 
    Ptr<Vexil::EntityManager> entityManager_;

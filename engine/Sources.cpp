@@ -181,13 +181,17 @@ void PolicySm::reviewHostsOf( Source source ) {
 }
 
 uint64_t PolicySm::withdrawalChecksLeft() const {
+   if( withdrawing_.empty() )
+      return 0;
    const uint32_t slots = output_.host->slotCount();
-   return withdrawing_.empty() || withdrawalSlot_ >= slots ? 0 : slots - withdrawalSlot_;
+   return slots - std::min( withdrawalSlot_, slots ) + output_.flood->vlanFloodSet().size() + 1;
 }
 
 // A slice of the two walks, over the host output in memory order and over the flood output. Which
 // source a flood member stems from is not recorded, so all members are judged anew.
 void PolicySm::handleWithdrawalTimer() {
+   if( withdrawing_.empty() ) // the timer's first firing
+      return;
    const Seconds deadline = clock_->now() + reviewQuantum();
    if( queueHostsOfVanished( deadline ) && queueFloodMembers( deadline ) )
       withdrawing_.clear();

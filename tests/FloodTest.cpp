@@ -4,6 +4,8 @@
 #include "tests/EngineLab.h"
 #include "tests/TestSupport.h"
 
+#include <algorithm>
+#include <filesystem>
 #include <functional>
 
 namespace L2Rib::Test {
@@ -133,6 +135,46 @@ TEST( FloodMerge, MembersOfAVanishedSourceGoAfterTheHold ) {
    EXPECT_EQ( 1u, members( *lab.output.flood ).size() );
 }
 
+TEST( FloodMerge, TracesWhatItDoes ) {
+   std::vector<std::string> lines;
+   Lab lab;
+   lab.engine->floodReviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.0001 );
+   const auto entry = lab.source( "one", a ).entry;
+   add( entry, 10, 1, member( 1 ) );
+   add( entry, 10, 1, member( 2 ) );
+   Vexil::traceSettingIs( "L2RibPolicySm=0" );
+   Vexil::logSinkIs( [ & ]( std::string_view line ) { lines.emplace_back( line ); } );
+   lab.settle();
+   entry->vlanFloodSetDel( Bridging::VlanId( 10 ) );
+   lab.settle();
+   // An empty VLAN that something else left goes with the next removal, whatever that is of.
+   lab.output.flood->vlanFloodSetIs( Bridging::VlanId( 20 ) );
+   lab.engine->handleFloodSetDest( Bridging::VlanId( 20 ), Vexil::EthAddr(), member( 3 ) );
+   lab.engine->setFloodSetOutputType();
+   Vexil::logSinkIs( nullptr );
+   Vexil::traceHandle( "L2RibPolicySm" ).levelsIs( 0 );
+   EXPECT_TRUE( lab.output.flood->vlanFloodSet().empty() );
+   const std::string judge = "void L2Rib::PolicySm::handleFloodSetDest(const Bridging::VlanId&, "
+                             "const Vexil::EthAddr&, const L2Rib::Dest&)";
+   const std::string work = "void L2Rib::PolicySm::processFloodSetBacklog()";
+   for( const auto& [ times, text ] : std::vector<std::pair<long, std::string>>{
+           { 2, work + " floodSet length: 2" },
+           { 2, work + " processed 1 from backlog" },
+           { 4, judge + " vlan: 10 mac: 00:00:00:00:00:01 dest: { flood dest intf " },
+           { 2, judge + " deleting { flood dest intf " },
+           { 1, judge + " deleting output FloodSet for 10/00:00:00:00:00:01" },
+           { 1, judge + " deleting output VlanFloodSet for 10" },
+           { 1, judge + " deleting output VlanFloodSet for 20" },
+           { 1, "setFloodSetOutputType adding one (0x40) to type." },
+           { 1, "setFloodSetOutputType new source is 40, old is 40" } } )
+      EXPECT_EQ( times, std::count_if( lines.begin(), lines.end(),
+                                       [ & ]( const std::string& line ) {
+                                          return line.find( text ) != line.npos;
+                                       } ) )
+         << text;
+}
+
 TEST( FloodMergeDeath, BrokenMembersStopTheProcess ) {
    const auto publish = []( const Dest& dest, FloodSetType type ) {
       Lab lab;
@@ -171,8 +213,44 @@ TEST( FloodBinding, SourceTableFillsTheEntry ) {
    ASSERT_TRUE( table->set( keyed ) );
    EXPECT_EQ( 3u, members( *entry ).size() ) << "corrupt records are left out";
    EXPECT_EQ( 2u, table->corruptions() );
+   ASSERT_TRUE( table->set( record( 20, 1, 1, FloodSetType( 77 ) ) ) );
+   EXPECT_EQ( 2u, members( *entry ).size() ) << "and leave nothing of what they replace";
    table->eraseAll();
    EXPECT_TRUE( members( *entry ).empty() );
+}
+
+TEST( AgentSourceDir, StartsEmptyInEveryRun ) {
+   [[maybe_unused]] static const bool registered = ( registerEntityTypes(), true );
+   TestSupport::TemporaryFolder folder;
+   const std::string directory = folder.file( "state" );
+   const std::string file = directory + "/" + Path::agentInputDir + "/static";
+   Vexil::ActivityManager loop;
+   const auto mount = [ & ]( Vexil::EntityManager& manager ) {
+      manager.mount( Path::agentInputDir, "L2Rib::AgentSourceDir", Vexil::MountMode::write );
+      return Ptr<AgentSourceDir>(
+         dynamic_cast<AgentSourceDir*>( manager.entity( Path::agentInputDir ).get() ) );
+   };
+   for( int run = 0; run < 2; ++run ) {
+      const auto manager = makeEntity<Vexil::EntityManager>( loop, directory );
+      const auto sources = mount( *manager );
+      EXPECT_TRUE( sources->source().empty() );
+      EXPECT_FALSE( std::filesystem::exists( file ) ) << "of the run before";
+      const auto entry = sources->sourceIs( "static" );
+      entry->sourceIs( sourceStatic_ );
+      entry->hostTableTarnPathIs( "a/path" );
+      EXPECT_FALSE( std::filesystem::exists( file ) ) << "before anybody can use it";
+      for( const bool initialized : { true, false, true } ) {
+         entry->initializedIs( initialized );
+         const SourceEntryTable seen( file, SourceEntryTable::Mode::read );
+         const SourceEntryRecord record = seen.get( SourceName::of( "static" ).value() );
+         EXPECT_EQ( sourceStatic_, record.source );
+         EXPECT_EQ( "a/path", record.hostPath.str() );
+         EXPECT_EQ( initialized, record.initialized != 0 );
+      }
+      const auto second = makeEntity<Vexil::EntityManager>( loop, directory );
+      EXPECT_THROW( mount( *second ), Vexil::TableError );
+      EXPECT_TRUE( std::filesystem::exists( file ) );
+   }
 }
 
 TEST( FloodBinding, OutputOutlivesItsWriterAndGrows ) {

@@ -26,6 +26,9 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    DestOutput dests( file( Path::destOutput ), DestOutput::Mode::write, 8 );
    LoadBalanceOutput groups( file( Path::lbOutput ), LoadBalanceOutput::Mode::write, 8 );
    LabelOutput labels( file( Path::labelOutput ), LabelOutput::Mode::write, 8 );
+   FloodMemberTable flood( file( Path::floodOutput ), FloodMemberTable::Mode::write, 8 );
+   FloodSourceTable floodSource( file( Path::floodOutputSource ), FloodSourceTable::Mode::write,
+                                 1 );
    PolicySmStatusTable ids( file( Path::policySmStatus ), PolicySmStatusTable::Mode::write, 1 );
    const auto row = [ & ]( unsigned number, const ObjTuple& next ) {
       const MacVlanPair key( Vexil::EthAddr( 0x020000000000 + number ), VlanId( 10 ) );
@@ -40,12 +43,20 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
       ASSERT_TRUE( labels.labelIs( LabelAndSource(
          Label( LabelId( id ), ObjTuple( LabelId( id ) ), Vexil::MplsLabel( 16 ) ), input ) ) );
    ASSERT_TRUE( ids.set( { SingleKey(), DestId(), LoadBalanceId(), LabelId( 1 ) } ) );
+   for( const uint64_t interface : { 1, 2 } ) {
+      Dest dest( Util::destIdNotInTarn() );
+      dest.intfIs( { interface } );
+      ASSERT_TRUE( flood.set( { FloodSetTriple( VlanId( 10 ), Vexil::EthAddr( 1 ), dest ),
+                                interface == 1 ? floodSetTypeAny_ : FloodSetType( 77 ) } ) );
+   }
    const Result result = ctl( { "check" } );
    EXPECT_EQ( result.status, 1 );
-   for( const char* fault : { "host (02:00:00:00:00:02/10) points to dest/4, which is not there",
-                              "label/2 has an id that was never given: the highest is 1",
-                              "label/2 and label/1 are copies of the same label/1 from 0x40",
-                              "label/2 is not reached from any host", "4 faults" } )
+   for( const char* fault :
+        { "host (02:00:00:00:00:02/10) points to dest/4, which is not there",
+          "label/2 has an id that was never given: the highest is 1",
+          "label/2 and label/1 are copies of the same label/1 from 0x40",
+          "label/2 is not reached from any host", "dest intf 2 } is of no known type",
+          "dest intf 2 } has another type than its set", "6 faults" } )
       EXPECT_NE( ( result.out + result.err ).find( fault ), std::string::npos ) << fault;
    EXPECT_EQ( ctl( { "graph" } ).status, 0 );
 }
@@ -72,6 +83,9 @@ TEST_F( OutputReaderTest, ReaderHearsOfNetChanges ) {
    DestOutput dests( file( Path::destOutput ), DestOutput::Mode::write, 8 );
    LoadBalanceOutput groups( file( Path::lbOutput ), LoadBalanceOutput::Mode::write, 8 );
    LabelOutput labels( file( Path::labelOutput ), LabelOutput::Mode::write, 8 );
+   FloodMemberTable flood( file( Path::floodOutput ), FloodMemberTable::Mode::write, 8 );
+   FloodSourceTable floodSource( file( Path::floodOutputSource ), FloodSourceTable::Mode::write,
+                                 1 );
    Random random;
    std::map<MacVlanPair, uint32_t> expected;
    const auto change = [ & ]( unsigned times ) {

@@ -39,7 +39,7 @@ TEST_F( ProcessTest, BetterHostWinsAndTheOtherTakesOver ) {
    EXPECT_EQ( json( { "explain", mac( 9 ), "10" }, 1 )[ "winner" ], Json() );
    evpn.signal( SIGTERM );
    EXPECT_EQ( evpn.status(), 0 );
-   EXPECT_EQ( json( { "source", "list" } ).size(), 1u );
+   EXPECT_EQ( json( { "source", "list" } ).size(), 2u ); // mlag, and static inside the agent
 }
 
 TEST_F( ProcessTest, RestartedSourceIsNotNoticed ) {

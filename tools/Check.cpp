@@ -33,6 +33,7 @@ class Check {
             fault( ObjTuple( id ), "pushes a label past 20 bits" );
       }
       checkUse();
+      checkFlood();
       return faults_;
    }
 
@@ -95,6 +96,22 @@ class Check {
             fault( object, "is not reached from any host" );
    }
 
+   void checkFlood() {
+      std::map<Bridging::MacVlanPair, FloodSetType> types;
+      for( const FloodMember& member : graph_.flood ) {
+         const FloodSetTriple& triple = member.triple;
+         const std::string subject = "flood member " + triple.str();
+         if( triple.dest().key() != Util::destIdNotInTarn() )
+            faults_.push_back( subject + " has an id of its own" );
+         if( member.floodSetType < floodSetTypeVxlan_ || member.floodSetType > floodSetTypeAny_ )
+            faults_.push_back( subject + " is of no known type" );
+         const auto [ first, fresh ] = types.emplace(
+            Bridging::MacVlanPair( triple.mac(), triple.vlan() ), member.floodSetType );
+         if( !fresh && first->second != member.floodSetType )
+            faults_.push_back( subject + " has another type than its set" );
+      }
+   }
+
    const OutputGraph& graph_;
    PolicySmStatusRecord ids_;
    std::vector<ObjTuple> objects_;
@@ -123,7 +140,7 @@ int check( const Context& context ) {
    }
    std::cout << "no faults: " << graph.hosts.size() << " hosts, " << graph.dests.size()
              << " dests, " << graph.groups.size() << " groups, " << graph.labels.size()
-             << " labels\n";
+             << " labels, " << graph.flood.size() << " flood members\n";
    return done;
 }
 

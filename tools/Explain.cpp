@@ -2,7 +2,6 @@
 //
 // Decides as the engine does, with the same comparator and in the same order of the sources, from
 // the tables that the sources publish at this moment.
-#include "L2Rib/Status.h"
 #include "engine/HostRank.h"
 #include "runtime/HashMap.h"
 #include "tools/Show.h"
@@ -11,7 +10,6 @@
 #include <deque>
 #include <iostream>
 #include <memory>
-#include <optional>
 #include <set>
 
 namespace Tools {
@@ -37,27 +35,12 @@ bool rankable( const Host& host ) {
               host.ciDest().vtepCount() <= CiVtepIndex::max + 1 ) );
 }
 
-// The source inside the agent has no entry file; the agent's status says whether it is ready.
-std::optional<SourceEntryRecord> staticEntry( const Context& context ) {
-   const auto statuses = readable<SourceStatusTable>( context.fileOf( Path::sourceStatus ) );
-   SourceStatusRecord status;
-   if( !statuses || !statuses->get( SourceName::of( "static" ).value(), status ) )
-      return std::nullopt;
-   SourceEntryRecord entry;
-   entry.source = status.source;
-   entry.initialized = status.ready;
-   entry.hostPath = TablePath::of( "bridging/l2Rib/static/hostInput" ).value();
-   return entry;
-}
-
 // The sources that have the host, in the order in which the engine asks them.
 std::vector<Candidate> candidates( const Context& context, const MacVlanPair& key ) {
    Vexil::HashMap<std::string, SourceEntryRecord> entries;
-   for( const auto& [ name, source ] : context.sources().sources() )
+   for( const auto& [ name, source ] : context.sources().allSources() )
       if( source.readable )
          entries.emplace( name, source.record );
-   if( const auto entry = staticEntry( context ) )
-      entries.emplace( "static", *entry );
    std::vector<Candidate> found;
    for( const auto& [ name, entry ] : entries ) {
       const SourceTables tables( context, entry );

@@ -122,6 +122,13 @@ Json toJson( const LabelAndSource& row ) {
    return json;
 }
 
+Json toJson( const FloodSetRow& set ) {
+   Json dests = Json::array();
+   for( const Dest& dest : set.dests )
+      dests.push_back( toJson( dest ) );
+   return { { "type", floodSetTypeStr( set.type ) }, { "dests", dests } };
+}
+
 // --- from JSON
 
 namespace {

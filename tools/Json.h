@@ -37,6 +37,12 @@ Json toJson( const L2Rib::Dest& dest );
 Json toJson( const L2Rib::DestAndSource& row );
 Json toJson( const L2Rib::LoadBalanceAndSource& row );
 Json toJson( const L2Rib::LabelAndSource& row );
+// A flood set of the output, {"type":"vxlan","dests":[{...}]}.
+struct FloodSetRow {
+   L2Rib::FloodSetType type = L2Rib::floodSetTypeInvalid_;
+   std::set<L2Rib::Dest> dests;
+};
+Json toJson( const FloodSetRow& set );
 // The key of an object's row, {"id":7}.
 template<class Tag>
 Json toJson( const L2Rib::ObjectId<Tag>& id ) {

@@ -7,7 +7,8 @@ using namespace L2Rib;
 OutputGraph::OutputGraph( const Client::OutputReader& output ) {
    const auto changes = [ & ] {
       return output.hosts.table()->journalHead() + output.dests.table()->journalHead() +
-             output.groups.table()->journalHead() + output.labels.table()->journalHead();
+             output.groups.table()->journalHead() + output.labels.table()->journalHead() +
+             output.flood.table()->journalHead();
    };
    constexpr int attempts = 20;
    for( int attempt = 0; attempt < attempts && !stoodStill; ++attempt ) {
@@ -22,6 +23,7 @@ OutputGraph::OutputGraph( const Client::OutputReader& output ) {
       labels.clear();
       for( const auto& row : output.labels.list() )
          labels[ row.key() ] = row;
+      flood = output.flood.list();
       stoodStill = changes() == before;
    }
 }

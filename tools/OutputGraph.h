@@ -1,4 +1,5 @@
-// The output as a graph: hosts, objects, and who points to whom. For the commands that walk it.
+// The output as a graph: hosts, objects, and who points to whom; and the flood sets beside it. For
+// the commands that walk it.
 #pragma once
 
 #include "client/OutputReader.h"
@@ -23,7 +24,8 @@ struct OutputGraph {
    std::map<L2Rib::DestId, L2Rib::DestAndSource> dests;
    std::map<L2Rib::LoadBalanceId, L2Rib::LoadBalanceAndSource> groups;
    std::map<L2Rib::LabelId, L2Rib::LabelAndSource> labels;
-   bool stoodStill = false; // nothing was written while it was read
+   std::vector<L2Rib::FloodMember> flood; // by VLAN, then address
+   bool stoodStill = false;               // nothing was written while it was read
 };
 
 } // namespace Tools

@@ -1,9 +1,11 @@
 // l2ribctl settle: waits until the agent has worked off what was published before the call.
 //
-// For each table of each source the head of its journal is noted at the start. The agent tells in
+// For each table of each source, and of the configuration, the head of its journal is noted at the
+// start. The agent tells in
 // its status tables how far it has read each file, and how long its work lists are: when it has
 // read up to those heads and the lists are empty, all of it is in the output. The figures of the
 // sources are read before those of the lists, because the agent writes them in that order.
+#include "L2Rib/ConfigBinding.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
 #include "client/AwaitedFolder.h"
@@ -36,7 +38,10 @@ class Settling {
          noteHead( tables.lb );
          noteHead( tables.label );
          noteHead( tables.dest );
+         noteHead( tables.flood );
       }
+      noteHead( configured<Bridging::ConfiguredHostTable>() );
+      noteHead( configured<Bridging::TunnelTable>() );
    }
 
    // What is still to be waited for when the time is over; empty when all is settled.
@@ -84,8 +89,24 @@ class Settling {
          return {};
       const SourceTables tables( context_, entry );
       if( !hasRead( status.host, tables.host ) || !hasRead( status.lb, tables.lb ) ||
-          !hasRead( status.label, tables.label ) || !hasRead( status.dest, tables.dest ) )
+          !hasRead( status.label, tables.label ) || !hasRead( status.dest, tables.dest ) ||
+          !hasRead( status.flood, tables.flood ) )
          return "the agent to read the tables of source " + name;
+      return {};
+   }
+
+   template<class Table>
+   Ptr<Table> configured() const {
+      return readable<Table>( context_.fileOf( Path::bridgingConfig ) + "/" + Table::fileName );
+   }
+
+   std::string unsettledConfiguration() {
+      SourceStatusRecord status;
+      if( !statuses_->get( SourceName::of( "static" ).value(), status ) )
+         return "the agent to publish its source static";
+      if( !hasRead( status.configuredHosts, configured<Bridging::ConfiguredHostTable>() ) ||
+          !hasRead( status.configuredTunnels, configured<Bridging::TunnelTable>() ) )
+         return "the agent to read the configuration";
       return {};
    }
 
@@ -98,7 +119,7 @@ class Settling {
             if( const std::string missing = unsettledSource( name, source.record );
                 !missing.empty() )
                return missing;
-      std::string missing;
+      std::string missing = unsettledConfiguration();
       statuses_->forEach( [ & ]( const SourceStatusRecord& status ) {
          const std::string name = status.name.str();
          if( name != "static" && !published.contains( name ) )

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <ctime>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -20,7 +21,7 @@ using Client::OutputReader;
 // --- what other commands use too
 
 SourceNames::SourceNames( const Context& context ) : names_{ { sourceStatic_, "static" } } {
-   for( const auto& [ name, source ] : context.sources().sources() )
+   for( const auto& [ name, source ] : context.sources().allSources() )
       if( source.readable )
          names_[ source.record.source ] = name;
 }
@@ -98,10 +99,15 @@ struct Filters {
 
 // --- one list a kind
 
-Json hostList( const OutputReader& output, const Filters& filters, const SourceNames& names ) {
+std::optional<Vexil::EthAddr> macOf( const Filters& filters ) {
    std::optional<Vexil::EthAddr> mac;
    if( !filters.mac.empty() && !( mac = Vexil::EthAddr::parse( filters.mac ) ) )
       throw BadInput( "--mac " + filters.mac + "; right would be such as 02:00:00:00:00:01" );
+   return mac;
+}
+
+Json hostList( const OutputReader& output, const Filters& filters, const SourceNames& names ) {
+   const auto mac = macOf( filters );
    std::optional<Source> source;
    if( !filters.source.empty() )
       source = names.valueOf( filters.source );
@@ -111,6 +117,30 @@ Json hostList( const OutputReader& output, const Filters& filters, const SourceN
           ( !mac || row.key().mac() == *mac ) && ( !source || row.source() == *source ) )
          all.push_back( toJson( row, names ) );
    return all;
+}
+
+Json floodJson( const OutputReader& output, const Filters& filters ) {
+   const auto mac = macOf( filters );
+   std::map<Bridging::MacVlanPair, FloodSetRow> sets;
+   for( const FloodMember& member : output.flood.list() ) {
+      const FloodSetTriple& triple = member.triple;
+      if( ( filters.vlan && triple.vlan().value() != *filters.vlan ) ||
+          ( mac && triple.mac() != *mac ) )
+         continue;
+      FloodSetRow& set = sets[ { triple.mac(), triple.vlan() } ];
+      set.type = member.floodSetType;
+      set.dests.insert( triple.dest() );
+   }
+   Json vlans = Json::array();
+   for( const auto& [ key, set ] : sets ) {
+      if( vlans.empty() || vlans.back()[ "vlan" ] != key.vlan().value() )
+         vlans.push_back( { { "vlan", key.vlan().value() }, { "sets", Json::array() } } );
+      Json row = { { "mac", key.mac().str() } };
+      row.update( toJson( set ) );
+      vlans.back()[ "sets" ].push_back( row );
+   }
+   const uint32_t mask = output.floodSource.get( 1 ).value_or( FloodSourceRecord() ).source;
+   return { { "source", sourceStr( static_cast<Source>( mask ) ) }, { "vlans", vlans } };
 }
 
 template<class Rows>
@@ -147,13 +177,33 @@ int print( const Context& context, const Json& rows, std::vector<std::string> co
    return done;
 }
 
+// A line a member.
+int printFlood( const Context& context, const Json& flood ) {
+   if( context.json ) {
+      std::cout << text( flood ) << '\n';
+      return done;
+   }
+   Json lines = Json::array();
+   for( const Json& vlan : flood[ "vlans" ] )
+      for( const Json& set : vlan[ "sets" ] )
+         for( const Json& dest : set[ "dests" ] )
+            lines.push_back( { { "vlan", vlan[ "vlan" ] },
+                               { "mac", set[ "mac" ] },
+                               { "type", set[ "type" ] },
+                               { "flooded to", dest } } );
+   printTable( lines, { "vlan", "mac", "type", "flooded to" } );
+   std::cout << "merged from the sources " << flood[ "source" ].get<std::string>() << '\n';
+   mentionStoppedAgent( context );
+   return done;
+}
+
 // --- sources and status
 
 // The sources as the agent sees them, those inside the agent too, beside what is published.
 Json sourceList( const Context& context ) {
    const SourceStatusTable statuses( context.fileOf( Path::sourceStatus ),
                                      SourceStatusTable::Mode::read );
-   const auto published = context.sources().sources();
+   const auto published = context.sources().allSources();
    Json all = Json::array();
    const auto add = [ & ]( const std::string& name, const SourceEntryRecord& entry ) {
       SourceStatusRecord status;
@@ -230,6 +280,8 @@ int show( const Context& context, const std::string& what, const Filters& filter
       return print( context, objectList( output.groups, filters, names ), { "id" } );
    if( what == "labels" )
       return print( context, objectList( output.labels, filters, names ), { "id", "label" } );
+   if( what == "flood" )
+      return printFlood( context, floodJson( output, filters ) );
    if( what == "status" )
       return printStatus( context, statusJson( context, output ) );
    const Json sources = sourceList( context );
@@ -255,8 +307,11 @@ void addShow( CLI::App& app, Context& context ) {
       return kind;
    };
    CLI::App* const hosts = add( "hosts", "the hosts, ordered by VLAN, then MAC" );
-   hosts->add_option( "--vlan", filters->vlan, "only of this VLAN" );
-   hosts->add_option( "--mac", filters->mac, "only with this MAC address" );
+   CLI::App* const flood = add( "flood", "the flood sets, ordered by VLAN, then MAC" );
+   for( CLI::App* const kind : { hosts, flood } ) {
+      kind->add_option( "--vlan", filters->vlan, "only of this VLAN" );
+      kind->add_option( "--mac", filters->mac, "only with this MAC address" );
+   }
    CLI::App* const dests = add( "dests", "the destinations" );
    CLI::App* const groups = add( "groups", "the load-balance groups" );
    CLI::App* const labels = add( "labels", "the label pushes" );

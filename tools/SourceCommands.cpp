@@ -39,6 +39,10 @@ int run( SourceOptions options, const std::string& value, bool keep ) {
 }
 
 int remove( const SourceFolder& folder, const std::string& name ) {
+   if( folder.agentSources().contains( name ) ) {
+      complain( "source " + name + " is inside the agent; 'l2ribctl config' changes what it has" );
+      return answerIsNo;
+   }
    if( !folder.sources().contains( name ) ) {
       complain( "no source named " + name + "; 'l2ribctl source list' shows those that there are" );
       return answerIsNo;
@@ -69,7 +73,7 @@ Json sourceJson( const Context& context, const std::string& name,
 
 int list( const Context& context ) {
    Json all = Json::array();
-   for( const auto& [ name, source ] : context.sources().sources() )
+   for( const auto& [ name, source ] : context.sources().allSources() )
       all.push_back( sourceJson( context, name, source ) );
    if( context.json )
       std::cout << text( all ) << '\n';
