@@ -27,7 +27,7 @@ SourceFloodBinding::SourceFloodBinding( Ptr<FloodMemberTable> table, Ptr<SourceD
    table_->forEach( [ this ]( const FloodMember& member ) { memberIs( member ); } );
 }
 
-void SourceFloodBinding::handleEntry( const FloodSetTriple& triple ) {
+void SourceFloodBinding::handleEntry( const FloodMemberKey& triple ) {
    FloodMember member;
    if( table_->get( triple, member ) )
       memberIs( member );

@@ -17,7 +17,7 @@ namespace L2Rib {
 class SourceFloodBinding : public Vexil::Reactor<FloodMemberTable> {
  public:
    SourceFloodBinding( Vexil::Ptr<FloodMemberTable> table, Vexil::Ptr<SourceDirEntry> entry );
-   void handleEntry( const FloodSetTriple& triple ) override;
+   void handleEntry( const FloodMemberKey& triple ) override;
    void handleOvertaken() override;
 
  private:

@@ -132,16 +132,27 @@ class SourceEntryTable : public Vexil::NamedTable<SourceEntryTable, SourceName, 
    static constexpr const char* collection = "entry";
 };
 
+// The key of a member in a table: the same as in a collection, but for the hash. The engine works
+// its backlog of triples off in the order of their hashes. A table with that same order would be
+// filled from one end, and each time that it has to grow all that it has would be in one run of
+// its index.
+struct FloodMemberKey : FloodSetTriple {
+   FloodMemberKey() = default;
+   FloodMemberKey( const FloodSetTriple& triple ) : FloodSetTriple( triple ) {}
+
+   uint64_t hash() const { return Vexil::mix64( FloodSetTriple::hash() ); }
+};
+
 // A member of a source's flood sets as its flood table holds it, with the type of its set.
 struct FloodMember {
-   FloodSetTriple triple;
+   FloodMemberKey triple;
    FloodSetType floodSetType = floodSetTypeInvalid_;
 
    friend bool operator==( const FloodMember&, const FloodMember& ) = default;
 };
 static_assert( Vexil::WireRecord<FloodMember, 76> );
 
-class FloodMemberTable : public Vexil::NamedTable<FloodMemberTable, FloodSetTriple, FloodMember> {
+class FloodMemberTable : public Vexil::NamedTable<FloodMemberTable, FloodMemberKey, FloodMember> {
  public:
    using NamedTable::NamedTable;
    static constexpr const char* typeName = "L2Rib::FloodMember";

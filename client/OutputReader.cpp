@@ -103,7 +103,7 @@ template class OutputTable<HostOutput, Bridging::MacVlanPair, HostAndSource>;
 template class OutputTable<DestOutput, DestId, DestAndSource>;
 template class OutputTable<LoadBalanceOutput, LoadBalanceId, LoadBalanceAndSource>;
 template class OutputTable<LabelOutput, LabelId, LabelAndSource>;
-template class OutputTable<FloodMemberTable, FloodSetTriple, FloodMember>;
+template class OutputTable<FloodMemberTable, FloodMemberKey, FloodMember>;
 template class OutputTable<FloodSourceTable, uint32_t, FloodSourceRecord>;
 
 OutputReader::OutputReader( const std::string& stateDirectory )

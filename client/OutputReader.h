@@ -82,7 +82,7 @@ using HostRows = OutputTable<HostOutput, Bridging::MacVlanPair, HostAndSource>;
 using DestRows = OutputTable<DestOutput, DestId, DestAndSource>;
 using GroupRows = OutputTable<LoadBalanceOutput, LoadBalanceId, LoadBalanceAndSource>;
 using LabelRows = OutputTable<LabelOutput, LabelId, LabelAndSource>;
-using FloodRows = OutputTable<FloodMemberTable, FloodSetTriple, FloodMember>;
+using FloodRows = OutputTable<FloodMemberTable, FloodMemberKey, FloodMember>;
 using FloodSourceRows = OutputTable<FloodSourceTable, uint32_t, FloodSourceRecord>;
 
 class OutputReader {

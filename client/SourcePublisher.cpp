@@ -267,7 +267,7 @@ Rejection SourcePublisher::labelDel( LabelId id ) {
 
 Rejection SourcePublisher::floodDel( const FloodSetTriple& triple ) {
    const Rejection bad = checked( FloodMember{ triple, floodSetTypeAny_ } ); // whatever its type
-   return erase( flood_, bad, triple );
+   return erase( flood_, bad, FloodMemberKey( triple ) );
 }
 
 void SourcePublisher::clear() {

@@ -143,7 +143,7 @@ class SourcePublisher {
    Owned<LabelTable, LabelId> labels_{ "labels", {}, {} };
    Owned<LoadBalanceTable, LoadBalanceId> lbs_{ "groups", {}, {} };
    Owned<DestTable, DestId> dests_{ "dests", {}, {} };
-   Owned<FloodMemberTable, FloodSetTriple> flood_{ "flood sets", {}, {} };
+   Owned<FloodMemberTable, FloodMemberKey> flood_{ "flood sets", {}, {} };
    std::map<std::pair<Bridging::VlanId, Vexil::EthAddr>, FloodSetType> floodTypes_;
    bool begun_ = false;
    Vexil::SystemClock clock_;
