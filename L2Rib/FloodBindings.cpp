@@ -76,6 +76,34 @@ void SourceFloodBinding::memberDel( const FloodSetTriple& triple ) {
 
 namespace {
 
+// The mask as its table holds it. An agent that starts puts the mask together source by source:
+// readers see only what has come of it at the end of its first turn, when the bells are rung.
+class SourceMask : public FloodSourceTable {
+ public:
+   using FloodSourceTable::FloodSourceTable;
+   void maskIs( uint32_t mask ) {
+      mask_ = mask;
+      if( firstTurnOver_ )
+         write();
+   }
+   void ring() override {
+      if( !firstTurnOver_ )
+         write();
+      firstTurnOver_ = true;
+      FloodSourceTable::ring();
+   }
+
+ private:
+   void write() {
+      if( get( 1 ).source != mask_ || count() == 0 ) {
+         [[maybe_unused]] const bool written = set( { 1, mask_ } ); // has room for its one record
+      }
+   }
+
+   uint32_t mask_ = 0;
+   bool firstTurnOver_ = false;
+};
+
 // Writes the flood output's members through to their table. One reactor a level, kept as long as
 // what it follows is there.
 class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
@@ -83,8 +111,8 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
    FloodOutputBinding( const std::string& file, Ptr<FloodSetOutput> output )
       : Reactor( nullptr ), members_( makeEntity<FloodMemberTable>(
                                file, FloodMemberTable::Mode::write, firstOutputCapacity ) ),
-        source_( makeEntity<FloodSourceTable>( file + "Source", // Path::floodOutputSource
-                                               FloodSourceTable::Mode::write, 1u ) ) {
+        source_( makeEntity<SourceMask>( file + "Source", // Path::floodOutputSource
+                                         FloodSourceTable::Mode::write, 1u ) ) {
       members_->forEach( [ & ]( const FloodMember& member ) {
          const auto set =
             output->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
@@ -92,14 +120,13 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
          set->destSetIs( member.triple.dest(), true );
       } );
       output->sourceIs( source_->get( 1 ).source );
+      source_->maskIs( output->source() );
       notifierIs( output ); // from here on changes go the other way
       for( const auto& sets : output->vlanFloodSet() )
          handleVlanFloodSet( sets.key );
    }
 
-   void handleSource() override {
-      [[maybe_unused]] const bool written = source_->set( { 1, notifier()->source() } );
-   }
+   void handleSource() override { source_->maskIs( notifier()->source() ); }
    void handleVlanFloodSet( const Bridging::VlanId& vlan ) override {
       if( const auto sets = notifier()->vlanFloodSet( vlan ) )
          vlans_.emplace( vlan, std::make_unique<Vlan>( sets, *this, vlan ) );
@@ -108,7 +135,7 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
    }
 
    const Ptr<FloodMemberTable>& members() const { return members_; }
-   const Ptr<FloodSourceTable>& source() const { return source_; }
+   const Ptr<SourceMask>& source() const { return source_; }
 
  private:
    class Set : public Vexil::Reactor<FloodSet> {
@@ -164,7 +191,7 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
    }
 
    Ptr<FloodMemberTable> members_;
-   Ptr<FloodSourceTable> source_;
+   Ptr<SourceMask> source_;
    Vexil::HashMap<Bridging::VlanId, std::unique_ptr<Vlan>> vlans_;
 };
 

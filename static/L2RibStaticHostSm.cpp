@@ -22,6 +22,12 @@ constexpr uint32_t objectCapacity = 1024; // of each of the other three
 constexpr uint32_t staticSeqNo = 1;
 constexpr uint32_t staticPref = 64;
 
+CiDest ciDestOf( const Bridging::IntfId& intf ) {
+   CiDest ciDest( destTypeDefault_ );
+   ciDest.payloadIs( intf.id() );
+   return ciDest;
+}
+
 bool isFull( const Vexil::TableBase& table ) { return table.count() >= table.capacity(); }
 
 } // namespace
@@ -85,13 +91,41 @@ void StaticHostSm::handleInitialized() {
    VEXIL_ASSERT( entityManager() );
    attachTables();
    publishEntry();
+   const auto earlierLabelHosts = noteUnchanged();
    staticInputTable_->hostDelAll(); // what an earlier run of the agent left
    staticLoadBalanceTable_->lbDelAll();
    staticLabelTable_->labelDelAll();
    staticDestTable_->destDelAll();
    staticSde_->initializedIs( true );
    initialized_ = true;
+   for( const auto& [ labelId, mvp ] : earlierLabelHosts )
+      handleHost( mvp );
    handleHost();
+   unchangedSince_.clear();
+}
+
+// Of the hosts that an earlier run left, those that are still configured as they were keep their
+// update time: whoever reads the output of an agent that was restarted sees no change. Returns the
+// label hosts, ordered by label: brought in again in that order they get the same ids as before,
+// unless one has gone.
+std::map<LabelId, Bridging::MacVlanPair> StaticHostSm::noteUnchanged() {
+   std::map<LabelId, Bridging::MacVlanPair> labelHosts;
+   staticInputTable_->forEach( [ & ]( const Host& host ) {
+      const Bridging::ConfiguredHost* const configured = configuredHost( host.key() );
+      if( !configured )
+         return;
+      const DestDataTunnel* const tunnel =
+         configured->isLabelHost() ? bridgingConfig_->tunnel( configured->intf.tunnel() ) : nullptr;
+      const bool unchanged = configured->isLabelHost()
+                                ? tunnel && labelHostIntact( host, configured->mplsLabel, *tunnel )
+                                : host.next() == Util::objTupleInvalid() &&
+                                     host.ciDest() == ciDestOf( configured->intf );
+      if( unchanged )
+         unchangedSince_.emplace( host.key(), host.updateTime() );
+      if( configured->isLabelHost() && host.next().tableType() == tableTypeLabel_ )
+         labelHosts.emplace( host.next().labelId(), host.key() );
+   } );
+   return labelHosts;
 }
 
 void StaticHostSm::attachTables() {
@@ -236,9 +270,7 @@ void StaticHostSm::programInterfaceHost( Host host, const Bridging::IntfId& intf
    const Host stored = staticInputTable_->host( host.key() );
    if( !hasRoomFor( host.key(), stored ) )
       return waitForRoom( waitingForHostRoom_, host.key() );
-   CiDest ciDest( destTypeDefault_ );
-   ciDest.payloadIs( intf.id() );
-   host.ciDestIs( ciDest );
+   host.ciDestIs( ciDestOf( intf ) );
    if( writeHost( stored, host ) && stored.next().tableType() == tableTypeLabel_ )
       cleanupLabelDestEntries( stored ); // nothing points to them any more
 }
@@ -252,6 +284,8 @@ bool StaticHostSm::writeHost( const Host& stored, Host host ) {
       return true;
    TRACE( 2, "handleHost"
                 << " host has changed, reprogramming" );
+   if( const Vexil::Seconds* const since = unchangedSince_.find( host.key() ) )
+      host.updateTimeIs( *since );
    if( staticInputTable_->hostIs( host ) )
       return true;
    waitForRoom( waitingForHostRoom_, host.key() );

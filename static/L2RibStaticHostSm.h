@@ -25,6 +25,7 @@
 #include "runtime/StateDb.h"
 #include "static/TunnelHosts.h"
 
+#include <map>
 #include <memory>
 
 namespace L2Rib {
@@ -80,6 +81,7 @@ class StaticHostSm : public Vexil::Entity {
  private:
    class BridgingConfigReactor;
 
+   std::map<LabelId, Bridging::MacVlanPair> noteUnchanged();
    void attachTables();
    void publishEntry();
    void handleFdbConfig( const Bridging::Fid& fid );
@@ -111,6 +113,8 @@ class StaticHostSm : public Vexil::Entity {
    uint64_t currDestId_ = 0;
    bool initialized_ = false;
 
+   // Of hosts that an earlier run left, while they are brought in again: when they last changed.
+   Vexil::HashMap<Bridging::MacVlanPair, Vexil::Seconds> unchangedSince_;
    TunnelHosts tunnelHosts_; // who must be looked at when a tunnel changes
    Vexil::KeySet<Bridging::MacVlanPair> waitingForHostRoom_;
    Vexil::KeySet<Bridging::MacVlanPair> waitingForObjectRoom_; // of labels and dests

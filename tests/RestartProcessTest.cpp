@@ -1,0 +1,123 @@
+// Restarts of the agent as its users meet them: killed or stopped in order, with readers that
+// follow the output all the while.
+#include "tests/ProcessSupport.h"
+
+namespace {
+
+using namespace ProcessSupport;
+
+const std::string flood = R"({"op":"flood","vlan":10,"mac":"ff:ff:ff:ff:ff:ff","type":"vxlan",)"
+                          R"("dest":{"vxlan":{"vtep":"10.0.0.9","vni":10010}}})"
+                          "\n";
+
+class RestartProcessTest : public ProcessTest {
+ protected:
+   void stopAgent( int signal ) {
+      agent->signal( signal );
+      EXPECT_EQ( agent->status(), signal == SIGKILL ? -SIGKILL : 0 );
+   }
+};
+
+// A label pushes on top of a dest; the group and the host come first.
+TEST_F( RestartProcessTest, GroupPublishedInTheWrongOrderComesUpByTheHammer ) {
+   startAgent( { "--hammer-interval", "0.05" } );
+   Program evpn = source( "evpn", "0x40" );
+   const auto label = []( unsigned id, unsigned below ) {
+      return R"({"op":"label","id":)" + std::to_string( id ) + R"(,"label":)" +
+             std::to_string( 100 * id ) + R"(,"next":{"type":"dest","id":)" +
+             std::to_string( below ) + "}}\n";
+   };
+   const auto dest = []( unsigned id ) {
+      return R"({"op":"dest","id":)" + std::to_string( id ) + R"(,"intf":{"id":)" +
+             std::to_string( 10 * id ) + "}}\n";
+   };
+   const auto lb = []( const std::string& nexts ) {
+      return R"({"op":"lb","id":7,"nexts":[)" + nexts + "]}\n";
+   };
+   const std::string one = R"({"type":"label","id":1})", two = R"({"type":"label","id":2})",
+                     three = R"({"type":"label","id":3})";
+   const auto sizes = [ this ] {
+      settle();
+      return std::vector{ json( { "show", "hosts" } ).size(), json( { "show", "groups" } ).size(),
+                          json( { "show", "labels" } ).size(), json( { "show", "dests" } ).size() };
+   };
+   using Sizes = std::vector<size_t>;
+
+   publish( evpn, initialized( true ) + host( 1, 100, group ) );
+   publish( evpn, lb( one + "," + two + "," + three ) );
+   publish( evpn, label( 3, 3 ) + label( 2, 2 ) + label( 1, 1 ) );
+   publish( evpn, dest( 2 ) + dest( 3 ) );
+   EXPECT_EQ( sizes(), ( Sizes{ 0, 0, 0, 0 } ) );
+   EXPECT_EQ( json( { "show", "status" } )[ "failedHost" ], 1 );
+   publish( evpn, dest( 1 ) );
+   EXPECT_TRUE( waitFor( [ & ] { return sizes() == Sizes{ 1, 1, 3, 3 }; }, patience ) );
+   const Json path = json( { "explain", mac( 1 ), "10" } )[ "path" ];
+   EXPECT_EQ( path.size(), 7u ) << path;
+   EXPECT_EQ( ctl( { "check" } ).status, 0 );
+
+   publish( evpn, lb( three ) );
+   EXPECT_EQ( sizes(), ( Sizes{ 1, 1, 1, 1 } ) );
+   EXPECT_EQ( ctl( { "check" } ).status, 0 );
+   publish( evpn, R"({"op":"hostDel","mac":")" + mac( 1 ) + R"(","vlan":10})" + "\n" );
+   EXPECT_EQ( sizes(), ( Sizes{ 0, 0, 0, 0 } ) );
+   const Json status = json( { "show", "status" } );
+   EXPECT_EQ( status[ "failedHost" ], 0 );
+   EXPECT_EQ( status[ "failedOtas" ], 0 );
+}
+
+TEST_F( RestartProcessTest, ReadersSeeOnlyRealChanges ) {
+   EXPECT_EQ( ctl( { "config", "set", "10", mac( 21 ), "--interface", "7" } ).status, 0 );
+   EXPECT_EQ(
+      ctl( { "config", "tunnel", "1", "--source", "10.0.0.1", "--destination", "10.0.0.2" } )
+         .status,
+      0 );
+   for( const unsigned number : { 25, 23, 22, 24 } )
+      EXPECT_EQ( ctl( { "config", "set", "10", mac( number ), "--label", std::to_string( number ),
+                        "--tunnel", "1" } )
+                    .status,
+                 0 );
+   startAgent();
+   Program mlag = source( "mlag", "0x8", { "--host-only" } );
+   publish( mlag, host( 1, 50, inlineDest ) + initialized( true ) );
+   keep( "evpn", "0x40",
+         objects + host( 1, 100, group ) + host( 2, 100, inlineDest ) + flood +
+            initialized( true ) );
+   settle();
+   Program watch =
+      start( L2RIBCTL_PATH, { "watch", "hosts", "dests", "groups", "labels", "flood", "--json" } );
+   watch.expectOut( "inSync" );
+   const size_t present = watch.count( "\n" );
+   const auto shown = [ this ] {
+      Json all;
+      for( const char* what : { "hosts", "dests", "groups", "labels", "flood" } )
+         all[ what ] = json( { "show", what } );
+      return all;
+   };
+   const Json before = shown();
+   EXPECT_EQ( before[ "flood" ][ "source" ], "0x58" );
+
+   for( const int signal : { SIGKILL, SIGTERM, SIGKILL } ) {
+      stopAgent( signal );
+      EXPECT_EQ( shown(), before ) << "the output stays while no agent runs";
+      startAgent();
+      settle();
+      EXPECT_EQ( shown(), before );
+   }
+   // A source changes while no agent runs.
+   stopAgent( SIGKILL );
+   mlag.write( host( 1, 200, inlineDest ) + syncOp );
+   mlag.expectOut( "synced", 2 );
+   startAgent();
+   settle();
+   EXPECT_EQ( winner( 1 ), "mlag" );
+   watch.expectOut( R"("event":"del")", 3 ); // the group, its label and the dest
+   // And once more under the new agent: nothing else has been told in between.
+   publish( mlag, host( 3, 50, inlineDest ) );
+   watch.expectOut( mac( 3 ) );
+   EXPECT_EQ( watch.count( "\n" ), present + 4 + 1 ) << watch.out();
+   EXPECT_EQ( ctl( { "check" } ).status, 0 );
+   watch.signal( SIGINT );
+   EXPECT_EQ( watch.status(), 0 );
+}
+
+} // namespace
