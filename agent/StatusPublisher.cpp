@@ -1,8 +1,11 @@
 #include "agent/StatusPublisher.h"
 
 #include "L2Rib/L2RibTarn.h"
+#include "runtime/Trace.h"
 
 #include <ctime>
+#include <filesystem>
+#include <string>
 #include <unistd.h>
 
 namespace L2Rib {
@@ -33,15 +36,30 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    return record;
 }
 
+// Attaches a status table. One that is damaged, or was left by a version with other records, is
+// replaced: it tells what was, and a service must come up again after an upgrade.
+template<class Table>
+Vexil::Ptr<Table> statusTable( Vexil::EntityManager& manager, const char* path,
+                               uint32_t capacity ) {
+   try {
+      return manager.mountTable<Table>( path, Table::Mode::write, capacity );
+   } catch( const Vexil::TableError& failure ) {
+      if( failure.kind() != Vexil::TableError::mismatch &&
+          failure.kind() != Vexil::TableError::damaged )
+         throw;
+      Vexil::log( std::string( failure.what() ) + ": it is replaced" );
+      std::filesystem::remove( manager.fileOf( path ) );
+      return manager.mountTable<Table>( path, Table::Mode::write, capacity );
+   }
+}
+
 } // namespace
 
 StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
                                   Vexil::Ptr<PolicySm> policySm )
    : loop_( loop ), policySm_( std::move( policySm ) ),
-     agent_( manager.mountTable<AgentStatusTable>( Path::agentStatus, AgentStatusTable::Mode::write,
-                                                   1 ) ),
-     sources_( manager.mountTable<SourceStatusTable>( Path::sourceStatus,
-                                                      SourceStatusTable::Mode::write, 64 ) ),
+     agent_( statusTable<AgentStatusTable>( manager, Path::agentStatus, 1 ) ),
+     sources_( statusTable<SourceStatusTable>( manager, Path::sourceStatus, 64 ) ),
      config_(
         dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
      since_( wallClock() ) {

@@ -171,6 +171,16 @@ TEST_F( OperationTest, WhatCantBeIsRefusedInOneLine ) {
    EXPECT_EQ( second.status(), 1 );
    EXPECT_NE( second.err().find( "another process writes this table" ), std::string::npos );
    EXPECT_EQ( ctl( { "settle" } ).status, 0 ) << "the first one is not disturbed";
+
+   // Another version may have left other records of its status: they are no reason to stay down.
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 );
+   std::filesystem::copy_file( state + "/bridging/l2Rib/sourceStatus",
+                               state + "/bridging/l2Rib/agentStatus",
+                               std::filesystem::copy_options::overwrite_existing );
+   TestSupport::replace( state + "/bridging/l2Rib/sourceStatus", "damaged" );
+   startAgent();
+   settle();
 }
 
 TEST_F( OperationTest, MetricsTellWhatIsThere ) {

@@ -235,6 +235,8 @@ Json statusJson( const Context& context, const OutputReader& output ) {
    return { { "agent", runs ? "running" : "stopped" },
             { "since", runs ? status.since.value() : status.lastSign.value() },
             { "restartState", state <= running_ ? restartStateStr( state ) : "unknown" },
+            { "restartEntriesLeft", status.restartEntriesLeft.value() },
+            { "restartDuration", status.restartDuration.value() },
             { "processId", status.processId },
             { "sources", status.sources },
             { "hosts", output.hosts.table()->count() },
