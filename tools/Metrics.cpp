@@ -164,7 +164,7 @@ void sourceMetrics( Exposition& out, const Context& context, const AgentStatusRe
          out.sample( source.ready ? 1 : 0, { { "source", source.name.str() } } );
       } );
    std::vector<std::pair<std::string, NamedTable>> tables;
-   for( const auto& [ name, source ] : context.sources().sources() ) {
+   for( const auto& [ name, source ] : context.sources().allSources() ) {
       const SourceTables found( context, source.record );
       for( const NamedTable& table : { NamedTable{ "host", found.host },
                                        { "lb", found.lb },
