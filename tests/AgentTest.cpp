@@ -17,17 +17,18 @@ using TestSupport::Random;
 class Witness : public Vexil::Entity {
  public:
    Witness( const Agent& agent, std::string& seen )
-      : seen_( seen ), sourceDir_( agent.l2RibAgentSourceDir() ),
+      : seen_( seen ), inputDir_( dynamic_cast<const Vexil::Directory*>(
+                          agent.entityManager()->entity( Path::inputDir ).get() ) ),
         config_( agent.bridgingConfig() ) {}
    ~Witness() override {
-      seen_ = std::string( sourceDir_->notifiees.empty() ? "no engine" : "engine" ) +
+      seen_ = std::string( inputDir_->notifiees.empty() ? "no engine" : "engine" ) +
               ( config_->notifiees.empty() ? ", no static source" : ", static source" );
    }
 
  private:
    std::string& seen_;
-   Vexil::Ptr<AgentSourceDir> sourceDir_; // the engine reacts to it
-   Vexil::Ptr<Bridging::Config> config_;  // the static source does
+   Vexil::Ptr<const Vexil::Directory> inputDir_; // the engine alone reacts to it
+   Vexil::Ptr<Bridging::Config> config_;         // the static source alone does
 };
 
 TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
@@ -42,8 +43,8 @@ TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
    {
       Vexil::ActivityManager loop;
       const auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
-      const auto started = Vexil::startAgent( "libL2Rib.so", "L2Rib::Agent", "L2Rib", loop, manager,
-                                              { { "test-plugins", "1" } } );
+      auto started = Vexil::startAgent( "libL2Rib.so", "L2Rib::Agent", "L2Rib", loop, manager,
+                                        { { "test-plugins", "1" } } );
       auto* const agent = dynamic_cast<Agent*>( started.get() );
       ASSERT_TRUE( agent );
       EXPECT_EQ( agent->mountStatus(), Vexil::MountStatus::success );
@@ -63,6 +64,10 @@ TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
       EXPECT_EQ( context->l2RibOutput(), agent->policySm()->hostOutput().get() );
       EXPECT_EQ( context->clock(), loop.clock() );
       context->pluginIs( { Vexil::makeEntity<Witness>( *agent, seen ) } );
+      const auto config = agent->bridgingConfig();
+      EXPECT_FALSE( config->notifiees.empty() );
+      started = nullptr;
+      EXPECT_TRUE( config->notifiees.empty() );
    }
    Vexil::logSinkIs( nullptr );
    Vexil::traceSettingIs( "L2RibAgent=9" );
