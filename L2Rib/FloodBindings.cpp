@@ -104,12 +104,47 @@ class SourceMask : public FloodSourceTable {
    bool firstTurnOver_ = false;
 };
 
+// The members as their table holds them. Each carries the type of its set. Where two sources give a
+// set different types it may change with every member that is judged; the members are brought in
+// line once a turn, before the bells are rung.
+class MembersOfOutput : public FloodMemberTable {
+ public:
+   using FloodMemberTable::FloodMemberTable;
+   void write( const FloodMember& member ) {
+      if( set( member ) )
+         return;
+      capacityIs( capacity() * 2 );
+      const bool written = set( member );
+      VEXIL_ASSERT( written );
+   }
+   void typeChanged( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
+                     Ptr<const FloodSet> floodSet ) {
+      const Bridging::MacVlanPair where( mac, vlan );
+      changed_.erase( where );
+      changed_.emplace( where, std::move( floodSet ) );
+   }
+   void ring() override {
+      for( const auto& entry : changed_ )
+         for( const auto& dest : entry.value->destSet() ) {
+            const FloodMember wanted{ FloodSetTriple( entry.key.vlan(), entry.key.mac(), dest.key ),
+                                      entry.value->floodSetType() };
+            if( get( wanted.triple ) != wanted )
+               write( wanted );
+         }
+      changed_.clear();
+      FloodMemberTable::ring();
+   }
+
+ private:
+   Vexil::HashMap<Bridging::MacVlanPair, Ptr<const FloodSet>> changed_;
+};
+
 // Writes the flood output's members through to their table. One reactor a level, kept as long as
 // what it follows is there.
 class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
  public:
    FloodOutputBinding( const std::string& file, Ptr<FloodSetOutput> output )
-      : Reactor( nullptr ), members_( makeEntity<FloodMemberTable>(
+      : Reactor( nullptr ), members_( makeEntity<MembersOfOutput>(
                                file, FloodMemberTable::Mode::write, firstOutputCapacity ) ),
         source_( makeEntity<SourceMask>( file + "Source", // Path::floodOutputSource
                                          FloodSourceTable::Mode::write, 1u ) ) {
@@ -134,7 +169,7 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
          vlans_.erase( vlan );
    }
 
-   const Ptr<FloodMemberTable>& members() const { return members_; }
+   const Ptr<MembersOfOutput>& members() const { return members_; }
    const Ptr<SourceMask>& source() const { return source_; }
 
  private:
@@ -146,13 +181,12 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
       void handleDestSet( const Dest& dest ) override {
          const FloodSetTriple triple( vlan_, mac_, dest );
          if( notifier()->destSet( dest ) )
-            binding_.write( { triple, notifier()->floodSetType() } );
+            binding_.members_->write( { triple, notifier()->floodSetType() } );
          else
             binding_.members_->erase( triple );
       }
       void handleFloodSetType() override {
-         for( const auto& member : notifier()->destSet() )
-            handleDestSet( member.key );
+         binding_.members_->typeChanged( vlan_, mac_, notifier() );
       }
 
     private:
@@ -182,15 +216,7 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
       Vexil::HashMap<Vexil::EthAddr, std::unique_ptr<Set>> sets_;
    };
 
-   void write( const FloodMember& member ) {
-      if( members_->set( member ) )
-         return;
-      members_->capacityIs( members_->capacity() * 2 );
-      const bool written = members_->set( member );
-      VEXIL_ASSERT( written );
-   }
-
-   Ptr<FloodMemberTable> members_;
+   Ptr<MembersOfOutput> members_;
    Ptr<SourceMask> source_;
    Vexil::HashMap<Bridging::VlanId, std::unique_ptr<Vlan>> vlans_;
 };

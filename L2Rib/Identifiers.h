@@ -12,8 +12,10 @@
 #include <bit>
 #include <compare>
 #include <cstdint>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 namespace L2Rib {
 
@@ -54,8 +56,9 @@ enum TableType : uint32_t {
    tableTypeLabel_ = 2,
    tableTypeDest_ = 3,
 };
-// "lb", "label", "dest", "invalid", or the number of a type that no one knows.
+// "lb", "label", "dest", "invalid", or the number of a type that no one knows; and back.
 std::string tableTypeStr( TableType tableType );
+std::optional<TableType> tableTypeParse( std::string_view text );
 inline std::ostream& operator<<( std::ostream& to, TableType tableType ) {
    return to << tableTypeStr( tableType );
 }
@@ -80,8 +83,9 @@ enum Source : uint32_t {
 constexpr bool isSingleBit( Source source ) {
    return std::has_single_bit( static_cast<uint32_t>( source ) );
 }
-// Hexadecimal, such as "0x40"; fit for a mask of sources too.
+// Hexadecimal, such as "0x40"; fit for a mask of sources too. And back.
 std::string sourceStr( Source source );
+std::optional<Source> sourceParse( std::string_view text );
 inline std::ostream& operator<<( std::ostream& to, Source source ) {
    return to << sourceStr( source );
 }
@@ -161,6 +165,14 @@ class ObjTuple {
    ObjId objId_;
    TableType tableType_ = tableTypeInvalid_;
 };
+
+// Whether ot can name an object, or is the invalid tuple. Another process may have written
+// anything.
+constexpr bool isSound( const ObjTuple& ot ) {
+   return ot == ObjTuple() ||
+          ( ot.objId() != Constants::objIdInvalid() && ot.tableType() >= tableTypeLoadBalance_ &&
+            ot.tableType() <= tableTypeDest_ );
+}
 
 // Names one input object of one source ("otas"): ids are each source's own, so the same tuple of
 // two sources is two objects.

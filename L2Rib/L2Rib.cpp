@@ -44,11 +44,30 @@ std::string tableTypeStr( TableType tableType ) {
    return std::to_string( static_cast<uint32_t>( tableType ) );
 }
 
+std::optional<TableType> tableTypeParse( std::string_view text ) {
+   for( const TableType type :
+        { tableTypeInvalid_, tableTypeLoadBalance_, tableTypeLabel_, tableTypeDest_ } )
+      if( text == tableTypeStr( type ) )
+         return type;
+   return std::nullopt;
+}
+
 std::string sourceStr( Source source ) {
    char digits[ 8 ];
    const auto value = static_cast<uint32_t>( source );
    return "0x" +
           std::string( digits, std::to_chars( digits, digits + sizeof digits, value, 16 ).ptr );
+}
+
+std::optional<Source> sourceParse( std::string_view text ) {
+   uint32_t value = 0;
+   if( !text.starts_with( "0x" ) )
+      return std::nullopt;
+   const auto [ end, error ] =
+      std::from_chars( text.data() + 2, text.data() + text.size(), value, 16 );
+   if( error != std::errc() || end != text.data() + text.size() )
+      return std::nullopt;
+   return Source( value );
 }
 
 std::string ObjTuple::str() const {
@@ -183,7 +202,8 @@ std::string floodSetTypeStr( FloodSetType floodSetType ) {
 }
 
 std::optional<FloodSetType> floodSetTypeParse( std::string_view text ) {
-   for( const FloodSetType type : { floodSetTypeVxlan_, floodSetTypeIntf_, floodSetTypeAny_ } )
+   for( const FloodSetType type :
+        { floodSetTypeInvalid_, floodSetTypeVxlan_, floodSetTypeIntf_, floodSetTypeAny_ } )
       if( text == floodSetTypeStr( type ) )
          return type;
    return std::nullopt;

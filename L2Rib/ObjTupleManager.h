@@ -9,6 +9,8 @@
 #include "runtime/Entity.h"
 #include "runtime/HashMap.h"
 
+#include <algorithm>
+
 namespace L2Rib {
 
 class ObjTupleManager : public Vexil::Entity {
@@ -36,7 +38,7 @@ class ObjTupleManager : public Vexil::Entity {
    ObjTuple newOutputOt( const ObjTupleAndSource& otas ) {
       if( next_ > highest_ )
          return Util::objTupleInvalid();
-      const ObjTuple ot( ObjId( next_++ ), tableType_ );
+      const ObjTuple ot( ObjId( next_ ), tableType_ );
       restoreMapping( otas, ot );
       return ot;
    }
@@ -45,8 +47,9 @@ class ObjTupleManager : public Vexil::Entity {
       inputToOutput_.erase( outputToInput( ot ) );
       outputToInput_.erase( ot );
    }
-   // Enters a mapping that is known already, without giving an id.
+   // Enters a mapping that is known already, without giving an id. The id isn't given later either.
    void restoreMapping( const ObjTupleAndSource& otas, const ObjTuple& ot ) {
+      next_ = std::max( next_, ot.objId().value() + 1 );
       inputToOutput_.emplace( otas, ot );
       outputToInput_.emplace( ot, otas );
    }

@@ -22,6 +22,11 @@ Vexil::Ptr<T> mounted( Vexil::EntityManager& em, const char* path ) {
    return typed;
 }
 
+template<class Table>
+Vexil::Ptr<Table> outputTable( Vexil::EntityManager& em, const char* path, uint32_t capacity ) {
+   return em.mountTable<Table>( path, Table::Mode::write, capacity );
+}
+
 // Lets the host process create the agent by its type name once this library is loaded.
 [[maybe_unused]] const bool registered = [] {
    registerEntityTypes();
@@ -64,20 +69,17 @@ void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
    const auto inputDir = mounted<Vexil::Directory>( *em, Path::inputDir );
    l2RibAgentSourceDirIs( mounted<AgentSourceDir>( *em, Path::agentInputDir ) );
    bridgingConfigIs( mounted<Bridging::Config>( *em, Path::bridgingConfig ) );
-   PolicySm::Tables output;
-   output.flood = mounted<FloodSetOutput>( *em, Path::floodOutput );
-   output.status = mounted<PolicySmStatus>( *em, Path::policySmStatus );
+   const auto floodOutput = mounted<FloodSetOutput>( *em, Path::floodOutput );
+   const auto status = mounted<PolicySmStatus>( *em, Path::policySmStatus );
 
-   const auto write = HostOutput::Mode::write;
    const auto capacity = static_cast<uint32_t>( setting( "output-capacity", 16384 ) );
-   output.host = em->mountTable<HostOutput>( Path::hostOutput, write, capacity );
-   output.lb =
-      em->mountTable<LoadBalanceOutput>( Path::lbOutput, LoadBalanceOutput::Mode::write, capacity );
-   output.label =
-      em->mountTable<LabelOutput>( Path::labelOutput, LabelOutput::Mode::write, capacity );
-   output.dest = em->mountTable<DestOutput>( Path::destOutput, DestOutput::Mode::write, capacity );
+   const auto hostOutput = outputTable<HostOutput>( *em, Path::hostOutput, capacity );
+   const auto lbOutput = outputTable<LoadBalanceOutput>( *em, Path::lbOutput, capacity );
+   const auto labelOutput = outputTable<LabelOutput>( *em, Path::labelOutput, capacity );
+   const auto destOutput = outputTable<DestOutput>( *em, Path::destOutput, capacity );
 
-   policySmIs( em, inputDir, l2RibAgentSourceDir(), output );
+   policySmIs( em, inputDir, l2RibAgentSourceDir(), hostOutput, lbOutput, labelOutput, destOutput,
+               floodOutput, status );
    policySm_->reviewQuantumIs( setting( "review-quantum", policySm_->reviewQuantum() ) );
    policySm_->floodReviewQuantumIs(
       setting( "flood-review-quantum", policySm_->floodReviewQuantum() ) );
@@ -89,7 +91,7 @@ void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
 
    pluginContextIs();
    pluginContext_->entityManagerIs( em );
-   pluginContext_->l2RibOutputIs( output.host );
+   pluginContext_->l2RibOutputIs( hostOutput );
    pluginContext_->clockIs( activityManager().clock() );
    loadPlugins();
 }
@@ -123,12 +125,16 @@ Vexil::Seconds Agent::setting( const char* name, Vexil::Seconds ifAbsent ) const
    return found == settings().end() ? ifAbsent : std::stod( found->second );
 }
 
-const Vexil::Ptr<PolicySm>& Agent::policySmIs( Vexil::Ptr<Vexil::EntityManager> em,
-                                               Vexil::Ptr<const Vexil::Directory> inputDir,
-                                               Vexil::Ptr<const AgentSourceDir> agentInputDir,
-                                               const PolicySm::Tables& output ) {
+const Vexil::Ptr<PolicySm>&
+Agent::policySmIs( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<const Vexil::Directory> inputDir,
+                   Vexil::Ptr<const AgentSourceDir> agentInputDir,
+                   Vexil::Ptr<HostOutput> hostOutput, Vexil::Ptr<LoadBalanceOutput> lbOutput,
+                   Vexil::Ptr<LabelOutput> labelOutput, Vexil::Ptr<DestOutput> destOutput,
+                   Vexil::Ptr<FloodSetOutput> floodOutput,
+                   Vexil::Ptr<PolicySmStatus> policySmStatus ) {
    if( !policySm_ )
-      policySm_ = Vexil::makeEntity<PolicySm>( em, inputDir, agentInputDir, output );
+      policySm_ = policySmFactory( em, inputDir, agentInputDir, hostOutput, lbOutput, labelOutput,
+                                   destOutput, floodOutput, policySmStatus );
    return policySm_;
 }
 

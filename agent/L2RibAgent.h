@@ -40,10 +40,12 @@ class Agent : public Vexil::BaseAgent {
    VEXIL_ATTRIBUTE( bool, loadTestPlugin, false )
    const Vexil::Ptr<PolicySm>& policySm() const { return policySm_; }
    // Makes the engine; returns the present one when there is one.
-   const Vexil::Ptr<PolicySm>& policySmIs( Vexil::Ptr<Vexil::EntityManager> em,
-                                           Vexil::Ptr<const Vexil::Directory> inputDir,
-                                           Vexil::Ptr<const AgentSourceDir> agentInputDir,
-                                           const PolicySm::Tables& output );
+   const Vexil::Ptr<PolicySm>&
+   policySmIs( Vexil::Ptr<Vexil::EntityManager> em, Vexil::Ptr<const Vexil::Directory> inputDir,
+               Vexil::Ptr<const AgentSourceDir> agentInputDir, Vexil::Ptr<HostOutput> hostOutput,
+               Vexil::Ptr<LoadBalanceOutput> lbOutput, Vexil::Ptr<LabelOutput> labelOutput,
+               Vexil::Ptr<DestOutput> destOutput, Vexil::Ptr<FloodSetOutput> floodOutput,
+               Vexil::Ptr<PolicySmStatus> policySmStatus );
    void policySmDel() { policySm_ = nullptr; }
    const Vexil::Ptr<StaticHostSm>& staticHostSm() const { return staticHostSm_; }
    // Makes the static host source; returns the present one when there is one.

@@ -12,6 +12,10 @@ namespace L2Rib {
 
 namespace {
 
+// An agent that has nothing to do gives a sign of life that often, in seconds, as the loop turns:
+// when it was killed can be told about as exactly.
+constexpr double signInterval = 1;
+
 double wallClock() {
    timespec now{};
    clock_gettime( CLOCK_REALTIME, &now );
@@ -96,11 +100,18 @@ void StatusPublisher::publish() {
    publishSources(); // first: whoever sees empty lists must also see what had been read
    AgentStatusRecord record = figures();
    record.lastSign = published_.lastSign;
-   if( record == published_ )
+   const double now = wallClock();
+   if( record == published_ && now - record.lastSign.value() < signInterval )
       return;
-   record.lastSign = wallClock();
+   record.lastSign = now;
    published_ = record;
    [[maybe_unused]] const bool written = agent_->set( record ); // has room for its one record
+}
+
+// When the agent ended is what its last sign says.
+StatusPublisher::~StatusPublisher() {
+   published_.lastSign = Vexil::Wire64<double>();
+   publish();
 }
 
 void StatusPublisher::publishSources() {

@@ -21,6 +21,7 @@ class StatusPublisher {
    // the loop turns.
    StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
                     Vexil::Ptr<PolicySm> policySm );
+   ~StatusPublisher();
 
  private:
    void publish();

@@ -77,16 +77,16 @@ bool PolicySm::sourceValid( const HostAndSource& row ) {
 void PolicySm::prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const {
    const uint64_t hash = mvp.hash();
    for( const PolicySourceSm* sm : sourceOrder_ )
-      if( sm->ready() )
-         sm->hostTable()->prefetchIndex( hash );
+      if( const HostInput* const table = sm->hostTable(); table && sm->ready() )
+         table->prefetchIndex( hash );
    output_.host->prefetchIndex( hash );
 }
 
 void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
    const uint64_t hash = mvp.hash();
    for( const PolicySourceSm* sm : sourceOrder_ )
-      if( sm->ready() )
-         sm->hostTable()->prefetchRecord( hash );
+      if( const HostInput* const table = sm->hostTable(); table && sm->ready() )
+         table->prefetchRecord( hash );
    output_.host->prefetchRecord( hash );
 }
 

@@ -10,11 +10,15 @@
 
 namespace L2Rib {
 
-void PolicySm::setFloodSetTimer() { floodSetTimer_.timeMinIs( 0 ); }
+void PolicySm::floodSetTimerIs( Ptr<Vexil::Clock> clock ) {
+   floodSetTimer_.emplace( std::move( clock ), [ this ] { processFloodSetBacklog(); } );
+}
+
+void PolicySm::setFloodSetTimer() { floodSetTimer_->timeMinIs( 0 ); }
 
 void PolicySm::processFloodSetBacklog() {
    TRACE( 0, __PRETTY_FUNCTION__ << " floodSet length: " << floodSetBacklog().size() );
-   floodSetTimer_.timeMinIs( Vexil::never );
+   floodSetTimer_->timeMinIs( Vexil::never );
    const Seconds deadline = clock_->now() + floodReviewQuantum();
    const auto slice =
       walkSlice( floodSetBacklog(), floodSetBookmarkValid() ? floodSetBookmark() : FloodSetTriple(),
@@ -28,7 +32,7 @@ void PolicySm::processFloodSetBacklog() {
       floodSetBookmarkIs( slice.bookmark );
    }
    if( !floodSetBacklog().empty() ) // the rest, or what came in behind the walk
-      floodSetTimer_.timeMinIs( 0 );
+      floodSetTimer_->timeMinIs( 0 );
 }
 
 void PolicySm::handleFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,

@@ -169,6 +169,8 @@ class PolicySm : public Vexil::Entity {
    VEXIL_WORK_LIST( FloodSetTriple, floodSetBacklog )
    VEXIL_ATTRIBUTE( FloodSetTriple, floodSetBookmark )
    VEXIL_ATTRIBUTE( bool, floodSetBookmarkValid, false )
+   // Makes the timer that works the backlog, due at the next turn.
+   void floodSetTimerIs( Ptr<Vexil::Clock> clock );
    // Lets the backlog be worked at the next turn of the event loop.
    void setFloodSetTimer();
    void processFloodSetBacklog();
@@ -179,6 +181,9 @@ class PolicySm : public Vexil::Entity {
    void setFloodSetOutputType();
 
    // --- sources (Sources.cpp) -----------------------------------------------------------------
+   // Follows a directory. handleSource() then looks at what it holds.
+   void sourceDirIs( Ptr<const Vexil::Directory> sourceDir );
+   void agentSourceDirIs( Ptr<const AgentSourceDir> agentSourceDir );
    // Reconciles the state machines with the directories: all names, or one.
    void handleSource();
    void handleSource( const std::string& name );
@@ -189,6 +194,10 @@ class PolicySm : public Vexil::Entity {
    // The state machine that serves a source value; null when there is none.
    Ptr<PolicySourceSm> sourceSmByEnum( Source source ) const;
    void sourceSmByEnumIs( Source source, Ptr<PolicySourceSm> sm );
+   // What is queued of the source's objects goes with it; its hosts stay until the hold is over.
+   void sourceSmByEnumDel( Source source );
+   // The state machine goes, and every registration by value with it.
+   void sourceSmDel( const std::string& name );
    // The source's tables have been replayed: what it no longer has is withdrawn.
    void handleSourceReplayed( Source source );
    // Queues every output host that stems from the source for review, in slices.
@@ -262,6 +271,7 @@ class PolicySm : public Vexil::Entity {
 
    const Ptr<ObjTupleUsers>& usersMapIs( const ObjTuple& used );
    void usersMapDel( const ObjTuple& used );
+   void usersMapDelAll();
    bool isInProcess( const ObjTuple& ot ) const;
    void onZeroRefs( const ObjTuple& ot );
    bool isUnused( const ObjTuple& ot ) const;
@@ -273,7 +283,6 @@ class PolicySm : public Vexil::Entity {
    void parkedToLists();
    void reviewOtas( Seconds deadline );
 
-   void sourceSmDel( const std::string& name );
    void forgetOtasOf( Source source );
    void startWithdrawal( Source source );
    void endHold( Source source );
@@ -323,7 +332,7 @@ class PolicySm : public Vexil::Entity {
    // Works off what was queued during a restart that ended without asking for a review.
    Vexil::TimerReactor queuedReviewTimer_;
    std::optional<Vexil::TimerReactor> initialSyncTimer_; // steps the restart
-   Vexil::TimerReactor floodSetTimer_;
+   std::optional<Vexil::TimerReactor> floodSetTimer_;
    Vexil::TimerReactor holdTimer_;
    Vexil::TimerReactor withdrawalTimer_;
 };

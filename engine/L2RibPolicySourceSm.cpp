@@ -19,6 +19,23 @@ class PolicySourceSm::TableReactor : public Vexil::Reactor<Table> {
    PolicySourceSm& sm_;
 };
 
+class PolicySourceSm::HostTableReactor
+   : public TableReactor<HostInput, Bridging::MacVlanPair, &PolicySourceSm::handleHost> {
+   using TableReactor::TableReactor;
+};
+class PolicySourceSm::LbTableReactor
+   : public TableReactor<LoadBalanceTable, LoadBalanceId, &PolicySourceSm::handleLb> {
+   using TableReactor::TableReactor;
+};
+class PolicySourceSm::LabelTableReactor
+   : public TableReactor<LabelTable, LabelId, &PolicySourceSm::handleLabel> {
+   using TableReactor::TableReactor;
+};
+class PolicySourceSm::DestTableReactor
+   : public TableReactor<DestTable, DestId, &PolicySourceSm::handleDest> {
+   using TableReactor::TableReactor;
+};
+
 class PolicySourceSm::SourceEntryReactor : public Vexil::Reactor<SourceDirEntry> {
  public:
    SourceEntryReactor( Vexil::Ptr<const SourceDirEntry> entry, PolicySourceSm& sm )
@@ -153,6 +170,10 @@ Vexil::Ptr<Table> PolicySourceSm::attach( const std::string& path, uint32_t capa
    try {
       return entityManager_->mountTable<Table>( path, mode, capacity );
    } catch( const Vexil::TableError& failure ) {
+      if( failure.kind() == Vexil::TableError::mismatch ) {
+         Vexil::log( "source " + name_ + ": " + failure.what() );
+         return nullptr; // a table of another type: the caller's assertion stops the agent
+      }
       Vexil::log( "source " + name_ + " contributes nothing: " + failure.what() );
       return Vexil::makeEntity<Table>( 1u );
    }
@@ -164,10 +185,10 @@ void PolicySourceSm::maybeMountTarnTable() {
       return;
    attachment_ = nextAttachment();
 
-   hostTable_ = attach<HostInput>( entry_->hostTableTarnPath(), entry_->hostTableLen() );
-   host_ =
-      std::make_unique<TableReactor<HostInput, Bridging::MacVlanPair, &PolicySourceSm::handleHost>>(
-         hostTable_, *this );
+   const auto hostTable = attach<HostInput>( entry_->hostTableTarnPath(), entry_->hostTableLen() );
+   VEXIL_ASSERT( hostTable );
+   hostTable_ = hostTable;
+   host_ = std::make_unique<HostTableReactor>( hostTable_, *this );
    if( entry_->lbTableTarnPath().empty() ) { // hosts with inline destinations only
       VEXIL_ASSERT( source()->destTableTarnPath().empty() );
       VEXIL_ASSERT( source()->labelTableTarnPath().empty() );
@@ -183,12 +204,9 @@ void PolicySourceSm::maybeMountTarnTable() {
    labelTable_ = labelTable;
    lbTable_ = lbTable;
    destTable_ = destTable;
-   label_ = std::make_unique<TableReactor<LabelTable, LabelId, &PolicySourceSm::handleLabel>>(
-      labelTable_, *this );
-   lb_ = std::make_unique<TableReactor<LoadBalanceTable, LoadBalanceId, &PolicySourceSm::handleLb>>(
-      lbTable_, *this );
-   dest_ = std::make_unique<TableReactor<DestTable, DestId, &PolicySourceSm::handleDest>>(
-      destTable_, *this );
+   label_ = std::make_unique<LabelTableReactor>( labelTable_, *this );
+   lb_ = std::make_unique<LbTableReactor>( lbTable_, *this );
+   dest_ = std::make_unique<DestTableReactor>( destTable_, *this );
 }
 
 void PolicySourceSm::maybeWriteSourceSmByEnum() {
@@ -210,10 +228,11 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
 }
 
 Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const {
+   VEXIL_ASSERT( hostTable_ );
    Host h = hostTable_->get( mvp, hash );
-   if( h.next().tableType() > tableTypeDest_ ) [[unlikely]] {
+   if( !isSound( h.next() ) ) [[unlikely]] {
       hostTable_->corruptionDetected( hostTable_->path() + ": host " + mvpStr( mvp ) +
-                                      " has a next of no known table type" );
+                                      " has a next that can be no object" );
       h = Host();
    }
    return h;

@@ -33,7 +33,8 @@ class PolicySourceSm : public Vexil::Entity {
    void handleInitialized();
    bool initialized() const { return initialized_; }
    Source sourceEnum() const { return entry_->source(); }
-   // Whether the source takes part: a ready source has its host table attached.
+   // Whether the source takes part. It must then have a host table: a source that is initialized
+   // and names none stops the engine when a host is looked up.
    bool ready() const { return initialized_ && entry_->initialized(); }
 
    // The attached tables, null where there is none.
@@ -76,6 +77,10 @@ class PolicySourceSm : public Vexil::Entity {
  private:
    template<class Table, class Key, void ( PolicySourceSm::*handle )( const Key& )>
    class TableReactor;
+   class HostTableReactor;
+   class LbTableReactor;
+   class LabelTableReactor;
+   class DestTableReactor;
    class SourceEntryReactor;
    class VlanFloodSetReactor;
    class FloodSetReactor;

@@ -13,6 +13,14 @@ namespace L2Rib {
 // quarters full, so 16 to 32 bytes; the smallest array has 8 slots, and an empty set has none.
 class ObjTupleUsers : public Vexil::Entity {
  public:
+   struct Handlers {
+      virtual void handleZeroReferences() {}
+   };
+   Vexil::Notifiees<Handlers> notifiees;
+   // Tells the reactors that nothing uses the object any more. The engine, which is the one to find
+   // that out, has nobody to tell.
+   void zeroReferences() const { notifiees.notify( &Handlers::handleZeroReferences ); }
+
    explicit ObjTupleUsers( const ObjTuple& used ) : used_( used ) {}
 
    const ObjTuple& used() const { return used_; }

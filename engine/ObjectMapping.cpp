@@ -17,25 +17,20 @@ namespace {
 // reported as corruption of its table and reads as absent.
 Dest checked( const DestTable&, const Dest& dest ) { return dest; }
 
-bool knownType( const ObjTuple& ot ) {
-   return ot == Util::objTupleInvalid() ||
-          ( ot.tableType() >= tableTypeLoadBalance_ && ot.tableType() <= tableTypeDest_ );
-}
-
 Label checked( const LabelTable& table, const Label& label ) {
-   if( knownType( label.next() ) )
+   if( isSound( label.next() ) )
       return label;
    table.corruptionDetected( table.path() + ": label " + label.key().str() +
-                             " has a next of no known table type" );
+                             " has a next that can be no object" );
    return Label();
 }
 
 LoadBalance checked( const LoadBalanceTable& table, const LoadBalance& lb ) {
    const auto nexts = lb.used();
-   if( lb.nexts() <= nexts.size() && std::ranges::all_of( nexts, knownType ) )
+   if( lb.nexts() <= nexts.size() && std::ranges::all_of( nexts, isSound ) )
       return lb;
    table.corruptionDetected( table.path() + ": group " + lb.key().str() +
-                             " has too many nexts or one of no known table type" );
+                             " has too many nexts or one that can be no object" );
    return LoadBalance();
 }
 

@@ -39,6 +39,7 @@ void PolicySm::handleInitialized() {
    TRACE( 0, __PRETTY_FUNCTION__ );
    restartBegan_ = clock_->now();
    initialSyncTimer_.emplace( clock_, [ this ] { handleInitialSyncTimer(); } );
+   floodSetTimerIs( clock_ );
    VEXIL_ASSERT( !initialized_ );
    initialized_ = true;
    VEXIL_ASSERT( Util::objTupleInvalid() ==
@@ -179,7 +180,7 @@ bool PolicySm::scanHosts( Seconds end ) {
       [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHostIndex( mvp ); } );
    if( hosts.stopped ) {
       handleTablesInconsistent();
-      queuedReviewTimer_.timeMinIs( 0 );
+      queuedReviewTimer_.timeMinIs( 0 ); // the scan ends here and asks for no review
       return false;
    }
    if( hosts.timedOut ) {
@@ -217,6 +218,8 @@ void PolicySm::cleanUpZeroRefs( Seconds end ) {
          TRACE( 0, "handleInitialSyncTimer"
                       << " OT zero ref check complete with " << objects.count << " hosts" );
          restartStateIs( running_ );
+         // A slice that has run out of time asks for no review, and nobody else may for long:
+         // what was queued meanwhile is looked after in a turn of its own.
          queuedReviewTimer_.timeMinIs( 0 );
       }
       maybeRescheduleInitialSyncReview();
@@ -416,8 +419,7 @@ void PolicySm::handleTablesInconsistent() {
    output_.label->labelDelAll();
    output_.lb->lbDelAll();
    output_.dest->destDelAll();
-   usersMap_.clear();
-   userCount_ = 0;
+   usersMapDelAll();
    for( const auto& [ tableType, manager ] : tupleManager_ ) {
       manager->inputToOutputDelAll();
       manager->outputToInputDelAll();

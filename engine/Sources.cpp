@@ -7,6 +7,7 @@
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
 #include "engine/SliceWalk.h"
+#include "engine/SourceReactors.h"
 
 #include <algorithm>
 
@@ -24,6 +25,16 @@ Vexil::Ptr<PolicySourceSm> PolicySm::sourceSmByEnum( Source source ) const {
 
 void PolicySm::sourceSmByEnumIs( Source source, Ptr<PolicySourceSm> sm ) {
    sourceSmByEnum_.emplace( source, std::move( sm ) );
+}
+
+void PolicySm::sourceDirIs( Ptr<const Vexil::Directory> sourceDir ) {
+   sourceDir_ = std::move( sourceDir );
+   sourceDirReactor_ = std::make_unique<SourceDirReactor>( sourceDir_, *this );
+}
+
+void PolicySm::agentSourceDirIs( Ptr<const AgentSourceDir> agentSourceDir ) {
+   agentSourceDir_ = std::move( agentSourceDir );
+   agentSourceDirReactor_ = std::make_unique<AgentSourceDirReactor>( agentSourceDir_, *this );
 }
 
 void PolicySm::handleSource() {
@@ -123,20 +134,20 @@ Vexil::Ptr<PolicySourceSm> PolicySm::sourceSmIs( const std::string& name,
    return sm;
 }
 
-// The state machine goes, and every registration by value with it. Its hosts stay for now.
 void PolicySm::sourceSmDel( const std::string& name ) {
    const Ptr<PolicySourceSm> sm = sourceSm( name );
    std::erase( sourceOrder_, sm.get() );
    sourceSm_.erase( name );
-   for( auto at = sourceSmByEnum_.begin(); at != sourceSmByEnum_.end(); ++at ) {
-      if( at->value != sm )
-         continue;
-      const Source source = at->key;
-      sourceSmByEnum_.erase( source );
-      forgetOtasOf( source );
-      heldUntil_[ source ] = clock_->now() + sourceHoldTime();
-      holdTimer_.timeMinIs( std::min( holdTimer_.timeMin(), heldUntil_[ source ] ) );
-   }
+   for( auto at = sourceSmByEnum_.begin(); at != sourceSmByEnum_.end(); ++at )
+      if( at->value == sm )
+         sourceSmByEnumDel( Source( at->key ) );
+}
+
+void PolicySm::sourceSmByEnumDel( Source source ) {
+   sourceSmByEnum_.erase( source );
+   forgetOtasOf( source );
+   heldUntil_[ source ] = clock_->now() + sourceHoldTime();
+   holdTimer_.timeMinIs( std::min( holdTimer_.timeMin(), heldUntil_[ source ] ) );
 }
 
 // Nobody can say any more what these objects are.

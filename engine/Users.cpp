@@ -23,6 +23,11 @@ const Vexil::Ptr<ObjTupleUsers>& PolicySm::usersMapIs( const ObjTuple& used ) {
    return *usersMap_.emplace( used, Vexil::makeEntity<ObjTupleUsers>( used ) ).first;
 }
 
+void PolicySm::usersMapDelAll() {
+   usersMap_.clear();
+   userCount_ = 0;
+}
+
 void PolicySm::usersMapDel( const ObjTuple& used ) {
    if( const Ptr<ObjTupleUsers> otu = usersMap( used ) )
       userCount_ -= otu->size();

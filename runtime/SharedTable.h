@@ -2,11 +2,11 @@
 // be told of changes.
 //
 // The same class serves three ways of use:
-//  - the writer of a file (attachForWriting): set() and erase() change it; reactors in this process
+//  - the writer of a file (Mode::write): set() and erase() change it; reactors in this process
 //    are called at the time of the change; ring() wakes the readers in other processes;
-//  - a reader of a file (attachForReading): poll() delivers what has changed since the last time to
-//    the reactors; TablePoller (ActivityManager.h) calls it when the writer rings;
-//  - a table in memory (inMemory), for tests and for tables that never leave a process: writer and
+//  - a reader of a file (Mode::read): poll() delivers what has changed since the last time to
+//    the reactors; the FileWatcher calls it when the writer rings;
+//  - a table in memory, without a file, for tests and for tables that never leave a process: writer and
 //    reader at once.
 //
 // A reader that can't keep up with the writer is overtaken by the journal's ring. It then calls

@@ -111,7 +111,7 @@ class TableMapping {
    // lock, which dies with the process. Throws TableError: kind busy when another writer has it.
    static std::unique_ptr<TableMapping> forWriting( const std::string& path, const TableSpec& spec,
                                                     uint32_t capacityOfNew );
-   // A new, empty, locked file that has no name yet; publishAt() gives it one.
+   // A new, empty, locked file that has no name yet; publish() gives it one.
    static std::unique_ptr<TableMapping> unpublished( const std::string& path, const TableSpec& spec,
                                                      uint32_t capacity );
    ~TableMapping();

@@ -3,6 +3,7 @@
 #include "runtime/Failure.h"
 #include "runtime/Trace.h"
 
+#include <algorithm>
 #include <string>
 
 namespace L2Rib {
@@ -91,25 +92,28 @@ void StaticHostSm::handleInitialized() {
    VEXIL_ASSERT( entityManager() );
    attachTables();
    publishEntry();
-   const auto earlierLabelHosts = noteUnchanged();
+   const auto unchangedLabelHosts = noteUnchanged();
    staticInputTable_->hostDelAll(); // what an earlier run of the agent left
    staticLoadBalanceTable_->lbDelAll();
    staticLabelTable_->labelDelAll();
    staticDestTable_->destDelAll();
    staticSde_->initializedIs( true );
    initialized_ = true;
-   for( const auto& [ labelId, mvp ] : earlierLabelHosts )
+   for( const auto& [ ids, mvp ] : unchangedLabelHosts ) {
+      currLabelId_ = ids.first.value() - 1; // what handleHost() adds to; the ids ascend
+      currDestId_ = std::max( currDestId_, ids.second.value() - 1 );
       handleHost( mvp );
+   }
    handleHost();
    unchangedSince_.clear();
 }
 
 // Of the hosts that an earlier run left, those that are still configured as they were keep their
-// update time: whoever reads the output of an agent that was restarted sees no change. Returns the
-// label hosts, ordered by label: brought in again in that order they get the same ids as before,
-// unless one has gone.
-std::map<LabelId, Bridging::MacVlanPair> StaticHostSm::noteUnchanged() {
-   std::map<LabelId, Bridging::MacVlanPair> labelHosts;
+// update time, and label hosts their ids: whoever reads the output of an agent that was restarted
+// sees no change, and no id comes to stand for another host while the old one is still in use.
+// Returns these label hosts with the ids of label and dest, in the order in which they were given.
+StaticHostSm::LabelHosts StaticHostSm::noteUnchanged() {
+   LabelHosts labelHosts;
    staticInputTable_->forEach( [ & ]( const Host& host ) {
       const Bridging::ConfiguredHost* const configured = configuredHost( host.key() );
       if( !configured )
@@ -120,10 +124,14 @@ std::map<LabelId, Bridging::MacVlanPair> StaticHostSm::noteUnchanged() {
                                 ? tunnel && labelHostIntact( host, configured->mplsLabel, *tunnel )
                                 : host.next() == Util::objTupleInvalid() &&
                                      host.ciDest() == ciDestOf( configured->intf );
-      if( unchanged )
-         unchangedSince_.emplace( host.key(), host.updateTime() );
-      if( configured->isLabelHost() && host.next().tableType() == tableTypeLabel_ )
-         labelHosts.emplace( host.next().labelId(), host.key() );
+      if( !unchanged )
+         return;
+      unchangedSince_.emplace( host.key(), host.updateTime() );
+      if( configured->isLabelHost() ) {
+         const LabelId labelId = host.next().labelId();
+         const DestId destId = staticLabelTable_->label( labelId ).next().destId();
+         labelHosts.emplace( std::pair( labelId, destId ), host.key() );
+      }
    } );
    return labelHosts;
 }

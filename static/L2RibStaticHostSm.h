@@ -27,6 +27,7 @@
 
 #include <map>
 #include <memory>
+#include <utility>
 
 namespace L2Rib {
 
@@ -81,7 +82,8 @@ class StaticHostSm : public Vexil::Entity {
  private:
    class BridgingConfigReactor;
 
-   std::map<LabelId, Bridging::MacVlanPair> noteUnchanged();
+   using LabelHosts = std::map<std::pair<LabelId, DestId>, Bridging::MacVlanPair>;
+   LabelHosts noteUnchanged();
    void attachTables();
    void publishEntry();
    void handleFdbConfig( const Bridging::Fid& fid );

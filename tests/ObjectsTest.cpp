@@ -211,6 +211,8 @@ TEST_F( Objects, CorruptRecordsReadAsAbsent ) {
    source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
    source.set( objectHost( mvp( 2 ), label( 1 ) ) );
    source.set( objectHost( mvp( 3 ), ObjTuple( ObjId( 1 ), TableType( 9 ) ) ) );
+   source.set( objectHost( mvp( 4 ), ObjTuple( ObjId( 1 ), tableTypeInvalid_ ) ) );
+   source.set( objectHost( mvp( 5 ), ObjTuple( ObjId( 0 ), tableTypeDest_ ) ) );
    lab.hammer();
    check( "none", 0 );
    EXPECT_EQ( 0u, lab.output.host->count() );

@@ -55,6 +55,7 @@ struct TableFuse : Reactor<Table> {
 struct SetFuse : Reactor<FloodSet> {
    using Reactor::Reactor;
    void handleDestSet( const Dest& ) override { fuse(); }
+   void handleFloodSetType() override { fuse(); }
 };
 struct VlanFuse : Reactor<VlanFloodSet> {
    explicit VlanFuse( Ptr<const VlanFloodSet> sets ) : Reactor( std::move( sets ) ) {

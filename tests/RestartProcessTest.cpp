@@ -77,6 +77,9 @@ TEST_F( RestartProcessTest, ReadersSeeOnlyRealChanges ) {
                     .status,
                  0 );
    startAgent();
+   settle();
+   EXPECT_EQ( ctl( { "config", "delete", "10", mac( 23 ) } ).status, 0 ); // leaves a gap of ids
+   settle();
    Program mlag = source( "mlag", "0x8", { "--host-only" } );
    publish( mlag, host( 1, 50, inlineDest ) + initialized( true ) );
    keep( "evpn", "0x40",
