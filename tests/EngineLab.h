@@ -3,6 +3,7 @@
 #pragma once
 
 #include "engine/L2RibPolicySm.h"
+#include "runtime/Trace.h"
 
 #include <gtest/gtest.h>
 
@@ -11,6 +12,7 @@
 #include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace L2Rib::Test {
 
@@ -82,6 +84,32 @@ struct LabSource {
    void set( const LoadBalance& value ) { ASSERT_TRUE( lb->lbIs( value ) ); }
    void set( const Label& value ) { ASSERT_TRUE( label->labelIs( value ) ); }
    void set( const Dest& value ) { ASSERT_TRUE( dest->destIs( value ) ); }
+};
+
+// The engine's trace, all levels, as long as it lives.
+class TraceLines {
+ public:
+   TraceLines() {
+      Vexil::logSinkIs( [ this ]( std::string_view line ) { lines_.emplace_back( line ); } );
+      Vexil::traceSettingIs( "L2RibPolicySm=0-9" );
+   }
+   ~TraceLines() {
+      Vexil::traceHandle( "L2RibPolicySm" ).levelsIs( 0 );
+      Vexil::logSinkIs( {} );
+   }
+   // Whether there are lines with these texts, in this order; other lines may stand between them.
+   void expect( std::initializer_list<const char*> texts ) const {
+      size_t at = 0;
+      for( const char* expected : texts ) {
+         while( at < lines_.size() && lines_[ at ].find( expected ) == std::string::npos )
+            ++at;
+         ASSERT_LT( at, lines_.size() ) << "no line, or not in this order: " << expected;
+      }
+   }
+   void clear() { lines_.clear(); }
+
+ private:
+   std::vector<std::string> lines_;
 };
 
 class Lab {

@@ -4,6 +4,7 @@
 #include "engine/HostRank.h"
 #include "runtime/Trace.h"
 
+#include <functional>
 #include <random>
 
 namespace L2Rib::Test {
@@ -159,33 +160,47 @@ TEST( BestHostDeath, BrokenInvariantsStopTheProcessWithTheirText ) {
 }
 
 TEST( BestHost, TracesSayWhatWasDecided ) {
-   std::vector<std::string> lines;
-   Vexil::logSinkIs( [ & ]( std::string_view line ) { lines.emplace_back( line ); } );
-   Vexil::traceSettingIs( "L2RibPolicySm=0-9" );
-   {
-      Lab lab;
-      lab.source( "one", a ).set( inlineHost( mvp( 1 ), 1, 100 ) );
-      lab.source( "two", b ).set( inlineHost( mvp( 1 ), 1, 200 ) );
-      lab.settle();
-   }
-   Vexil::traceHandle( "L2RibPolicySm" ).levelsIs( 0 );
-   Vexil::logSinkIs( {} );
-   size_t at = 0;
-   for( const char* expected :
-        { " 0 BestHost:",
-          "void L2Rib::PolicySm::handleHost(const Bridging::MacVlanPair&) "
-          "(02:00:00:00:00:01/10)",
-          "maybeRescheduleHostReview rescheduling host review.",
-          "bool L2Rib::PolicySm::processHost(const Bridging::MacVlanPair&) (02:00:00:00:00:01/10)",
-          "processHost found host (02:00:00:00:00:01/10) in source 0x",
-          "bool L2Rib::PolicySm::hostIsBetter(const L2Rib::Host&, L2Rib::Source, const "
-          "L2Rib::Host&, L2Rib::Source) const comparing ",
-          " on pref", "processHost Looking up (02:00:00:00:00:01/10) in output.",
-          "processHost pushing ", "handleReviewTimer host check complete with 1 hosts",
-          "handleReviewTimer otas check complete with 0 otass" } ) {
-      while( at < lines.size() && lines[ at ].find( expected ) == std::string::npos )
-         ++at;
-      ASSERT_LT( at, lines.size() ) << "no line, or not in this order: " << expected;
+   const TraceLines lines;
+   Lab lab;
+   lab.source( "one", a ).set( inlineHost( mvp( 1 ), 1, 100 ) );
+   lab.source( "two", b ).set( inlineHost( mvp( 1 ), 1, 200 ) );
+   lab.settle();
+   lines.expect(
+      { " 0 BestHost:",
+        "void L2Rib::PolicySm::handleHost(const Bridging::MacVlanPair&) (02:00:00:00:00:01/10)",
+        "maybeRescheduleHostReview rescheduling host review.",
+        "bool L2Rib::PolicySm::processHost(const Bridging::MacVlanPair&) (02:00:00:00:00:01/10)",
+        "processHost found host (02:00:00:00:00:01/10) in source 0x",
+        "bool L2Rib::PolicySm::hostIsBetter(const L2Rib::Host&, L2Rib::Source, const "
+        "L2Rib::Host&, L2Rib::Source) const comparing ",
+        " on pref", "processHost Looking up (02:00:00:00:00:01/10) in output.",
+        "processHost pushing ", "handleReviewTimer host check complete with 1 hosts",
+        "handleReviewTimer otas check complete with 0 otass" } );
+}
+
+TEST( BestHost, TracesSayWhichRuleDecided ) {
+   const MacVlanPair key = mvp( 1 );
+   const struct {
+      Host host, current;
+      const char* text;
+   } cases[] = {
+      { inlineHost( key, 1, 9 ), inlineHost( key, 1, 8 ), "hostIsBetter win on pref" },
+      { inlineHost( key, 1, 8 ), inlineHost( key, 1, 9 ), "hostIsBetter lose on pref" },
+      { inlineHost( key, 1, 9, 2 ), inlineHost( key, 1, 9, 1 ), "hostIsBetter win on seqNo" },
+      { inlineHost( key, 1, 9, 1 ), inlineHost( key, 1, 9, 2 ), "hostIsBetter lose on seqNo" },
+      { inlineHost( key, 1 ), objectHost( key, dest( 1 ) ), "hostIsBetter win because MT > CI" },
+      { objectHost( key, dest( 1 ) ), inlineHost( key, 1 ), "hostIsBetter lose because CI < MT" },
+      { objectHost( key, dest( 1 ) ), objectHost( key, dest( 2 ) ),
+        "hostIsBetter tie break comparing source enum, 0x40 vs 0x100" },
+      { inlineHost( key, 1 ), inlineHost( key, 1 ),
+        "hostIsBetter dests are same, tie break comparing source enum, 0x40 vs 0x100" },
+   };
+   const Lab lab;
+   TraceLines lines;
+   for( const auto& test : cases ) {
+      lines.clear();
+      lab.engine->hostIsBetter( test.host, Source( a ), test.current, Source( b ) );
+      lines.expect( { test.text } );
    }
 }
 
@@ -205,6 +220,38 @@ TEST( Review, SlicesOfQuantumZeroTakeOneEntryEach ) {
    }
    EXPECT_TRUE( lab.engine->hostList().empty() );
    EXPECT_EQ( Util::mvpInvalid(), lab.engine->hostBookmark() );
+}
+
+// A slice that runs out of time at the last host leaves the objects to the next pass, which begins
+// with what failed.
+TEST( Review, TracesOfSlicesAndOfFailures ) {
+   TraceLines lines;
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   lab.settle();
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.001 );
+   source.set( group( 1, { label( 1 ) } ) );
+   source.set( push( 1, 5, dest( 1 ) ) );
+   source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+   lines.clear();
+   lab.turn();
+   lines.expect( { "processLabel failed to processdest/1 from 0x40",
+                   "processLb failed to process label/1 from 0x40 (cascading)",
+                   "processHost failed to process lb/1 from 0x40 (cascading)",
+                   "handleReviewTimer processing failure on (02:00:00:00:00:01/10)",
+                   "handleReviewTimer ending review run after 1 hosts",
+                   "handleReviewTimer host check complete (at timeout) with 1 hosts" } );
+   EXPECT_TRUE( lab.engine->failedHost( mvp( 1 ) ) );
+   EXPECT_EQ( 2u, lab.engine->otasList().size() );
+   lab.turn();
+   lines.expect( { "handleReviewTimer looking at host (02:00:00:00:00:01/10)",
+                   "handleReviewTimer looking at host (02:00:00:00:00:01/10)" } );
+
+   lab.newEngine();
+   lines.clear();
+   lab.engine->handleReviewTimer();
+   lines.expect( { "handleReviewTimer initial sync still running." } );
 }
 
 TEST( Review, ChangesAheadOfAndBehindTheBookmarkAreAllMet ) {
@@ -372,6 +419,81 @@ TEST( Sources, EntryIsMadeAgainOnlyWithAllItsArguments ) {
               refusal( makeEntity<SourceDirEntry>( "one" ) )
                  .find( "Reinstantiating the pointer interface where constructor parameter "
                         "attribute _source has a different value of " ) );
+}
+
+// A change of attributes in the same entry is no new source; another entity under the name is.
+TEST( Sources, EntityOfTheEntryTellsWhetherItIsTheSameSource ) {
+   Lab lab;
+   LabSource source = lab.source( "one", a );
+   source.set( inlineHost( mvp( 1 ), 1 ) );
+   lab.settle();
+   const auto sm = lab.engine->sourceSm( "one" );
+   source.entry->hostTableTarnPathIs( "elsewhere" );
+   source.entry->hostTableLenIs( 7 );
+   lab.engine->handleSource( "one" );
+   source.set( inlineHost( mvp( 1 ), 2 ) );
+   lab.settle();
+   EXPECT_EQ( sm, lab.engine->sourceSm( "one" ) );
+   EXPECT_EQ( "value 2 from 0x40", lab.outcome( mvp( 1 ) ) ) << "it goes on with its tables";
+
+   lab.source( "one", a ).set( inlineHost( mvp( 1 ), 3 ) );
+   lab.settle();
+   EXPECT_NE( sm, lab.engine->sourceSm( "one" ) );
+   EXPECT_EQ( "value 3 from 0x40", lab.outcome( mvp( 1 ) ) );
+
+   lab.inputDir->entryIs( "one", makeEntity<Vexil::Directory>() ); // not an entry: counts as absent
+   EXPECT_FALSE( lab.engine->sourceSm( "one" ) );
+   EXPECT_FALSE( lab.engine->sourceSmByEnum( Source( a ) ) );
+   EXPECT_EQ( 0u, lab.output.flood->source() );
+}
+
+TEST( Sources, TablesAreReplayedObjectsBeforeHosts ) {
+   Lab lab;
+   LabSource& source = lab.source( "one", a, false );
+   source.set( inlineHost( mvp( 1 ), 1 ) );
+   source.set( push( 3, 5, dest( 1 ) ) );
+   source.set( group( 2, { dest( 1 ) } ) );
+   source.set( intfDest( 1, 1 ) );
+   const TraceLines lines;
+   source.entry->initializedIs( true );
+   lines.expect( { "handleSourceInitialized() for one", "handleDest(const L2Rib::DestId&) for one",
+                   "handleOtas(const L2Rib::ObjTupleAndSource&) dest/1 from 0x40",
+                   "handleOtas(const L2Rib::ObjTupleAndSource&) lb/2 from 0x40",
+                   "handleOtas(const L2Rib::ObjTupleAndSource&) label/3 from 0x40",
+                   "PolicySm::handleHost(const Bridging::MacVlanPair&) (02:00:00:00:00:01/10)",
+                   "setFloodSetOutputType()", "setFloodSetOutputType new source is 40" } );
+}
+
+TEST( SourcesDeath, ContradictoryEntriesStopTheProcess ) {
+   const auto publish = []( const std::function<void( Lab&, SourceDirEntry& )>& spoil ) {
+      Lab lab;
+      LabSource& source = lab.source( "one", a, false );
+      spoil( lab, *source.entry );
+      source.entry->initializedIs( true );
+      lab.source( "two", b ).set( inlineHost( mvp( 1 ), 1 ) );
+      lab.settle();
+   };
+   const struct {
+      const char* what;
+      std::function<void( Lab&, SourceDirEntry& )> spoil;
+      const char* text;
+   } cases[] = {
+      { "no host table at all",
+        []( Lab&, SourceDirEntry& entry ) { entry.hostTableTarnPathIs( "" ); }, "hostTable_" },
+      { "a host-only source with dests",
+        []( Lab&, SourceDirEntry& entry ) { entry.lbTableTarnPathIs( "" ); },
+        "source\\(\\)->destTableTarnPath\\(\\).empty\\(\\)" },
+      { "a table of another type",
+        []( Lab& lab, SourceDirEntry& entry ) {
+           lab.manager->entityIs( "odd", makeEntity<DestTable>( 8u ) );
+           entry.labelTableTarnPathIs( "odd" );
+        },
+        "assertion failed: labelTable," },
+   };
+   for( const auto& test : cases ) {
+      SCOPED_TRACE( test.what );
+      EXPECT_DEATH( publish( test.spoil ), test.text );
+   }
 }
 
 } // namespace

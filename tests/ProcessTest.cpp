@@ -180,6 +180,32 @@ TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
    EXPECT_EQ( ctl( { "settle", "--timeout", "0" } ).status, 1 );
 }
 
+// More changes than the journal holds, while the agent does not look: it learns of all of them, of
+// the deletions too.
+TEST_F( ProcessTest, AgentThatWasOvertakenMissesNothing ) {
+   startAgent();
+   Program evpn = source( "evpn", "0x40", { "--host-capacity", "64" } );
+   std::string content = initialized( true );
+   for( unsigned number = 1; number <= 30; ++number )
+      content += host( number, 100, inlineDest );
+   publish( evpn, content );
+   EXPECT_EQ( json( { "show", "hosts" } ).size(), 30u );
+   agent->signal( SIGSTOP );
+   std::string changes = R"({"op":"hostDel","mac":")" + mac( 1 ) + R"(","vlan":10})" + "\n";
+   for( unsigned i = 0; i < 3000; ++i )
+      changes += host( 2 + i % 20, 101 + i, inlineDest );
+   evpn.write( changes + host( 40, 100, inlineDest ) + syncOp );
+   evpn.expectOut( "synced", 2 );
+   agent->signal( SIGCONT );
+   settle();
+   EXPECT_EQ( json( { "show", "hosts" } ).size(), 30u );
+   EXPECT_EQ( winner( 1 ), "none" );
+   EXPECT_EQ( winner( 40 ), "evpn" );
+   EXPECT_EQ( json( { "show", "hosts", "--mac", mac( 21 ) } )[ 0 ][ "pref" ], 101 + 2999 );
+   const std::string metrics = ctl( { "metrics" } ).out;
+   EXPECT_EQ( metrics.find( "l2rib_journal_overruns_total 0\n" ), metrics.npos ) << metrics;
+}
+
 TEST_F( ProcessTest, ExampleDaemonFindsItsHostsInTheOutput ) {
    startAgent();
    settle();
