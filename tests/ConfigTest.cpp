@@ -27,6 +27,12 @@ class ConfigTest : public ProcessTest {
    }
    Json config() { return json( { "show", "config" } ); }
    std::string file( const std::string& name ) { return state + "/bridging/config/" + name; }
+   // A file with that content.
+   std::string documentOf( const std::string& content ) {
+      const std::string name = folder.file( "doc.json" );
+      TestSupport::replace( name, content );
+      return name;
+   }
    // A document with that many hosts, each on the interface of its number plus offset.
    static std::string many( unsigned count, unsigned offset ) {
       std::string hosts;
@@ -44,8 +50,9 @@ TEST_F( ConfigTest, CommandsSayWhatTheyDid ) {
       int status;
       const char* error;
    } steps[] = {
-      { "show config", 0, "" },
+      { "show config", 1, "there is no such state directory" },
       { "config set 10 02:00:00:00:00:01 --interface 5", 0, "" },
+      { "show config", 0, "" },
       { "config set 10 02:00:00:00:00:01 --interface 6", 0, "" },
       { "config set 10 02:00:00:00:00:02 --label 1 --tunnel 5", 3, "tunnel 5 is not configured" },
       { "config tunnel 5 --source 10.0.0.1 --destination 2001:db8::1", 3, "of one family" },
@@ -73,6 +80,7 @@ TEST_F( ConfigTest, CommandsSayWhatTheyDid ) {
       { "config delete-vlan 20", 1, "VLAN 20 has no configured hosts" },
       { "config tunnel 5 --delete", 0, "" },
       { "config apply nowhere.json", 1, "nowhere.json: reading: No such file" },
+      { "config apply /", 1, "/: reading: Is a directory" },
    };
    for( const auto& step : steps ) {
       SCOPED_TRACE( step.words );
@@ -137,11 +145,12 @@ TEST_F( ConfigTest, RefusedDocumentChangesNothing ) {
         { ":2:15: destination ::1 and source 10.0.0.1", ":3:1: tunnel 1 is already in line 1",
           ":3:60: ttl 256; right would be 0 to 255" } },
       { std::string( 100000, '[' ), { ":1:17: nested too deep" } },
+      { "{\"hosts\":[\n " + host + "\"interface\":1e999}]}",
+        { ":2:51: the number 1e999 is too large" } },
    };
    for( const auto& [ document, errors ] : cases ) {
       SCOPED_TRACE( document.substr( 0, 200 ) );
-      const std::string name = folder.file( "doc.json" );
-      TestSupport::replace( name, document );
+      const std::string name = documentOf( document );
       const Result result = ctl( { "config", "apply", name } );
       EXPECT_EQ( 3, result.status );
       for( const std::string& error : errors )
@@ -161,6 +170,28 @@ TEST_F( ConfigTest, ApplyWritesOnlyWhatDiffers ) {
    EXPECT_TRUE( shown[ "tunnels" ].empty() ) << "its hosts are on none";
    EXPECT_EQ( "hosts: 0 set, 1 deleted; tunnels: 0 set, 1 deleted\n", apply( shown.dump() ).out );
    EXPECT_EQ( shown, config() );
+}
+
+// The signal comes when the first record has been written.
+TEST_F( ConfigTest, ApplyThatIsToldToEndIsAllOrNothing ) {
+   constexpr unsigned count = 5000;
+   ASSERT_EQ( 0, ctl( { "config", "apply", documentOf( many( count, 0 ) ) } ).status );
+   unsigned offset = 0;
+   for( const int signal : { SIGTERM, SIGINT, SIGHUP } ) {
+      const ConfiguredHostTable hosts( file( ConfiguredHostTable::fileName ),
+                                       ConfiguredHostTable::Mode::read );
+      const uint64_t before = hosts.journalHead();
+      const std::string name = documentOf( many( count, ++offset ) );
+      Program applying = start( L2RIBCTL_PATH, { "config", "apply", name } );
+      ASSERT_TRUE( waitFor( [ & ] { return hosts.journalHead() > before; }, patience ) );
+      applying.signal( signal );
+      EXPECT_EQ( -signal, applying.status() ) << "it came too late to matter";
+      unsigned written = 0;
+      for( unsigned i = 1; i <= count; ++i )
+         written += hosts.get( { EthAddr( 0x020000000000 + i ), Bridging::VlanId( 1 + i % 7 ) } )
+                       .intf.value() == i + offset;
+      EXPECT_EQ( count, written );
+   }
 }
 
 TEST_F( ConfigTest, RacingCommandsLoseNothing ) {

@@ -98,9 +98,9 @@ TEST_F( OperationTest, ModesAreTheSameWhateverTheUmask ) {
       const mode_t before = umask( mask );
       startAgent();
       keep( "evpn", "0x40", objects + host( 1, 100, group ) + initialized( true ) );
+      EXPECT_EQ( ctl( { "config", "set", "10", mac( 2 ), "--interface", "7" } ).status, 0 );
       umask( before );
       settle();
-      EXPECT_EQ( ctl( { "config", "set", "10", mac( 2 ), "--interface", "7" } ).status, 0 );
       size_t files = 0;
       for( const auto& file : std::filesystem::recursive_directory_iterator( state ) ) {
          struct stat status {};

@@ -19,7 +19,7 @@ class OutputReaderTest : public ProcessTest {
    std::string file( const char* path ) const { return state + "/" + path; }
 };
 
-// An output that no agent would write: a label that leads to itself, and a host that leads nowhere.
+// An output that no agent would write: objects that lead to themselves, a host that leads nowhere.
 TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    const auto write = HostOutput::Mode::write;
    HostOutput hosts( file( Path::hostOutput ), write, 8 );
@@ -39,10 +39,21 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    const ObjTuple label( LabelId( 1 ) );
    ASSERT_TRUE( row( 1, label ) && row( 2, ObjTuple( DestId( 4 ) ) ) );
    const ObjTupleAndSource input( label, sourceBit6_ );
-   for( const uint64_t id : { 1, 2 } )
+   for( const uint64_t id : { 1, 9 } )
       ASSERT_TRUE( labels.labelIs( LabelAndSource(
          Label( LabelId( id ), ObjTuple( LabelId( id ) ), Vexil::MplsLabel( 16 ) ), input ) ) );
-   ASSERT_TRUE( ids.set( { SingleKey(), DestId(), LoadBalanceId(), LabelId( 1 ) } ) );
+   LoadBalance group( LoadBalanceId( 1 ) ); // leads to itself by way of a label
+   group.nextIs( EcmpIndex( 0 ), ObjTuple( DestId( 1 ) ) );
+   group.nextIs( EcmpIndex( 1 ), ObjTuple( LabelId( 3 ) ) );
+   ASSERT_TRUE(
+      groups.lbIs( LoadBalanceAndSource( group, { ObjTuple( group.key() ), sourceBit6_ } ) ) );
+   const Label back( LabelId( 3 ), ObjTuple( group.key() ), Vexil::MplsLabel( 16 ) );
+   ASSERT_TRUE( labels.labelIs( LabelAndSource( back, { ObjTuple( back.key() ), sourceBit6_ } ) ) );
+   const Dest untyped( DestId( 1 ) );
+   ASSERT_TRUE(
+      dests.destIs( DestAndSource( untyped, { ObjTuple( untyped.key() ), sourceBit6_ } ) ) );
+   ASSERT_TRUE( row( 3, ObjTuple( group.key() ) ) );
+   ASSERT_TRUE( ids.set( { SingleKey(), DestId( 1 ), LoadBalanceId( 1 ), LabelId( 3 ) } ) );
    for( const uint64_t interface : { 1, 2 } ) {
       Dest dest( Util::destIdNotInTarn() );
       dest.intfIs( { interface } );
@@ -53,12 +64,20 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    EXPECT_EQ( result.status, 1 );
    for( const char* fault :
         { "host (02:00:00:00:00:02/10) points to dest/4, which is not there",
-          "label/2 has an id that was never given: the highest is 1",
-          "label/2 and label/1 are copies of the same label/1 from 0x40",
-          "label/2 is not reached from any host", "dest intf 2 } is of no known type",
-          "dest intf 2 } has another type than its set", "6 faults" } )
+          "label/9 has an id that was never given: the highest is 3",
+          "label/1 points to label/1, which leads back to it", "label/9 points to label/9, which",
+          "label/3 points to lb/1, which leads back to it", "dest/1 is of no known type",
+          "label/9 and label/1 are copies of the same label/1 from 0x40",
+          "label/9 is not reached from any host", "dest intf 2 } is of no known type",
+          "dest intf 2 } has another type than its set", "10 faults" } )
       EXPECT_NE( ( result.out + result.err ).find( fault ), std::string::npos ) << fault;
-   EXPECT_EQ( ctl( { "graph" } ).status, 0 );
+   const auto drawn = [ & ]( const Words& command ) {
+      const Result graph = ctl( command );
+      EXPECT_EQ( graph.status, 0 );
+      return graph.out.find( "\"label/9\" -> \"label/9\"" ) != graph.out.npos;
+   };
+   EXPECT_TRUE( drawn( { "graph" } ) ) << "what no host reaches is in the output too";
+   EXPECT_FALSE( drawn( { "graph", "--vlan", "10" } ) );
 }
 
 // A reader that is overtaken by the journal still hears of every net change, and of nothing else.

@@ -159,6 +159,7 @@ TEST_F( ProcessTest, HostsOfAVanishedSourceAreHeld ) {
 
 TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
    EXPECT_EQ( ctl( { "show", "hosts" } ).status, 1 ); // no agent ever ran
+   EXPECT_EQ( ctl( { "show", "hosts", "--mac", "zz" } ).status, 2 );
    startAgent();
    keep( "evpn", "0x40", objects + host( 1, 100, group ) + initialized( true ) );
    settle();
@@ -167,12 +168,40 @@ TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
    for( const char* table : tables )
       before.push_back( json( { "show", table } ) );
    EXPECT_EQ( json( { "show", "status" } )[ "agent" ], "running" );
+   const struct {
+      const char* kind;
+      const char* option;
+      const char* value;
+      int status;
+   } filters[] = {
+      { "hosts", "--mac", "zz", 2 },
+      { "flood", "--mac", "02:00", 2 },
+      { "config", "--mac", "zz", 2 },
+      { "hosts", "--source", "0xzz", 2 },
+      { "dests", "--source", "0x100000000", 2 },
+      { "labels", "--source", "nobody", 1 },
+      { "sources", "--source", "nobody", 1 },
+      { "sources", "--source", "0x", 2 },
+      { "sources", "--source", "evpn", 0 },
+      { "hosts", "--source", "evpn", 0 },
+   };
+   for( const auto& [ kind, option, value, expected ] : filters )
+      EXPECT_EQ( ctl( { "show", kind, option, value } ).status, expected ) << kind << value;
+   for( const char* const evpn : { "evpn", "0x40", "0x040" } ) {
+      const Json rows = json( { "show", "sources", "--source", evpn } );
+      ASSERT_EQ( rows.size(), 1u ) << evpn;
+      EXPECT_EQ( rows[ 0 ][ "name" ], "evpn" );
+      EXPECT_TRUE( rows[ 0 ][ "ready" ] );
+   }
    agent->signal( SIGTERM );
    EXPECT_EQ( agent->status(), 0 );
    for( size_t i = 0; i < tables.size(); ++i )
       EXPECT_EQ( json( { "show", tables[ i ] } ), before[ i ] ) << tables[ i ];
    const Result human = ctl( { "show", "hosts" } );
    EXPECT_NE( human.err.find( "agent is stopped since" ), human.err.npos ) << human.err;
+   const Result sources = ctl( { "show", "sources" } );
+   EXPECT_NE( sources.err.find( "agent is stopped since" ), sources.err.npos ) << sources.err;
+   EXPECT_FALSE( json( { "show", "sources" } )[ 0 ][ "ready" ] ) << sources.out;
    const Json status = json( { "show", "status" } );
    EXPECT_EQ( status[ "agent" ], "stopped" );
    EXPECT_EQ( status[ "restartState" ], "running" );

@@ -13,7 +13,13 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
    const std::string key = R"("mac":"02:00:00:00:00:01","vlan":10,)";
    const std::vector<std::pair<std::string, std::string>> lines{
       { "nonsense", "not valid JSON at character" },
-      { std::string( 10000, '[' ), "not valid JSON" },
+      { std::string( 10000, '[' ), "nested deeper than 16 levels" },
+      { std::string( 500000, '[' ) + std::string( 500000, ']' ), "nested deeper than 16 levels" },
+      { R"({"op":"host",)" + key + inlineDest + R"(,"pref":1e999})", "a number that is too large" },
+      { R"({"op":"host",)" + key + inlineDest + R"(,"prefs":1})",
+        "takes entryType, inline, mac, next, op, pref, seqNo, vlan" },
+      { R"({"op":"dest","id":1,"tunnel":{"source":"1.1.1.1","destination":"1.1.1.2","tol":1}})",
+        "takes destination, source, tos, ttl" },
       { std::string( 2 << 20, 'x' ), "longer than 1 MiB" },
       { "[]", "the line is []; right would be an object" },
       { R"({"vlan":1})", "\"op\" is missing" },
@@ -113,7 +119,7 @@ TEST_F( SourceRunTest, WhatMayNotBePublishedIsRefused ) {
            { "other", "0x10", 2, "value 0x10 is that of the static configuration" },
            { "other", "0x3", 2, "0x3 is no single bit" },
            { "other", "0", 2, "no single bit" },
-           { "other", "0x100000000", 2, "no single bit" },
+           { "other", "0x140000000", 2, "value 0x140000000 is no single bit of 32" },
            { "other", "forty", 2, "right would be a whole number" },
            { "other", "64", 1, "value 0x40 is that of source evpn" },
            { "evpn", "0x40", 1, "run by another process" },

@@ -20,8 +20,12 @@ class Check {
    // One line a fault.
    const std::vector<std::string>& faults() {
       checkHosts();
-      for( const auto& [ id, row ] : graph_.dests )
+      for( const auto& [ id, row ] : graph_.dests ) {
          checkObject( row, ObjTuple( id ), ids_.maxDestId );
+         const DestType type = row.dest().destType();
+         if( type == objDestTypeNone_ || type > objDestTypeVxlan_ )
+            fault( ObjTuple( id ), "is of no known type" );
+      }
       for( const auto& [ id, row ] : graph_.groups ) {
          checkObject( row, ObjTuple( id ), ids_.maxLbId );
          if( row.lb().nexts() == 0 || row.lb().nexts() > EcmpIndex::max + 1 )
@@ -33,6 +37,7 @@ class Check {
             fault( ObjTuple( id ), "pushes a label past 20 bits" );
       }
       checkUse();
+      checkLoops();
       checkFlood();
       return faults_;
    }
@@ -94,6 +99,41 @@ class Check {
       for( const ObjTuple& object : objects_ )
          if( !reached.contains( object ) )
             fault( object, "is not reached from any host" );
+   }
+
+   // Goes down from every object, and keeps the way that it came: a next that is on it closes a
+   // loop. Not by calls of itself, for the chain may be as long as the tables are.
+   void checkLoops() {
+      struct Step {
+         ObjTuple object;
+         std::vector<ObjTuple> left; // nexts to look at
+      };
+      enum class Seen { onTheWay, done };
+      std::map<ObjTuple, Seen> seen;
+      std::vector<Step> way;
+      const auto enter = [ & ]( const ObjTuple& object ) {
+         seen[ object ] = Seen::onTheWay;
+         way.push_back( { object, graph_.nextsOf( object ) } );
+      };
+      for( const ObjTuple& start : objects_ ) {
+         if( !seen.contains( start ) )
+            enter( start );
+         while( !way.empty() ) {
+            const ObjTuple object = way.back().object;
+            if( way.back().left.empty() ) {
+               seen[ object ] = Seen::done;
+               way.pop_back();
+               continue;
+            }
+            const ObjTuple next = way.back().left.back();
+            way.back().left.pop_back();
+            const auto known = seen.find( next );
+            if( known == seen.end() )
+               enter( next );
+            else if( known->second == Seen::onTheWay )
+               fault( object, "points to " + next.str() + ", which leads back to it" );
+         }
+      }
    }
 
    void checkFlood() {

@@ -2,7 +2,7 @@
 //
 // Each add function enters its commands into the command line; the one that the user chose leaves
 // its work in the context, and main() runs it. A command returns its exit status and throws what it
-// can't go on with.
+// can't go on with: BadInput (Json.h) is bad usage, anything else the answer no.
 #pragma once
 
 #include "client/SourceFolder.h"
@@ -44,6 +44,9 @@ void addSettle( CLI::App& app, Context& context );
 void addMetrics( CLI::App& app, Context& context );
 // After addShow: "show config" is one of these.
 void addConfigCommands( CLI::App& app, Context& context );
+
+// What is wrong with an option's or argument's MAC address, or "": for its check().
+std::string checkMac( const std::string& text );
 
 // The --json flag of a command that has an answer for programs.
 void addJsonFlag( CLI::App& command, Context& context );

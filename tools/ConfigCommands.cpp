@@ -9,12 +9,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <memory>
 #include <optional>
-#include <sstream>
+#include <unistd.h>
+#include <vector>
 
 namespace Tools {
 
@@ -87,20 +88,22 @@ int deleteTunnel( const Context& context, TunnelId id ) {
    return done;
 }
 
-// The whole of a file, or of standard input for "-"; nothing when it can't be read.
+// The whole of a file, or of standard input for "-"; nothing, with errno, when it can't be read.
+// By system calls: a stream does not tell a directory from an empty file.
 std::optional<std::string> contentOf( const std::string& name ) {
-   std::ifstream file;
-   if( name != "-" ) {
-      file.open( name, std::ios::binary );
-      if( !file )
-         return std::nullopt;
-   }
-   std::istream& from = name == "-" ? std::cin : file;
-   std::ostringstream content;
-   content << from.rdbuf();
-   if( content.bad() )
+   const int fd = name == "-" ? STDIN_FILENO : open( name.c_str(), O_RDONLY | O_CLOEXEC );
+   if( fd < 0 )
       return std::nullopt;
-   return content.str();
+   std::string content;
+   std::vector<char> block( 256 * 1024 );
+   ssize_t got;
+   while( ( got = read( fd, block.data(), block.size() ) ) > 0 )
+      content.append( block.data(), static_cast<size_t>( got ) );
+   const int error = errno;
+   if( fd != STDIN_FILENO )
+      close( fd );
+   errno = error;
+   return got < 0 ? std::nullopt : std::optional( content );
 }
 
 int applyFile( const Context& context, const std::string& name ) {
@@ -124,6 +127,8 @@ int applyFile( const Context& context, const std::string& name ) {
 }
 
 int show( const Context& context, std::optional<uint32_t> vlan, const std::string& macText ) {
+   if( !std::filesystem::exists( context.stateDirectory ) )
+      return refuse( answerIsNo, context.stateDirectory + ": there is no such state directory" );
    Configuration shown = readConfiguration( context );
    const std::optional<EthAddr> mac = EthAddr::parse( macText );
    if( vlan || mac ) {
@@ -164,9 +169,6 @@ int show( const Context& context, std::optional<uint32_t> vlan, const std::strin
 
 // --- how they are called
 
-std::string checkMac( const std::string& text ) {
-   return EthAddr::parse( text ) ? "" : text + "; right would be such as 02:00:00:00:00:01";
-}
 std::string checkAddress( const std::string& text ) {
    return IpGenAddr::parse( text ) ? "" : text + "; right would be such as 10.0.0.1 or 2001:db8::1";
 }

@@ -68,8 +68,12 @@ class Builder : public nlohmann::json_sax<Json> {
    bool start_array( size_t ) override { return enter( Json::array() ); }
    bool end_object() override { return leave(); }
    bool end_array() override { return leave(); }
-   bool parse_error( size_t position, const std::string&,
+   bool parse_error( size_t position, const std::string& token,
                      const nlohmann::detail::exception& error ) override {
+      if( dynamic_cast<const Json::out_of_range*>( &error ) ) {
+         complaint_ = { tokenStart(), "the number " + token.substr( 0, 40 ) + " is too large" };
+         return false;
+      }
       const size_t last = std::min( position, text_.size() + 1 ) - 1;
       std::string what = error.what(); // "[...] parse error at line 1, column 5: what is wrong"
       const size_t place = what.find( ", column " );
@@ -80,8 +84,6 @@ class Builder : public nlohmann::json_sax<Json> {
    }
 
  private:
-   static constexpr size_t deepest = 16;
-
    size_t tokenStart() const {
       const auto* const end = text_.data() + text_.size();
       const char* const start = std::find_if( lastEnd_, end, []( char c ) {
@@ -104,7 +106,7 @@ class Builder : public nlohmann::json_sax<Json> {
       return true;
    }
    bool enter( Json empty ) {
-      if( open_.size() == deepest ) {
+      if( open_.size() == deepestNesting ) {
          complaint_ = { tokenStart(), "nested too deep" };
          return false;
       }

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -55,6 +56,20 @@ void read( const Context& context, Records& records ) {
    } );
 }
 
+// Has the system keep room for the whole file, that no write into it is the one that finds the
+// memory or the disk full.
+void reserve( const std::string& file ) {
+   const int fd = open( file.c_str(), O_RDWR | O_CLOEXEC );
+   struct stat status {};
+   int error = fd >= 0 && fstat( fd, &status ) == 0 ? 0 : errno;
+   if( error == 0 )
+      error = posix_fallocate( fd, 0, status.st_size );
+   if( fd >= 0 )
+      close( fd );
+   if( error != 0 )
+      throw TableError( TableError::system, file + ": making room: " + std::strerror( error ) );
+}
+
 // The table with room for all that it has and all that it shall have; null when that is nothing.
 template<class Table, class Records>
 Ptr<Table> writing( const Context& context, const Records& wanted ) {
@@ -70,7 +85,10 @@ Ptr<Table> writing( const Context& context, const Records& wanted ) {
    }
    while( capacity < needed )
       capacity *= 2;
-   return makeEntity<Table>( fileIn( context, Table::fileName ), Table::Mode::write, capacity );
+   const auto table =
+      makeEntity<Table>( fileIn( context, Table::fileName ), Table::Mode::write, capacity );
+   reserve( table->path() );
+   return table;
 }
 
 template<class Table, class Records>
@@ -97,6 +115,25 @@ size_t eraseOthers( const Ptr<Table>& table, const Records& wanted ) {
       } );
    return count;
 }
+
+// Holds back, while it lives, the signals that people and terminals end a command with. What came
+// meanwhile takes effect afterwards.
+class SignalsHeld {
+ public:
+   SignalsHeld() {
+      sigset_t held;
+      sigemptyset( &held );
+      for( const int signal : { SIGINT, SIGTERM, SIGHUP, SIGPIPE } )
+         sigaddset( &held, signal );
+      sigprocmask( SIG_BLOCK, &held, &before_ );
+   }
+   ~SignalsHeld() { sigprocmask( SIG_SETMASK, &before_, nullptr ); }
+   SignalsHeld( const SignalsHeld& ) = delete;
+   SignalsHeld& operator=( const SignalsHeld& ) = delete;
+
+ private:
+   sigset_t before_;
+};
 
 // Waits for the lock in the order of arrival. The alarm ends the waiting; it is repeated, in case
 // that it comes just before the waiting begins. Returns whether the lock is held, with errno.
@@ -134,8 +171,12 @@ ConfigEdit::ConfigEdit( const Context& context ) : context_( context ) {
    const std::string file = fileIn( context, ".lock" );
    Vexil::makeFoldersFor( file );
    lock_ = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
-   if( lock_ >= 0 && lockPatiently( lock_ ) )
-      return;
+   if( lock_ >= 0 ) {
+      // Whatever the umask of its maker was. Refused when another user made it; it is his then.
+      [[maybe_unused]] const int refused = fchmod( lock_, 0640 );
+      if( lockPatiently( lock_ ) )
+         return;
+   }
    const int error = errno;
    if( lock_ >= 0 )
       close( lock_ );
@@ -148,6 +189,8 @@ ConfigEdit::ConfigEdit( const Context& context ) : context_( context ) {
 ConfigEdit::~ConfigEdit() { close( lock_ ); }
 
 ConfigEdit::Changes ConfigEdit::commit( const Configuration& wanted ) {
+   const SignalsHeld uninterrupted;
+   // Room in both for everything that is and shall be, before the first write.
    const Ptr<TunnelTable> tunnels = writing<TunnelTable>( context_, wanted.tunnels );
    const Ptr<ConfiguredHostTable> hosts = writing<ConfiguredHostTable>( context_, wanted.hosts );
    Changes changes;

@@ -43,7 +43,10 @@ class ConfigEdit {
       size_t hostsDeleted = 0;
    };
    // Makes the configuration equal to wanted, which is free of faults and of hosts on tunnels that
-   // it does not have. Writes only what differs. Throws Vexil::TableError.
+   // it does not have. Writes only what differs. Throws Vexil::TableError when the tables can't be
+   // had or have no room, and nothing is changed then. SIGINT, SIGTERM and SIGHUP wait until all
+   // is written. Known limit: SIGKILL in the middle leaves a part; the same commit again makes it
+   // whole, for it writes what is missing.
    Changes commit( const Configuration& wanted );
 
  private:

@@ -125,12 +125,7 @@ void printForPeople( const Json& answer, const std::string& inOutput ) {
 }
 
 int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
-   const auto address = Vexil::EthAddr::parse( mac );
-   if( !address ) {
-      complain( "MAC " + mac + "; right would be such as 02:00:00:00:00:01" );
-      return badUsage;
-   }
-   const MacVlanPair key( *address, Bridging::VlanId( vlan ) );
+   const MacVlanPair key( *Vexil::EthAddr::parse( mac ), Bridging::VlanId( vlan ) );
    const OutputReader output( context.stateDirectory );
    const std::vector<Candidate> all = candidates( context, key );
    const Candidate* const winner = best( all );
@@ -186,7 +181,9 @@ void addExplain( CLI::App& app, Context& context ) {
    };
    const auto given = std::make_shared<Given>();
    CLI::App* const command = app.add_subcommand( "explain", "why a host is what it is" );
-   command->add_option( "MAC", given->mac, "such as 02:00:00:00:00:01" )->required();
+   command->add_option( "MAC", given->mac, "such as 02:00:00:00:00:01" )
+      ->required()
+      ->check( checkMac );
    command->add_option( "VLAN", given->vlan, "1 to 4094" )
       ->required()
       ->check( CLI::Range( 1, 4094 ) );

@@ -32,11 +32,7 @@ std::string labelOf( const OutputGraph& graph, const ObjTuple& object ) {
 }
 
 int graph( const Context& context, const std::string& mac, std::optional<uint32_t> vlan ) {
-   std::optional<Vexil::EthAddr> address;
-   if( !mac.empty() && !( address = Vexil::EthAddr::parse( mac ) ) ) {
-      complain( "--mac " + mac + "; right would be such as 02:00:00:00:00:01" );
-      return badUsage;
-   }
+   const auto address = Vexil::EthAddr::parse( mac ); // none when there is no filter
    const Client::OutputReader output( context.stateDirectory );
    requireOutput( output, context );
    const OutputGraph graph( output );
@@ -57,6 +53,15 @@ int graph( const Context& context, const std::string& mac, std::optional<uint32_
       std::cout << "   " << node << " -> \"" << row.next() << "\";\n";
       starts.push_back( row.next() );
    }
+   if( !address && !vlan ) { // then those too that no host reaches
+      const auto addAll = [ & ]( const auto& objects ) {
+         for( const auto& [ id, row ] : objects )
+            starts.emplace_back( id );
+      };
+      addAll( graph.groups );
+      addAll( graph.labels );
+      addAll( graph.dests );
+   }
    for( const ObjTuple& object : graph.reachedFrom( starts ) ) {
       std::cout << "   \"" << object << "\" [label=\"" << labelOf( graph, object ) << "\"];\n";
       for( const ObjTuple& next : graph.nextsOf( object ) )
@@ -76,7 +81,8 @@ void addGraph( CLI::App& app, Context& context ) {
    const auto given = std::make_shared<Given>();
    CLI::App* const command =
       app.add_subcommand( "graph", "who points to whom in the output, as Graphviz DOT" );
-   command->add_option( "--mac", given->mac, "only from hosts with this MAC address" );
+   command->add_option( "--mac", given->mac, "only from hosts with this MAC address" )
+      ->check( checkMac );
    command->add_option( "--vlan", given->vlan, "only from hosts of this VLAN" );
    command->callback( [ &context, given ] {
       context.command = [ &context, given ] { return graph( context, given->mac, given->vlan ); };

@@ -24,6 +24,10 @@ class BadInput : public std::runtime_error {
 // One line, whatever bytes a name holds.
 std::string text( const Json& json );
 
+// Lists and objects within each other, at most. Nothing of ours comes near, and whatever walks JSON
+// calls itself for each of them.
+constexpr size_t deepestNesting = 16;
+
 // --- to JSON
 
 Json toJson( const L2Rib::ObjTuple& next );      // {"type":"lb","id":7}, null for the invalid one
@@ -61,7 +65,11 @@ class Fields {
    // what names the object in the texts.
    Fields( const Json& object, std::string what );
 
-   bool has( const char* key ) const { return object_.contains( key ); }
+   // Asking is knowing: close() names the key among those that may be there.
+   bool has( const char* key ) {
+      known_.insert( key );
+      return object_.contains( key );
+   }
    const Json& any( const char* key );
    const Json& list( const char* key );
    std::string text( const char* key );

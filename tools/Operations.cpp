@@ -116,9 +116,24 @@ std::string operationNames() {
 
 } // namespace
 
+namespace {
+
+Json parsed( std::string_view line ) {
+   using Event = Json::parse_event_t;
+   return Json::parse( line, []( int depth, Event event, const Json& ) {
+      if( static_cast<size_t>( depth ) >= deepestNesting &&
+          ( event == Event::object_start || event == Event::array_start ) )
+         throw BadInput( "nested deeper than " + std::to_string( deepestNesting ) +
+                         " levels; right would be one object a line, such as {\"op\":\"sync\"}" );
+      return true;
+   } );
+}
+
+} // namespace
+
 Rejection Operations::carryOut( std::string_view line ) {
    try {
-      const Json json = Json::parse( line );
+      const Json json = parsed( line );
       const std::string name = Fields( json, "the line" ).text( "op" );
       Fields fields( json, name );
       fields.any( "op" );
@@ -138,6 +153,10 @@ Rejection Operations::carryOut( std::string_view line ) {
    } catch( const Json::parse_error& error ) {
       return "not valid JSON at character " + std::to_string( error.byte ) +
              "; right would be one object a line, such as {\"op\":\"sync\"}";
+   } catch( const Json::out_of_range& ) {
+      return "a number that is too large; right would be whole numbers of 64 bits at the most";
+   } catch( const Json::exception& error ) {
+      return std::string( "JSON that can't be read: " ) + error.what();
    } catch( const BadInput& error ) {
       return error.what();
    }

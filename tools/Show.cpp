@@ -35,11 +35,14 @@ Source SourceNames::valueOf( const std::string& name ) const {
    for( const auto& [ source, known ] : names_ )
       if( known == name )
          return source;
-   if( name.starts_with( "0x" ) )
-      if( const uint64_t value = numberOf( Json( name ), "--source" ); value <= UINT32_MAX )
-         return static_cast<Source>( value );
-   throw BadInput( "no source named " + name +
-                   "; 'l2ribctl source list' shows those that there are" );
+   if( name.starts_with( "0x" ) ) {
+      const uint64_t value = numberOf( Json( name ), "--source" );
+      if( value > UINT32_MAX )
+         throw BadInput( "--source " + name + " has more than the 32 bits of a source's value" );
+      return static_cast<Source>( value );
+   }
+   throw std::runtime_error( "no source named " + name +
+                             "; 'l2ribctl source list' shows those that there are" );
 }
 
 Json toJson( const HostAndSource& row, const SourceNames& names ) {
@@ -99,15 +102,8 @@ struct Filters {
 
 // --- one list a kind
 
-std::optional<Vexil::EthAddr> macOf( const Filters& filters ) {
-   std::optional<Vexil::EthAddr> mac;
-   if( !filters.mac.empty() && !( mac = Vexil::EthAddr::parse( filters.mac ) ) )
-      throw BadInput( "--mac " + filters.mac + "; right would be such as 02:00:00:00:00:01" );
-   return mac;
-}
-
 Json hostList( const OutputReader& output, const Filters& filters, const SourceNames& names ) {
-   const auto mac = macOf( filters );
+   const auto mac = Vexil::EthAddr::parse( filters.mac ); // none when there is no filter
    std::optional<Source> source;
    if( !filters.source.empty() )
       source = names.valueOf( filters.source );
@@ -120,7 +116,7 @@ Json hostList( const OutputReader& output, const Filters& filters, const SourceN
 }
 
 Json floodJson( const OutputReader& output, const Filters& filters ) {
-   const auto mac = macOf( filters );
+   const auto mac = Vexil::EthAddr::parse( filters.mac ); // none when there is no filter
    std::map<Bridging::MacVlanPair, FloodSetRow> sets;
    for( const FloodMember& member : output.flood.list() ) {
       const FloodSetTriple& triple = member.triple;
@@ -199,8 +195,10 @@ int printFlood( const Context& context, const Json& flood ) {
 
 // --- sources and status
 
-// The sources as the agent sees them, those inside the agent too, beside what is published.
+// The sources as the agent sees them, those inside the agent too, beside what is published. None is
+// ready for an agent that does not run.
 Json sourceList( const Context& context ) {
+   const bool runs = agentRuns( context );
    const SourceStatusTable statuses( context.fileOf( Path::sourceStatus ),
                                      SourceStatusTable::Mode::read );
    const auto published = context.sources().allSources();
@@ -212,7 +210,7 @@ Json sourceList( const Context& context ) {
       all.push_back( { { "name", name },
                        { "source", sourceStr( known ? status.source : entry.source ) },
                        { "initialized", entry.initialized != 0 },
-                       { "ready", known && status.ready != 0 },
+                       { "ready", runs && known && status.ready != 0 },
                        { "running", context.sources().running( name ) },
                        { "hosts", countOf( tables.host ) } } );
    };
@@ -223,6 +221,33 @@ Json sourceList( const Context& context ) {
          add( status.name.str(), SourceEntryRecord() );
    } );
    return all;
+}
+
+// The rows of the source of that name, which may have gone and be known to the agent alone, or of
+// that value.
+Json ofSource( const Json& sources, const std::string& wanted, const SourceNames& names ) {
+   const auto only = [ & ]( const char* column, const std::string& value ) {
+      Json found = Json::array();
+      for( const Json& row : sources )
+         if( row[ column ] == value )
+            found.push_back( row );
+      return found;
+   };
+   const Json named = only( "name", wanted );
+   return named.empty() ? only( "source", sourceStr( names.valueOf( wanted ) ) ) : named;
+}
+
+int printSources( const Context& context, const Filters& filters, const SourceNames& names ) {
+   Json sources = sourceList( context );
+   if( !filters.source.empty() )
+      sources = ofSource( sources, filters.source, names );
+   if( context.json ) {
+      std::cout << text( sources ) << '\n';
+      return done;
+   }
+   printTable( sources, { "name", "source", "initialized", "ready", "running", "hosts" } );
+   mentionStoppedAgent( context );
+   return done;
 }
 
 Json statusJson( const Context& context, const OutputReader& output ) {
@@ -286,12 +311,7 @@ int show( const Context& context, const std::string& what, const Filters& filter
       return printFlood( context, floodJson( output, filters ) );
    if( what == "status" )
       return printStatus( context, statusJson( context, output ) );
-   const Json sources = sourceList( context );
-   if( context.json )
-      std::cout << text( sources ) << '\n';
-   else
-      printTable( sources, { "name", "source", "initialized", "ready", "running", "hosts" } );
-   return done;
+   return printSources( context, filters, names );
 }
 
 } // namespace
@@ -312,14 +332,14 @@ void addShow( CLI::App& app, Context& context ) {
    CLI::App* const flood = add( "flood", "the flood sets, ordered by VLAN, then MAC" );
    for( CLI::App* const kind : { hosts, flood } ) {
       kind->add_option( "--vlan", filters->vlan, "only of this VLAN" );
-      kind->add_option( "--mac", filters->mac, "only with this MAC address" );
+      kind->add_option( "--mac", filters->mac, "only with this MAC address" )->check( checkMac );
    }
    CLI::App* const dests = add( "dests", "the destinations" );
    CLI::App* const groups = add( "groups", "the load-balance groups" );
    CLI::App* const labels = add( "labels", "the label pushes" );
-   for( CLI::App* const kind : { hosts, dests, groups, labels } )
+   CLI::App* const sources = add( "sources", "the sources, as the agent sees them" );
+   for( CLI::App* const kind : { hosts, dests, groups, labels, sources } )
       kind->add_option( "--source", filters->source, "only from the source of this name" );
-   add( "sources", "the sources, as the agent sees them" );
    add( "status", "what the agent has in hand" );
 }
 

@@ -17,7 +17,8 @@ class SourceNames {
    // null for a source that has no name at present.
    Json of( L2Rib::Source source ) const;
    // The value of a source by its name, or by the value itself as in "0x40", for sources that have
-   // gone. Throws BadInput when there is no such source.
+   // gone. Throws BadInput for a value that is none, std::runtime_error when there is no such
+   // source.
    L2Rib::Source valueOf( const std::string& name ) const;
 
  private:

@@ -20,7 +20,10 @@ namespace {
 int run( SourceOptions options, const std::string& value, bool keep ) {
    try {
       const uint64_t number = numberOf( Json( value ), "--value" );
-      options.value = number <= UINT32_MAX ? static_cast<Source>( number ) : sourceNone_;
+      if( number > UINT32_MAX )
+         throw BadInput( "value " + value +
+                         " is no single bit of 32: right would be 0x1 to 0x80000000" );
+      options.value = static_cast<Source>( number );
       return runSource( options, keep );
    } catch( const BadInput& error ) {
       complain( error.what() );

@@ -1,5 +1,6 @@
 // l2ribctl: publishes sources, shows and explains the output of the agent, and checks it.
 #include "tools/Commands.h"
+#include "tools/Json.h"
 
 #include <cstdlib>
 #include <exception>
@@ -8,6 +9,10 @@
 namespace Tools {
 
 void complain( const std::string& text ) { std::cerr << "l2ribctl: " << text << std::endl; }
+
+std::string checkMac( const std::string& text ) {
+   return Vexil::EthAddr::parse( text ) ? "" : text + "; right would be such as 02:00:00:00:00:01";
+}
 
 void addJsonFlag( CLI::App& command, Context& context ) {
    command.add_flag( "--json", context.json, "print JSON instead of a table" );
@@ -45,6 +50,9 @@ int main( int argc, char** argv ) {
    }
    try {
       return context.command();
+   } catch( const Tools::BadInput& wrong ) {
+      Tools::complain( wrong.what() );
+      return Tools::badUsage;
    } catch( const std::exception& failure ) {
       Tools::complain( failure.what() );
       return Tools::answerIsNo;
