@@ -56,27 +56,38 @@ void read( const Context& context, Records& records ) {
    } );
 }
 
-// Has the system keep room for the whole file, that no write into it is the one that finds the
-// memory or the disk full.
-void reserve( const std::string& file ) {
-   const int fd = open( file.c_str(), O_RDWR | O_CLOEXEC );
-   struct stat status {};
-   int error = fd >= 0 && fstat( fd, &status ) == 0 ? 0 : errno;
-   if( error == 0 )
-      error = posix_fallocate( fd, 0, status.st_size );
+// Has the system keep room for that many bytes of the file, so that no write into a mapping of it
+// is the one that finds the memory or the disk full.
+void reserve( const std::string& file, uint64_t size ) {
+   const int fd = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
+   const int error = fd < 0 ? errno : posix_fallocate( fd, 0, static_cast<off_t>( size ) );
    if( fd >= 0 )
       close( fd );
    if( error != 0 )
       throw TableError( TableError::system, file + ": making room: " + std::strerror( error ) );
 }
 
+// Whether there is room for a new file beside what is there. To be known before a table is moved to
+// a larger file: that takes the old one away.
+void requireRoom( const Context& context, uint64_t size ) {
+   const std::string trial = fileIn( context, ".room" );
+   try {
+      reserve( trial, size );
+   } catch( const TableError& ) {
+      unlink( trial.c_str() );
+      throw;
+   }
+   unlink( trial.c_str() );
+}
+
 // The table with room for all that it has and all that it shall have; null when that is nothing.
 template<class Table, class Records>
 Ptr<Table> writing( const Context& context, const Records& wanted ) {
+   uint32_t capacityBefore = 0;
    uint32_t capacity = smallest;
    size_t needed = wanted.size();
    if( const Ptr<Table> present = reading<Table>( context ) ) {
-      capacity = present->capacity();
+      capacity = capacityBefore = present->capacity();
       present->forEach( [ & ]( const typename Records::mapped_type& record ) {
          needed += !wanted.contains( record.key );
       } );
@@ -85,9 +96,12 @@ Ptr<Table> writing( const Context& context, const Records& wanted ) {
    }
    while( capacity < needed )
       capacity *= 2;
+   const uint64_t size = Vexil::TableGeometry( Table::spec(), capacity ).fileSize;
+   if( capacity != capacityBefore )
+      requireRoom( context, size );
    const auto table =
       makeEntity<Table>( fileIn( context, Table::fileName ), Table::Mode::write, capacity );
-   reserve( table->path() );
+   reserve( table->path(), size );
    return table;
 }
 
