@@ -82,7 +82,10 @@ void PolicySm::prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const {
    output_.host->prefetchIndex( hash );
 }
 
+// Hosts that are decided one after the other often lead to one object: a guess that costs little.
 void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
+   if( lastUsers_ )
+      lastUsers_->prefetchMvpUser( mvp );
    const uint64_t hash = mvp.hash();
    for( const PolicySourceSm* sm : sourceOrder_ )
       if( const HostInput* const table = sm->hostTable(); table && sm->ready() )

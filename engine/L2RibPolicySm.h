@@ -308,6 +308,7 @@ class PolicySm : public Vexil::Entity {
    FailureAges<Bridging::MacVlanPair> failingHosts_;
    FailureAges<ObjTupleAndSource> failingOtas_;
    uint64_t userCount_ = 0;
+   Ptr<ObjTupleUsers> lastUsers_; // of the object that a host came to use last
    uint64_t retries_ = 0;
    uint64_t overruns_ = 0;
 

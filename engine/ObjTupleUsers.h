@@ -27,6 +27,9 @@ class ObjTupleUsers : public Vexil::Entity {
    bool empty() const { return otUser().empty() && mvpUser().empty(); }
    size_t size() const { return otUser().size() + mvpUser().size(); }
 
+   // Brings the place of a host that may soon be entered nearer to the processor.
+   void prefetchMvpUser( const Bridging::MacVlanPair& mvp ) const { mvpUser().prefetch( mvp ); }
+
    VEXIL_KEY_SET( ObjTuple, otUser )
    VEXIL_KEY_SET( Bridging::MacVlanPair, mvpUser )
 

@@ -25,6 +25,7 @@ const Vexil::Ptr<ObjTupleUsers>& PolicySm::usersMapIs( const ObjTuple& used ) {
 
 void PolicySm::usersMapDelAll() {
    usersMap_.clear();
+   lastUsers_ = nullptr;
    userCount_ = 0;
 }
 
@@ -49,10 +50,12 @@ void PolicySm::addUser( const ObjTuple& otUsed, const ObjTuple& otUser,
    VEXIL_ASSERT( otu && otu->used() == otUsed );
    VEXIL_ASSERT( usersMap( otUsed ) == otu );
    const size_t before = otu->size();
-   if( otUser == Util::objTupleInvalid() )
+   if( otUser == Util::objTupleInvalid() ) {
       otu->mvpUserIs( mvpUser, true );
-   else
+      lastUsers_ = otu;
+   } else {
       otu->otUserIs( otUser, true );
+   }
    userCount_ += otu->size() - before; // the relation may have been there
 }
 
