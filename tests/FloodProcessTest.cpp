@@ -85,7 +85,7 @@ TEST_F( FloodProcessTest, SetsOfTwoSourcesAreMerged ) {
    EXPECT_EQ( shown( { "--mac", allHosts } )[ "vlans" ],
               Json::array( { merged[ "vlans" ][ 0 ] } ) );
    EXPECT_TRUE( shown( { "--vlan", "20", "--mac", allHosts } )[ "vlans" ].empty() );
-   EXPECT_EQ( ctl( { "show", "flood", "--mac", "x" } ).status, 1 );
+   EXPECT_EQ( ctl( { "show", "flood", "--mac", "x" } ).status, 2 );
 
    publish( evpn, floodDel( 10, allHosts, vtep( 2 ) ) + floodDel( 10, allHosts, vtep( 1 ) ) );
    EXPECT_EQ(
