@@ -6,7 +6,8 @@
 //    are called at the time of the change; ring() wakes the readers in other processes;
 //  - a reader of a file (Mode::read): poll() delivers what has changed since the last time to
 //    the reactors; the FileWatcher calls it when the writer rings;
-//  - a table in memory, without a file, for tests and for tables that never leave a process: writer and
+//  - a table in memory, without a file, for tests and for tables that never leave a process: writer
+//  and
 //    reader at once.
 //
 // A reader that can't keep up with the writer is overtaken by the journal's ring. It then calls
@@ -261,7 +262,16 @@ void SharedTable<Key, Record>::capacityIs( uint32_t capacity ) {
    // on there until it sees that it is superseded.
    auto moved = TableMapping::unpublished( mapping_->path(), spec_, capacity );
    TableWriter<Key, Record> copy( *moved );
-   forEach( [ & ]( const Record& record ) { copy.set( record ); } );
+   bool complete = true;
+   forEach( [ & ]( const Record& record ) {
+      try {
+         complete = copy.set( record ) && complete;
+      } catch( const CorruptionDetected& ) {
+         complete = false; // there is no memory for the new file
+      }
+   } );
+   if( !complete ) // the old file stays as it is
+      throw TableError( TableError::system, path() + ": no room to change its capacity" );
    // First the mark, then the new file: killed in between, this writer leaves a mark too many,
    // which the next one takes back, and not readers who stay with the old file for ever.
    table_.supersededIs( true );
