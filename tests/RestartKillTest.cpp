@@ -369,6 +369,21 @@ class Kill : public ::testing::Test {
       noteIds( output );
    }
 
+   void killAfterEveryWrite( bool countFromWork, const std::function<void()>& work ) {
+      noteIds( Output( original ) );
+      const auto start = ids;
+      for( int64_t n = 1; !HasFailure(); ++n ) {
+         ids = start;
+         copyOriginal();
+         if( runAgent( copy, n, countFromWork, work ) ) {
+            EXPECT_GT( n, 15 ) << "the script has become too short";
+            EXPECT_EQ( expected, Output( copy ).sorted );
+            return;
+         }
+         recover( n );
+      }
+   }
+
    TestSupport::TemporaryFolder folder;
    const std::string original = folder.file( "original" ), copy = folder.file( "copy" );
    std::set<std::string> expected;
@@ -379,39 +394,13 @@ class Kill : public ::testing::Test {
 // The sources change while no agent runs; the next one is killed while it adopts, checks and
 // reconciles.
 TEST_F( Kill, AfterEveryWriteOfARestart ) {
-   noteIds( Output( original ) );
    publish( original, after );
-   const auto start = ids;
-   for( int64_t n = 1;; ++n ) {
-      ids = start;
-      copyOriginal();
-      if( runAgent( copy, n, false, [] {} ) ) {
-         EXPECT_GT( n, 15 ) << "the script has become too short";
-         EXPECT_EQ( expected, Output( copy ).sorted );
-         break;
-      }
-      recover( n );
-      if( HasFailure() )
-         break;
-   }
+   killAfterEveryWrite( false, [] {} );
 }
 
 // The sources change under a running agent.
 TEST_F( Kill, AfterEveryWriteOfNormalWork ) {
-   noteIds( Output( original ) );
-   const auto start = ids;
-   for( int64_t n = 1;; ++n ) {
-      ids = start;
-      copyOriginal();
-      if( runAgent( copy, n, true, [ this ] { publish( copy, after ); } ) ) {
-         EXPECT_GT( n, 15 ) << "the script has become too short";
-         EXPECT_EQ( expected, Output( copy ).sorted );
-         break;
-      }
-      recover( n );
-      if( HasFailure() )
-         break;
-   }
+   killAfterEveryWrite( true, [ this ] { publish( copy, after ); } );
 }
 
 } // namespace

@@ -175,7 +175,8 @@ int check( const Context& context ) {
    for( const std::string& fault : faults )
       std::cout << fault << '\n';
    if( !faults.empty() ) {
-      complain( std::to_string( faults.size() ) + " faults in the output" );
+      complain( std::to_string( faults.size() ) + ( faults.size() == 1 ? " fault" : " faults" ) +
+                " in the output" );
       return answerIsNo;
    }
    std::cout << "no faults: " << graph.hosts.size() << " hosts, " << graph.dests.size()

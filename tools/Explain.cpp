@@ -29,7 +29,7 @@ struct Candidate {
 
 // Whether the comparator may look at it. The tables are other processes', and may hold anything.
 bool rankable( const Host& host ) {
-   return host.next().tableType() <= tableTypeDest_ &&
+   return isSound( host.next() ) &&
           ( host.ciDest().destType() == destTypeDefault_ ||
             ( host.ciDest().destType() == destTypeVxlan_ &&
               host.ciDest().vtepCount() <= CiVtepIndex::max + 1 ) );
