@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <unistd.h>
 
 namespace TestSupport {
 
@@ -43,12 +44,12 @@ class TemporaryFolder {
  public:
    TemporaryFolder() {
       const char* const given = std::getenv( "TMPDIR" );
-      for( const char* base : { "/dev/shm", given ? given : "/tmp" } ) {
-         path_ = std::string( base ) + "/l2rib-test-XXXXXX";
-         if( mkdtemp( path_.data() ) )
-            return;
-      }
-      throw std::runtime_error( path_ + ": no folder for temporary files" );
+      path_ = std::string( memoryHasRoom() ? memory
+                           : given         ? given
+                                           : "/tmp" ) +
+              "/l2rib-test-XXXXXX";
+      if( !mkdtemp( path_.data() ) )
+         throw std::runtime_error( path_ + ": no folder for temporary files" );
    }
    ~TemporaryFolder() {
       std::error_code ignored;
@@ -60,6 +61,14 @@ class TemporaryFolder {
    std::string file( const std::string& name ) const { return path_ + "/" + name; }
 
  private:
+   static constexpr const char* memory = "/dev/shm";
+   static bool memoryHasRoom() {
+      constexpr uintmax_t enough = 512u << 20; // in containers it often has 64 MB
+      std::error_code unknown;
+      const auto space = std::filesystem::space( memory, unknown );
+      return !unknown && space.available >= enough && access( memory, W_OK ) == 0;
+   }
+
    std::string path_;
 };
 
