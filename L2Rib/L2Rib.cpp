@@ -202,8 +202,7 @@ std::string floodSetTypeStr( FloodSetType floodSetType ) {
 }
 
 std::optional<FloodSetType> floodSetTypeParse( std::string_view text ) {
-   for( const FloodSetType type :
-        { floodSetTypeInvalid_, floodSetTypeVxlan_, floodSetTypeIntf_, floodSetTypeAny_ } )
+   for( const FloodSetType type : { floodSetTypeVxlan_, floodSetTypeIntf_, floodSetTypeAny_ } )
       if( text == floodSetTypeStr( type ) )
          return type;
    return std::nullopt;
