@@ -254,6 +254,7 @@ class PolicySm : public Vexil::Entity {
 
    void noteVerified( const ObjTupleAndSource& otas, const PolicySourceSm::ObjectVersion& version,
                       unsigned depth );
+   void forgetVerified( const ObjTupleAndSource& otas );
    bool usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
                     const ObjTuple& user ) const;
    bool leadsTo( const ObjTuple& ot, const ObjTuple& target ) const;
@@ -300,6 +301,10 @@ class PolicySm : public Vexil::Entity {
    std::map<TableType, Ptr<ObjTupleManager>> tupleManager_;
    Vexil::HashMap<ObjTuple, Ptr<ObjTupleUsers>> usersMap_;
    Vexil::HashMap<ObjTupleAndSource, Verified> verified_;
+   struct {
+      ObjTupleAndSource otas;
+      PolicySourceSm::ObjectVersion version;
+   } lastVerified_; // hosts that are decided one after the other often lead to one object
    std::vector<ObjTupleAndSource> inProcess_; // the path of processOtas calls under way
    // Relations still to be removed in the cascade under way: (used object, object that used it).
    std::vector<std::pair<ObjTuple, ObjTuple>> toRelease_;

@@ -113,7 +113,7 @@ LabelId PolicySm::newLabelId( const ObjTupleAndSource& otas ) {
 }
 
 void PolicySm::dropMapping( const ObjTupleAndSource& otas ) {
-   verified_.erase( otas );
+   forgetVerified( otas );
    tupleManager( otas.tableType() )->delOutputOt( outputObjTuple( otas ) );
 }
 
@@ -124,8 +124,12 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
    VEXIL_ASSERT( sm );
    // Taken before anything is read: a change that comes meanwhile makes it outdated.
    const auto version = sm->objectVersion();
-   if( const Verified* known = verified_.find( otas ); known && known->version == version )
+   if( otas == lastVerified_.otas && version == lastVerified_.version )
       return true;
+   if( const Verified* known = verified_.find( otas ); known && known->version == version ) {
+      lastVerified_ = { otas, version };
+      return true;
+   }
    const bool isLoop = std::ranges::find( inProcess_, otas ) != inProcess_.end();
    if( isLoop || inProcess_.size() == maxObjectDepth ) {
       TRACE( 8,
@@ -160,10 +164,15 @@ void PolicySm::noteVerified( const ObjTupleAndSource& otas,
       *known = { version, depth };
 }
 
+void PolicySm::forgetVerified( const ObjTupleAndSource& otas ) {
+   verified_.erase( otas );
+   lastVerified_ = {};
+}
+
 // The object is gone from its source. Its output copy goes with its last user; only an id that was
 // given to it and never led to a row is taken back, so that nobody points to that row.
 void PolicySm::forgetUnwritten( const ObjTupleAndSource& otas, bool hasRow ) {
-   verified_.erase( otas );
+   forgetVerified( otas );
    if( !hasRow && outputObjTuple( otas ) != Util::objTupleInvalid() )
       dropMapping( otas );
 }

@@ -425,6 +425,7 @@ void PolicySm::handleTablesInconsistent() {
       manager->outputToInputDelAll();
    }
    verified_.clear();
+   lastVerified_ = {};
    hostForSourceCheckDelAll();
    otForSourceCheckDelAll();
    restartStateIs( running_ );

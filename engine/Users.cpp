@@ -13,6 +13,8 @@ namespace L2Rib {
                  ( otUser == Util::objTupleInvalid() && mvpUser != Util::mvpInvalid() ) )
 
 Vexil::Ptr<ObjTupleUsers> PolicySm::usersMap( const ObjTuple& used ) const {
+   if( lastUsers_ && lastUsers_->used() == used )
+      return lastUsers_;
    const Ptr<ObjTupleUsers>* found = usersMap_.find( used );
    return found ? *found : nullptr;
 }
@@ -32,6 +34,8 @@ void PolicySm::usersMapDelAll() {
 void PolicySm::usersMapDel( const ObjTuple& used ) {
    if( const Ptr<ObjTupleUsers> otu = usersMap( used ) )
       userCount_ -= otu->size();
+   if( lastUsers_ && lastUsers_->used() == used )
+      lastUsers_ = nullptr;
    usersMap_.erase( used );
 }
 
@@ -149,7 +153,7 @@ void PolicySm::onZeroRefs( const ObjTuple& ot ) {
                 << " deleting otu for " << ot );
    usersMapDel( ot );
    const Ptr<ObjTupleManager>& manager = tupleManager( ot.tableType() );
-   verified_.erase( manager->outputToInput( ot ) );
+   forgetVerified( manager->outputToInput( ot ) );
    manager->delOutputOt( ot );
    switch( ot.tableType() ) {
    case tableTypeLoadBalance_:

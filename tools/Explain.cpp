@@ -29,10 +29,9 @@ struct Candidate {
 
 // Whether the comparator may look at it. The tables are other processes', and may hold anything.
 bool rankable( const Host& host ) {
-   return isSound( host.next() ) &&
-          ( host.ciDest().destType() == destTypeDefault_ ||
-            ( host.ciDest().destType() == destTypeVxlan_ &&
-              host.ciDest().vtepCount() <= CiVtepIndex::max + 1 ) );
+   return isSound( host.next() ) && ( host.ciDest().destType() == destTypeDefault_ ||
+                                      ( host.ciDest().destType() == destTypeVxlan_ &&
+                                        host.ciDest().vtepCount() <= CiVtepIndex::max + 1 ) );
 }
 
 // The sources that have the host, in the order in which the engine asks them.
