@@ -113,10 +113,10 @@ class PolicySm : public Vexil::Entity {
    uint64_t userCount() const { return userCount_; }
 
    // --- review (Review.cpp) -------------------------------------------------------------------
-   VEXIL_WORK_LIST( Bridging::MacVlanPair, hostList )
-   VEXIL_WORK_LIST( ObjTupleAndSource, otasList )
-   VEXIL_WORK_LIST( Bridging::MacVlanPair, failedHost )
-   VEXIL_WORK_LIST( ObjTupleAndSource, failedOtas )
+   VEXIL_KEY_SET( Bridging::MacVlanPair, hostList )
+   VEXIL_KEY_SET( ObjTupleAndSource, otasList )
+   VEXIL_KEY_SET( Bridging::MacVlanPair, failedHost )
+   VEXIL_KEY_SET( ObjTupleAndSource, failedOtas )
    VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostBookmark )
    VEXIL_ATTRIBUTE( ObjTupleAndSource, otasBookmark )
    void maybeRescheduleHostReview();
@@ -139,11 +139,11 @@ class PolicySm : public Vexil::Entity {
    uint64_t restartEntriesLeft() const;
    // A check found rows that contradict each other. Never reset.
    VEXIL_ATTRIBUTE( bool, detectedInconsistentTables, false )
-   VEXIL_WORK_LIST( Bridging::MacVlanPair, hostForSourceCheck )
+   VEXIL_KEY_SET( Bridging::MacVlanPair, hostForSourceCheck )
    VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostForSourceCheckBookmark )
-   VEXIL_WORK_LIST( ObjTuple, otForSourceCheck )
+   VEXIL_KEY_SET( ObjTuple, otForSourceCheck )
    VEXIL_ATTRIBUTE( ObjTuple, otForSourceCheckBookmark )
-   VEXIL_WORK_LIST( Bridging::MacVlanPair, hostForInitialSync )
+   VEXIL_KEY_SET( Bridging::MacVlanPair, hostForInitialSync )
    VEXIL_ATTRIBUTE( Bridging::MacVlanPair, hostForInitialSyncBookmark )
    // Objects without a user whose delete was put off: to the end of the restart, or of the work on
    // one host or object.
@@ -166,7 +166,7 @@ class PolicySm : public Vexil::Entity {
    void maybeRescheduleInitialSyncReview();
 
    // --- flood sets (FloodSetMerge.cpp) --------------------------------------------------------
-   VEXIL_WORK_LIST( FloodSetTriple, floodSetBacklog )
+   VEXIL_KEY_SET( FloodSetTriple, floodSetBacklog )
    VEXIL_ATTRIBUTE( FloodSetTriple, floodSetBookmark )
    VEXIL_ATTRIBUTE( bool, floodSetBookmarkValid, false )
    // Makes the timer that works the backlog, due at the next turn.

@@ -424,11 +424,11 @@ bool PolicySm::hasOutputRow( const ObjTuple& ot ) const {
       return false;
    switch( ot.tableType() ) {
    case tableTypeLoadBalance_:
-      return output_.lb->lb( ot.lbId() ).key() == ot.lbId();
+      return output_.lb->contains( ot.lbId() );
    case tableTypeLabel_:
-      return output_.label->label( ot.labelId() ).key() == ot.labelId();
+      return output_.label->contains( ot.labelId() );
    case tableTypeDest_:
-      return output_.dest->dest( ot.destId() ).key() == ot.destId();
+      return output_.dest->contains( ot.destId() );
    default:
       return false;
    }

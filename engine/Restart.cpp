@@ -79,19 +79,15 @@ void PolicySm::handleInitialized() {
 
 void PolicySm::adoptHosts() {
    hostForSourceCheck_.reserve( output_.host->count() );
-   hostForInitialSync_.reserve( output_.host->count() );
    forEachKeyAhead<Bridging::MacVlanPair>(
       *output_.host,
-      [ this ]( const Bridging::MacVlanPair& mvp ) {
-         hostForSourceCheck_.prefetch( mvp );
-         hostForInitialSync_.prefetch( mvp );
-      },
+      [ this ]( const Bridging::MacVlanPair& mvp ) { hostForSourceCheck_.prefetch( mvp ); },
       [ this ]( const Bridging::MacVlanPair& mvp ) {
          TRACE( 9, "handleInitialized"
                       << " adding " << mvpStr( mvp ) << " to source check and initial sync list" );
          hostForSourceCheckIs( mvp, true );
-         hostForInitialSyncIs( mvp, true );
       } );
+   hostForInitialSync_ = hostForSourceCheck_.copy();
 }
 
 // Returns the highest id found, 0 in an empty table.

@@ -23,16 +23,12 @@ void PolicySm::maybeRescheduleHostReview() {
 
 void PolicySm::foundFailedHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
-   if( failedHost().empty() ) // hosts fail in the order of the list that is being walked
-      failedHost_.reserve( hostList().size() );
    failedHostIs( mvp, true );
    failingHosts_.failed( mvp, clock_->now() );
 }
 
 void PolicySm::foundFailedOtas( const ObjTupleAndSource& otas ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << otas );
-   if( failedOtas().empty() )
-      failedOtas_.reserve( otasList().size() );
    failedOtasIs( otas, true );
    failingOtas_.failed( otas, clock_->now() );
 }

@@ -25,14 +25,14 @@ struct Slice {
 // called for each entry some places before its turn, and farAhead( key ) earlier still, so that
 // what it needs can be fetched from memory meanwhile: first what says where it is, then it. They
 // are hints and may miss some.
-template<class Key, class Value, class Order, class Visit, class Ahead, class FarAhead>
-Slice<Key> walkSlice( const Vexil::HashMap<Key, Value, Order>& list, const Key& bookmark,
+template<class Key, class Value, class Visit, class Ahead, class FarAhead>
+Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmark,
                       const Vexil::Clock& clock, Vexil::Seconds deadline, Visit visit, Ahead ahead,
                       FarAhead farAhead ) {
    constexpr int distance = 10; // places ahead: enough work to hide a memory access behind
    auto at = bookmark == Key() ? list.begin() : list.from( bookmark );
-   typename Vexil::HashMap<Key, Value, Order>::LookAhead scout( list, at );
-   typename Vexil::HashMap<Key, Value, Order>::LookAhead farScout( list, at );
+   typename Vexil::HashMap<Key, Value>::LookAhead scout( list, at );
+   typename Vexil::HashMap<Key, Value>::LookAhead farScout( list, at );
    const auto farScoutOn = [ & ] {
       if( const Key* key = farScout.next() )
          farAhead( *key );
@@ -67,8 +67,8 @@ Slice<Key> walkSlice( const Vexil::HashMap<Key, Value, Order>& list, const Key& 
    return { count, false, false, true, Key() };
 }
 
-template<class Key, class Value, class Order, class Visit>
-Slice<Key> walkSlice( const Vexil::HashMap<Key, Value, Order>& list, const Key& bookmark,
+template<class Key, class Value, class Visit>
+Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmark,
                       const Vexil::Clock& clock, Vexil::Seconds deadline, Visit visit ) {
    const auto nothing = []( const Key& ) {};
    return walkSlice( list, bookmark, clock, deadline, visit, nothing, nothing );

@@ -174,19 +174,15 @@ class Reactor : public E::Handlers {
 
 // A keyed set of an entity: x() the set, x( key ) membership, xIs( key, true ), xDel( key ),
 // xDelAll().
-#define VEXIL_KEY_SET( Key, name ) VEXIL_SET_OF_KEYS( ::Vexil::KeySet<Key>, Key, name )
-// The same for a work list (HashMap.h).
-#define VEXIL_WORK_LIST( Key, name ) VEXIL_SET_OF_KEYS( ::Vexil::WorkList<Key>, Key, name )
-
-#define VEXIL_SET_OF_KEYS( Set, Key, name )                                                        \
+#define VEXIL_KEY_SET( Key, name )                                                                 \
  public:                                                                                           \
-   const Set& name() const { return name##_; }                                                     \
+   const ::Vexil::KeySet<Key>& name() const { return name##_; }                                    \
    bool name( const Key& key ) const { return name##_.contains( key ); }                           \
    void name##Is( const Key& key, bool ) { name##_.emplace( key ); }                               \
    void name##Del( const Key& key ) { name##_.erase( key ); }                                      \
    void name##DelAll() { name##_.clear(); }                                                        \
                                                                                                    \
  private:                                                                                          \
-   Set name##_;                                                                                    \
+   ::Vexil::KeySet<Key> name##_;                                                                   \
                                                                                                    \
  public:

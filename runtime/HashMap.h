@@ -14,15 +14,17 @@
 // the collection, deletion of its own entry included: it finds its place again by its key. A
 // reference to a value does not: it is valid until the next insertion or deletion.
 //
-// There are two orders. A WorkList's is that of the keys' hashes, as in the index of a shared
-// table: whoever walks the list meets the tables' index words one beside the other. Every other
-// collection has an order of its own. A collection that is filled in the order in which another
-// one of the same order is walked is crowded into the front of its array until it is full: each
-// insertion then searches and moves a long run. A work list that may be filled like that is given
-// its room before, with reserve().
+// The order is that of the index of a shared table, so whoever walks a work list meets the tables'
+// index words, and the entries of all other collections, one beside the other. A collection that
+// is filled in the order of such a walk has all its entries in the front of its array, which would
+// be one long run. Two things keep that cheap: a search begins behind the entry that was inserted
+// last if that one precedes the key; and an array with a long run is made larger although it is
+// not full, up to sparsest ideal slots an entry. So it has its final size when a small part of the
+// keys is there; what is not touched of it takes no memory.
 #pragma once
 
 #include "runtime/Hash.h"
+#include "runtime/LargeAllocator.h"
 
 #include <algorithm>
 #include <bit>
@@ -38,20 +40,7 @@ namespace Vexil {
 // The value of a keyed set: takes no room in an entry.
 struct Present {};
 
-struct HashOrder {
-   template<class Key>
-   static uint64_t placeOf( const Key& key ) {
-      return keyHash( key );
-   }
-};
-struct OwnOrder {
-   template<class Key>
-   static uint64_t placeOf( const Key& key ) {
-      return mix64( keyHash( key ) + 0x9e3779b97f4a7c15ULL );
-   }
-};
-
-template<class Key, class Value, class Order = OwnOrder>
+template<class Key, class Value>
 class HashMap {
  public:
    struct Entry {
@@ -67,8 +56,7 @@ class HashMap {
       const Entry& operator*() const { return map_->slots_[ at_ ]; }
       const Entry* operator->() const { return &map_->slots_[ at_ ]; }
       Iterator& operator++() {
-         settleOn( map_->version_ == version_ ? map_->occupiedFrom( at_ + 1 )
-                                              : map_->after( key_ ) );
+         settleOn( next() );
          return *this;
       }
       void operator++( int ) { ++*this; }
@@ -77,6 +65,13 @@ class HashMap {
     private:
       friend class HashMap;
       Iterator( const HashMap* map, size_t at ) : map_( map ) { settleOn( at ); }
+      size_t next() const {
+         if( map_->version_ == version_ )
+            return map_->occupiedFrom( at_ + 1 );
+         if( map_->version_ == version_ + 1 && map_->erasedAt_ == at_ ) // our own entry
+            return map_->occupiedFrom( at_ );
+         return map_->after( key_ );
+      }
       void settleOn( size_t at ) {
          at_ = at;
          version_ = map_->version_;
@@ -98,6 +93,20 @@ class HashMap {
       return *this;
    }
    ~HashMap() { release(); }
+
+   // The same entries in the same slots.
+   HashMap copy() const {
+      HashMap copied;
+      copied.slots_ = slotCount_ ? Array().allocate( slotCount_ ) : nullptr;
+      for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) )
+         ::new( &copied.slots_[ at ] ) Entry( slots_[ at ] );
+      copied.used_ = used_;
+      copied.size_ = size_;
+      copied.homeCount_ = homeCount_;
+      copied.slotCount_ = slotCount_;
+      copied.shift_ = shift_;
+      return copied;
+   }
 
    size_t size() const { return size_; }
    bool empty() const { return size_ == 0; }
@@ -121,7 +130,7 @@ class HashMap {
    // Brings the place of key nearer to the processor.
    void prefetch( const Key& key ) const {
       if( homeCount_ != 0 )
-         __builtin_prefetch( &slots_[ homeOf( Order::placeOf( key ) ) ] );
+         __builtin_prefetch( &slots_[ homeOf( keyHash( key ) ) ] );
    }
 
    // Enters key if it is absent, with a value built from arguments; says whether it was absent.
@@ -129,22 +138,27 @@ class HashMap {
    std::pair<Value*, bool> emplace( const Key& key, Arguments&&... arguments ) {
       if( homeCount_ == 0 )
          grow();
-      size_t at = placeInRun( key );
+      const uint64_t hash = keyHash( key );
+      size_t at = placeInRun( key, hash );
       if( occupied( at ) && slots_[ at ].key == key )
          return { &slots_[ at ].value, false };
-      if( ( size_ + 1 ) * 4 > homeCount_ * 3 ) {
+      while( ( size_ + 1 ) * 4 > homeCount_ * 3 ||
+             ( at - homeOf( hash ) > longRun && homeCount_ < size_ * sparsest ) ) {
          grow();
-         at = placeInRun( key );
+         at = placeInRun( key, hash );
       }
       if( !openPlace( at ) ) { // the last run reached the end of the array
          rebuild( homeCount_ );
-         at = placeInRun( key );
+         at = placeInRun( key, hash );
          openPlace( at );
       }
       ::new( &slots_[ at ] ) Entry{ key, Value( std::forward<Arguments>( arguments )... ) };
       mark( at );
       ++size_;
       ++version_;
+      erasedAt_ = nowhere;
+      insertedAt_ = at;
+      insertedHash_ = hash;
       return { &slots_[ at ].value, true };
    }
 
@@ -154,8 +168,10 @@ class HashMap {
       size_t at = positionOf( key );
       if( at == slotCount_ )
          return false;
+      erasedAt_ = at;
+      insertedAt_ = 0;
       [[maybe_unused]] const Entry removed = std::move( slots_[ at ] );
-      for( ; occupied( at + 1 ) && homeOf( Order::placeOf( slots_[ at + 1 ].key ) ) <= at; ++at )
+      for( ; occupied( at + 1 ) && homeOf( keyHash( slots_[ at + 1 ].key ) ) <= at; ++at )
          slots_[ at ] = std::move( slots_[ at + 1 ] );
       std::destroy_at( &slots_[ at ] );
       unmark( at );
@@ -188,10 +204,15 @@ class HashMap {
    };
 
  private:
+   using Array = LargeAllocator<Entry>;
    static constexpr size_t smallest = 4;         // ideal slots of the first array
    static constexpr size_t overflow = 48;        // room behind the last ideal slot, for its run;
                                                  // in a small array as many slots as there are
    static constexpr size_t keptWhenEmpty = 4096; // slots that an emptied collection keeps
+   static constexpr size_t longRun = 32; // in a random order not one entry in a thousand million
+                                         // is so far from its ideal slot
+   static constexpr size_t sparsest = 64;
+   static constexpr size_t nowhere = ~size_t( 0 );
 
    size_t homeOf( uint64_t hash ) const { return hash >> shift_; }
    bool occupied( size_t at ) const { return ( used_[ at / 64 ] >> ( at % 64 ) ) & 1; }
@@ -216,14 +237,23 @@ class HashMap {
       return hashOfA != hashOfB ? hashOfA < hashOfB : a < b;
    }
 
+   // Where the search for key begins: at its ideal slot, or, when the entry inserted last stands
+   // further on and does not come after key, at that entry: it is in the same run.
+   size_t searchFrom( const Key& key, uint64_t hash ) const {
+      const size_t home = homeOf( hash );
+      return home < insertedAt_ && !precedes( key, hash, slots_[ insertedAt_ ].key, insertedHash_ )
+                ? insertedAt_
+                : home;
+   }
+
    size_t positionOf( const Key& key ) const {
       if( size_ == 0 )
          return slotCount_;
-      const uint64_t hash = Order::placeOf( key );
-      for( size_t at = homeOf( hash ); occupied( at ); ++at ) {
+      const uint64_t hash = keyHash( key );
+      for( size_t at = searchFrom( key, hash ); occupied( at ); ++at ) {
          if( slots_[ at ].key == key )
             return at;
-         if( Order::placeOf( slots_[ at ].key ) > hash )
+         if( keyHash( slots_[ at ].key ) > hash )
             break;
       }
       return slotCount_;
@@ -233,10 +263,10 @@ class HashMap {
    size_t placeOf( const Key& key ) const {
       if( size_ == 0 )
          return slotCount_;
-      const uint64_t hash = Order::placeOf( key );
+      const uint64_t hash = keyHash( key );
       size_t at = occupiedFrom( homeOf( hash ) );
       while( at != slotCount_ &&
-             precedes( slots_[ at ].key, Order::placeOf( slots_[ at ].key ), key, hash ) )
+             precedes( slots_[ at ].key, keyHash( slots_[ at ].key ), key, hash ) )
          at = occupiedFrom( at + 1 );
       return at;
    }
@@ -247,11 +277,10 @@ class HashMap {
    }
 
    // Where key stands, or belongs, in the run of entries that begins at its ideal slot.
-   size_t placeInRun( const Key& key ) const {
-      const uint64_t hash = Order::placeOf( key );
-      size_t at = homeOf( hash );
+   size_t placeInRun( const Key& key, uint64_t hash ) const {
+      size_t at = searchFrom( key, hash );
       while( occupied( at ) && !( slots_[ at ].key == key ) &&
-             precedes( slots_[ at ].key, Order::placeOf( slots_[ at ].key ), key, hash ) )
+             precedes( slots_[ at ].key, keyHash( slots_[ at ].key ), key, hash ) )
          ++at;
       return at;
    }
@@ -284,13 +313,13 @@ class HashMap {
       larger.shift_ = 64 - std::countr_zero( homes );
       size_t end = 0; // behind all entries placed so far
       for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) )
-         end = std::max( end, larger.homeOf( Order::placeOf( slots_[ at ].key ) ) ) + 1;
+         end = std::max( end, larger.homeOf( keyHash( slots_[ at ].key ) ) ) + 1;
       larger.slotCount_ = std::max( end, homes ) + std::min( homes, overflow );
-      larger.slots_ = std::allocator<Entry>().allocate( larger.slotCount_ );
+      larger.slots_ = Array().allocate( larger.slotCount_ );
       larger.used_.assign( larger.slotCount_ / 64 + 1, 0 );
       end = 0;
       for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) ) {
-         const size_t to = std::max( end, larger.homeOf( Order::placeOf( slots_[ at ].key ) ) );
+         const size_t to = std::max( end, larger.homeOf( keyHash( slots_[ at ].key ) ) );
          ::new( &larger.slots_[ to ] ) Entry( std::move( slots_[ at ] ) );
          larger.mark( to );
          ++larger.size_;
@@ -304,7 +333,7 @@ class HashMap {
       for( size_t at = occupiedFrom( 0 ); at != slotCount_; at = occupiedFrom( at + 1 ) )
          std::destroy_at( &slots_[ at ] );
       if( slots_ )
-         std::allocator<Entry>().deallocate( slots_, slotCount_ );
+         Array().deallocate( slots_, slotCount_ );
       slots_ = nullptr;
       used_ = {};
       size_ = slotCount_ = homeCount_ = 0;
@@ -318,6 +347,9 @@ class HashMap {
       std::swap( slotCount_, other.slotCount_ );
       std::swap( shift_, other.shift_ );
       std::swap( version_, other.version_ );
+      std::swap( erasedAt_, other.erasedAt_ );
+      std::swap( insertedAt_, other.insertedAt_ );
+      std::swap( insertedHash_, other.insertedHash_ );
    }
 
    Entry* slots_ = nullptr;
@@ -326,12 +358,13 @@ class HashMap {
    size_t homeCount_ = 0; // ideal slots, a power of two
    size_t slotCount_ = 0; // ideal slots and the overflow behind them
    unsigned shift_ = 0;
-   uint64_t version_ = 0; // counts changes, so that an iterator notices them
+   uint64_t version_ = 0;      // counts changes, so that an iterator notices them
+   size_t erasedAt_ = nowhere; // where the last change took an entry out, when it did
+   size_t insertedAt_ = 0;     // the entry inserted last, and its hash; 0 when it may have moved
+   uint64_t insertedHash_ = 0;
 };
 
 template<class Key>
 using KeySet = HashMap<Key, Present>;
-template<class Key>
-using WorkList = HashMap<Key, Present, HashOrder>;
 
 } // namespace Vexil

@@ -118,6 +118,9 @@ class SharedTable : public TableBase {
    bool get( const Key& key, uint64_t hash, Record& record ) const {
       return recorded( [ & ] { return table_.get( key, hash, record ); } );
    }
+   bool contains( const Key& key ) const {
+      return recorded( [ & ] { return table_.contains( key ); } );
+   }
    // Bring the index word of the key with that hash, or its record, nearer to the processor.
    void prefetchIndex( uint64_t hash ) const { table_.prefetchIndex( hash ); }
    void prefetchRecord( uint64_t hash ) const { table_.prefetchRecord( hash ); }

@@ -117,6 +117,19 @@ class TableView {
    bool get( const Key& key, Record& out ) const { return get( key, keyHash( key ), out ); }
    // For a caller that looks one key up in several tables: hash is keyHash( key ).
    bool get( const Key& key, uint64_t hash, Record& out ) const {
+      return find(
+         hash, [ & ]( uint32_t slot ) { return readSlot( slot, out ) && keyOf( out ) == key; } );
+   }
+   bool contains( const Key& key ) const {
+      Key found;
+      return find( keyHash( key ),
+                   [ & ]( uint32_t slot ) { return readKey( slot, found ) && found == key; } );
+   }
+
+   // Looks for the key with that hash: isIt( slot ) says of the slots that may hold it whether one
+   // does.
+   template<class IsIt>
+   bool find( uint64_t hash, IsIt isIt ) const {
       for( unsigned attempt = 0; attempt < maxAttempts; ++attempt ) {
          const uint64_t moves = loadWord( &header().indexMoves );
          uint32_t at = homeOf( hash );
@@ -125,8 +138,7 @@ class TableView {
             const uint32_t word = loadWord( index() + at );
             if( word == 0 )
                break;
-            if( code_.matches( word, hash ) && readSlot( code_.slot( word ), out ) &&
-                keyOf( out ) == key )
+            if( code_.matches( word, hash ) && isIt( code_.slot( word ) ) )
                return true;
          }
          if( probed > indexMask_ )
