@@ -151,6 +151,9 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
       members_->forEach( [ & ]( const FloodMember& member ) {
          const auto set =
             output->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
+         if( !set->destSet().empty() && set->floodSetType() != member.floodSetType )
+            // The last agent ended before it had brought all of them in line.
+            members_->typeChanged( member.triple.vlan(), member.triple.mac(), set );
          set->floodSetTypeIs( member.floodSetType );
          set->destSetIs( member.triple.dest(), true );
       } );
