@@ -4,7 +4,6 @@
 #include "runtime/Trace.h"
 
 #include <ctime>
-#include <filesystem>
 #include <string>
 #include <unistd.h>
 
@@ -40,30 +39,13 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    return record;
 }
 
-// Attaches a status table. One that is damaged, or was left by a version with other records, is
-// replaced: it tells what was, and a service must come up again after an upgrade.
-template<class Table>
-Vexil::Ptr<Table> statusTable( Vexil::EntityManager& manager, const char* path,
-                               uint32_t capacity ) {
-   try {
-      return manager.mountTable<Table>( path, Table::Mode::write, capacity );
-   } catch( const Vexil::TableError& failure ) {
-      if( failure.kind() != Vexil::TableError::mismatch &&
-          failure.kind() != Vexil::TableError::damaged )
-         throw;
-      Vexil::log( std::string( failure.what() ) + ": it is replaced" );
-      std::filesystem::remove( manager.fileOf( path ) );
-      return manager.mountTable<Table>( path, Table::Mode::write, capacity );
-   }
-}
-
 } // namespace
 
 StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
                                   Vexil::Ptr<PolicySm> policySm )
    : loop_( loop ), policySm_( std::move( policySm ) ),
-     agent_( statusTable<AgentStatusTable>( manager, Path::agentStatus, 1 ) ),
-     sources_( statusTable<SourceStatusTable>( manager, Path::sourceStatus, 64 ) ),
+     agent_( manager.mountDerivedTable<AgentStatusTable>( Path::agentStatus, 1 ) ),
+     sources_( manager.mountDerivedTable<SourceStatusTable>( Path::sourceStatus, 64 ) ),
      config_(
         dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
      since_( wallClock() ) {

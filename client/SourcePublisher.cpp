@@ -6,7 +6,6 @@
 namespace L2Rib::Client {
 
 using Vexil::makeEntity;
-using Vexil::TableError;
 
 namespace {
 

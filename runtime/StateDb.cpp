@@ -185,6 +185,11 @@ void EntityManager::entityIs( const std::string& path, Ptr<Entity> entity ) {
    mounted_[ path ] = { std::move( entity ), nullptr };
 }
 
+void EntityManager::replaceFile( const std::string& path, const TableError& why ) const {
+   log( std::string( why.what() ) + ": it is replaced" );
+   std::filesystem::remove( fileOf( path ) );
+}
+
 void EntityManager::ringBells() {
    for( const auto& table : written_ )
       table->ring();

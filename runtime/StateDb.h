@@ -120,6 +120,11 @@ class EntityManager : public Entity {
    template<class Table>
    Ptr<Table> mountTable( const std::string& path, typename Table::Mode mode, uint32_t capacity );
 
+   // Attaches, as its writer, a table whose content this process makes from something else: one that
+   // is damaged, or was left by a version with other records, is replaced, and the log says so.
+   template<class Table>
+   Ptr<Table> mountDerivedTable( const std::string& path, uint32_t capacity );
+
    // Lets a table that was attached otherwise have its bell rung with the others.
    void ringAtEndOfTurn( Ptr<TableBase> table ) { written_.push_back( std::move( table ) ); }
    // Wakes the readers of every table written since the last time; the event loop does it at the
@@ -127,6 +132,8 @@ class EntityManager : public Entity {
    void ringBells();
 
  private:
+   void replaceFile( const std::string& path, const TableError& why ) const;
+
    Ptr<Clock> clock_;
    std::string stateDirectory_; // empty: in memory
    std::unique_ptr<FileWatcher> watcher_;
@@ -159,6 +166,18 @@ Ptr<Table> EntityManager::mountTable( const std::string& path, typename Table::M
       watcher_->follow( table );
    }
    return table;
+}
+
+template<class Table>
+Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity ) {
+   try {
+      return mountTable<Table>( path, Table::Mode::write, capacity );
+   } catch( const TableError& failure ) {
+      if( failure.kind() != TableError::mismatch && failure.kind() != TableError::damaged )
+         throw;
+      replaceFile( path, failure );
+      return mountTable<Table>( path, Table::Mode::write, capacity );
+   }
 }
 
 } // namespace Vexil

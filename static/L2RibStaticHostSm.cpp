@@ -138,12 +138,10 @@ StaticHostSm::LabelHosts StaticHostSm::noteUnchanged() {
 
 void StaticHostSm::attachTables() {
    Vexil::EntityManager& em = *entityManager_;
-   staticInputTable_ = em.mountTable<HostInput>( hostPath, HostInput::Mode::write, hostCapacity );
-   staticLoadBalanceTable_ =
-      em.mountTable<LoadBalanceTable>( lbPath, LoadBalanceTable::Mode::write, objectCapacity );
-   staticLabelTable_ =
-      em.mountTable<LabelTable>( labelPath, LabelTable::Mode::write, objectCapacity );
-   staticDestTable_ = em.mountTable<DestTable>( destPath, DestTable::Mode::write, objectCapacity );
+   staticInputTable_ = em.mountDerivedTable<HostInput>( hostPath, hostCapacity );
+   staticLoadBalanceTable_ = em.mountDerivedTable<LoadBalanceTable>( lbPath, objectCapacity );
+   staticLabelTable_ = em.mountDerivedTable<LabelTable>( labelPath, objectCapacity );
+   staticDestTable_ = em.mountDerivedTable<DestTable>( destPath, objectCapacity );
 }
 
 void StaticHostSm::publishEntry() {

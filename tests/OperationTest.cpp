@@ -172,13 +172,15 @@ TEST_F( OperationTest, WhatCantBeIsRefusedInOneLine ) {
    EXPECT_NE( second.err().find( "another process writes this table" ), std::string::npos );
    EXPECT_EQ( ctl( { "settle" } ).status, 0 ) << "the first one is not disturbed";
 
-   // Another version may have left other records of its status: they are no reason to stay down.
+   // Another version may have left other records of its status, and what is made from the
+   // configuration may be damaged: no reason to stay down.
    agent->signal( SIGTERM );
    EXPECT_EQ( agent->status(), 0 );
    std::filesystem::copy_file( state + "/bridging/l2Rib/sourceStatus",
                                state + "/bridging/l2Rib/agentStatus",
                                std::filesystem::copy_options::overwrite_existing );
-   TestSupport::replace( state + "/bridging/l2Rib/sourceStatus", "damaged" );
+   for( const char* table : { "sourceStatus", "static/hostInput", "static/labelTable" } )
+      TestSupport::replace( state + "/bridging/l2Rib/" + table, "damaged" );
    startAgent();
    settle();
 }
