@@ -127,9 +127,9 @@ class TableView {
    }
 
    // Looks for the key with that hash: isIt( slot ) says of the slots that may hold it whether one
-   // does.
+   // does. Inlined by command: a call here would be a third of a lookup's time.
    template<class IsIt>
-   bool find( uint64_t hash, IsIt isIt ) const {
+   [[gnu::always_inline]] bool find( uint64_t hash, IsIt isIt ) const {
       for( unsigned attempt = 0; attempt < maxAttempts; ++attempt ) {
          const uint64_t moves = loadWord( &header().indexMoves );
          uint32_t at = homeOf( hash );
