@@ -1,10 +1,10 @@
 // l2ribctl settle: waits until the agent has worked off what was published before the call.
 //
 // For each table of each source, and of the configuration, the head of its journal is noted at the
-// start. The agent tells in
-// its status tables how far it has read each file, and how long its work lists are: when it has
-// read up to those heads and the lists are empty, all of it is in the output. The figures of the
-// sources are read before those of the lists, because the agent writes them in that order.
+// start. The agent tells in its status tables how far it has read each file, and how long its work
+// lists are: when it has read up to those heads and the lists are empty, all of it is in the
+// output. The figures of the sources are read before those of the lists, because the agent writes
+// them in that order.
 #include "L2Rib/ConfigBinding.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
