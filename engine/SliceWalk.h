@@ -59,7 +59,7 @@ Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmar
          visit( key );
       }
       ++at;
-      if( clock.now() > deadline ) {
+      if( clock.isPast( deadline ) ) {
          const bool atEnd = at == list.end();
          return { count, false, true, atEnd, atEnd ? Key() : at->key };
       }

@@ -53,10 +53,31 @@ void TimerReactor::timeMinIs( Seconds wake ) {
    clock_->arm( *this );
 }
 
+namespace {
+
+Seconds secondsOf( const timespec& t ) {
+   return static_cast<Seconds>( t.tv_sec ) + static_cast<Seconds>( t.tv_nsec ) * 1e-9;
+}
+
+Seconds tickOfKernel() {
+   timespec t{};
+   clock_getres( CLOCK_MONOTONIC_COARSE, &t );
+   return secondsOf( t );
+}
+
+} // namespace
+
 Seconds SystemClock::now() const {
    timespec t{};
    clock_gettime( CLOCK_MONOTONIC, &t );
-   return static_cast<Seconds>( t.tv_sec ) + static_cast<Seconds>( t.tv_nsec ) * 1e-9;
+   return secondsOf( t );
+}
+
+bool SystemClock::isPast( Seconds deadline ) const {
+   static const Seconds margin = 2 * tickOfKernel();
+   timespec lastTick{};
+   clock_gettime( CLOCK_MONOTONIC_COARSE, &lastTick );
+   return secondsOf( lastTick ) + margin > deadline && now() > deadline;
 }
 
 } // namespace Vexil

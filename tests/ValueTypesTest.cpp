@@ -1,5 +1,6 @@
 // The value types: text, order, equality, hashes, and the bytes that other processes see.
 #include "L2Rib/L2Rib.h"
+#include "runtime/Clock.h"
 
 #include <gtest/gtest.h>
 
@@ -112,6 +113,26 @@ TEST( ValueTypes, ParseTakesItsOwnTextAndNothingElse ) {
       EXPECT_FALSE( IpGenAddr::parse( bad ) ) << bad;
    EXPECT_EQ( floodSetTypeParse( "vxlan" ), floodSetTypeVxlan_ );
    EXPECT_FALSE( floodSetTypeParse( "invalid" ) );
+   for( const Source source : { sourceNone_, sourceStatic_, sourceBit31_ } )
+      EXPECT_EQ( sourceParse( sourceStr( source ) ), source );
+   for( const char* bad : { "", "40", "0x", "0x40 ", "0xg", "0x100000000", "0x-1" } )
+      EXPECT_FALSE( sourceParse( bad ) ) << bad;
+   for( const TableType type : { tableTypeInvalid_, tableTypeLoadBalance_, tableTypeDest_ } )
+      EXPECT_EQ( tableTypeParse( tableTypeStr( type ) ), type );
+   EXPECT_FALSE( tableTypeParse( "9" ) );
+}
+
+// A slice asks whether its time is over; the answer may not differ from what the clock shows.
+TEST( SystemClock, IsPastAgreesWithNow ) {
+   const Vexil::SystemClock clock;
+   for( const Seconds left : { -1.0, 0.0, 0.001, 0.02 } ) {
+      const Seconds deadline = clock.now() + left;
+      for( bool past = false; !past; ) {
+         const Seconds before = clock.now();
+         past = clock.isPast( deadline );
+         ASSERT_TRUE( past ? clock.now() > deadline : before <= deadline ) << left;
+      }
+   }
 }
 
 TEST( ValueTypes, CiDestCmp ) {
