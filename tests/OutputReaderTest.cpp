@@ -14,22 +14,35 @@ using Bridging::MacVlanPair;
 using Bridging::VlanId;
 using TestSupport::Random;
 
-class OutputReaderTest : public ProcessTest {
- protected:
-   std::string file( const char* path ) const { return state + "/" + path; }
+using OutputReaderTest = ProcessTest;
+
+// The output that an agent writes.
+struct OutputTables {
+   template<class Table>
+   static Table made( const std::string& state, const char* path, uint32_t capacity ) {
+      return Table( state + "/" + path, Table::Mode::write, capacity );
+   }
+   OutputTables( const std::string& state, uint32_t capacity )
+      : hosts( made<HostOutput>( state, Path::hostOutput, capacity ) ),
+        dests( made<DestOutput>( state, Path::destOutput, 8 ) ),
+        groups( made<LoadBalanceOutput>( state, Path::lbOutput, 8 ) ),
+        labels( made<LabelOutput>( state, Path::labelOutput, 8 ) ),
+        flood( made<FloodMemberTable>( state, Path::floodOutput, 8 ) ),
+        floodSource( made<FloodSourceTable>( state, Path::floodOutputSource, 1 ) ) {}
+
+   HostOutput hosts;
+   DestOutput dests;
+   LoadBalanceOutput groups;
+   LabelOutput labels;
+   FloodMemberTable flood;
+   FloodSourceTable floodSource;
 };
 
 // An output that no agent would write: objects that lead to themselves, a host that leads nowhere.
 TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
-   const auto write = HostOutput::Mode::write;
-   HostOutput hosts( file( Path::hostOutput ), write, 8 );
-   DestOutput dests( file( Path::destOutput ), DestOutput::Mode::write, 8 );
-   LoadBalanceOutput groups( file( Path::lbOutput ), LoadBalanceOutput::Mode::write, 8 );
-   LabelOutput labels( file( Path::labelOutput ), LabelOutput::Mode::write, 8 );
-   FloodMemberTable flood( file( Path::floodOutput ), FloodMemberTable::Mode::write, 8 );
-   FloodSourceTable floodSource( file( Path::floodOutputSource ), FloodSourceTable::Mode::write,
-                                 1 );
-   PolicySmStatusTable ids( file( Path::policySmStatus ), PolicySmStatusTable::Mode::write, 1 );
+   OutputTables output( state, 8 );
+   auto& [ hosts, dests, groups, labels, flood, floodSource ] = output;
+   auto ids = OutputTables::made<PolicySmStatusTable>( state, Path::policySmStatus, 1 );
    const auto row = [ & ]( unsigned number, const ObjTuple& next ) {
       const MacVlanPair key( Vexil::EthAddr( 0x020000000000 + number ), VlanId( 10 ) );
       Host host( key );
@@ -98,13 +111,8 @@ TEST_F( OutputReaderTest, ReaderHearsOfNetChanges ) {
    reader.process();
    EXPECT_FALSE( inSync ); // there are no tables yet
 
-   HostOutput hosts( file( Path::hostOutput ), HostOutput::Mode::write, 4096 );
-   DestOutput dests( file( Path::destOutput ), DestOutput::Mode::write, 8 );
-   LoadBalanceOutput groups( file( Path::lbOutput ), LoadBalanceOutput::Mode::write, 8 );
-   LabelOutput labels( file( Path::labelOutput ), LabelOutput::Mode::write, 8 );
-   FloodMemberTable flood( file( Path::floodOutput ), FloodMemberTable::Mode::write, 8 );
-   FloodSourceTable floodSource( file( Path::floodOutputSource ), FloodSourceTable::Mode::write,
-                                 1 );
+   OutputTables output( state, 4096 );
+   auto& [ hosts, dests, groups, labels, flood, floodSource ] = output;
    Random random;
    std::map<MacVlanPair, uint32_t> expected;
    const auto change = [ & ]( unsigned times ) {
