@@ -75,7 +75,7 @@ class SystemClock : public Clock {
  public:
    Seconds now() const override;
    // Costs a quarter of now() for most of a slice: first asks the time of the kernel's last tick,
-   // and the exact one only when less than two ticks are left.
+   // and the exact one only when less than two ticks may be left.
    bool isPast( Seconds deadline ) const override;
 };
 
