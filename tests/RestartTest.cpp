@@ -219,6 +219,11 @@ TEST( RestartIds, NumberingGoesOnAboveWhatWasFoundOrTold ) {
       }
       lab.newEngine();
       lab.settle();
+      source.host->hostDel( mvp( 1 ) );
+      lab.settle();
+      EXPECT_EQ( 0u, lab.output.dest->count() );
+      lab.newEngine(); // nothing is to be found any more
+      lab.settle();
       source.set( intfDest( 2, 2 ) );
       source.set( objectHost( mvp( 2 ), dest( 2 ) ) );
       lab.settle();
