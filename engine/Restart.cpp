@@ -132,8 +132,10 @@ Vexil::Seconds PolicySm::restartDuration() const {
 uint64_t PolicySm::restartEntriesLeft() const {
    if( restartState() == running_ )
       return 0;
-   return hostForSourceCheck().size() + otForSourceCheck().size() + hostForInitialSync().size() +
-          otForZeroRefCleanup().size();
+   // The found objects are looked at twice and leave their list the second time.
+   return hostForSourceCheck().size() + hostForInitialSync().size() + otForZeroRefCleanup().size() +
+          otForSourceCheck().size() +
+          ( restartState() < otFloatCheck_ ? otForSourceCheck().size() - objectsChecked_ : 0 );
 }
 
 void PolicySm::maybeRescheduleInitialSyncReview() {
@@ -299,6 +301,7 @@ bool PolicySm::checkHosts( Seconds end ) {
 bool PolicySm::checkObjects( Seconds end ) {
    const auto objects = walkSlice( otForSourceCheck(), otForSourceCheckBookmark(), *clock_, end,
                                    [ & ]( const ObjTuple& ot ) { checkObject( ot ); } );
+   objectsChecked_ += objects.count;
    if( objects.timedOut )
       TRACE( 0, "handleSourceCheck"
                    << " ending OT source review run after " << objects.count << " OTs" );

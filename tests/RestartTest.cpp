@@ -77,7 +77,11 @@ TEST_F( Restart, EveryStateInSlicesOfOneEntry ) {
          order.push_back( state );
       ++slices[ state ];
       EXPECT_LT( slices[ state ], 10 );
+      const uint64_t left = lab.engine->restartEntriesLeft();
       lab.turn();
+      if( state < initialHostScan_ ) { // the scan may leave objects to delete
+         EXPECT_EQ( left - 1, lab.engine->restartEntriesLeft() ) << state;
+      }
       if( state == initialHostScan_ ) {
          EXPECT_EQ( 1u, lab.output.lb->count() ) << "deletes wait for the end of the scan";
       }
