@@ -2,6 +2,7 @@
 
 #include "L2Rib/L2RibTarn.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -18,7 +19,16 @@ bool sound( const FloodMember& member ) {
           member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
 }
 
-constexpr uint32_t firstOutputCapacity = 4096;
+// The room that the output's table has: what an earlier run made of it stays, or readers would have
+// to go over to another file in every restart.
+uint32_t outputCapacity( const std::string& file ) {
+   constexpr uint32_t first = 4096;
+   try {
+      return std::max( first, FloodMemberTable( file, FloodMemberTable::Mode::read ).capacity() );
+   } catch( const Vexil::TableError& ) {
+      return first; // attaching it for writing makes it, or says what is wrong
+   }
+}
 
 } // namespace
 
@@ -145,7 +155,7 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
  public:
    FloodOutputBinding( const std::string& file, Ptr<FloodSetOutput> output )
       : Reactor( nullptr ), members_( makeEntity<MembersOfOutput>(
-                               file, FloodMemberTable::Mode::write, firstOutputCapacity ) ),
+                               file, FloodMemberTable::Mode::write, outputCapacity( file ) ) ),
         source_( makeEntity<SourceMask>( file + "Source", // Path::floodOutputSource
                                          FloodSourceTable::Mode::write, 1u ) ) {
       members_->forEach( [ & ]( const FloodMember& member ) {

@@ -321,6 +321,7 @@ class PolicySm : public Vexil::Entity {
    PolicySmRestartState restartState_ = init_;
    Seconds restartBegan_ = 0;
    Seconds restartDuration_ = 0;
+   uint64_t objectsChecked_ = 0; // in otSourceCheck
 
    Vexil::HashMap<std::string, Ptr<PolicySourceSm>> sourceSm_;
    std::vector<PolicySourceSm*> sourceOrder_; // sourceSm_ in its order, for the walk of every host

@@ -31,6 +31,9 @@ uint64_t firstFreeId( uint64_t found, uint64_t told ) {
    return std::min( std::max( found, told ), highestOutputId ) + 1;
 }
 
+// Whether an id was given that the status does not cover. A damaged row may have any.
+bool isUntold( uint64_t found, uint64_t told ) { return told < found && found <= highestOutputId; }
+
 } // namespace
 
 // --- adoption ----------------------------------------------------------------------------------
@@ -59,10 +62,18 @@ void PolicySm::handleInitialized() {
    TRACE( 1, "handleInitialized"
                 << " max IDs found, label: " << maxLabelId << " LB: " << maxLbId
                 << " dest: " << maxDestId );
-   const PolicySmStatus& status = *output_.status;
+   PolicySmStatus& status = *output_.status;
    TRACE( 1, "handleInitialized"
                 << " status said label: " << status.maxLabelId() << " LB: " << status.maxLbId()
                 << " dest: " << status.maxDestId() );
+   // What was found may go before the next id is given, and then the status alone tells of it: one
+   // that was lost knows it again from now on.
+   if( isUntold( maxDestId, status.maxDestId().value() ) )
+      status.maxDestIdIs( DestId( maxDestId ) );
+   if( isUntold( maxLbId, status.maxLbId().value() ) )
+      status.maxLbIdIs( LoadBalanceId( maxLbId ) );
+   if( isUntold( maxLabelId, status.maxLabelId().value() ) )
+      status.maxLabelIdIs( LabelId( maxLabelId ) );
    tupleManagerIs( tableTypeDest_, firstFreeId( maxDestId, status.maxDestId().value() ),
                    highestOutputId );
    tupleManagerIs( tableTypeLoadBalance_, firstFreeId( maxLbId, status.maxLbId().value() ),
@@ -121,8 +132,10 @@ Vexil::Seconds PolicySm::restartDuration() const {
 uint64_t PolicySm::restartEntriesLeft() const {
    if( restartState() == running_ )
       return 0;
-   return hostForSourceCheck().size() + otForSourceCheck().size() + hostForInitialSync().size() +
-          otForZeroRefCleanup().size();
+   // The found objects are looked at twice and leave their list the second time.
+   return hostForSourceCheck().size() + hostForInitialSync().size() + otForZeroRefCleanup().size() +
+          otForSourceCheck().size() +
+          ( restartState() < otFloatCheck_ ? otForSourceCheck().size() - objectsChecked_ : 0 );
 }
 
 void PolicySm::maybeRescheduleInitialSyncReview() {
@@ -288,6 +301,7 @@ bool PolicySm::checkHosts( Seconds end ) {
 bool PolicySm::checkObjects( Seconds end ) {
    const auto objects = walkSlice( otForSourceCheck(), otForSourceCheckBookmark(), *clock_, end,
                                    [ & ]( const ObjTuple& ot ) { checkObject( ot ); } );
+   objectsChecked_ += objects.count;
    if( objects.timedOut )
       TRACE( 0, "handleSourceCheck"
                    << " ending OT source review run after " << objects.count << " OTs" );

@@ -7,12 +7,16 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
 #include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace Vexil {
@@ -50,6 +54,21 @@ uint64_t randomId() {
       if( getrandom( &id, sizeof id, 0 ) != sizeof id )
          id = 0;
    return id;
+}
+
+// Removes the unpublished files of processes that died over them. They may be large, and an agent
+// that is killed for the memory that they take would leave one more each time.
+void removeLeftovers( const std::string& folder, const std::string& hidden ) {
+   std::error_code error;
+   for( const auto& file : std::filesystem::directory_iterator( folder, error ) ) {
+      const std::string name = file.path().filename();
+      if( !name.starts_with( hidden ) || !name.ends_with( ".new" ) )
+         continue;
+      const int process = std::atoi( name.c_str() + hidden.size() );
+      if( process > 0 && kill( process, 0 ) != 0 && errno == ESRCH && // it could be about to lock
+          !tableHasWriter( file.path() ) )
+         unlink( file.path().c_str() );
+   }
 }
 
 uint64_t layoutHashOf( const TableHeader& header ) {
@@ -216,12 +235,12 @@ std::unique_ptr<TableMapping> TableMapping::created( const std::string& path,
 std::unique_ptr<TableMapping>
 TableMapping::unpublished( const std::string& path, const TableSpec& spec, uint32_t capacity ) {
    makeFoldersFor( path );
-   // Hidden from directory watchers by its dot. A name with the process's id may be left over from
-   // a dead process that had the same one.
+   // Hidden from directory watchers by its dot.
    const size_t slash = path.rfind( '/' ) + 1;
-   const std::string temporary = path.substr( 0, slash ) + "." + path.substr( slash ) + "." +
-                                 std::to_string( getpid() ) + ".new";
-   unlink( temporary.c_str() );
+   const std::string folder = path.substr( 0, slash ), hidden = "." + path.substr( slash ) + ".";
+   removeLeftovers( folder, hidden );
+   const std::string temporary = folder + hidden + std::to_string( getpid() ) + ".new";
+   unlink( temporary.c_str() ); // of a dead process that had the same id
    return created( path, temporary, spec, capacity );
 }
 

@@ -29,6 +29,15 @@ CiDest ciDestOf( const Bridging::IntfId& intf ) {
    return ciDest;
 }
 
+// What all static hosts have in common.
+Host emptyHost( const Bridging::MacVlanPair& mvp ) {
+   Host host( mvp );
+   host.seqNoIs( Vexil::Seqno32( staticSeqNo ) );
+   host.prefIs( staticPref );
+   host.entryTypeIs( entryTypeStatic_ );
+   return host;
+}
+
 bool isFull( const Vexil::TableBase& table ) { return table.count() >= table.capacity(); }
 
 } // namespace
@@ -92,48 +101,57 @@ void StaticHostSm::handleInitialized() {
    VEXIL_ASSERT( entityManager() );
    attachTables();
    publishEntry();
-   const auto unchangedLabelHosts = noteUnchanged();
-   staticInputTable_->hostDelAll(); // what an earlier run of the agent left
-   staticLoadBalanceTable_->lbDelAll();
-   staticLabelTable_->labelDelAll();
-   staticDestTable_->destDelAll();
+   discardChanged();
    staticSde_->initializedIs( true );
    initialized_ = true;
-   for( const auto& [ ids, mvp ] : unchangedLabelHosts ) {
-      currLabelId_ = ids.first.value() - 1; // what handleHost() adds to; the ids ascend
-      currDestId_ = std::max( currDestId_, ids.second.value() - 1 );
-      handleHost( mvp );
-   }
    handleHost();
-   unchangedSince_.clear();
 }
 
-// Of the hosts that an earlier run left, those that are still configured as they were keep their
-// update time, and label hosts their ids: whoever reads the output of an agent that was restarted
-// sees no change, and no id comes to stand for another host while the old one is still in use.
-// Returns these label hosts with the ids of label and dest, in the order in which they were given.
-StaticHostSm::LabelHosts StaticHostSm::noteUnchanged() {
-   LabelHosts labelHosts;
+// Takes out what an earlier run left, but for the hosts that are still configured as they were:
+// these keep their update times and, with their labels and dests, their ids. They are not even for
+// a moment out of the tables: whenever an agent is killed, the next one finds them here and its
+// readers see no change, and no id comes to stand for another host while the old one is in use.
+void StaticHostSm::discardChanged() {
+   Vexil::KeySet<LabelId> labels;
+   Vexil::KeySet<DestId> dests;
    staticInputTable_->forEach( [ & ]( const Host& host ) {
-      const Bridging::ConfiguredHost* const configured = configuredHost( host.key() );
-      if( !configured )
-         return;
-      const DestDataTunnel* const tunnel =
-         configured->isLabelHost() ? bridgingConfig_->tunnel( configured->intf.tunnel() ) : nullptr;
-      const bool unchanged = configured->isLabelHost()
-                                ? tunnel && labelHostIntact( host, configured->mplsLabel, *tunnel )
-                                : host.next() == Util::objTupleInvalid() &&
-                                     host.ciDest() == ciDestOf( configured->intf );
-      if( !unchanged )
-         return;
-      unchangedSince_.emplace( host.key(), host.updateTime() );
-      if( configured->isLabelHost() ) {
-         const LabelId labelId = host.next().labelId();
-         const DestId destId = staticLabelTable_->label( labelId ).next().destId();
-         labelHosts.emplace( std::pair( labelId, destId ), host.key() );
+      if( !isAsConfigured( host ) ) {
+         staticInputTable_->hostDel( host.key() );
+      } else if( host.next() != Util::objTupleInvalid() ) {
+         const Label label = staticLabelTable_->label( host.next().labelId() );
+         labels.emplace( label.key() );
+         dests.emplace( label.next().destId() );
       }
    } );
-   return labelHosts;
+   staticLoadBalanceTable_->lbDelAll();
+   staticLabelTable_->forEach( [ & ]( const Label& label ) {
+      if( labels.contains( label.key() ) )
+         currLabelId_ = std::max( currLabelId_, label.key().value() );
+      else
+         staticLabelTable_->labelDel( label.key() );
+   } );
+   staticDestTable_->forEach( [ & ]( const Dest& dest ) {
+      if( dests.contains( dest.key() ) )
+         currDestId_ = std::max( currDestId_, dest.key().value() );
+      else
+         staticDestTable_->destDel( dest.key() );
+   } );
+}
+
+// Whether a host that an earlier run left is what the configuration says.
+bool StaticHostSm::isAsConfigured( const Host& host ) const {
+   const Bridging::ConfiguredHost* const configured = configuredHost( host.key() );
+   if( !configured )
+      return false;
+   Host wanted = emptyHost( host.key() );
+   wanted.updateTimeIs( host.updateTime() );
+   if( !configured->isLabelHost() ) {
+      wanted.ciDestIs( ciDestOf( configured->intf ) );
+      return host == wanted;
+   }
+   wanted.nextIs( host.next() );
+   const DestDataTunnel* const tunnel = bridgingConfig_->tunnel( configured->intf.tunnel() );
+   return host == wanted && tunnel && labelHostIntact( host, configured->mplsLabel, *tunnel );
 }
 
 void StaticHostSm::attachTables() {
@@ -218,11 +236,8 @@ void StaticHostSm::handleHost( const Bridging::MacVlanPair& mvp ) {
    }
 
    if( configured && ( tunnel || !isLabelHost ) ) {
-      Host host( mvp );
-      host.seqNoIs( Vexil::Seqno32( staticSeqNo ) );
-      host.prefIs( staticPref );
+      Host host = emptyHost( mvp );
       host.updateTimeIs( entityManager_->clock()->now() );
-      host.entryTypeIs( entryTypeStatic_ );
       TRACE( 2, "handleHost"
                    << " host entry " << host );
       if( isLabelHost )
@@ -290,8 +305,6 @@ bool StaticHostSm::writeHost( const Host& stored, Host host ) {
       return true;
    TRACE( 2, "handleHost"
                 << " host has changed, reprogramming" );
-   if( const Vexil::Seconds* const since = unchangedSince_.find( host.key() ) )
-      host.updateTimeIs( *since );
    if( staticInputTable_->hostIs( host ) )
       return true;
    waitForRoom( waitingForHostRoom_, host.key() );

@@ -6,7 +6,8 @@
 // the configuration: whatever changes, the entry of one MAC and VLAN is computed anew from what is
 // configured and from what stands in the tables.
 //
-//    constructed --> initialized: the entry published, the tables emptied and filled
+//    constructed --> initialized: the entry published, the tables rid of what an earlier run left
+//                    and is no longer configured so, and filled with the rest
 //
 // What holds whenever no call is under way: the host table has exactly the configured hosts that
 // there is room for, and every label and dest belongs to exactly one of them. Ids are never reused
@@ -25,9 +26,7 @@
 #include "runtime/StateDb.h"
 #include "static/TunnelHosts.h"
 
-#include <map>
 #include <memory>
-#include <utility>
 
 namespace L2Rib {
 
@@ -82,10 +81,10 @@ class StaticHostSm : public Vexil::Entity {
  private:
    class BridgingConfigReactor;
 
-   using LabelHosts = std::map<std::pair<LabelId, DestId>, Bridging::MacVlanPair>;
-   LabelHosts noteUnchanged();
    void attachTables();
    void publishEntry();
+   void discardChanged();
+   bool isAsConfigured( const Host& host ) const;
    void handleFdbConfig( const Bridging::Fid& fid );
    void handleTunnel( const Bridging::TunnelId& tunnel );
 
@@ -115,8 +114,6 @@ class StaticHostSm : public Vexil::Entity {
    uint64_t currDestId_ = 0;
    bool initialized_ = false;
 
-   // Of hosts that an earlier run left, while they are brought in again: when they last changed.
-   Vexil::HashMap<Bridging::MacVlanPair, Vexil::Seconds> unchangedSince_;
    TunnelHosts tunnelHosts_; // who must be looked at when a tunnel changes
    Vexil::KeySet<Bridging::MacVlanPair> waitingForHostRoom_;
    Vexil::KeySet<Bridging::MacVlanPair> waitingForObjectRoom_; // of labels and dests

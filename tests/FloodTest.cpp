@@ -277,9 +277,14 @@ TEST( FloodBinding, OutputOutlivesItsWriterAndGrows ) {
          ->floodSetDel( Vexil::EthAddr( uint64_t( 1 ) ) );
       written = members( output );
    } );
+   const auto file = [ & ] {
+      return FloodMemberTable( directory + "/flood", FloodMemberTable::Mode::read ).tableId();
+   };
+   const uint64_t grown = file();
    mounted( loop, [ & ]( FloodSetOutput& output ) {
       EXPECT_EQ( written, members( output ) );
       EXPECT_EQ( a | b, output.source() );
+      EXPECT_EQ( grown, file() ) << "nothing has changed, and readers must go over to a new file";
       output.vlanFloodSet( Bridging::VlanId( 1 ) )->clear();
       output.vlanFloodSetDel( Bridging::VlanId( 1 ) );
       written = members( output );

@@ -77,7 +77,11 @@ TEST_F( Restart, EveryStateInSlicesOfOneEntry ) {
          order.push_back( state );
       ++slices[ state ];
       EXPECT_LT( slices[ state ], 10 );
+      const uint64_t left = lab.engine->restartEntriesLeft();
       lab.turn();
+      if( state < initialHostScan_ ) { // the scan may leave objects to delete
+         EXPECT_EQ( left - 1, lab.engine->restartEntriesLeft() ) << state;
+      }
       if( state == initialHostScan_ ) {
          EXPECT_EQ( 1u, lab.output.lb->count() ) << "deletes wait for the end of the scan";
       }
@@ -218,6 +222,11 @@ TEST( RestartIds, NumberingGoesOnAboveWhatWasFoundOrTold ) {
             HostAndSource( mvp( 1 ), objectHost( mvp( 1 ), dest( test.found ) ), Source( a ) ) ) );
       }
       lab.newEngine();
+      lab.settle();
+      source.host->hostDel( mvp( 1 ) );
+      lab.settle();
+      EXPECT_EQ( 0u, lab.output.dest->count() );
+      lab.newEngine(); // nothing is to be found any more
       lab.settle();
       source.set( intfDest( 2, 2 ) );
       source.set( objectHost( mvp( 2 ), dest( 2 ) ) );

@@ -147,6 +147,8 @@ class KilledBeforeEveryStore : public testing::TestWithParam<Scenario> {
    // words than records; and readers have been told of whatever has changed.
    void expectRecovered( std::initializer_list<Mirror*> mirrors ) const {
       const Ptr<Table> writer = attached();
+      const std::filesystem::directory_iterator files( folder.file( "" ) );
+      ASSERT_EQ( std::distance( begin( files ), end( files ) ), 1 ) << "an unfinished file stays";
       Contents contents = contentsOf( *writer );
       ASSERT_NO_FATAL_FAILURE( expectReadable( *writer ) );
       ASSERT_EQ( writer->count(), contents.size() );
