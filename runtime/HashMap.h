@@ -90,6 +90,8 @@ class HashMap {
    HashMap& operator=( HashMap&& other ) noexcept {
       HashMap taken( std::move( other ) );
       swap( taken );
+      version_ = std::max( version_, taken.version_ ) + 1;
+      erasedAt_ = nowhere;
       return *this;
    }
    ~HashMap() { release(); }

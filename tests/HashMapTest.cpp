@@ -117,6 +117,8 @@ TYPED_TEST( KeyedCollection, WalksInSlicesWhileItChanges ) {
             }
             for( uint32_t more = pass == 19 ? 0 : this->random.below( 3 ); more > 0; --more )
                ASSERT_NO_FATAL_FAILURE( this->change( 50 ) );
+            if( this->random.percent( 5 ) )
+               this->map = this->map.copy();
             expected = this->model.upper_bound( this->placeOf( current ) );
          }
          ASSERT_EQ( at == this->map.end(), expected == this->model.end() );
