@@ -139,6 +139,11 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
                       << " host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
          return true;
       }
+      if( heldUntil_.contains( oldRow.source() ) ) { // queued or parked when its source vanished
+         TRACE( 1, "processHost"
+                      << " host " << mvpStr( mvp ) << " is kept for " << oldRow.source() );
+         return true;
+      }
       TRACE( 0, "processHost"
                    << " removing from output." );
       output_.host->hostDel( mvp );

@@ -333,11 +333,15 @@ TEST( SourceHold, HostsStayAndAreExaminedWhenItIsBackOrTheTimeIsOver ) {
    source.set( inlineHost( mvp( 2 ), 2 ) );
    source.set( inlineHost( mvp( 3 ), 3 ) );
    lab.settle();
+   source.set( objectHost( mvp( 2 ), lb( 1 ) ) ); // parked,
+   lab.settle();
+   source.set( inlineHost( mvp( 3 ), 4 ) ); // and queued, when it goes
    lab.inputDir->entryDel( "one" );
+   const uint64_t writes = lab.writes;
    lab.settle();
    lab.pass( 29 );
-   EXPECT_EQ( 3u, lab.output.host->count() );
-   const uint64_t writes = lab.writes;
+   EXPECT_EQ( writes, lab.writes );
+   EXPECT_EQ( "value 2 from 0x40", lab.outcome( mvp( 2 ) ) );
 
    LabSource& back = lab.source( "one", a, false );
    back.set( inlineHost( mvp( 2 ), 2 ) );
