@@ -240,8 +240,12 @@ Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) con
 
 void PolicySourceSm::handleHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << name_ << " key: " << mvpStr( mvp ) );
-   if( initialized_ )
+   if( !initialized_ )
+      return;
+   if( mvp != Util::mvpInvalid() )
       policySm_->handleHost( mvp );
+   else if( hostTable_ ) // the key that stands for no host at all
+      hostTable_->corruptionDetected( hostTable_->path() + ": a host has no MAC and no VLAN" );
 }
 
 void PolicySourceSm::handleLb( const LoadBalanceId& key ) {
