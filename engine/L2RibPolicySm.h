@@ -240,6 +240,12 @@ class PolicySm : public Vexil::Entity {
    struct Verified {
       PolicySourceSm::ObjectVersion version;
       unsigned depth; // of the objects below it and itself; a dest has 1
+      bool whole;     // no copy of an object that the source has deleted is among them
+   };
+   // How an input object stood when it could not be written, and what processOtas() said then.
+   struct Failed {
+      PolicySourceSm::ObjectVersion version;
+      bool ok;
    };
    // The longest chain of objects that is programmed. Real chains have a handful of members; the
    // bound keeps a source that publishes an endless one from exhausting the stack.
@@ -252,13 +258,13 @@ class PolicySm : public Vexil::Entity {
    void prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const;
    void prefetchHost( const Bridging::MacVlanPair& mvp ) const;
 
-   void noteVerified( const ObjTupleAndSource& otas, const PolicySourceSm::ObjectVersion& version,
-                      unsigned depth );
+   void noteVerified( const ObjTupleAndSource& otas, const Verified& found );
    void forgetVerified( const ObjTupleAndSource& otas );
    bool usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
                     const ObjTuple& user ) const;
    bool leadsTo( const ObjTuple& ot, const ObjTuple& target ) const;
    unsigned depthOf( const ObjTupleAndSource& otas ) const;
+   bool isWhole( const ObjTupleAndSource& otas ) const;
    void forgetUnwritten( const ObjTupleAndSource& otas, bool hasRow );
    void releaseOldNexts( const LoadBalance& oldOutLb, const ObjTupleSet& newNexts,
                          const ObjTuple& outOtForLb );
@@ -305,6 +311,9 @@ class PolicySm : public Vexil::Entity {
       ObjTupleAndSource otas;
       PolicySourceSm::ObjectVersion version;
    } lastVerified_; // hosts that are decided one after the other often lead to one object
+   // Objects that could not be written in this review pass: a million hosts behind a group without
+   // its last member do not each bring the other members into the output and out again.
+   Vexil::HashMap<ObjTupleAndSource, Failed> failedInPass_;
    std::vector<ObjTupleAndSource> inProcess_; // the path of processOtas calls under way
    // Relations still to be removed in the cascade under way: (used object, object that used it).
    std::vector<std::pair<ObjTuple, ObjTuple>> toRelease_;

@@ -130,6 +130,14 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
       lastVerified_ = { otas, version };
       return true;
    }
+   if( const auto* failed = failedInPass_.find( otas ); failed && forceCreate ) {
+      if( failed->version == version ) {
+         TRACE( 8, "processOtas"
+                      << " failed in this pass already: " << otas );
+         return failed->ok;
+      }
+      failedInPass_.erase( otas );
+   }
    const bool isLoop = std::ranges::find( inProcess_, otas ) != inProcess_.end();
    if( isLoop || inProcess_.size() == maxObjectDepth ) {
       TRACE( 8,
@@ -153,15 +161,16 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
       VEXIL_ASSERT( 0 );
    }
    inProcess_.pop_back();
+   if( !ok && inProcess_.empty() ) // further down, it may be the way there that is at fault
+      failedInPass_.emplace( otas, Failed{ version, false } );
    return ok;
 }
 
 // The object, with all below it, is in the output as the source had it at that version.
-void PolicySm::noteVerified( const ObjTupleAndSource& otas,
-                             const PolicySourceSm::ObjectVersion& version, unsigned depth ) {
-   const auto [ known, isNew ] = verified_.emplace( otas, Verified{ version, depth } );
+void PolicySm::noteVerified( const ObjTupleAndSource& otas, const Verified& found ) {
+   const auto [ known, isNew ] = verified_.emplace( otas, found );
    if( !isNew )
-      *known = { version, depth };
+      *known = found;
 }
 
 void PolicySm::forgetVerified( const ObjTupleAndSource& otas ) {
@@ -225,7 +234,7 @@ void PolicySm::processDest( const ObjTupleAndSource& otas, bool forceCreate ) {
          return;
       }
    }
-   noteVerified( otas, version, 1 );
+   noteVerified( otas, { version, 1, true } );
 }
 
 bool PolicySm::processLabel( const ObjTupleAndSource& otas, bool forceCreate ) {
@@ -276,7 +285,7 @@ bool PolicySm::processLabel( const ObjTupleAndSource& otas, bool forceCreate ) {
    const Label newOutLabel( outLabelId, outOt, inLabel.label() );
    TRACE( 8, "processLabel"
                 << " newOutLabel is " << newOutLabel );
-   noteVerified( otas, version, depthOf( next ) + 1 );
+   noteVerified( otas, { version, depthOf( next ) + 1, isWhole( next ) } );
    if( !isNew && newOutLabel == oldOutLas.label() ) {
       TRACE( 8, "processLabel"
                    << " no change in label, ignoring update" );
@@ -289,6 +298,7 @@ bool PolicySm::processLabel( const ObjTupleAndSource& otas, bool forceCreate ) {
       TRACE( 8, "processLabel"
                    << " no room in output for " << otas );
       dropMapping( otas );
+      failedInPass_.emplace( otas, Failed{ version, true } );
       releaseIfUnused( outOt );
       return true; // the caller finds no output copy
    }
@@ -354,6 +364,7 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
    };
    bool changed = false;
    unsigned depth = 0;
+   bool whole = true;
    const auto inNexts = inLb.used();
    for( auto it = inNexts.begin(); it != inNexts.end(); ++it ) {
       const EcmpIndex position( static_cast<uint32_t>( it - inNexts.begin() ) );
@@ -370,6 +381,7 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
          return false;
       }
       depth = std::max( depth, depthOf( next ) );
+      whole = whole && isWhole( next );
       if( !isUser( outOt, outOtForLb, Util::mvpInvalid() ) ) {
          addUser( outOt, outOtForLb, Util::mvpInvalid() );
          otUsersAdded.push_back( outOt );
@@ -382,7 +394,7 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
       newNexts.newOt( outOt, true );
    }
 
-   noteVerified( otas, version, depth + 1 );
+   noteVerified( otas, { version, depth + 1, whole } );
    if( !isNew && !changed && newLb.nexts() == oldOutLb.nexts() ) {
       TRACE( 8, "processLb"
                    << " No change in LB, ignoring update." );
@@ -395,6 +407,7 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
       TRACE( 8, "processLb"
                    << " no room in output for " << otas );
       dropMapping( otas );
+      failedInPass_.emplace( otas, Failed{ version, true } );
       undo();
       return true; // the caller finds no output copy
    }
@@ -455,7 +468,7 @@ bool PolicySm::usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
    if( outOt == Util::objTupleInvalid() || depthOf( next ) >= maxObjectDepth )
       return false;
    // A copy whose object the source has deleted stands as it was; it may lead back to us.
-   return verified_.contains( next ) || !leadsTo( outOt, user );
+   return isWhole( next ) || !leadsTo( outOt, user );
 }
 
 // Whether target is among the output objects at or below ot.
@@ -479,6 +492,12 @@ bool PolicySm::leadsTo( const ObjTuple& ot, const ObjTuple& target ) const {
 unsigned PolicySm::depthOf( const ObjTupleAndSource& otas ) const {
    const Verified* known = verified_.find( otas );
    return known ? known->depth : 0;
+}
+
+// Whether all from a processed one downwards is as the source has it now.
+bool PolicySm::isWhole( const ObjTupleAndSource& otas ) const {
+   const Verified* known = verified_.find( otas );
+   return known && known->whole;
 }
 
 } // namespace L2Rib

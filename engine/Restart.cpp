@@ -436,6 +436,7 @@ void PolicySm::handleTablesInconsistent() {
    }
    verified_.clear();
    lastVerified_ = {};
+   failedInPass_.clear();
    hostForSourceCheckDelAll();
    otForSourceCheckDelAll();
    restartStateIs( running_ );

@@ -97,6 +97,7 @@ void moveAll( Set& from, Set& to ) {
 // The start of a pass: what failed before is tried again.
 void PolicySm::parkedToLists() {
    retries_ += failedHost_.size() + failedOtas_.size();
+   failedInPass_.clear();
    moveAll( failedHost_, hostList_ );
    moveAll( failedOtas_, otasList_ );
 }

@@ -146,10 +146,19 @@ TEST_F( Objects, FailedChangeLeavesTheGroupAsItWas ) {
    source.set( group( 1, { dest( 2 ), dest( 3 ) } ) );
    lab.settle();
    check( "group ( intf 1 )", 2 );
+   source.set( group( 4, { dest( 4 ), dest( 3 ) } ) ); // the same for a new one with many hosts
+   source.set( intfDest( 4, 4 ) );
+   for( uint64_t mac = 2; mac <= 50; ++mac )
+      source.set( objectHost( mvp( mac ), lb( 4 ) ) );
+   const uint64_t writes = lab.writes;
+   lab.hammer();
+   EXPECT_EQ( writes + 2 * 4, lab.writes ) << "a member of each comes and goes once a pass";
+   check( "group ( intf 1 )", 2 );
    EXPECT_TRUE( lab.engine->failedOtas( ObjTupleAndSource( lb( 1 ), Source( a ) ) ) );
    source.set( intfDest( 3, 3 ) );
    lab.hammer();
-   check( "group ( intf 2 intf 3 )", 3 );
+   check( "group ( intf 2 intf 3 )", 5 );
+   EXPECT_EQ( 50u, lab.output.host->count() );
 }
 
 TEST_F( Objects, LoopsAndEndlessChainsFailUntilTheyAreMended ) {
@@ -166,6 +175,17 @@ TEST_F( Objects, LoopsAndEndlessChainsFailUntilTheyAreMended ) {
    source.set( push( 1, 1, label( 1 ) ) ); // a loop while in use: the output stays as it was
    lab.hammer();
    check( "group ( intf 1 group ( push 1 ( intf 1 ) ) )", 4 );
+   // One that leads through the copy of an object that the source has deleted meanwhile.
+   source.set( push( 1, 1, dest( 1 ) ) );
+   lab.settle();
+   source.lb->lbDel( LoadBalanceId( 2 ) );
+   lab.settle();
+   source.set( push( 1, 1, lb( 1 ) ) );
+   lab.hammer();
+   check( "group ( intf 1 group ( push 1 ( intf 1 ) ) )", 4 );
+   source.host->hostDel( mvp( 1 ) );
+   lab.hammer();
+   check( "none", 0 );
 
    Lab deep( 512 );
    const auto table = makeEntity<LabelTable>( 100000u );
@@ -213,6 +233,7 @@ TEST_F( Objects, CorruptRecordsReadAsAbsent ) {
    source.set( objectHost( mvp( 3 ), ObjTuple( ObjId( 1 ), TableType( 9 ) ) ) );
    source.set( objectHost( mvp( 4 ), ObjTuple( ObjId( 1 ), tableTypeInvalid_ ) ) );
    source.set( objectHost( mvp( 5 ), ObjTuple( ObjId( 0 ), tableTypeDest_ ) ) );
+   source.set( inlineHost( Util::mvpInvalid(), 1 ) );
    lab.hammer();
    check( "none", 0 );
    EXPECT_EQ( 0u, lab.output.host->count() );
