@@ -31,6 +31,9 @@ class ObjTupleManager : public Vexil::Entity {
       const ObjTupleAndSource* found = outputToInput_.find( ot );
       return found ? *found : Util::otasInvalid();
    }
+   const Vexil::HashMap<ObjTupleAndSource, ObjTuple>& inputToOutput() const {
+      return inputToOutput_;
+   }
    size_t size() const { return outputToInput_.size(); }
 
    // Maps an input object that has no mapping to the next output id. The invalid tuple, and no

@@ -150,8 +150,13 @@ void PolicySm::sourceSmByEnumDel( Source source ) {
    holdTimer_.timeMinIs( std::min( holdTimer_.timeMin(), heldUntil_[ source ] ) );
 }
 
-// Nobody can say any more what these objects are.
+// Nobody can say any more what these objects are. Copies that are in the output stay; an id that
+// was given to one that never got there has been kept for the next try.
 void PolicySm::forgetOtasOf( Source source ) {
+   for( const auto& [ tableType, manager ] : tupleManager_ )
+      for( auto at = manager->inputToOutput().begin(); at != manager->inputToOutput().end(); ++at )
+         if( const auto [ otas, ot ] = *at; otas.source() == source )
+            forgetUnwritten( otas, hasOutputRow( ot ) );
    for( auto at = otasList_.begin(); at != otasList_.end(); ++at )
       if( at->key.source() == source )
          otasListDel( at->key );

@@ -403,6 +403,8 @@ TEST( SourceHold, VanishingWithWorkQueuedNeverStopsTheEngine ) {
    EXPECT_EQ( 0u, lab.output.host->count() + lab.output.lb->count() + lab.output.label->count() +
                      lab.output.dest->count() );
    EXPECT_TRUE( lab.engine->usersMap().empty() );
+   for( const TableType type : { tableTypeDest_, tableTypeLoadBalance_, tableTypeLabel_ } )
+      EXPECT_EQ( 0u, lab.engine->tupleManager( type )->size() );
 }
 
 TEST( Sources, EntryIsMadeAgainOnlyWithAllItsArguments ) {
