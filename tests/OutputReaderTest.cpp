@@ -43,11 +43,11 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    OutputTables output( state, 8 );
    auto& [ hosts, dests, groups, labels, flood, floodSource ] = output;
    auto ids = OutputTables::made<PolicySmStatusTable>( state, Path::policySmStatus, 1 );
-   const auto row = [ & ]( unsigned number, const ObjTuple& next ) {
+   const auto row = [ & ]( unsigned number, const ObjTuple& next, Source source = sourceBit6_ ) {
       const MacVlanPair key( Vexil::EthAddr( 0x020000000000 + number ), VlanId( 10 ) );
       Host host( key );
       host.nextIs( next );
-      return hosts.hostIs( HostAndSource( key, host, sourceBit6_ ) );
+      return hosts.hostIs( HostAndSource( key, host, source ) );
    };
    const ObjTuple label( LabelId( 1 ) );
    ASSERT_TRUE( row( 1, label ) && row( 2, ObjTuple( DestId( 4 ) ) ) );
@@ -66,6 +66,7 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    ASSERT_TRUE(
       dests.destIs( DestAndSource( untyped, { ObjTuple( untyped.key() ), sourceBit6_ } ) ) );
    ASSERT_TRUE( row( 3, ObjTuple( group.key() ) ) );
+   ASSERT_TRUE( row( 4, ObjTuple( group.key() ), sourceBit8_ ) );
    ASSERT_TRUE( ids.set( { SingleKey(), DestId( 1 ), LoadBalanceId( 1 ), LabelId( 3 ) } ) );
    for( const uint64_t interface : { 1, 2 } ) {
       Dest dest( Util::destIdNotInTarn() );
@@ -77,12 +78,13 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    EXPECT_EQ( result.status, 1 );
    for( const char* fault :
         { "host (02:00:00:00:00:02/10) points to dest/4, which is not there",
+          "host (02:00:00:00:00:04/10) of 0x100 points to lb/1, which is of 0x40",
           "label/9 has an id that was never given: the highest is 3",
           "label/1 points to label/1, which leads back to it", "label/9 points to label/9, which",
           "label/3 points to lb/1, which leads back to it", "dest/1 is of no known type",
           "label/9 and label/1 are copies of the same label/1 from 0x40",
           "label/9 is not reached from any host", "dest intf 2 } is of no known type",
-          "dest intf 2 } has another type than its set", "10 faults" } )
+          "dest intf 2 } has another type than its set", "11 faults" } )
       EXPECT_NE( ( result.out + result.err ).find( fault ), std::string::npos ) << fault;
    const auto drawn = [ & ]( const Words& command ) {
       const Result graph = ctl( command );

@@ -48,9 +48,13 @@ class Check {
       faults_.push_back( subject.str() + " " + what );
    }
 
-   void checkNext( const std::string& user, const ObjTuple& next ) {
+   // Whatever a source's row points to is the same source's.
+   void checkNext( const std::string& user, Source source, const ObjTuple& next ) {
       if( !graph_.has( next ) )
          faults_.push_back( user + " points to " + next.str() + ", which is not there" );
+      else if( graph_.sourceOf( next ) != source )
+         faults_.push_back( user + " of " + sourceStr( source ) + " points to " + next.str() +
+                            ", which is of " + sourceStr( graph_.sourceOf( next ) ) );
    }
 
    void checkHosts() {
@@ -63,7 +67,7 @@ class Check {
                                ", which is no single bit" );
          const CiDest& dest = row.host().ciDest();
          if( row.next() != Util::objTupleInvalid() ) {
-            checkNext( subject, row.next() );
+            checkNext( subject, row.source(), row.next() );
             if( dest != CiDest() )
                faults_.push_back( subject + " has both a next and an inline destination" );
          } else if( dest.destType() != destTypeDefault_ && dest.destType() != destTypeVxlan_ ) {
@@ -88,7 +92,7 @@ class Check {
       if( !fresh )
          fault( object, "and " + first->second.str() + " are copies of the same " + input.str() );
       for( const ObjTuple& next : graph_.nextsOf( object ) )
-         checkNext( object.str(), next );
+         checkNext( object.str(), input.source(), next );
    }
 
    void checkUse() {

@@ -41,6 +41,17 @@ bool OutputGraph::has( const ObjTuple& object ) const {
    }
 }
 
+Source OutputGraph::sourceOf( const ObjTuple& object ) const {
+   switch( object.tableType() ) {
+   case tableTypeLoadBalance_:
+      return groups.at( object.lbId() ).sourceOtas().source();
+   case tableTypeLabel_:
+      return labels.at( object.labelId() ).sourceOtas().source();
+   default:
+      return dests.at( object.destId() ).sourceOtas().source();
+   }
+}
+
 std::vector<ObjTuple> OutputGraph::nextsOf( const ObjTuple& object ) const {
    if( !has( object ) || object.tableType() == tableTypeDest_ )
       return {};

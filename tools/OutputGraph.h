@@ -19,6 +19,8 @@ struct OutputGraph {
    // The objects that are reached from these, themselves included, whether they have rows or not.
    std::set<L2Rib::ObjTuple> reachedFrom( std::vector<L2Rib::ObjTuple> starts ) const;
    bool has( const L2Rib::ObjTuple& object ) const;
+   // Whose object the row is a copy of; the row must be there.
+   L2Rib::Source sourceOf( const L2Rib::ObjTuple& object ) const;
 
    std::vector<L2Rib::HostAndSource> hosts; // by VLAN, then MAC
    std::map<L2Rib::DestId, L2Rib::DestAndSource> dests;
