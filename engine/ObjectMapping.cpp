@@ -2,7 +2,8 @@
 //
 // A copy is written only after everything below it has been: the recursion is depth first. Whether
 // an object, with all below it, is up to date is remembered together with the version of the
-// source's object tables, so that a million hosts behind one group cost one lookup each.
+// source's object tables, so that a million hosts behind one group cost one lookup each; and so is,
+// for the rest of a pass, that it could not be written.
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
 
