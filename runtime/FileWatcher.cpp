@@ -1,5 +1,7 @@
 #include "runtime/FileWatcher.h"
 
+#include "runtime/Trace.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -29,7 +31,12 @@ FileWatcher::~FileWatcher() {
 
 // The kernel itself reports IN_CLOSE_WRITE when a writer dies between a change and the ring.
 int FileWatcher::addBell( const TableBase& table ) {
-   return inotify_add_watch( inotify_, table.path().c_str(), IN_MODIFY | IN_CLOSE_WRITE );
+   const int watch =
+      inotify_add_watch( inotify_, table.path().c_str(), IN_MODIFY | IN_CLOSE_WRITE );
+   if( watch < 0 && errno != ENOENT ) // a file that has just been removed changes no more
+      log( table.path() + ": watching the table: " + std::strerror( errno ) +
+           ": its changes are met only when another table changes" );
+   return watch;
 }
 
 void FileWatcher::follow( Ptr<TableBase> table ) {

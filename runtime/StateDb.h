@@ -120,8 +120,9 @@ class EntityManager : public Entity {
    template<class Table>
    Ptr<Table> mountTable( const std::string& path, typename Table::Mode mode, uint32_t capacity );
 
-   // Attaches, as its writer, a table whose content this process makes from something else: one that
-   // is damaged, or was left by a version with other records, is replaced, and the log says so.
+   // Attaches, as its writer, a table whose content this process makes from something else: one
+   // that is damaged, or was left by a version with other records, is replaced, and the log says
+   // so.
    template<class Table>
    Ptr<Table> mountDerivedTable( const std::string& path, uint32_t capacity );
 

@@ -91,7 +91,10 @@ int main( int argc, char** argv ) {
    const CLI::Validator seconds = numberWithin( 0, 1e9, false );
    number( "output-capacity", "records per output table (16384)",
            numberWithin( 1, 1 << 30, true ) );
-   number( "review-quantum", "seconds that a review slice may take (0.05)", seconds );
+   // One host must fit in: a slice that ends with each host, one of which fails, never gets
+   // further.
+   number( "review-quantum", "seconds that a review slice may take (0.05)",
+           numberWithin( 0.0001, 1e9, false ) );
    number( "flood-review-quantum", "seconds that a flood slice may take (0.05)", seconds );
    number( "hammer-interval", "seconds between retries of what failed (10)",
            numberWithin( 0.001, 1e9, false ) );
