@@ -128,8 +128,8 @@ void manyGroups( const Settings& settings, Report& report ) {
 
 void benchObjects( const Settings& settings, Report& report ) {
    sharedGroup( settings, settings.size( 16'384 ), settings.repetitions( 9 ), report );
-   sharedGroup( settings, settings.size( 100'000 ), settings.repetitions( 5 ), report );
-   sharedGroup( settings, settings.size( 1'000'000 ), settings.repetitions( 3 ), report );
+   sharedGroup( settings, settings.size( 100'000 ), settings.repetitions( 9 ), report );
+   sharedGroup( settings, settings.size( 1'000'000 ), settings.repetitions( 9 ), report );
    manyGroups( settings, report );
 }
 
