@@ -74,6 +74,8 @@ inline Label push( uint64_t id, uint32_t value, const ObjTuple& next ) {
 // A source inside the test: its tables and its directory entry.
 struct LabSource {
    std::string name;
+   Source value = sourceNone_;
+   std::string path; // of its tables
    Ptr<SourceDirEntry> entry;
    Ptr<HostInput> host;
    Ptr<LoadBalanceTable> lb;
@@ -112,18 +114,23 @@ class TraceLines {
    std::vector<std::string> lines_;
 };
 
+// The capacities of the output tables.
+struct Room {
+   uint32_t host = 512, lb = 512, label = 512, dest = 512;
+};
+
+// Thrown out of a write of the engine: as if its process had been killed right after it.
+struct Killed {};
+
 class Lab {
  public:
-   explicit Lab( uint32_t outputCapacity = 512 )
+   explicit Lab( const Room& room = {} )
       : clock( makeEntity<Vexil::ManualClock>() ),
         manager( makeEntity<Vexil::EntityManager>( clock ) ),
         inputDir( makeEntity<Vexil::Directory>() ), agentInputDir( makeEntity<AgentSourceDir>() ),
-        output{ makeEntity<HostOutput>( outputCapacity ),
-                makeEntity<LoadBalanceOutput>( outputCapacity ),
-                makeEntity<LabelOutput>( outputCapacity ),
-                makeEntity<DestOutput>( outputCapacity ),
-                makeEntity<FloodSetOutput>(),
-                makeEntity<PolicySmStatus>() },
+        output{ makeEntity<HostOutput>( room.host ),   makeEntity<LoadBalanceOutput>( room.lb ),
+                makeEntity<LabelOutput>( room.label ), makeEntity<DestOutput>( room.dest ),
+                makeEntity<FloodSetOutput>(),          makeEntity<PolicySmStatus>() },
         hostWatch( output.host, *this ), lbWatch( output.lb, *this ),
         labelWatch( output.label, *this ), destWatch( output.dest, *this ) {
       newEngine();
@@ -140,21 +147,26 @@ class Lab {
    // makes its tables anew.
    LabSource& source( const std::string& name, uint32_t value, bool initialized = true ) {
       LabSource& made = sources[ name ];
-      const std::string path = "in/" + name + "/" + std::to_string( ++publications ) + "/";
       made.name = name;
-      made.host = table<HostInput>( path + "host" );
-      made.lb = table<LoadBalanceTable>( path + "lb" );
-      made.label = table<LabelTable>( path + "label" );
-      made.dest = table<DestTable>( path + "dest" );
-      made.entry = makeEntity<SourceDirEntry>( name );
-      made.entry->sourceIs( Source( value ) );
-      made.entry->hostTableTarnPathIs( path + "host" );
-      made.entry->lbTableTarnPathIs( path + "lb" );
-      made.entry->labelTableTarnPathIs( path + "label" );
-      made.entry->destTableTarnPathIs( path + "dest" );
-      made.entry->initializedIs( initialized );
-      inputDir->entryIs( name, made.entry );
+      made.value = Source( value );
+      made.path = "in/" + name + "/" + std::to_string( ++publications ) + "/";
+      made.host = table<HostInput>( made.path + "host" );
+      made.lb = table<LoadBalanceTable>( made.path + "lb" );
+      made.label = table<LabelTable>( made.path + "label" );
+      made.dest = table<DestTable>( made.path + "dest" );
+      publishAgain( made, initialized );
       return made;
+   }
+   // Gives the source a new entry, for the tables that it has.
+   void publishAgain( LabSource& source, bool initialized ) {
+      source.entry = makeEntity<SourceDirEntry>( source.name );
+      source.entry->sourceIs( source.value );
+      source.entry->hostTableTarnPathIs( source.path + "host" );
+      source.entry->lbTableTarnPathIs( source.path + "lb" );
+      source.entry->labelTableTarnPathIs( source.path + "label" );
+      source.entry->destTableTarnPathIs( source.path + "dest" );
+      source.entry->initializedIs( initialized );
+      inputDir->entryIs( source.name, source.entry );
    }
 
    void turn() {
@@ -256,7 +268,19 @@ class Lab {
          else
             ADD_FAILURE() << "write " << writes << ": " << what;
       }
+      if( writes == killAt )
+         throw Killed();
    }
+   // An output id that the engine gives stands for one input object for ever.
+   template<class Row>
+   void noteId( const Row& row ) {
+      if( !engine )
+         return; // a write of the test's own
+      const ObjTuple ot( row.key() );
+      EXPECT_EQ( row.sourceOtas(), inputOf.emplace( ot, row.sourceOtas() ).first->second )
+         << ot << " was given twice";
+   }
+   void noteId( const HostAndSource& ) {}
 
    Ptr<Vexil::ManualClock> clock;
    Ptr<Vexil::EntityManager> manager;
@@ -265,6 +289,8 @@ class Lab {
    PolicySm::Tables output;
    std::map<std::string, LabSource> sources;
    uint64_t writes = 0;
+   uint64_t killAt = 0; // the write that ends in Killed; 0: none
+   std::map<ObjTuple, ObjTupleAndSource> inputOf;
    std::string danglesInRestart;
 
  private:
@@ -273,7 +299,11 @@ class Lab {
     public:
       Watch( Ptr<Table> table, Lab& lab ) : Vexil::Reactor<Table>( table ), lab_( lab ) {}
       using Key = decltype( std::declval<Table>().inSlot( 0 )->key() );
-      void handleEntry( const std::remove_cvref_t<Key>& ) override { lab_.checkNothingDangles(); }
+      void handleEntry( const std::remove_cvref_t<Key>& key ) override {
+         if( const auto row = this->notifier()->get( key ); row.key() == key )
+            lab_.noteId( row );
+         lab_.checkNothingDangles();
+      }
 
     private:
       Lab& lab_;

@@ -280,7 +280,7 @@ TEST( Review, ChangesAheadOfAndBehindTheBookmarkAreAllMet ) {
 }
 
 TEST( Review, FullOutputParksTheHostUntilAnotherGoes ) {
-   Lab lab( 4 );
+   Lab lab( { .host = 4 } );
    LabSource& source = lab.source( "one", a );
    source.set( intfDest( 1, 12 ) );
    for( uint64_t mac = 1; mac <= 4; ++mac )
