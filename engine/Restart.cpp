@@ -8,7 +8,8 @@
 // copy stands for. Rows that contradict each other (an earlier run was killed between two writes)
 // lead to the wipe: all output goes, and normal work builds it from the sources. The scan then
 // writes what really changed while no agent ran; objects that lose their last user meanwhile are
-// kept until it is over, since a later host may use them.
+// kept until it is over, since a later host may use them. A found host that can't be
+// programmed, because its object is missing or there is no room, leads to the wipe too.
 //
 // One timer steps all of it, in slices of at most reviewQuantum seconds; each list is walked from
 // its bookmark. Sources' changes are only queued until the state is running.
@@ -420,7 +421,10 @@ void PolicySm::restoreMapping( const ObjTupleAndSource& sourceOtas, const ObjTup
 
 void PolicySm::handleTablesInconsistent() {
    TRACE( 0, __PRETTY_FUNCTION__ );
-   Vexil::log( "the output tables contradict each other: they are emptied and built anew" );
+   Vexil::log( detectedInconsistentTables()
+                  ? "the output tables contradict each other: they are emptied and built anew"
+                  : "a host of the output can't be programmed any more: the output is emptied and "
+                    "built anew" );
    output_.host->forEach( [ this ]( const HostAndSource& row ) {
       if( row.next() != Util::objTupleInvalid() )
          delOtForInconsistency( row.next() );
