@@ -93,6 +93,27 @@ void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
    output_.host->prefetchRecord( hash );
 }
 
+// No source has the host any more: its row, if there is one, goes.
+void PolicySm::withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow ) {
+   TRACE( 0, "processHost"
+                << " host " << mvpStr( mvp ) << " not found." );
+   if( oldRow.key() != mvp ) {
+      TRACE( 1, "processHost"
+                   << " host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
+      return;
+   }
+   if( heldUntil_.contains( oldRow.source() ) ) { // queued or parked when its source vanished
+      TRACE( 1, "processHost"
+                   << " host " << mvpStr( mvp ) << " is kept for " << oldRow.source() );
+      return;
+   }
+   TRACE( 0, "processHost"
+                << " removing from output." );
+   output_.host->hostDel( mvp );
+   if( oldRow.next() != Util::objTupleInvalid() )
+      rmUser( oldRow.next(), Util::objTupleInvalid(), mvp );
+}
+
 bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
 
@@ -126,33 +147,16 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 1, "processHost"
                 << " Looking up " << mvpStr( mvp ) << " in output." );
    const HostAndSource oldRow = output_.host->get( mvp, hash );
-   const bool wasPresent = oldRow.key() == mvp;
-   const ObjTuple oldNext = wasPresent ? oldRow.next() : Util::objTupleInvalid();
    TRACE( 1, "processHost"
                 << " got " << oldRow );
 
    if( bestHost.key() != mvp ) {
-      TRACE( 0, "processHost"
-                   << " host " << mvpStr( mvp ) << " not found." );
-      if( !wasPresent ) {
-         TRACE( 1, "processHost"
-                      << " host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
-         return true;
-      }
-      if( heldUntil_.contains( oldRow.source() ) ) { // queued or parked when its source vanished
-         TRACE( 1, "processHost"
-                      << " host " << mvpStr( mvp ) << " is kept for " << oldRow.source() );
-         return true;
-      }
-      TRACE( 0, "processHost"
-                   << " removing from output." );
-      output_.host->hostDel( mvp );
-      if( oldNext != Util::objTupleInvalid() )
-         rmUser( oldNext, Util::objTupleInvalid(), mvp );
+      withdrawHost( mvp, oldRow );
       return true;
    }
 
    VEXIL_ASSERT( bestHostSource );
+   const ObjTuple oldNext = oldRow.next(); // invalid when there was no row
    Host outHost = bestHost;
    bool gainedUser = false;
    if( bestHost.next() != Util::objTupleInvalid() ) {

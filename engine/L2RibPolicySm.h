@@ -254,6 +254,7 @@ class PolicySm : public Vexil::Entity {
    void processDest( const ObjTupleAndSource& otas, bool forceCreate );
    bool processLb( const ObjTupleAndSource& otas, bool forceCreate );
    bool processLabel( const ObjTupleAndSource& otas, bool forceCreate );
+   void withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow );
    // What a host that is soon to be decided will need: first the index words, then the records.
    void prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const;
    void prefetchHost( const Bridging::MacVlanPair& mvp ) const;

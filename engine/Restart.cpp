@@ -1,5 +1,5 @@
 // Restart: the engine adopts the output that an earlier run left, checks it, decides every host
-// anew, and only then enters normal work. Readers never see the output emptied and refilled.
+// anew, and only then enters normal work. Readers never see a sound output emptied and refilled.
 //
 //    init --> hostSourceCheck --> otSourceCheck --> otFloatCheck --> initialHostScan
 //         --> zeroRefCleanup --> running
