@@ -235,6 +235,110 @@ TEST_F( Objects, LoopsAndEndlessChainsFailUntilTheyAreMended ) {
    EXPECT_EQ( "push 1 ( push 1 ( intf 1 ) )", resolved( deep, mvp( 1 ) ) );
 }
 
+// The order of the writes and of the users is in the log, in the words that are looked for there.
+TEST_F( Objects, TracesTellTheOrder ) {
+   TraceLines lines;
+   source.set( objectHost( mvp( 1 ), label( 1 ) ) );
+   source.set( push( 1, 100, lb( 1 ) ) );
+   source.set( group( 1, { dest( 1 ), dest( 2 ) } ) );
+   source.set( intfDest( 1, 1 ) );
+   lab.settle();
+   lines.expect( { "processDest No such output dest, new destId is ", "processDest writing ",
+                   "addUser instantiating new otu for dest/1",
+                   "processDest mismatched keys, delete not handled here.",
+                   "processLb failed to process dest/2", "rmUser no users left for dest/1",
+                   "onZeroRefs deleting otu for dest/1", "foundFailedOtas(",
+                   "processLabel failed to processlb/1", " (cascading)", "foundFailedOtas(",
+                   "processHost failed to process label/1", " (cascading)",
+                   "handleReviewTimer processing failure on " } );
+   source.set( intfDest( 2, 2 ) );
+   lab.hammer();
+   source.set( push( 1, 100, dest( 3 ) ) );
+   source.set( intfDest( 3, 3 ) );
+   lines.clear();
+   lab.settle();
+   lines.expect( { "processLabel writing ", "addUser(", "using dest/", "rmUser(", "using lb/",
+                   "rmUser no users left for lb/", "onLbZeroRefs(", "rmUser(", "using dest/",
+                   "onDestZeroRefs(", "rmUser(", "using dest/", "onDestZeroRefs(" } );
+   check( "push 100 ( intf 3 )", 2 );
+   lines.clear();
+   source.set( intfDest( 3, 3 ) );
+   source.set( intfDest( 9, 9 ) );
+   source.set( push( 9, 9, dest( 3 ) ) );
+   source.set( group( 9, { dest( 3 ) } ) );
+   lab.settle();
+   for( const char* text : { "processDest no change in dest, ignoring update",
+                             "processDest No such output dest, create not handled now.",
+                             "processLabel no such output Label, create not handled here.",
+                             "processLb no such output LB, create not handled here." } )
+      lines.expect( { text } ); // in whatever order they are looked at
+}
+
+// A regular expression that matches this text alone.
+std::string literally( const std::string& text ) {
+   std::string all;
+   for( const char c : text )
+      all += ( std::string( "().*|" ).find( c ) == std::string::npos ? "" : "\\" ) +
+             std::string( 1, c );
+   return all;
+}
+
+TEST( ObjectsDeath, BrokenInvariantsStopTheProcessWithTheirText ) {
+   constexpr auto invalid = Util::objTupleInvalid;
+   constexpr auto noHost = Util::mvpInvalid;
+   const struct {
+      std::function<void( Lab&, LabSource& )> spoil;
+      const char* text;
+   } cases[] = {
+      { []( Lab&, LabSource& source ) { source.set( group( 1, {} ) ); }, "inLb.nexts() > 0" },
+      { []( Lab&, LabSource& source ) {
+          source.set( group( 1, { invalid(), dest( 1 ) } ) );
+       },
+        "*it != Util::objTupleInvalid()" },
+      { []( Lab&, LabSource& source ) {
+          source.set( group( 1, { label( 1 ) } ) );
+          source.set( push( 1, 1, invalid() ) );
+       },
+        "inLabel.next() != Util::objTupleInvalid()" },
+      { []( Lab& lab, LabSource& ) { lab.engine->processOtas( {}, true ); },
+        "otas.tableType() != tableTypeInvalid_" },
+      { []( Lab& lab, LabSource& ) {
+          lab.engine->processOtas( ObjTupleAndSource( dest( 0 ), Source( a ) ), true );
+       },
+        "otas.destId() != Util::destIdInvalid()" },
+      { []( Lab& lab, LabSource& ) {
+          lab.engine->processOtas( ObjTupleAndSource( dest( 1 ), Source( b ) ), true );
+       },
+        "sm" },
+      { []( Lab& lab, LabSource& ) { lab.engine->addUser( invalid(), dest( 1 ), noHost() ); },
+        "otUsed != Util::objTupleInvalid()" },
+      { []( Lab& lab, LabSource& ) { lab.engine->isUser( dest( 1 ), lb( 1 ), mvp( 1 ) ); },
+        "( otUser != Util::objTupleInvalid() && mvpUser == Util::mvpInvalid() ) || "
+        "( otUser == Util::objTupleInvalid() && mvpUser != Util::mvpInvalid() )" },
+      { []( Lab& lab, LabSource& ) { lab.engine->rmUser( dest( 1 ), invalid(), mvp( 1 ) ); },
+        "otu" },
+      { []( Lab& lab, LabSource& ) {
+          lab.engine->addUser( dest( 1 ), lb( 1 ), noHost() );
+          lab.engine->rmUser( dest( 1 ), lb( 2 ), noHost() );
+       },
+        "otu->otUser( otUser )" },
+      { []( Lab& lab, LabSource& ) {
+          lab.engine->restoreMapping( ObjTupleAndSource( dest( 1 ), Source( a ) ), dest( 1 ) );
+       },
+        "restartState() == otSourceCheck_" },
+   };
+   for( const auto& test : cases ) {
+      const auto run = [ & ] {
+         Lab lab;
+         LabSource& source = lab.source( "one", a );
+         source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+         test.spoil( lab, source );
+         lab.settle();
+      };
+      EXPECT_DEATH( run(), "assertion failed: " + literally( test.text ) + ", file engine/" );
+   }
+}
+
 // Every group points 16 times to the next one: 16^20 ways lead from top to bottom.
 TEST_F( Objects, SharedMembersAreLookedAtOnce ) {
    for( uint64_t id = 1; id < 20; ++id )
