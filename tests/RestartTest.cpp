@@ -52,8 +52,17 @@ struct Restart : ::testing::Test {
 TEST_F( Restart, UnchangedSourcesCauseNoWrite ) {
    const std::string before = output();
    const uint64_t writes = lab.writes;
+   const TraceLines lines;
    lab.newEngine();
    lab.settle();
+   lines.expect( { "handleSourceCheck host check complete with 4 hosts this run",
+                   "handleSourceCheck OT source check complete with 4 OTs this run",
+                   "handleSourceCheck doing float check",
+                   "handleSourceCheck OT check complete with 4 OTs this run",
+                   "handleSourceCheck done with initial sync of back pointers",
+                   "handleInitialSyncTimer host check complete with 4 hosts",
+                   "handleInitialSyncTimer OT zero ref check complete with 0 OTs",
+                   "maybeRescheduleHostReview() restartState is running" } );
    EXPECT_EQ( writes, lab.writes );
    EXPECT_EQ( before, output() );
    EXPECT_FALSE( lab.engine->detectedInconsistentTables() );
@@ -66,6 +75,7 @@ TEST_F( Restart, EveryStateInSlicesOfOneEntry ) {
    source.set( inlineHost( mvp( 3 ), 3 ) );                 // the group goes once all is decided
    lab.engine = nullptr;
    lab.clock->tickIs( 0.001 );
+   const TraceLines lines;
    lab.newEngine();
    lab.engine->reviewQuantumIs( 0 );
    lab.clock->nowIs( 5000 );
@@ -94,6 +104,33 @@ TEST_F( Restart, EveryStateInSlicesOfOneEntry ) {
    EXPECT_EQ( 4, slices[ otFloatCheck_ ] );
    EXPECT_EQ( 4, slices[ initialHostScan_ ] );
    EXPECT_EQ( 1, slices[ zeroRefCleanup_ ] );
+   lines.expect( { "PolicySm::handleInitialized()",
+                   "handleInitialized adding (",
+                   " to source check and initial sync list",
+                   "handleInitialized max IDs found, label: 1 LB: 1 dest: 2",
+                   "handleInitialized status said label: 1 LB: 1 dest: 2",
+                   "restartState is hostSourceCheck",
+                   "handleSourceCheck checking host (",
+                   "handleSourceCheck ending host review run after 1 hosts",
+                   "handleSourceCheck host check complete with 1 hosts this run",
+                   "restartState is otSourceCheck",
+                   "handleSourceCheck checking ",
+                   "restoreMapping between ",
+                   "handleSourceCheck ending OT source review run after 1 OTs",
+                   "handleSourceCheck OT source check complete with 1 OTs this run",
+                   "handleSourceCheck doing float check",
+                   "handleSourceCheck ending review run after 1 OTs",
+                   "handleSourceCheck OT check complete with 1 OTs this run",
+                   "handleInitialSyncTimer running host initial sync",
+                   "handleInitialSyncTimer checking host (",
+                   "rmUser deferring delete of lb/1 until after initial sync complete",
+                   "handleInitialSyncTimer ending review run after 1 hosts",
+                   "handleInitialSyncTimer host check complete with 1 hosts",
+                   "handleInitialSyncTimer running zero ref cleanup check",
+                   "handleInitialSyncTimer checking OT lb/1 for zero ref cleanup",
+                   "handleZeroRefCleanupCheck no users left for lb/1 handling deferred delete now",
+                   "handleInitialSyncTimer ending review for zero ref after 1 OTs",
+                   "handleInitialSyncTimer OT zero ref check complete with 1 hosts" } );
    lab.settle();
    EXPECT_EQ( 0u, lab.output.lb->count() );
    EXPECT_EQ( "value 9 from 0x100", lab.outcome( mvp( 9 ) ) );
@@ -126,28 +163,32 @@ TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
    };
    const struct {
       const char* what;
+      const char* trace;
       std::function<void()> damage;
       bool sound = false; // the found rows themselves are
    } cases[] = {
-      { "a host's object is missing", [ & ] { lab.output.lb->lbDel( outLb.lbId() ); } },
-      { "a label's next is missing", [ & ] { lab.output.dest->destDel( outDestBelow.destId() ); } },
-      { "a group's next is missing", [ & ] { lab.output.dest->destDel( outDest.destId() ); } },
-      { "a next of no table type",
+      { "a host's object is missing", " does not exist!!!",
+        [ & ] { lab.output.lb->lbDel( outLb.lbId() ); } },
+      { "a label's next is missing", " does not exist!!!",
+        [ & ] { lab.output.dest->destDel( outDestBelow.destId() ); } },
+      { "a group's next is missing", " does not exist!!!",
+        [ & ] { lab.output.dest->destDel( outDest.destId() ); } },
+      { "a next of no table type", " does not exist!!!",
         [ & ] {
            const Label row( outLabel.labelId(), ObjTuple( ObjId( 1 ), TableType( 7 ) ), {} );
            ASSERT_TRUE( lab.output.label->labelIs( LabelAndSource( row, inputOf( label( 1 ) ) ) ) );
         } },
-      { "a group without nexts",
+      { "a group without nexts", "handleSourceCheck no next pointers on LB!!",
         [ & ] {
            const LoadBalance row( outLb.lbId() );
            ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
         } },
-      { "an object without users",
+      { "an object without users", "handleSourceCheck  no users for dest/900",
         [ & ] {
            ASSERT_TRUE( lab.output.dest->destIs(
               DestAndSource( intfDest( 900, 9 ), inputOf( dest( 9 ) ) ) ) );
         } },
-      { "two rows for one input object",
+      { "two rows for one input object", " tables were inconsistent!",
         [ & ] {
            ASSERT_TRUE( lab.output.dest->destIs(
               DestAndSource( intfDest( 900, 9 ), inputOf( dest( 2 ) ) ) ) );
@@ -155,20 +196,23 @@ TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
            row.nextIs( EcmpIndex( 2 ), dest( 900 ) );
            ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
         } },
-      { "a loop, and a missing object",
+      { "a loop, and a missing object", "delOtForInconsistency found loop at lb/",
         [ & ] {
            LoadBalance row = lab.output.lb->lb( outLb.lbId() ).lb();
            row.nextIs( EcmpIndex( 2 ), outLb );
            ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
            lab.output.dest->destDel( outDest.destId() );
         } },
-      { "a long chain of labels without users",
+      { "a long chain of labels without users", "handleSourceCheck  no users for label/1000",
         [ & ] {
-           for( uint64_t id = 1000; id < 1100; ++id )
+           for( uint64_t id = 1000; id < 1100; ++id ) {
+              const ObjTuple next = id < 1099 ? label( id + 1 ) : outLabel;
               ASSERT_TRUE( lab.output.label->labelIs(
-                 LabelAndSource( push( id, 1, label( id + 1 ) ), inputOf( label( id ) ) ) ) );
+                 LabelAndSource( push( id, 1, next ), inputOf( label( id ) ) ) ) );
+           }
         } },
       { "a found host that can't be programmed any more",
+        " failed to process host (02:00:00:00:00:01/10) during initial sync",
         [ & ] { source.set( objectHost( mvp( 1 ), dest( 77 ) ) ); }, true },
    };
    for( const auto& test : cases ) {
@@ -184,6 +228,7 @@ TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
          outLb = rowOf( lb( 1 ) );
          lab.engine = nullptr;
          test.damage();
+         const TraceLines lines;
          lab.newEngine();
          lab.clock->tickIs( slow ? 0.001 : 0 );
          lab.engine->reviewQuantumIs( slow ? 0 : 0.05 );
@@ -191,6 +236,9 @@ TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
             lab.turn();
          lab.engine->reviewQuantumIs( 0.05 );
          lab.settle();
+         lines.expect( { test.trace } );
+         lines.expect( { test.sound ? "during initial sync" : " tables were inconsistent!",
+                         "handleTablesInconsistent()" } );
          EXPECT_EQ( !test.sound, lab.engine->detectedInconsistentTables() );
          EXPECT_EQ( "value 2 from 0x40", lab.outcome( mvp( 2 ) ) );
          EXPECT_EQ( 1u, lab.output.lb->count() );
@@ -244,6 +292,7 @@ TEST_F( Restart, ChangesBeforeRunningAreOnlyQueued ) {
    lab.engine->handleReviewTimer(); // finds the restart under way
    EXPECT_EQ( writes, lab.writes );
    EXPECT_EQ( hostSourceCheck_, lab.engine->restartState() );
+   lab.engine->rmUser( dest( 1 ), Util::objTupleInvalid(), mvp( 1 ) ); // not rebuilt yet
    lab.settle();
    EXPECT_EQ( "value 7 from 0x40", lab.outcome( mvp( 1 ) ) );
    expectSound();
