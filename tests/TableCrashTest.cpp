@@ -85,6 +85,8 @@ struct Scenario {
    Action action;
    uint32_t operand; // the key, or the new capacity
    bool present;     // whether the key is there before
+
+   friend void PrintTo( const Scenario& scenario, std::ostream* out ) { *out << scenario.name; }
 };
 // The keys are multiples of 8, so they have five hashes and stand in long runs of the index. That
 // of hash ~0, to which key 0 belongs, passes the index's end.
