@@ -235,6 +235,12 @@ TEST_F( OperationTest, MetricsTellWhatIsThere ) {
    EXPECT_EQ( live.labelNames(),
               ( std::set<std::string>{ "kind", "list", "source", "state", "table", "type" } ) );
 
+   // Figures that did not all arrive must not replace those before.
+   Program full( folder, { "/bin/sh", "-c",
+                           L2RIBCTL_PATH " --state-dir '" + state + "' metrics >/dev/full" } );
+   EXPECT_EQ( full.status(), 1 );
+   EXPECT_NE( full.err().find( "standard output can't be written" ), std::string::npos );
+
    agent->signal( SIGKILL );
    EXPECT_EQ( agent->status(), -SIGKILL );
    const MetricsText dead = metrics();
