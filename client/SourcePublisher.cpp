@@ -123,11 +123,20 @@ void SourcePublisher::openEntry( bool tablesComplete ) {
          return;
       }
    }
+   if( options_.hostOnly )
+      eraseHostsOnObjects(); // their objects go below
    entry_ = makeEntity<SourceEntryTable>( file, 1u, wanted );
    if( options_.hostOnly )
       for( const char* table : { lbFile, labelFile, destFile, floodFile } )
          std::filesystem::remove(
             folder_.fileOf( SourceFolder::tablePath( options_.name, table ) ) );
+}
+
+void SourcePublisher::eraseHostsOnObjects() {
+   hosts_.table->forEach( [ this ]( const Host& host ) {
+      if( host.next() != Util::objTupleInvalid() )
+         hosts_.table->erase( host.key() );
+   } );
 }
 
 template<class Each>

@@ -119,6 +119,7 @@ class SourcePublisher {
    SourceEntryRecord wantedRecord() const;
    void openTables();
    void openEntry( bool tablesComplete );
+   void eraseHostsOnObjects();
    template<class Table, class Key>
    void open( Owned<Table, Key>& owned, const TablePath& path, uint32_t capacity );
    template<class Each>

@@ -31,11 +31,15 @@ using L2Rib::HostOutput;
 class LineFile {
  public:
    explicit LineFile( const std::string& name ) : name_( name ) {
-      fd_ = name == "stderr"
-               ? dup( STDERR_FILENO )
-               : open( name.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640 );
+      fd_ = name == "stderr" ? dup( STDERR_FILENO )
+                             : open( name.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0640 );
       if( fd_ < 0 )
          throw std::runtime_error( "L2RIB_JOURNAL=" + name + ": " + std::strerror( errno ) );
+      // An agent that is killed may leave half a line: the next one's first must not continue it.
+      char last = '\n';
+      if( const off_t size = lseek( fd_, 0, SEEK_END );
+          size > 0 && pread( fd_, &last, 1, size - 1 ) == 1 && last != '\n' )
+         write( "\n" );
    }
    ~LineFile() { close( fd_ ); }
    LineFile( const LineFile& ) = delete;

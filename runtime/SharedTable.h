@@ -99,7 +99,8 @@ class SharedTable : public TableBase {
                 const Record& first )
       : spec_( spec ), mapping_( TableMapping::unpublished( path, spec, capacity ) ),
         table_( *mapping_ ) {
-      VEXIL_ASSERT( set( first ) ); // a new table has room
+      if( !set( first ) ) // a new table has room, but the file system may have none for the file
+         throw TableError( TableError::system, path + ": its first record can't be written" );
       mapping_->publish();
    }
 

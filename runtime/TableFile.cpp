@@ -71,6 +71,11 @@ void removeLeftovers( const std::string& folder, const std::string& hidden ) {
    }
 }
 
+// Without waiting: for a pipe that somebody put in a table's place no writer may ever come.
+int openForReading( const std::string& path ) {
+   return open( path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK );
+}
+
 uint64_t layoutHashOf( const TableHeader& header ) {
    return hashBytes( &header, offsetof( TableHeader, layoutHash ) );
 }
@@ -201,7 +206,7 @@ std::unique_ptr<TableMapping> TableMapping::forReading( const std::string& path,
                                                         const TableSpec& spec ) {
    std::unique_ptr<TableMapping> made( new TableMapping );
    made->path_ = path;
-   made->fd_ = open( path.c_str(), O_RDONLY | O_CLOEXEC );
+   made->fd_ = openForReading( path );
    struct stat status {};
    if( made->fd_ < 0 || fstat( made->fd_, &status ) != 0 )
       systemFailure( path, "opening" );
@@ -296,7 +301,7 @@ void TableMapping::ringBell() const {
 }
 
 bool tableHasWriter( const std::string& path ) {
-   const int fd = open( path.c_str(), O_RDONLY | O_CLOEXEC );
+   const int fd = openForReading( path );
    if( fd < 0 )
       return false;
    struct flock lock {};
@@ -308,7 +313,7 @@ bool tableHasWriter( const std::string& path ) {
 }
 
 std::string tableTypeName( const std::string& path ) {
-   const int fd = open( path.c_str(), O_RDONLY | O_CLOEXEC );
+   const int fd = openForReading( path );
    if( fd < 0 )
       return {};
    TableHeader h{};

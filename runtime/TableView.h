@@ -258,8 +258,9 @@ class TableView {
    }
 
    // Tells an empty table, or a journal that starts over, from a file that is no longer there.
+   bool hasHeader() const { return loadWord( &header().magic ) == TableHeader::expectedMagic; }
    void requireHeader() const {
-      if( loadWord( &header().magic ) != TableHeader::expectedMagic )
+      if( !hasHeader() )
          corrupt( "the file was cut short or overwritten" );
    }
 

@@ -43,6 +43,7 @@ class TableWriter : public TableView<Key, Record> {
    bool set( const Record& record ) {
       const Key& key = View::keyOf( record );
       const uint64_t hash = keyHash( key );
+      View::requireHeader();
       const uint32_t at = indexPlaceOf( key, hash );
       if( const uint32_t word = loadWord( index() + at ); word != 0 )
          update( code_.slot( word ), record );
@@ -50,6 +51,10 @@ class TableWriter : public TableView<Key, Record> {
          return false;
       journal( key );
       finish();
+      // Only what is in the file counts: what went into the zeros put in its place must not be
+      // found, or the writer would take it for written.
+      if( !View::hasHeader() )
+         removeFromIndex( indexPlaceOf( key, hash ) );
       View::requireHeader();
       return true;
    }

@@ -22,13 +22,12 @@ using OperationTest = ProcessTest;
 class Manager {
  public:
    explicit Manager( const std::string& name ) : fd_( socket( AF_UNIX, SOCK_DGRAM, 0 ) ) {
-      sockaddr_un address{};
-      address.sun_family = AF_UNIX;
-      name.copy( address.sun_path, sizeof address.sun_path - 1 );
+      address_.sun_family = AF_UNIX;
+      name.copy( address_.sun_path, sizeof address_.sun_path - 1 );
       if( name[ 0 ] == '@' )
-         address.sun_path[ 0 ] = '\0';
-      const auto size = static_cast<socklen_t>( offsetof( sockaddr_un, sun_path ) + name.size() );
-      EXPECT_EQ( bind( fd_, reinterpret_cast<sockaddr*>( &address ), size ), 0 );
+         address_.sun_path[ 0 ] = '\0';
+      size_ = static_cast<socklen_t>( offsetof( sockaddr_un, sun_path ) + name.size() );
+      EXPECT_EQ( bind( fd_, reinterpret_cast<sockaddr*>( &address_ ), size_ ), 0 );
    }
    ~Manager() { close( fd_ ); }
 
@@ -50,9 +49,20 @@ class Manager {
       EXPECT_TRUE( all.back().starts_with( lines ) ) << lines << " did not come";
       return all;
    }
+   // Leaves no room for anybody's lines.
+   void fill() {
+      const int other = socket( AF_UNIX, SOCK_DGRAM, 0 );
+      while( sendto( other, "X", 1, MSG_DONTWAIT, reinterpret_cast<sockaddr*>( &address_ ),
+                     size_ ) == 1 )
+         ;
+      EXPECT_EQ( errno, EAGAIN );
+      close( other );
+   }
 
  private:
    int fd_;
+   sockaddr_un address_{};
+   socklen_t size_ = 0;
 };
 
 TEST_F( OperationTest, ServiceManagerIsTold ) {
@@ -81,6 +91,16 @@ TEST_F( OperationTest, ServiceManagerIsTold ) {
       if( !abstract ) {
          EXPECT_EQ( last.size(), 1u ) << "fed a watchdog that is another's";
       }
+      EXPECT_EQ( agent->status(), 0 );
+
+      // One that has stopped reading holds up nothing.
+      setenv( "NOTIFY_SOCKET", name.c_str(), 1 );
+      startAgent();
+      unsetenv( "NOTIFY_SOCKET" );
+      EXPECT_EQ( manager.next(), "READY=1" );
+      manager.fill();
+      settle();
+      agent->signal( SIGTERM );
       EXPECT_EQ( agent->status(), 0 );
    }
 }
@@ -234,6 +254,12 @@ TEST_F( OperationTest, MetricsTellWhatIsThere ) {
               1 );
    EXPECT_EQ( live.labelNames(),
               ( std::set<std::string>{ "kind", "list", "source", "state", "table", "type" } ) );
+
+   // Figures that did not all arrive must not replace those before.
+   Program full( folder, { "/bin/sh", "-c",
+                           L2RIBCTL_PATH " --state-dir '" + state + "' metrics >/dev/full" } );
+   EXPECT_EQ( full.status(), 1 );
+   EXPECT_NE( full.err().find( "standard output can't be written" ), std::string::npos );
 
    agent->signal( SIGKILL );
    EXPECT_EQ( agent->status(), -SIGKILL );

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <fcntl.h>
 #include <functional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace TestTable {
@@ -114,6 +115,12 @@ TEST( SharedTable, RefusesWhatIsNotItsFile ) {
    unlink( path.c_str() );
    ASSERT_EQ( symlink( "nowhere", path.c_str() ), 0 );
    EXPECT_EQ( refusal( path, Table::Mode::write ), TableError::system );
+   // A pipe that nobody writes to holds up no reader.
+   unlink( path.c_str() );
+   ASSERT_EQ( mkfifo( path.c_str(), 0600 ), 0 );
+   EXPECT_EQ( refusal( path, Table::Mode::read ), TableError::system );
+   EXPECT_FALSE( Vexil::tableHasWriter( path ) );
+   EXPECT_EQ( Vexil::tableTypeName( path ), "" );
 }
 
 // Bursts larger than the journal, and polls that are cut short after one batch, with more changes
@@ -309,6 +316,10 @@ TEST_F( DamagedTable, CutShort ) {
       const bool accepted = writer->set( last );
       const std::string_view bytes( reinterpret_cast<const char*>( &last ), sizeof last );
       expectTold( accepted && bytesOf( path ).find( bytes ) != std::string::npos, *writer );
+      // A writer never finds what it could not write: it would take it for written.
+      Record found;
+      EXPECT_EQ( writer->get( { 0 }, found ), accepted );
+      EXPECT_TRUE( accepted || !writer->set( last ) );
       ASSERT_FALSE( HasFailure() );
    }
    EXPECT_GT( noticed, 200u );

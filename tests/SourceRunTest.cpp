@@ -22,6 +22,7 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
         "takes destination, source, tos, ttl" },
       { std::string( 2 << 20, 'x' ), "longer than 1 MiB" },
       { "[]", "the line is []; right would be an object" },
+      { R"({"op":"clear"})" + std::string( 1, '\0' ) + "{}", "a zero byte at character 15" },
       { R"({"vlan":1})", "\"op\" is missing" },
       { R"({"op":"hosts"})", "unknown op \"hosts\"; right would be one of" },
       { R"({"op":"clear","now":1})", "clear: unknown key \"now\"" },
@@ -97,6 +98,11 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
    const Result only = ctl( { "source", "run", "only", "--value", "2", "--host-only" },
                             objects + host( 1, 1, group ) );
    EXPECT_EQ( std::count( only.err.begin(), only.err.end(), '\n' ), 4 ) << only.err;
+   // One that becomes host-only keeps those hosts that can be without objects.
+   keep( "became", "4", objects + host( 1, 1, group ) + host( 2, 1, inlineDest ) );
+   EXPECT_EQ( ctl( { "source", "run", "became", "--value", "4", "--host-only", "--keep" } ).status,
+              0 );
+   EXPECT_EQ( json( { "source", "list" } )[ 0 ][ "hosts" ], 1 );
 }
 
 TEST_F( SourceRunTest, WhatMayNotBePublishedIsRefused ) {
@@ -131,7 +137,9 @@ TEST_F( SourceRunTest, WhatMayNotBePublishedIsRefused ) {
    }
    EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 1 );
    EXPECT_EQ( ctl( { "source", "delete", "nobody" } ).status, 1 );
-   EXPECT_EQ( ctl( { "show", "nothing" } ).status, 2 );
+   const Result unknown = ctl( { "show", "nothing" } );
+   EXPECT_EQ( unknown.status, 2 );
+   EXPECT_NE( unknown.err.find( "not understood: nothing" ), std::string::npos ) << unknown.err;
    EXPECT_EQ( json( { "source", "list" } ), before );
 }
 

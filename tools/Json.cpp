@@ -12,6 +12,8 @@ std::string text( const Json& json ) {
    return json.dump( -1, ' ', false, Json::error_handler_t::replace );
 }
 
+std::string excerpt( const Json& json ) { return text( json ).substr( 0, 40 ); }
+
 // --- to JSON
 
 namespace {
@@ -137,8 +139,8 @@ uint64_t wholeNumber( const Json& json, const std::string& what, uint64_t max ) 
    const bool whole =
       json.is_number_unsigned() || ( json.is_number_integer() && json.get<int64_t>() >= 0 );
    if( !whole || json.get<uint64_t>() > max )
-      throw BadInput( what + " is " + text( json ) + "; right would be a whole number from 0 to " +
-                      std::to_string( max ) );
+      throw BadInput( what + " is " + excerpt( json ) +
+                      "; right would be a whole number from 0 to " + std::to_string( max ) );
    return json.get<uint64_t>();
 }
 
@@ -146,7 +148,7 @@ Vexil::IpGenAddr addressOf( const Json& json, const std::string& what ) {
    if( json.is_string() )
       if( const auto address = Vexil::IpGenAddr::parse( json.get_ref<const std::string&>() ) )
          return *address;
-   throw BadInput( what + " is " + text( json ) +
+   throw BadInput( what + " is " + excerpt( json ) +
                    "; right would be an address such as \"10.0.0.1\" or \"2001:db8::1\"" );
 }
 
@@ -158,7 +160,7 @@ ObjTuple nextOf( const Json& json, const std::string& what ) {
    for( const TableType known : { tableTypeLoadBalance_, tableTypeLabel_, tableTypeDest_ } )
       if( type == tableTypeStr( known ) )
          return ObjTuple( id, known );
-   throw BadInput( what + ": \"type\" is " + text( type ) +
+   throw BadInput( what + ": \"type\" is " + excerpt( type ) +
                    "; right would be \"lb\", \"label\" or \"dest\"" );
 }
 
@@ -205,7 +207,7 @@ uint64_t numberOf( const Json& json, const std::string& what ) {
    const char* const end = digits.data() + digits.size();
    const auto read = std::from_chars( digits.data(), end, number, hexadecimal ? 16 : 10 );
    if( read.ec != std::errc() || read.ptr != end )
-      throw BadInput( what + " is " + text( json ) +
+      throw BadInput( what + " is " + excerpt( json ) +
                       "; right would be a whole number of 64 bits, such as 64 or \"0x40\"" );
    return number;
 }
@@ -213,14 +215,12 @@ uint64_t numberOf( const Json& json, const std::string& what ) {
 Fields::Fields( const Json& object, std::string what )
    : object_( object ), what_( std::move( what ) ) {
    if( !object.is_object() )
-      throw BadInput( what_ + " is " + Tools::text( object ).substr( 0, 40 ) +
-                      "; right would be an object, {...}" );
+      throw BadInput( what_ + " is " + excerpt( object ) + "; right would be an object, {...}" );
 }
 
 void Fields::wrong( const char* key, const std::string& expected ) const {
-   throw BadInput( what_ + ": \"" + key + "\" is " +
-                   Tools::text( object_.at( key ) ).substr( 0, 40 ) + "; right would be " +
-                   expected );
+   throw BadInput( what_ + ": \"" + key + "\" is " + excerpt( object_.at( key ) ) +
+                   "; right would be " + expected );
 }
 
 const Json& Fields::any( const char* key ) {
@@ -274,8 +274,7 @@ void Fields::close() const {
          std::string takes;
          for( const std::string& name : known_ )
             takes += ( takes.empty() ? "" : ", " ) + name;
-         throw BadInput( what_ + ": unknown key " + Tools::text( key ) + "; here it takes " +
-                         takes );
+         throw BadInput( what_ + ": unknown key " + excerpt( key ) + "; here it takes " + takes );
       }
 }
 

@@ -24,6 +24,9 @@ class BadInput : public std::runtime_error {
 // One line, whatever bytes a name holds.
 std::string text( const Json& json );
 
+// The beginning of it, for an error message: what is wrong may be long.
+std::string excerpt( const Json& json );
+
 // Lists and objects within each other, at most. Nothing of ours comes near, and whatever walks JSON
 // calls itself for each of them.
 constexpr size_t deepestNesting = 16;

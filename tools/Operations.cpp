@@ -69,7 +69,7 @@ const std::map<std::string, Operation, std::less<>>& operations() {
            const std::string type = fields.text( "type" );
            const auto parsed = floodSetTypeParse( type );
            if( !parsed )
-              throw BadInput( "flood: \"type\" is " + text( type ) +
+              throw BadInput( "flood: \"type\" is " + excerpt( type ) +
                               "; right would be \"vxlan\", \"intf\" or \"any\"" );
            return closed( fields, FloodMember{ floodTripleFrom( fields ), *parsed },
                           [ & ]( const FloodMember& member ) { return source.floodIs( member ); } );
@@ -120,6 +120,10 @@ namespace {
 
 Json parsed( std::string_view line ) {
    using Event = Json::parse_event_t;
+   // The parser takes it for the end, and what stands behind it would be lost without a word.
+   if( const size_t nul = line.find( '\0' ); nul != line.npos )
+      throw BadInput( "a zero byte at character " + std::to_string( nul + 1 ) +
+                      "; right would be one object a line, such as {\"op\":\"sync\"}" );
    return Json::parse( line, []( int depth, Event event, const Json& ) {
       if( static_cast<size_t>( depth ) >= deepestNesting &&
           ( event == Event::object_start || event == Event::array_start ) )
@@ -145,7 +149,7 @@ Rejection Operations::carryOut( std::string_view line ) {
       }
       const auto operation = operations().find( name );
       if( operation == operations().end() )
-         return "unknown op " + text( name ) + "; right would be one of " + operationNames();
+         return "unknown op " + excerpt( name ) + "; right would be one of " + operationNames();
       const Rejection bad = operation->second( fields, source_ );
       if( !bad )
          ++done_;

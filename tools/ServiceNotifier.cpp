@@ -61,16 +61,17 @@ ServiceNotifier::~ServiceNotifier() {
       close( socket_ );
 }
 
-void ServiceNotifier::send( const std::string& lines, int flags ) const {
+bool ServiceNotifier::send( const std::string& lines, int flags ) const {
    if( socket_ < 0 )
-      return;
+      return true;
    sockaddr_un address{};
    address.sun_family = AF_UNIX;
    std::memcpy( address.sun_path, socketName_.data(), socketName_.size() );
    const auto size =
       static_cast<socklen_t>( offsetof( sockaddr_un, sun_path ) + socketName_.size() );
-   sendto( socket_, lines.data(), lines.size(), flags | MSG_NOSIGNAL,
-           reinterpret_cast<const sockaddr*>( &address ), size );
+   return sendto( socket_, lines.data(), lines.size(), flags | MSG_NOSIGNAL,
+                  reinterpret_cast<const sockaddr*>( &address ), size ) >= 0 ||
+          errno != EAGAIN;
 }
 
 void ServiceNotifier::ready( std::function<Vexil::BaseAgent::Progress()> progress ) {
@@ -84,17 +85,16 @@ void ServiceNotifier::ready( std::function<Vexil::BaseAgent::Progress()> progres
 
 void ServiceNotifier::stopping() {
    progressTimer_.timeMinIs( Vexil::never );
-   send( "STOPPING=1\nSTATUS=stopping" );
+   send( "STOPPING=1\nSTATUS=stopping", MSG_DONTWAIT );
 }
 
 // A manager that is slow to read must not hold up the event loop: what finds no room is told again
 // the next time.
 void ServiceNotifier::tellProgress() {
    const auto [ complete, text ] = progress_();
-   if( text != told_ )
-      send( "STATUS=" + text, complete ? 0 : MSG_DONTWAIT );
-   told_ = text;
-   if( !complete )
+   if( text != told_ && send( "STATUS=" + text, MSG_DONTWAIT ) )
+      told_ = text;
+   if( !complete || text != told_ )
       progressTimer_.timeMinIs( loop_.clock()->now() + progressInterval );
 }
 

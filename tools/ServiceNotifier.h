@@ -28,7 +28,8 @@ class ServiceNotifier {
    void stopping();
 
  private:
-   void send( const std::string& lines, int flags = 0 ) const;
+   // False when there was no room for them, so that they may be told again.
+   bool send( const std::string& lines, int flags = 0 ) const;
    void tellProgress();
    void feedWatchdog();
 

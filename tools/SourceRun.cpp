@@ -8,7 +8,7 @@
 #include <csignal>
 #include <cstring>
 #include <functional>
-#include <iostream>
+#include <string>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -113,8 +113,10 @@ void readInput( const std::function<void( std::string_view )>& take ) {
 int runSource( const L2Rib::Client::SourceOptions& options, bool keep ) {
    std::signal( SIGPIPE, SIG_IGN ); // nobody may be listening to the answers
    L2Rib::Client::SourcePublisher source( options );
-   Operations operations(
-      source, []( uint64_t count ) { std::cout << "{\"synced\":" << count << '}' << std::endl; } );
+   Operations operations( source, []( uint64_t count ) {
+      const std::string answer = "{\"synced\":" + std::to_string( count ) + "}\n";
+      [[maybe_unused]] const ssize_t wrote = write( STDOUT_FILENO, answer.data(), answer.size() );
+   } );
    LineReader lines( operations );
    readInput( [ & ]( std::string_view block ) {
       lines.take( block );

@@ -2,9 +2,13 @@
 #include "tools/Commands.h"
 #include "tools/Json.h"
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
+#include <fcntl.h>
 #include <iostream>
+#include <unistd.h>
 
 namespace Tools {
 
@@ -18,9 +22,34 @@ void addJsonFlag( CLI::App& command, Context& context ) {
    command.add_flag( "--json", context.json, "print JSON instead of a table" );
 }
 
+namespace {
+
+// A stream that the caller has closed gets a descriptor on which it fails: else a table that is
+// opened later would take its number, and be read as input or written to as output.
+void occupyStandardStreams() {
+   for( const int fd : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO } )
+      if( fcntl( fd, F_GETFD ) < 0 )
+         // The lowest free number is this one.
+         [[maybe_unused]]
+         const int taken = open( "/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY );
+}
+
+// An answer that did not arrive is none: whoever put it into a file must not rely on that.
+int delivered( int status ) {
+   errno = 0;
+   if( std::cout.flush() )
+      return status;
+   complain( std::string( "standard output can't be written" ) +
+             ( errno ? std::string( ": " ) + std::strerror( errno ) : "" ) );
+   return answerIsNo;
+}
+
+} // namespace
+
 } // namespace Tools
 
 int main( int argc, char** argv ) {
+   Tools::occupyStandardStreams();
    Tools::Context context;
    const char* const environment = std::getenv( "L2RIB_STATE_DIR" );
    context.stateDirectory = environment ? environment : "/run/l2rib";
@@ -44,12 +73,19 @@ int main( int argc, char** argv ) {
       app.parse( argc, argv );
    } catch( const CLI::CallForHelp& help ) {
       return app.exit( help );
+   } catch( const CLI::RequiredError& error ) {
+      // What was given in place of it says more than what is missing.
+      std::string unknown;
+      for( const std::string& word : app.remaining( true ) )
+         unknown += ( unknown.empty() ? "; not understood: " : " " ) + word;
+      Tools::complain( error.what() + unknown + " (l2ribctl --help says what there is)" );
+      return Tools::badUsage;
    } catch( const CLI::ParseError& error ) {
       Tools::complain( std::string( error.what() ) + " (l2ribctl --help says what there is)" );
       return Tools::badUsage;
    }
    try {
-      return context.command();
+      return Tools::delivered( context.command() );
    } catch( const Tools::BadInput& wrong ) {
       Tools::complain( wrong.what() );
       return Tools::badUsage;
