@@ -9,12 +9,20 @@
 #include <sys/inotify.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace Vexil {
 
+namespace {
+
+constexpr Seconds lookAgainAfter = 1; // for a folder that was removed
+
+} // namespace
+
 FileWatcher::FileWatcher( ActivityManager& loop, Seconds quantum )
    : loop_( loop ), quantum_( quantum ), inotify_( inotify_init1( IN_NONBLOCK | IN_CLOEXEC ) ),
-     goOn_( loop.clock(), [ this ] { pollTables(); } ) {
+     goOn_( loop.clock(), [ this ] { pollTables(); } ),
+     lookForLost_( loop.clock(), [ this ] { lookForLost(); } ) {
    if( inotify_ < 0 )
       throw std::system_error( errno, std::generic_category(), "inotify_init1" );
    loop_.watch( inotify_, [ this ] {
@@ -78,19 +86,55 @@ void FileWatcher::pollTables() {
       goOn_.timeMinIs( 0 );
 }
 
+// Returns the inotify watch, or -1 with the reason in errno.
+int FileWatcher::addFolder( const std::string& folder ) {
+   return inotify_add_watch( inotify_, folder.c_str(),
+                             IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF |
+                                IN_MOVE_SELF | IN_ONLYDIR );
+}
+
 void FileWatcher::watchFolder( const std::string& folder, FolderChanged changed ) {
-   const int watch = inotify_add_watch(
-      inotify_, folder.c_str(), IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR );
+   const int watch = addFolder( folder );
    if( watch < 0 )
       throw TableError( TableError::system,
                         folder + ": watching the folder: " + std::strerror( errno ) );
-   folders_.emplace( watch, std::move( changed ) );
+   folders_.emplace( watch, Folder{ folder, std::move( changed ) } );
 }
 
 void FileWatcher::report( int watch, const std::string& name ) {
    const auto [ first, last ] = folders_.equal_range( watch );
    for( auto at = first; at != last; ++at )
-      at->second( name );
+      at->second.changed( name );
+}
+
+// The folder behind a watch was removed or renamed.
+void FileWatcher::lose( int watch ) {
+   std::vector<Folder> gone;
+   for( auto at = folders_.find( watch ); at != folders_.end(); at = folders_.find( watch ) )
+      gone.push_back( std::move( folders_.extract( at ).mapped() ) );
+   inotify_rm_watch( inotify_, watch ); // a renamed folder is none of ours any more
+   for( const Folder& folder : gone ) {
+      log( folder.path + ": the folder was removed or renamed: waiting for another one" );
+      folder.changed( "" );
+      lost_.push_back( folder );
+   }
+   lookForLost_.timeMinIs( 0 );
+}
+
+void FileWatcher::lookForLost() {
+   std::vector<Folder> stillLost;
+   for( const Folder& folder : std::exchange( lost_, {} ) ) {
+      const int watch = addFolder( folder.path );
+      if( watch < 0 ) {
+         stillLost.push_back( folder );
+         continue;
+      }
+      log( folder.path + ": the folder is there again" );
+      folders_.emplace( watch, folder );
+      folder.changed( "" );
+   }
+   lost_.insert( lost_.end(), stillLost.begin(), stillLost.end() );
+   lookForLost_.timeMinIs( lost_.empty() ? never : loop_.clock()->now() + lookAgainAfter );
 }
 
 void FileWatcher::drain() {
@@ -101,8 +145,10 @@ void FileWatcher::drain() {
          const auto* event = reinterpret_cast<const inotify_event*>( buffer.data() + at );
          at += static_cast<ssize_t>( sizeof *event + event->len );
          if( event->mask & IN_Q_OVERFLOW ) {
-            for( const auto& [ watch, changed ] : folders_ )
-               changed( "" );
+            for( const auto& [ watch, folder ] : folders_ )
+               folder.changed( "" );
+         } else if( event->mask & ( IN_DELETE_SELF | IN_MOVE_SELF ) ) {
+            lose( event->wd );
          } else if( event->len > 0 && event->name[ 0 ] != '.' ) {
             report( event->wd, event->name );
          }

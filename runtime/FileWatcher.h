@@ -32,7 +32,8 @@ class FileWatcher {
 
    // Calls changed( name ) when the entry of that name appears in the folder, is replaced or
    // disappears, and with an empty name when any of them may have changed. Names that begin with a
-   // dot are not reported. Throws TableError when there is no such folder.
+   // dot are not reported. A folder that is removed or renamed is empty from then on; the one that
+   // takes its place is watched within a second. Throws TableError when there is no such folder.
    using FolderChanged = std::function<void( const std::string& name )>;
    void watchFolder( const std::string& folder, FolderChanged changed );
 
@@ -42,17 +43,26 @@ class FileWatcher {
       uint64_t tableId; // of the file that is being watched
       int watch;
    };
+   struct Folder {
+      std::string path;
+      FolderChanged changed;
+   };
    void drain();
    void dropUnused();
    int addBell( const TableBase& table );
+   int addFolder( const std::string& folder );
    void report( int watch, const std::string& name );
+   void lose( int watch );
+   void lookForLost();
 
    ActivityManager& loop_;
    Seconds quantum_;
    int inotify_ = -1;
    std::vector<Followed> tables_;
-   std::multimap<int, FolderChanged> folders_; // by inotify watch
-   TimerReactor goOn_;                         // a poll that ran out of its quantum
+   std::multimap<int, Folder> folders_; // by inotify watch
+   std::vector<Folder> lost_;           // those that are gone
+   TimerReactor goOn_;                  // a poll that ran out of its quantum
+   TimerReactor lookForLost_;           // while there are any
 };
 
 } // namespace Vexil

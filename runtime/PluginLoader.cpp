@@ -45,11 +45,14 @@ const PluginDescription& descriptionOf( void* library ) {
 // Null when the library belongs to another category. Throws std::exception with the reason when it
 // can't be loaded; the library stays open then: what was thrown may be of its making.
 Ptr<Entity> load( const std::string& file, const std::string& category, Entity& context ) {
+   if( !std::filesystem::is_regular_file( file ) ) // opening a pipe would wait for its other end
+      throw std::runtime_error( "it is no regular file" );
    void* const library = dlopen( file.c_str(), RTLD_NOW | RTLD_LOCAL );
    if( !library )
       throw std::runtime_error( dlerror() );
    const PluginDescription& description = descriptionOf( library );
    if( description.category != category ) {
+      log( "plug-in " + file + " is passed over: its category is " + description.category );
       dlclose( library );
       return nullptr;
    }

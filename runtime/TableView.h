@@ -258,11 +258,12 @@ class TableView {
    }
 
    // Tells an empty table, or a journal that starts over, from a file that is no longer there.
-   bool hasHeader() const { return loadWord( &header().magic ) == TableHeader::expectedMagic; }
    void requireHeader() const {
       if( !hasHeader() )
          corrupt( "the file was cut short or overwritten" );
    }
+
+   bool hasHeader() const { return loadWord( &header().magic ) == TableHeader::expectedMagic; }
 
    [[noreturn]] void corrupt( const char* what ) const {
       throw CorruptionDetected( ( path_->empty() ? "a table in memory" : *path_ ) + ": " + what );

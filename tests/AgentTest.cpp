@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <sys/stat.h>
 
 namespace {
 
@@ -104,6 +105,8 @@ std::vector<std::string> pluginLines( const std::string& log ) {
 TEST_F( PluginTest, OneCategoryIsLoadedAndBrokenOnesAreNamed ) {
    const std::string broken = "plug-in A_NoEntryPoint.so can't be loaded: it has no entry point "
                               "vexilPlugin()";
+   const std::string pipe = "plug-in J_Pipe.so can't be loaded: it is no regular file";
+   mkfifo( TEST_PLUGIN_DIRECTORY "/J_Pipe.so", 0600 );
    const std::vector<std::string> normal{
       broken,
       "plug-in B_MissingSymbol.so can't be loaded: ",
@@ -114,16 +117,24 @@ TEST_F( PluginTest, OneCategoryIsLoadedAndBrokenOnesAreNamed ) {
       "plug-in F_OtherInterface.so can't be loaded: it was made for plug-in interface 2, this "
       "process has 1",
       "plug-in G_NoCategory.so can't be loaded: its description lacks category, name or create",
+      "plug-in H_Test.so is passed over: its category is L2RibTestPlugin",
       "I_Normal made with 16384",
       "plug-in I_Normal loaded from I_Normal.so",
+      pipe,
       "I_Normal gone",
       "C_Normal gone" };
+   const std::string otherCategory = " is passed over: its category is L2RibPlugin";
    const std::vector<std::string> test{ broken,
                                         normal[ 1 ],
+                                        "plug-in C_Normal.so" + otherCategory,
+                                        "plug-in D_ThrowsInCreate.so" + otherCategory,
+                                        "plug-in E_MakesNothing.so" + otherCategory,
                                         normal[ 6 ],
                                         normal[ 7 ],
                                         "H_Test made with 16384",
                                         "plug-in H_Test loaded from H_Test.so",
+                                        "plug-in I_Normal.so" + otherCategory,
+                                        pipe,
                                         "H_Test gone" };
    for( const bool testPlugins : { false, true } ) {
       Words words{ "--plugin-dir", TEST_PLUGIN_DIRECTORY };

@@ -2,6 +2,8 @@
 // private state directory.
 #include "tests/ProcessSupport.h"
 
+#include <filesystem>
+
 namespace {
 
 using namespace ProcessSupport;
@@ -146,6 +148,12 @@ TEST_F( ProcessTest, HostsOfAVanishedSourceAreHeld ) {
    EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
    settle();
    EXPECT_EQ( json( { "show", "hosts", "--source", "0x40" } ).size(), 1u );
+   // The whole folder of entries goes, and a source makes it anew.
+   std::filesystem::remove_all( state + "/bridging/l2Rib/inputDir" );
+   keep( "evpn", "0x40", host( 2, 100, inlineDest ) + content );
+   settle();
+   EXPECT_EQ( json( { "show", "hosts" } ).size(), 2u );
+   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
    agent->signal( SIGTERM );
    EXPECT_EQ( agent->status(), 0 );
 

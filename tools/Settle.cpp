@@ -11,8 +11,10 @@
 #include "client/AwaitedFolder.h"
 #include "engine/RestartState.h"
 #include "tools/Commands.h"
+#include "tools/Json.h"
 #include "tools/SourceTables.h"
 
+#include <cmath>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -166,6 +168,8 @@ void addSettle( CLI::App& app, Context& context ) {
       ->capture_default_str();
    command->callback( [ &context, timeout ] {
       context.command = [ &context, timeout ] {
+         if( std::isnan( *timeout ) ) // which no range shuts out
+            throw BadInput( "--timeout is nan; right would be a number of seconds" );
          const std::string missing = Settling( context ).waitFor( *timeout );
          if( missing.empty() )
             return done;

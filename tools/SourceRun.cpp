@@ -80,10 +80,12 @@ bool canBeWaitedFor( int fd ) {
           ( S_ISFIFO( status.st_mode ) || S_ISSOCK( status.st_mode ) || isatty( fd ) );
 }
 
-// Gives each block of standard input to take() until it ends or a signal says so.
-void readInput( const std::function<void( std::string_view )>& take ) {
+// Gives each block of standard input to take() until it ends or a signal says so. False when it
+// could not be read.
+bool readInput( const std::function<void( std::string_view )>& take ) {
    Vexil::ActivityManager loop;
    bool ended = false;
+   bool readable = true;
    for( const int signal : { SIGINT, SIGTERM } )
       loop.signalIs( signal, [ & ] { ended = true; } );
    std::vector<char> block( 256 * 1024 );
@@ -91,8 +93,10 @@ void readInput( const std::function<void( std::string_view )>& take ) {
       const ssize_t got = read( STDIN_FILENO, block.data(), block.size() );
       if( got < 0 && ( errno == EINTR || errno == EAGAIN ) )
          return;
-      if( got < 0 )
+      if( got < 0 ) {
          complain( std::string( "standard input: " ) + std::strerror( errno ) );
+         readable = false;
+      }
       if( got <= 0 )
          ended = true;
       else
@@ -106,6 +110,7 @@ void readInput( const std::function<void( std::string_view )>& take ) {
       if( !wait && !ended )
          readBlock();
    }
+   return readable;
 }
 
 } // namespace
@@ -118,7 +123,7 @@ int runSource( const L2Rib::Client::SourceOptions& options, bool keep ) {
       [[maybe_unused]] const ssize_t wrote = write( STDOUT_FILENO, answer.data(), answer.size() );
    } );
    LineReader lines( operations );
-   readInput( [ & ]( std::string_view block ) {
+   const bool readable = readInput( [ & ]( std::string_view block ) {
       lines.take( block );
       source.flush();
    } );
@@ -127,6 +132,8 @@ int runSource( const L2Rib::Client::SourceOptions& options, bool keep ) {
       source.flush();
    else
       source.withdraw();
+   if( !readable )
+      return answerIsNo;
    return lines.rejectedAny() ? inputRejected : done;
 }
 
