@@ -1,5 +1,6 @@
 // Restart: the engine adopts the output that an earlier run left, checks it, decides every host
-// anew, and only then enters normal work. Readers never see a sound output emptied and refilled.
+// anew, and only then enters normal work. Readers don't see the output emptied and refilled, unless
+// it had to be wiped.
 //
 //    init --> hostSourceCheck --> otSourceCheck --> otFloatCheck --> initialHostScan
 //         --> zeroRefCleanup --> running
@@ -8,8 +9,8 @@
 // copy stands for. Rows that contradict each other (an earlier run was killed between two writes)
 // lead to the wipe: all output goes, and normal work builds it from the sources. The scan then
 // writes what really changed while no agent ran; objects that lose their last user meanwhile are
-// kept until it is over, since a later host may use them. A found host that can't be
-// programmed, because its object is missing or there is no room, leads to the wipe too.
+// kept until it is over, since a later host may use them. A found host that can't be programmed,
+// because its object is missing or there is no room, leads to the wipe too.
 //
 // One timer steps all of it, in slices of at most reviewQuantum seconds; each list is walked from
 // its bookmark. Sources' changes are only queued until the state is running.

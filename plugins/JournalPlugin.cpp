@@ -17,6 +17,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -27,18 +29,24 @@ using Bridging::MacVlanPair;
 using L2Rib::HostAndSource;
 using L2Rib::HostOutput;
 
+// A file whose last line was never finished: its writer was killed.
+bool isTorn( const std::string& name ) {
+   if( !std::filesystem::is_regular_file( name ) )
+      return false;
+   std::ifstream file( name, std::ios::ate );
+   return file.tellg() > 0 && file.seekg( -1, std::ios::end ).get() != '\n';
+}
+
 // Where the lines go.
 class LineFile {
  public:
    explicit LineFile( const std::string& name ) : name_( name ) {
-      fd_ = name == "stderr" ? dup( STDERR_FILENO )
-                             : open( name.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0640 );
+      fd_ = name == "stderr"
+               ? dup( STDERR_FILENO )
+               : open( name.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640 );
       if( fd_ < 0 )
          throw std::runtime_error( "L2RIB_JOURNAL=" + name + ": " + std::strerror( errno ) );
-      // An agent that is killed may leave half a line: the next one's first must not continue it.
-      char last = '\n';
-      if( const off_t size = lseek( fd_, 0, SEEK_END );
-          size > 0 && pread( fd_, &last, 1, size - 1 ) == 1 && last != '\n' )
+      if( isTorn( name ) )
          write( "\n" );
    }
    ~LineFile() { close( fd_ ); }

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <sys/stat.h>
 
@@ -203,8 +204,10 @@ TEST_F( PluginTest, JournalIsWitnessOfEveryChange ) {
    EXPECT_EQ( agent->status(), 0 ) << agent->err();
    EXPECT_EQ( replayed( bytesOf( journal ) ), rows );
 
-   // The next run appends; a place that can't be written is the plug-in's trouble alone.
-   const std::string before = bytesOf( journal );
+   // The next run appends, on a line of its own also when the last one was killed in the middle of
+   // a line; a place that can't be written is the plug-in's trouble alone.
+   std::ofstream( journal, std::ios::app ) << "{\"time\":";
+   const std::string before = bytesOf( journal ) + "\n";
    setenv( "L2RIB_JOURNAL", journal.c_str(), 1 );
    startAgent();
    setenv( "L2RIB_JOURNAL", folder.file( "absent/journal" ).c_str(), 1 );

@@ -119,6 +119,7 @@ int runSource( const L2Rib::Client::SourceOptions& options, bool keep ) {
    std::signal( SIGPIPE, SIG_IGN ); // nobody may be listening to the answers
    L2Rib::Client::SourcePublisher source( options );
    Operations operations( source, []( uint64_t count ) {
+      // Not through std::cout: an answer that nobody listens to is no failure.
       const std::string answer = "{\"synced\":" + std::to_string( count ) + "}\n";
       [[maybe_unused]] const ssize_t wrote = write( STDOUT_FILENO, answer.data(), answer.size() );
    } );

@@ -28,10 +28,9 @@ namespace {
 // opened later would take its number, and be read as input or written to as output.
 void occupyStandardStreams() {
    for( const int fd : { STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO } )
-      if( fcntl( fd, F_GETFD ) < 0 )
-         // The lowest free number is this one.
-         [[maybe_unused]]
-         const int taken = open( "/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY );
+      if( fcntl( fd, F_GETFD ) < 0 && // then it is the lowest number that is free
+          open( "/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY ) != fd )
+         std::abort();
 }
 
 // An answer that did not arrive is none: whoever put it into a file must not rely on that.
