@@ -53,6 +53,7 @@ constexpr const char* labelOutput = "bridging/l2Rib/labelOutput";
 constexpr const char* destOutput = "bridging/l2Rib/destOutput";
 constexpr const char* agentStatus = "bridging/l2Rib/agentStatus";
 constexpr const char* sourceStatus = "bridging/l2Rib/sourceStatus";
+constexpr const char* parked = "bridging/l2Rib/parked";
 } // namespace Path
 
 } // namespace L2Rib

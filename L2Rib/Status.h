@@ -5,8 +5,11 @@
 // how far it has read each source's tables.
 #pragma once
 
+#include "L2Rib/Parked.h"
 #include "L2Rib/SourceDir.h"
 #include "runtime/Entity.h"
+
+#include <array>
 
 namespace L2Rib {
 
@@ -71,10 +74,15 @@ struct AgentStatusRecord {
    Vexil::Wire64<uint64_t> retries;         // of parked entries, so far
    Vexil::Wire64<uint64_t> users;           // relations between output rows and what they use
    Vexil::Wire64<uint64_t> journalOverruns; // source tables that were read too late, so far
+   Vexil::Wire64<uint64_t> failedFlood;     // flood members that are parked
+   // Parked entries by reason, those that are just being tried again among them; and how many of
+   // their rows in the table of parked entries have still to be written or removed.
+   std::array<Vexil::Wire64<uint64_t>, parkedReasons> parked;
+   Vexil::Wire64<uint64_t> parkedUntold;
 
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<AgentStatusRecord, 136> );
+static_assert( Vexil::WireRecord<AgentStatusRecord, 208> );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
  public:

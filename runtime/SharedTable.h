@@ -28,6 +28,13 @@
 
 namespace Vexil {
 
+// Whether a table takes one more record.
+enum class Room {
+   yes,
+   full,    // it has the highest capacity that it may have
+   noMemory // it could grow, but there is no memory for it
+};
+
 // What the event loop and the status report need to know of a table, whatever it holds.
 class TableBase : public Entity {
  public:
@@ -185,6 +192,10 @@ class SharedTable : public TableBase {
          return false;
       changed( TableView<Key, Record>::keyOf( record ) );
       return true;
+   }
+   // Sees to it that the next new record finds room.
+   [[nodiscard]] Room makeRoom() {
+      return table_.count() < table_.capacity() ? Room::yes : Room::full;
    }
    // False when there was no such record.
    bool erase( const Key& key ) {
