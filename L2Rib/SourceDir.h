@@ -23,6 +23,15 @@ namespace L2Rib {
 class SourceDirEntry : public Vexil::Entity {
  public:
    struct Handlers {
+      virtual void handleSource() {}
+      virtual void handleHostTableTarnPath() {}
+      virtual void handleLbTableTarnPath() {}
+      virtual void handleLabelTableTarnPath() {}
+      virtual void handleDestTableTarnPath() {}
+      virtual void handleHostTableLen() {}
+      virtual void handleLbTableLen() {}
+      virtual void handleLabelTableLen() {}
+      virtual void handleDestTableLen() {}
       virtual void handleInitialized() {}
       virtual void handleVlanFloodSet( const Bridging::VlanId& ) {}
    };
@@ -32,17 +41,17 @@ class SourceDirEntry : public Vexil::Entity {
    const std::string& name() const { return name_; }
 
    // A single bit; sourceNone_ until the entry is usable.
-   VEXIL_ATTRIBUTE( Source, source, sourceNone_ );
+   VEXIL_ATTRIBUTE_NOTIFYING( Source, source, handleSource, sourceNone_ );
    // Paths in the state database. Empty: the source has no such table.
-   VEXIL_ATTRIBUTE( std::string, hostTableTarnPath );
-   VEXIL_ATTRIBUTE( std::string, lbTableTarnPath );
-   VEXIL_ATTRIBUTE( std::string, labelTableTarnPath );
-   VEXIL_ATTRIBUTE( std::string, destTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, hostTableTarnPath, handleHostTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, lbTableTarnPath, handleLbTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, labelTableTarnPath, handleLabelTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, destTableTarnPath, handleDestTableTarnPath );
    // Capacities in records.
-   VEXIL_ATTRIBUTE( uint32_t, hostTableLen, 0 );
-   VEXIL_ATTRIBUTE( uint32_t, lbTableLen, 0 );
-   VEXIL_ATTRIBUTE( uint32_t, labelTableLen, 0 );
-   VEXIL_ATTRIBUTE( uint32_t, destTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, hostTableLen, handleHostTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, lbTableLen, handleLbTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, labelTableLen, handleLabelTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, destTableLen, handleDestTableLen, 0 );
    // Set by the source when its tables hold a complete first copy.
    VEXIL_ATTRIBUTE_NOTIFYING( bool, initialized, handleInitialized, false );
    // The table that vlanFloodSet follows, for whoever reports how far it has been read; null when
@@ -73,6 +82,7 @@ class AgentSourceDir : public Vexil::Entity {
    // Creates the entry of that name, or returns the one that is there.
    Vexil::Ptr<SourceDirEntry> sourceIs( const std::string& name );
    void sourceDel( const std::string& name );
+   VEXIL_DELETE_ALL( source )
 
  private:
    Vexil::HashMap<std::string, Vexil::Ptr<SourceDirEntry>> source_;

@@ -156,7 +156,12 @@ void MountGroup::doMount( const std::string& path, const std::string& typeName,
 
 void MountGroup::doClose() {
    for( const Request& request : requests_ )
-      manager_.mount( request.path, request.typeName, request.mode );
+      try {
+         manager_.mount( request.path, request.typeName, request.mode );
+      } catch( const TableError& failure ) {
+         log( "mounting " + request.path + ": " + failure.what() );
+         manager_.mountStatus_ = MountStatus::failed;
+      }
    requests_.clear();
 }
 

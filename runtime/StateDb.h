@@ -68,6 +68,7 @@ class Directory : public Entity {
    }
    void entryIs( const std::string& name, Ptr<Entity> entity );
    void entryDel( const std::string& name );
+   VEXIL_DELETE_ALL( entry )
 
  private:
    HashMap<std::string, Ptr<Entity>> entry_;
@@ -80,7 +81,8 @@ class MountGroup {
  public:
    explicit MountGroup( EntityManager& manager ) : manager_( manager ) {}
    void doMount( const std::string& path, const std::string& typeName, const std::string& mode );
-   // Ends the declaration: mounts everything. Throws TableError.
+   // Ends the declaration: mounts everything. What can't be mounted is said in the log, and fails
+   // the manager's mount status.
    void doClose();
 
  private:
@@ -108,7 +110,10 @@ class EntityManager : public Entity {
    FileWatcher* fileWatcher() const { return watcher_.get(); }
 
    std::shared_ptr<MountGroup> mountGroup() { return std::make_shared<MountGroup>( *this ); }
+   // Throws TableError.
    void mount( const std::string& path, const std::string& typeName, MountMode mode );
+   // Of all mount groups that were closed.
+   MountStatus mountStatus() const { return mountStatus_; }
    // The entity mounted at path; null when there is none.
    Ptr<Entity> entity( const std::string& path ) const;
    // Puts an entity of this process at a path, as if it had been mounted.
@@ -133,12 +138,14 @@ class EntityManager : public Entity {
    void ringBells();
 
  private:
+   friend MountGroup;
    void replaceFile( const std::string& path, const TableError& why ) const;
 
    Ptr<Clock> clock_;
    std::string stateDirectory_; // empty: in memory
    std::unique_ptr<FileWatcher> watcher_;
    std::map<std::string, Mounted> mounted_;
+   MountStatus mountStatus_ = MountStatus::success;
    std::vector<Ptr<TableBase>> written_;
    std::shared_ptr<void> bellWork_;
 };
