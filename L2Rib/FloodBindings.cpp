@@ -13,12 +13,6 @@ namespace {
 using Vexil::makeEntity;
 using Vexil::Ptr;
 
-bool sound( const FloodMember& member ) {
-   const uint32_t vlan = member.triple.vlan().value();
-   return vlan >= 1 && vlan <= 4094 && member.triple.dest().key() == Util::destIdNotInTarn() &&
-          member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
-}
-
 // The room that the output's table has: what an earlier run made of it stays, or readers would have
 // to go over to another file in every restart.
 uint32_t outputCapacity( const std::string& file ) {
@@ -57,9 +51,9 @@ void SourceFloodBinding::handleOvertaken() {
 }
 
 void SourceFloodBinding::memberIs( const FloodMember& member ) {
-   if( !sound( member ) ) {
-      table_->corruptionDetected( table_->path() + ": flood member " + member.triple.str() +
-                                  " has no known type, no such VLAN, or a key of its own" );
+   if( const MaybeFault fault = formatFaultIn( member ) ) {
+      table_->corruptionDetected( table_->path() + ": flood member " + member.triple.str() + ": " +
+                                  fault->text );
       memberDel( member.triple );
       return;
    }

@@ -52,6 +52,8 @@ using LabelId = ObjectId<struct LabelIdTag>;
 
 namespace Constants {
 constexpr ObjId objIdInvalid() { return ObjId(); }
+// The top of the output's id space, above this one, is never handed out.
+constexpr ObjId highestOutputId() { return ObjId( 0xFFFFFFFFFFFF0000 ); }
 } // namespace Constants
 
 // Which kind of object an ObjId names, and so which table holds it.

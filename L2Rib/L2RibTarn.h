@@ -7,7 +7,7 @@
 // from the one that was asked for, when there is none.
 #pragma once
 
-#include "L2Rib/L2Rib.h"
+#include "L2Rib/Fault.h"
 #include "runtime/SharedTable.h"
 
 namespace L2Rib {

@@ -7,6 +7,7 @@
 // entity's attributes, another file under the name is another entity.
 #pragma once
 
+#include "L2Rib/Fault.h"
 #include "L2Rib/FloodSets.h"
 #include "L2Rib/L2Rib.h"
 #include "runtime/SharedTable.h"
@@ -133,6 +134,7 @@ struct SourceEntryRecord {
    friend bool operator==( const SourceEntryRecord&, const SourceEntryRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<SourceEntryRecord, 728> );
+MaybeFault formatFaultIn( const SourceEntryRecord& entry );
 
 // An entry file: holds exactly the record of its own name.
 class SourceEntryTable : public Vexil::NamedTable<SourceEntryTable, SourceName, SourceEntryRecord> {
@@ -161,6 +163,8 @@ struct FloodMember {
    friend bool operator==( const FloodMember&, const FloodMember& ) = default;
 };
 static_assert( Vexil::WireRecord<FloodMember, 76> );
+MaybeFault formatFaultIn( const FloodMember& member );
+MaybeFault faultIn( const FloodMember& member );
 
 class FloodMemberTable : public Vexil::NamedTable<FloodMemberTable, FloodMemberKey, FloodMember> {
  public:

@@ -41,6 +41,7 @@ struct PolicySmStatusRecord {
    LabelId maxLabelId;
 };
 static_assert( Vexil::WireRecord<PolicySmStatusRecord, 28> );
+MaybeFault formatFaultIn( const PolicySmStatusRecord& status );
 
 class PolicySmStatusTable
    : public Vexil::NamedTable<PolicySmStatusTable, SingleKey, PolicySmStatusRecord> {

@@ -25,8 +25,7 @@ namespace L2Rib {
 
 namespace {
 
-// The top of the id space is never handed out.
-constexpr uint64_t highestOutputId = 0xFFFFFFFFFFFF0000;
+constexpr uint64_t highestOutputId = Constants::highestOutputId().value();
 
 // Above every id that was ever given, found in the table or told by the status.
 uint64_t firstFreeId( uint64_t found, uint64_t told ) {

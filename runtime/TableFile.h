@@ -60,6 +60,7 @@ struct TableGeometry {
 
 constexpr uint32_t tableHeaderSize = 4096;
 constexpr uint32_t maxRecordSize = 2048;
+constexpr uint32_t maxTableCapacity = 1u << 30; // the numbers of slots and index words fit 32 bits
 
 // The header page. All after layoutHash changes while the table is in use and is accessed as
 // whole words only, atomically.

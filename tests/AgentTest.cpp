@@ -75,9 +75,11 @@ TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
    Vexil::traceSettingIs( "L2RibAgent=9" );
    EXPECT_EQ( seen, "no engine, static source" );
    ASSERT_EQ( traced.size(), 3u );
-   EXPECT_EQ( traced[ 0 ].rfind( "virtual void L2Rib::Agent::doInit() em is ", 0 ), 0u );
-   EXPECT_EQ( traced[ 1 ].rfind( "virtual void L2Rib::Agent::doMountsComplete(", 0 ), 0u );
-   EXPECT_EQ( traced[ 2 ], "doMountsComplete Loading L2RibTestPlugins" );
+   EXPECT_EQ( traced[ 0 ].rfind( "doInit() virtual void L2Rib::Agent::doInit() em is ", 0 ), 0u );
+   EXPECT_EQ(
+      traced[ 1 ].rfind( "doMountsComplete() virtual void L2Rib::Agent::doMountsComplete(", 0 ),
+      0u );
+   EXPECT_EQ( traced[ 2 ], "loadPlugins() doMountsComplete Loading L2RibTestPlugins" );
 }
 
 TEST( AgentDeathTest, FailedMountIsFatal ) {

@@ -81,9 +81,9 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
           "host (02:00:00:00:00:04/10) of 0x100 points to lb/1, which is of 0x40",
           "label/9 has an id that was never given: the highest is 3",
           "label/1 points to label/1, which leads back to it", "label/9 points to label/9, which",
-          "label/3 points to lb/1, which leads back to it", "dest/1 is of no known type",
+          "label/3 points to lb/1, which leads back to it", "dest/1: a dest of no known type",
           "label/9 and label/1 are copies of the same label/1 from 0x40",
-          "label/9 is not reached from any host", "dest intf 2 } is of no known type",
+          "label/9 is not reached from any host", "dest intf 2 }: a flood set of no known type",
           "dest intf 2 } has another type than its set", "11 faults" } )
       EXPECT_NE( ( result.out + result.err ).find( fault ), std::string::npos ) << fault;
    const auto drawn = [ & ]( const Words& command ) {

@@ -49,7 +49,7 @@ void read( const Context& context, Records& records ) {
    if( !table )
       return;
    table->forEach( [ & ]( const typename Records::mapped_type& record ) {
-      if( const auto fault = Bridging::faultOf( record ) )
+      if( const auto fault = faultIn( record ) )
          table->corruptionDetected( table->path() + ": " + fault->text );
       else
          records[ record.key ] = record;

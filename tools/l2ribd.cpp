@@ -43,7 +43,7 @@ CLI::Validator numberWithin( double lowest, double highest, bool whole ) {
 
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
-   Tools::requireStateDirectory( stateDirectory );
+   const Tools::StateDirectory sole( stateDirectory );
    Vexil::ActivityManager loop;
    loop.signalIs( SIGTERM, [ & ] { loop.stop(); } );
    loop.signalIs( SIGINT, [ & ] { loop.stop(); } );
