@@ -56,9 +56,18 @@ uint64_t randomId() {
    return id;
 }
 
+// A file that has no name yet is called so, with the process's id and ".new" behind it: hidden from
+// directory watchers by the dot.
+std::string hiddenName( const std::string& path ) {
+   const size_t slash = path.rfind( '/' ) + 1;
+   return path.substr( 0, slash ) + "." + path.substr( slash ) + ".";
+}
+
 // Removes the unpublished files of processes that died over them. They may be large, and an agent
 // that is killed for the memory that they take would leave one more each time.
-void removeLeftovers( const std::string& folder, const std::string& hidden ) {
+void removeLeftovers( const std::string& path ) {
+   const std::filesystem::path prefix = hiddenName( path );
+   const std::string hidden = prefix.filename(), folder = prefix.parent_path();
    std::error_code error;
    for( const auto& file : std::filesystem::directory_iterator( folder, error ) ) {
       const std::string name = file.path().filename();
@@ -251,11 +260,8 @@ TableMapping::unpublished( const std::string& path, const TableSpec& spec, uint3
    if( path.empty() )
       return anonymous( spec, capacity );
    makeFoldersFor( path );
-   // Hidden from directory watchers by its dot.
-   const size_t slash = path.rfind( '/' ) + 1;
-   const std::string folder = path.substr( 0, slash ), hidden = "." + path.substr( slash ) + ".";
-   removeLeftovers( folder, hidden );
-   const std::string temporary = folder + hidden + std::to_string( getpid() ) + ".new";
+   removeLeftovers( path );
+   const std::string temporary = hiddenName( path ) + std::to_string( getpid() ) + ".new";
    unlink( temporary.c_str() ); // of a dead process that had the same id
    return created( path, temporary, spec, capacity );
 }
@@ -313,6 +319,7 @@ TableMapping::forWriting( const std::string& path, const TableSpec& spec, uint32
       made->map( true );
       if( !made->allocate( 0, made->geometry_.slotOffset ) )
          fail( TableError::system, path, "there is no memory for its index" );
+      removeLeftovers( path );
       return made;
    }
    fail( TableError::system, path, "is neither there nor can be made" ); // a link to nowhere, say
