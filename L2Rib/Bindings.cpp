@@ -4,6 +4,7 @@
 #include "L2Rib/FloodBindings.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/SourceDir.h"
+#include "L2Rib/SourceFloodBinding.h"
 #include "L2Rib/Status.h"
 #include "runtime/StateDb.h"
 
