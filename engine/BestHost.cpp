@@ -95,20 +95,16 @@ void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
 
 // No source has the host any more: its row, if there is one, goes.
 void PolicySm::withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow ) {
-   TRACE( 0, "processHost"
-                << " host " << mvpStr( mvp ) << " not found." );
+   TRACE( 0, "processHost host " << mvpStr( mvp ) << " not found." );
    if( oldRow.key() != mvp ) {
-      TRACE( 1, "processHost"
-                   << " host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
+      TRACE( 1, "processHost host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
       return;
    }
    if( heldUntil_.contains( oldRow.source() ) ) { // queued or parked when its source vanished
-      TRACE( 1, "processHost"
-                   << " host " << mvpStr( mvp ) << " is kept for " << oldRow.source() );
+      TRACE( 1, "processHost host " << mvpStr( mvp ) << " is kept for " << oldRow.source() );
       return;
    }
-   TRACE( 0, "processHost"
-                << " removing from output." );
+   TRACE( 0, "processHost removing from output." );
    output_.host->hostDel( mvp );
    if( oldRow.next() != Util::objTupleInvalid() )
       rmUser( oldRow.next(), Util::objTupleInvalid(), mvp );
@@ -126,29 +122,24 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
          continue;
       const Host h = sm->host( mvp, hash );
       if( h.key() != mvp ) {
-         TRACE( 1, "processHost"
-                      << " Did not find host " << mvpStr( mvp ) << " in source "
-                      << sm->sourceEnum() );
+         TRACE( 1, "processHost Did not find host " << mvpStr( mvp ) << " in source "
+                                                    << sm->sourceEnum() );
          continue;
       }
       VEXIL_ASSERT( h.next() != Util::objTupleInvalid() || validDest( h.ciDest() ) );
-      TRACE( 1, "processHost"
-                   << " found host " << mvpStr( mvp ) << " in source " << sm->sourceEnum()
-                   << ", value is " << h );
+      TRACE( 1, "processHost found host " << mvpStr( mvp ) << " in source " << sm->sourceEnum()
+                                          << ", value is " << h );
       if( bestHost.key() != mvp ||
           hostIsBetter( h, sm->sourceEnum(), bestHost, bestHostSource->sourceEnum() ) ) {
          bestHost = h;
          bestHostSource = sm;
-         TRACE( 2, "processHost"
-                      << " candidate best host is " << bestHost );
+         TRACE( 2, "processHost candidate best host is " << bestHost );
       }
    }
 
-   TRACE( 1, "processHost"
-                << " Looking up " << mvpStr( mvp ) << " in output." );
+   TRACE( 1, "processHost Looking up " << mvpStr( mvp ) << " in output." );
    const HostAndSource oldRow = output_.host->get( mvp, hash );
-   TRACE( 1, "processHost"
-                << " got " << oldRow );
+   TRACE( 1, "processHost got " << oldRow );
 
    if( bestHost.key() != mvp ) {
       withdrawHost( mvp, oldRow );
@@ -164,8 +155,7 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
       const bool ok = processOtas( otas, true );
       const ObjTuple newOutOt = outputObjTuple( otas );
       if( !ok || newOutOt == Util::objTupleInvalid() ) {
-         TRACE( 8, "processHost"
-                      << " failed to process " << otas << ( ok ? "" : " (cascading)" ) );
+         TRACE( 8, "processHost failed to process " << otas << ( ok ? "" : " (cascading)" ) );
          foundFailedHost( mvp );
          return false;
       }
@@ -179,18 +169,15 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
 
    const HostAndSource newRow( mvp, outHost, bestHostSource->sourceEnum() );
    if( newRow == oldRow ) {
-      TRACE( 1, "processHost"
-                   << " host " << mvpStr( mvp )
-                   << " found, but was already up-to-date in table.  Done!" );
+      TRACE( 1, "processHost host " << mvpStr( mvp )
+                                    << " found, but was already up-to-date in table.  Done!" );
       return true;
    }
-   TRACE( 1, "processHost"
-                << " pushing " << newRow << " into output" );
+   TRACE( 1, "processHost pushing " << newRow << " into output" );
    if( !output_.host->hostIs( newRow ) ) {
       // The table is full, so the row is a new one: nothing points anywhere yet. It waits until
       // another host has gone.
-      TRACE( 8, "processHost"
-                   << " no room in output for " << mvpStr( mvp ) );
+      TRACE( 8, "processHost no room in output for " << mvpStr( mvp ) );
       if( gainedUser )
          rmUser( outHost.next(), Util::objTupleInvalid(), mvp );
       foundFailedHost( mvp );

@@ -83,8 +83,8 @@ void PolicySm::setFloodSetOutputType() {
    unsigned mask = 0;
    for( const PolicySourceSm* sm : sourceOrder_ )
       if( sm->source()->initialized() ) {
-         TRACE( 0, "setFloodSetOutputType"
-                      << " adding " << entryStr( sm->source().get() ) << " to type." );
+         TRACE( 0,
+                "setFloodSetOutputType adding " << entryStr( sm->source().get() ) << " to type." );
          mask |= static_cast<unsigned>( sm->sourceEnum() );
       }
    TRACE( 0, "setFloodSetOutputType" << std::hex << " new source is " << mask << ", old is "

@@ -58,9 +58,8 @@ class PolicySourceSm::FloodSetReactor : public Vexil::Reactor<FloodSet> {
 
    // The same for both: the engine finds out which when it works the backlog.
    void handleDestSet( const Dest& dest ) override {
-      TRACE( 0, __PRETTY_FUNCTION__ << " "
-                                    << " vlan: " << vlan_ << " mac: " << mac_
-                                    << " dest: " << dest );
+      TRACE( 0,
+             __PRETTY_FUNCTION__ << "  vlan: " << vlan_ << " mac: " << mac_ << " dest: " << dest );
       if( !sm_.initialized() )
          return;
       sm_.policySm()->floodSetBacklogIs( FloodSetTriple( vlan_, mac_, dest ), true );

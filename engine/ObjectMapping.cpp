@@ -133,8 +133,7 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
    }
    if( const auto* failed = failedInPass_.find( otas ); failed && forceCreate ) {
       if( failed->version == version ) {
-         TRACE( 8, "processOtas"
-                      << " failed in this pass already: " << otas );
+         TRACE( 8, "processOtas failed in this pass already: " << otas );
          return failed->ok;
       }
       failedInPass_.erase( otas );
@@ -197,24 +196,20 @@ void PolicySm::processDest( const ObjTupleAndSource& otas, bool forceCreate ) {
    DestId outDestId = outputDestId( otas );
    const DestAndSource outDas = output_.dest->dest( outDestId );
    const bool isNew = outDas.key() == Util::destIdInvalid();
-   TRACE( 8, "processDest"
-                << " inDest is " << inDest << " outDestId is " << outDestId << " outDas is "
-                << outDas );
+   TRACE( 8, "processDest inDest is " << inDest << " outDestId is " << outDestId << " outDas is "
+                                      << outDas );
    if( inDest.key() != otas.destId() ) {
-      TRACE( 8, "processDest"
-                   << " mismatched keys, delete not handled here." );
+      TRACE( 8, "processDest mismatched keys, delete not handled here." );
       forgetUnwritten( otas, !isNew );
       return;
    }
    if( isNew && !forceCreate ) {
-      TRACE( 8, "processDest"
-                   << " No such output dest, create not handled now." );
+      TRACE( 8, "processDest No such output dest, create not handled now." );
       return;
    }
    if( outDestId == Util::destIdInvalid() ) {
       outDestId = newDestId( otas );
-      TRACE( 8, "processDest"
-                   << " No such output dest, new destId is " << outDestId );
+      TRACE( 8, "processDest No such output dest, new destId is " << outDestId );
       if( outDestId == Util::destIdInvalid() )
          return; // no id is left: the caller finds no output copy
    }
@@ -222,15 +217,12 @@ void PolicySm::processDest( const ObjTupleAndSource& otas, bool forceCreate ) {
    Dest newDest( outDestId );
    newDest.copyAllButKey( inDest );
    if( !isNew && newDest.equalExceptKey( outDas.dest() ) ) {
-      TRACE( 8, "processDest"
-                   << " no change in dest, ignoring update" );
+      TRACE( 8, "processDest no change in dest, ignoring update" );
    } else {
-      TRACE( 0, "processDest"
-                   << " writing " << otas << " into output table at id " << outDestId
-                   << " with value " << newDest );
+      TRACE( 0, "processDest writing " << otas << " into output table at id " << outDestId
+                                       << " with value " << newDest );
       if( !output_.dest->destIs( DestAndSource( newDest, otas ) ) ) {
-         TRACE( 8, "processDest"
-                      << " no room in output for " << otas );
+         TRACE( 8, "processDest no room in output for " << otas );
          dropMapping( otas );
          return;
       }
@@ -248,24 +240,21 @@ bool PolicySm::processLabel( const ObjTupleAndSource& otas, bool forceCreate ) {
    LabelId outLabelId = outputLabelId( otas );
    const LabelAndSource oldOutLas = output_.label->label( outLabelId );
    const bool isNew = oldOutLas.key() == Util::labelIdInvalid();
-   TRACE( 8, "processLabel"
-                << " inLabel is " << inLabel << " outLabelId is " << outLabelId << " oldOutLas is "
-                << oldOutLas << " from source " << otas.source() );
+   TRACE( 8, "processLabel inLabel is " << inLabel << " outLabelId is " << outLabelId
+                                        << " oldOutLas is " << oldOutLas << " from source "
+                                        << otas.source() );
    if( inLabel.key() != otas.labelId() ) {
-      TRACE( 8, "processLabel"
-                   << " mismatched keys, delete not handled here." );
+      TRACE( 8, "processLabel mismatched keys, delete not handled here." );
       forgetUnwritten( otas, !isNew );
       return true;
    }
    if( isNew && !forceCreate ) {
-      TRACE( 8, "processLabel"
-                   << " no such output Label, create not handled here." );
+      TRACE( 8, "processLabel no such output Label, create not handled here." );
       return true;
    }
    if( outLabelId == Util::labelIdInvalid() ) {
       outLabelId = newLabelId( otas );
-      TRACE( 8, "processLabel"
-                   << " no such output Label, new labelId is " << outLabelId );
+      TRACE( 8, "processLabel no such output Label, new labelId is " << outLabelId );
       if( outLabelId == Util::labelIdInvalid() )
          return true; // no id is left: the caller finds no output copy
       VEXIL_ASSERT( outLabelId != Util::labelIdInvalid() );
@@ -276,28 +265,23 @@ bool PolicySm::processLabel( const ObjTupleAndSource& otas, bool forceCreate ) {
    const bool ok = processOtas( next, true );
    const ObjTuple outOt = outputObjTuple( next );
    if( !ok || !usableNext( next, outOt, ObjTuple( outLabelId ) ) ) {
-      TRACE( 8, "processLabel"
-                   << " failed to process" << next << ( ok ? "" : " (cascading)" ) );
+      TRACE( 8, "processLabel failed to process" << next << ( ok ? "" : " (cascading)" ) );
       releaseIfUnused( outOt );
       foundFailedOtas( otas );
       return false;
    }
    VEXIL_ASSERT( outOt != Util::objTupleInvalid() );
    const Label newOutLabel( outLabelId, outOt, inLabel.label() );
-   TRACE( 8, "processLabel"
-                << " newOutLabel is " << newOutLabel );
+   TRACE( 8, "processLabel newOutLabel is " << newOutLabel );
    noteVerified( otas, { version, depthOf( next ) + 1, isWhole( next ) } );
    if( !isNew && newOutLabel == oldOutLas.label() ) {
-      TRACE( 8, "processLabel"
-                   << " no change in label, ignoring update" );
+      TRACE( 8, "processLabel no change in label, ignoring update" );
       return true;
    }
-   TRACE( 0, "processLabel"
-                << " writing " << otas << " into output table at id " << outLabelId
-                << " with value " << newOutLabel );
+   TRACE( 0, "processLabel writing " << otas << " into output table at id " << outLabelId
+                                     << " with value " << newOutLabel );
    if( !output_.label->labelIs( LabelAndSource( newOutLabel, otas ) ) ) {
-      TRACE( 8, "processLabel"
-                   << " no room in output for " << otas );
+      TRACE( 8, "processLabel no room in output for " << otas );
       dropMapping( otas );
       failedInPass_.emplace( otas, Failed{ version, true } );
       releaseIfUnused( outOt );
@@ -325,31 +309,26 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
    LoadBalanceId outLbId = outputLbId( otas );
    const LoadBalanceAndSource oldOutLbas = output_.lb->lb( outLbId );
    const bool isNew = oldOutLbas.key() == Util::lbIdInvalid();
-   TRACE( 8, "processLb"
-                << " inLb is " << inLb << " outLbId is " << outLbId << " oldOutLbas is "
-                << oldOutLbas );
+   TRACE( 8, "processLb inLb is " << inLb << " outLbId is " << outLbId << " oldOutLbas is "
+                                  << oldOutLbas );
    if( inLb.key() != otas.lbId() ) {
-      TRACE( 8, "processLb"
-                   << " mismatched keys, delete not handled here." );
+      TRACE( 8, "processLb mismatched keys, delete not handled here." );
       forgetUnwritten( otas, !isNew );
       return true;
    }
    if( isNew && !forceCreate ) {
-      TRACE( 8, "processLb"
-                   << " no such output LB, create not handled here." );
+      TRACE( 8, "processLb no such output LB, create not handled here." );
       return true;
    }
    if( outLbId == Util::lbIdInvalid() ) {
       outLbId = newLbId( otas );
-      TRACE( 8, "processLb"
-                   << " No such output LB, new lbId is " << outLbId );
+      TRACE( 8, "processLb No such output LB, new lbId is " << outLbId );
       if( outLbId == Util::lbIdInvalid() )
          return true; // no id is left: the caller finds no output copy
       VEXIL_ASSERT( outLbId != Util::lbIdInvalid() );
    }
    const ObjTuple outOtForLb( outLbId );
-   TRACE( 8, "processLb"
-                << " new LB is " << inLb << " output ot is " << outOtForLb );
+   TRACE( 8, "processLb new LB is " << inLb << " output ot is " << outOtForLb );
    VEXIL_ASSERT( inLb.nexts() > 0 );
 
    // Members first. The group becomes a user of each before its row names it.
@@ -374,8 +353,7 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
       const bool ok = processOtas( next, true );
       const ObjTuple outOt = outputObjTuple( next );
       if( !ok || !usableNext( next, outOt, outOtForLb ) ) {
-         TRACE( 8, "processLb"
-                      << " failed to process " << next << ( ok ? "" : " (cascading)" ) );
+         TRACE( 8, "processLb failed to process " << next << ( ok ? "" : " (cascading)" ) );
          releaseIfUnused( outOt );
          undo();
          foundFailedOtas( otas );
@@ -397,16 +375,13 @@ bool PolicySm::processLb( const ObjTupleAndSource& otas, bool forceCreate ) {
 
    noteVerified( otas, { version, depth + 1, whole } );
    if( !isNew && !changed && newLb.nexts() == oldOutLb.nexts() ) {
-      TRACE( 8, "processLb"
-                   << " No change in LB, ignoring update." );
+      TRACE( 8, "processLb No change in LB, ignoring update." );
       return true;
    }
-   TRACE( 0, "processLb"
-                << " writing " << otas << " into output table at id " << outLbId << " with value "
-                << newLb );
+   TRACE( 0, "processLb writing " << otas << " into output table at id " << outLbId
+                                  << " with value " << newLb );
    if( !output_.lb->lbIs( LoadBalanceAndSource( newLb, otas ) ) ) {
-      TRACE( 8, "processLb"
-                   << " no room in output for " << otas );
+      TRACE( 8, "processLb no room in output for " << otas );
       dropMapping( otas );
       failedInPass_.emplace( otas, Failed{ version, true } );
       undo();

@@ -16,8 +16,7 @@ void PolicySm::maybeRescheduleHostReview() {
                                  << hostList().size() << " otas length: " << otasList().size() );
    if( restartState() != running_ || ( hostList().empty() && otasList().empty() ) )
       return;
-   TRACE( 1, "maybeRescheduleHostReview"
-                << " rescheduling host review." );
+   TRACE( 1, "maybeRescheduleHostReview rescheduling host review." );
    reviewTimer_.timeMinIs( 0 );
 }
 
@@ -39,8 +38,7 @@ void PolicySm::handleReviewTimer() {
    reviewTimer_.timeMinIs( Vexil::never );
    const Seconds start = clock_->now();
    if( restartState() != running_ ) {
-      TRACE( 0, "handleReviewTimer"
-                   << " initial sync still running." );
+      TRACE( 0, "handleReviewTimer initial sync still running." );
       return;
    }
    const Seconds deadline = start + reviewQuantum();
@@ -50,16 +48,14 @@ void PolicySm::handleReviewTimer() {
    const auto hosts = walkSlice(
       hostList(), hostBookmark(), *clock_, deadline,
       [ & ]( const Bridging::MacVlanPair& mvp ) {
-         TRACE( 0, "handleReviewTimer"
-                      << " looking at host " << mvpStr( mvp ) );
+         TRACE( 0, "handleReviewTimer looking at host " << mvpStr( mvp ) );
          const bool ok = processHost( mvp );
          hostListDel( mvp );
          cleanUpUnused();
          if( ok ) {
             failingHosts_.mended( mvp );
          } else {
-            TRACE( 8, "handleReviewTimer"
-                         << " processing failure on " << mvpStr( mvp ) );
+            TRACE( 8, "handleReviewTimer processing failure on " << mvpStr( mvp ) );
             VEXIL_ASSERT( failedHost( mvp ) );
          }
       },
@@ -67,14 +63,12 @@ void PolicySm::handleReviewTimer() {
       [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHostIndex( mvp ); } );
    hostBookmarkIs( hosts.bookmark );
    if( hosts.timedOut ) {
-      TRACE( 0, "handleReviewTimer"
-                   << " ending review run after " << hosts.count << " hosts" );
+      TRACE( 0, "handleReviewTimer ending review run after " << hosts.count << " hosts" );
       if( hosts.atEnd )
-         TRACE( 0, "handleReviewTimer"
-                      << " host check complete (at timeout) with " << hosts.count << " hosts" );
+         TRACE( 0, "handleReviewTimer host check complete (at timeout) with " << hosts.count
+                                                                              << " hosts" );
    } else {
-      TRACE( 0, "handleReviewTimer"
-                   << " host check complete with " << hosts.count << " hosts" );
+      TRACE( 0, "handleReviewTimer host check complete with " << hosts.count << " hosts" );
       reviewOtas( deadline );
    }
    maybeRescheduleHostReview();
@@ -103,23 +97,20 @@ void PolicySm::parkedToLists() {
 }
 
 void PolicySm::reviewOtas( Seconds deadline ) {
-   const auto objects = walkSlice( otasList(), otasBookmark(), *clock_, deadline,
-                                   [ & ]( const ObjTupleAndSource& otas ) {
-                                      TRACE( 0, "handleReviewTimer"
-                                                   << " looking at " << otas );
-                                      const bool ok = processOtas( otas, false );
-                                      otasListDel( otas );
-                                      cleanUpUnused();
-                                      if( ok )
-                                         failingOtas_.mended( otas );
-                                      else
-                                         TRACE( 8, "handleReviewTimer"
-                                                      << " processing failure on " << otas );
-                                   } );
+   const auto objects = walkSlice(
+      otasList(), otasBookmark(), *clock_, deadline, [ & ]( const ObjTupleAndSource& otas ) {
+         TRACE( 0, "handleReviewTimer looking at " << otas );
+         const bool ok = processOtas( otas, false );
+         otasListDel( otas );
+         cleanUpUnused();
+         if( ok )
+            failingOtas_.mended( otas );
+         else
+            TRACE( 8, "handleReviewTimer processing failure on " << otas );
+      } );
    otasBookmarkIs( objects.bookmark );
    if( objects.timedOut )
-      TRACE( 0, "handleReviewTimer"
-                   << " ending review run after " << objects.count << " otas" );
+      TRACE( 0, "handleReviewTimer ending review run after " << objects.count << " otas" );
    if( objects.atEnd )
       TRACE( 0, "handleReviewTimer"
                    << ( objects.timedOut ? " otas check complete (at timeout) with "
@@ -130,8 +121,7 @@ void PolicySm::reviewOtas( Seconds deadline ) {
 void PolicySm::handleHammerReviewTimer() {
    TRACE( 0, __PRETTY_FUNCTION__ );
    if( restartState() == running_ && !( failedHost().empty() && failedOtas().empty() ) ) {
-      TRACE( 1, "handleHammerReviewTimer"
-                   << " rescheduling host review." );
+      TRACE( 1, "handleHammerReviewTimer rescheduling host review." );
       reviewTimer_.timeMinIs( 0 );
    }
    hammerReviewTimer_.timeMinIs( clock_->now() + hammerReviewInterval() );

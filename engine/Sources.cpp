@@ -64,44 +64,36 @@ void PolicySm::handleSource( const std::string& sourceName ) {
       entry = externalSource;
       type = "external";
    }
-   TRACE( 1, "handleSource"
-                << " SDE for " << sourceName << " is " << entryStr( entry.get() ) << " type is "
-                << type );
+   TRACE( 1, "handleSource SDE for " << sourceName << " is " << entryStr( entry.get() )
+                                     << " type is " << type );
    Ptr<PolicySourceSm> sm = sourceSm( sourceName );
    if( !entry ) {
-      TRACE( 1, "handleSource"
-                   << " no sourceDirEntry found for " << sourceName );
+      TRACE( 1, "handleSource no sourceDirEntry found for " << sourceName );
       if( sm ) {
-         TRACE( 1, "handleSource"
-                      << " deleting SM" );
+         TRACE( 1, "handleSource deleting SM" );
          sourceSmDel( sourceName );
          setFloodSetOutputType();
       }
       return;
    }
    if( sm ) {
-      TRACE( 1, "handleSource"
-                   << " found SM for " << sourceName << " checking for changes" );
+      TRACE( 1, "handleSource found SM for " << sourceName << " checking for changes" );
       VEXIL_ASSERT( sm->source()->name() == sourceName );
       if( sm->source() == entry &&
           sm->source()->hostTableTarnPath() == entry->hostTableTarnPath() &&
           sm->source()->hostTableLen() == entry->hostTableLen() &&
           sm->source()->source() == entry->source() ) {
-         TRACE( 1, "handleSource"
-                      << " no change in source" );
+         TRACE( 1, "handleSource no change in source" );
          return;
       }
-      TRACE( 1, "handleSource"
-                   << " source has changed, deleting and recreating SM" );
+      TRACE( 1, "handleSource source has changed, deleting and recreating SM" );
       sourceSmDel( sourceName );
    }
-   TRACE( 1, "handleSource"
-                << " creating SM for " << sourceName );
+   TRACE( 1, "handleSource creating SM for " << sourceName );
    sm = sourceSmIs( sourceName, entry, this, entityManager_ );
    setFloodSetOutputType();
    VEXIL_ASSERT( sm );
-   TRACE( 1, "handleSource"
-                << " SM is " << sm->name() << " total SMs now is " << sourceSm_.size() );
+   TRACE( 1, "handleSource SM is " << sm->name() << " total SMs now is " << sourceSm_.size() );
 }
 
 Vexil::Ptr<PolicySourceSm> PolicySm::sourceSmIs( const std::string& name,

@@ -47,8 +47,7 @@ void PolicySm::addUser( const ObjTuple& otUsed, const ObjTuple& otUser,
    ASSERT_ONE_USER();
    Ptr<ObjTupleUsers> otu = usersMap( otUsed );
    if( !otu ) {
-      TRACE( 0, "addUser"
-                   << " instantiating new otu for " << otUsed );
+      TRACE( 0, "addUser instantiating new otu for " << otUsed );
       otu = usersMapIs( otUsed );
    }
    VEXIL_ASSERT( otu && otu->used() == otUsed );
@@ -99,11 +98,9 @@ void PolicySm::rmUser( const ObjTuple& otUsed, const ObjTuple& otUser,
    --userCount_;
    if( !otu->empty() )
       return;
-   TRACE( 0, "rmUser"
-                << " no users left for " << otUsed );
+   TRACE( 0, "rmUser no users left for " << otUsed );
    if( restartState() < zeroRefCleanup_ ) {
-      TRACE( 0, "rmUser"
-                   << " deferring delete of " << otUsed << " until after initial sync complete" );
+      TRACE( 0, "rmUser deferring delete of " << otUsed << " until after initial sync complete" );
       otForZeroRefCleanupIs( otUsed, true );
    } else if( isInProcess( otUsed ) ) {
       otForZeroRefCleanupIs( otUsed, true ); // whoever is at work on it may be about to use it
@@ -130,8 +127,8 @@ void PolicySm::handleZeroRefCleanupCheck( const ObjTuple& ot ) {
    VEXIL_ASSERT( ot != Util::objTupleInvalid() );
    if( !isUnused( ot ) || !hasOutputRow( ot ) ) // it may have gone with another one meanwhile
       return;
-   TRACE( 0, "handleZeroRefCleanupCheck"
-                << " no users left for " << ot << " handling deferred delete now" );
+   TRACE( 0,
+          "handleZeroRefCleanupCheck no users left for " << ot << " handling deferred delete now" );
    onZeroRefs( ot );
 }
 
@@ -149,8 +146,7 @@ void PolicySm::cleanUpUnused() {
 // to remove wait on a stack of our own and not on the processor's.
 void PolicySm::onZeroRefs( const ObjTuple& ot ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << ot );
-   TRACE( 8, "onZeroRefs"
-                << " deleting otu for " << ot );
+   TRACE( 8, "onZeroRefs deleting otu for " << ot );
    usersMapDel( ot );
    const Ptr<ObjTupleManager>& manager = tupleManager( ot.tableType() );
    forgetVerified( manager->outputToInput( ot ) );

@@ -203,8 +203,7 @@ void StaticHostSm::handleTunnel( const Bridging::TunnelId& tunnel ) {
 void StaticHostSm::handleHost() {
    TRACE( 0, __PRETTY_FUNCTION__ );
    if( !initialized_ ) {
-      TRACE( 0, "handleHost"
-                   << " not init yet!" );
+      TRACE( 0, "handleHost not init yet!" );
       return;
    }
    for( const auto& reactor : fdbConfig_ )
@@ -216,8 +215,7 @@ void StaticHostSm::handleHost() {
 void StaticHostSm::handleHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << mvpStr( mvp ) );
    if( !initialized_ ) {
-      TRACE( 0, "handleHost"
-                   << " not init yet!" );
+      TRACE( 0, "handleHost not init yet!" );
       return;
    }
    waitingForHostRoom_.erase( mvp );
@@ -229,8 +227,7 @@ void StaticHostSm::handleHost( const Bridging::MacVlanPair& mvp ) {
       tunnelHosts_.hostIs( mvp, configured->intf.tunnel() );
       tunnel = bridgingConfig_->tunnel( configured->intf.tunnel() );
       if( !tunnel )
-         TRACE( 2, "handleHost"
-                      << " " << configured->intf.str() << " is not configured" );
+         TRACE( 2, "handleHost " << configured->intf.str() << " is not configured" );
    } else {
       tunnelHosts_.hostDel( mvp );
    }
@@ -238,8 +235,7 @@ void StaticHostSm::handleHost( const Bridging::MacVlanPair& mvp ) {
    if( configured && ( tunnel || !isLabelHost ) ) {
       Host host = emptyHost( mvp );
       host.updateTimeIs( entityManager_->clock()->now() );
-      TRACE( 2, "handleHost"
-                   << " host entry " << host );
+      TRACE( 2, "handleHost host entry " << host );
       if( isLabelHost )
          programLabelHost( host, configured->mplsLabel, *tunnel );
       else
@@ -254,14 +250,12 @@ const Bridging::ConfiguredHost*
 StaticHostSm::configuredHost( const Bridging::MacVlanPair& mvp ) const {
    const auto fdb = bridgingConfig_->fdbConfig( Bridging::Fid( mvp.vlan().value() ) );
    if( !fdb ) {
-      TRACE( 2, "handleHost"
-                   << " no fdbConfig for vlan " << mvp.vlan() );
+      TRACE( 2, "handleHost no fdbConfig for vlan " << mvp.vlan() );
       return nullptr;
    }
    const Bridging::ConfiguredHost* const host = fdb->configuredHost( mvp.mac() );
    if( !host )
-      TRACE( 2, "handleHost"
-                   << " did not find host in fdb" );
+      TRACE( 2, "handleHost did not find host in fdb" );
    return host;
 }
 
@@ -269,8 +263,7 @@ void StaticHostSm::programLabelHost( Host host, Vexil::MplsLabel label,
                                      const DestDataTunnel& tunnel ) {
    const Host stored = staticInputTable_->host( host.key() );
    if( labelHostIntact( stored, label, tunnel ) ) {
-      TRACE( 8, "handleHost"
-                   << " label and tunnel intact" );
+      TRACE( 8, "handleHost label and tunnel intact" );
       return;
    }
    if( !hasRoomFor( host.key(), stored ) )
@@ -303,8 +296,7 @@ bool StaticHostSm::writeHost( const Host& stored, Host host ) {
    unchanged.updateTimeIs( stored.updateTime() );
    if( stored == unchanged )
       return true;
-   TRACE( 2, "handleHost"
-                << " host has changed, reprogramming" );
+   TRACE( 2, "handleHost host has changed, reprogramming" );
    if( staticInputTable_->hostIs( host ) )
       return true;
    waitForRoom( waitingForHostRoom_, host.key() );
@@ -315,8 +307,7 @@ void StaticHostSm::removeHost( const Bridging::MacVlanPair& mvp ) {
    const Host stored = staticInputTable_->host( mvp );
    if( stored.key() != mvp )
       return;
-   TRACE( 0, "handleHost"
-                << " deleting host " << mvpStr( mvp ) << " from L2Rib input" );
+   TRACE( 0, "handleHost deleting host " << mvpStr( mvp ) << " from L2Rib input" );
    staticInputTable_->hostDel( mvp );
    cleanupLabelDestEntries( stored );
 }
@@ -345,12 +336,11 @@ void StaticHostSm::cleanupLabelDestEntries( const Host& host ) {
    const Label label = staticLabelTable_->label( host.next().labelId() );
    if( label.key() != host.next().labelId() )
       return;
-   TRACE( 0, "cleanupLabelDestEntries"
-                << " deleting label " << label << " entry from L2Rib label input" );
+   TRACE( 0,
+          "cleanupLabelDestEntries deleting label " << label << " entry from L2Rib label input" );
    staticLabelTable_->labelDel( label.key() );
    const DestId destId = label.next().destId();
-   TRACE( 0, "cleanupLabelDestEntries"
-                << " deleting dest with id " << destId );
+   TRACE( 0, "cleanupLabelDestEntries deleting dest with id " << destId );
    staticDestTable_->destDel( destId );
 }
 
@@ -361,12 +351,10 @@ LabelId StaticHostSm::addLabelAndDest( Vexil::MplsLabel label, const DestDataTun
    Dest dest( DestId( ++currDestId_ ) );
    dest.tunnelIs( tunnel );
    const bool destWritten = staticDestTable_->destIs( dest );
-   TRACE( 2, "handleHost"
-                << " add tunnel " << dest << " to the static input tunnel table" );
+   TRACE( 2, "handleHost add tunnel " << dest << " to the static input tunnel table" );
    const Label entry( LabelId( ++currLabelId_ ), ObjTuple( dest.key() ), label );
    if( destWritten && staticLabelTable_->labelIs( entry ) ) {
-      TRACE( 2, "handleHost"
-                   << " add label " << entry << " to the static input label table" );
+      TRACE( 2, "handleHost add label " << entry << " to the static input label table" );
       return entry.key();
    }
    staticDestTable_->destDel( dest.key() ); // a file that has been cut short takes nothing
@@ -386,8 +374,7 @@ bool StaticHostSm::hasObjectRoom() const {
 void StaticHostSm::waitForRoom( Vexil::KeySet<Bridging::MacVlanPair>& list,
                                 const Bridging::MacVlanPair& mvp ) {
    const char* const what = &list == &waitingForHostRoom_ ? "hosts" : "labels and dests";
-   TRACE( 8, "handleHost"
-                << " no room for static " << what << ", " << mvpStr( mvp ) << " waits" );
+   TRACE( 8, "handleHost no room for static " << what << ", " << mvpStr( mvp ) << " waits" );
    if( waiting() == 0 )
       Vexil::log( "static source: no room for " + mvpStr( mvp ) + ", the tables of static " + what +
                   " are full; hosts wait until an entry is deleted" );
