@@ -1,7 +1,6 @@
 #include "L2Rib/FloodBindings.h"
 
 #include "L2Rib/L2RibTarn.h"
-#include "L2Rib/SourceDir.h"
 
 #include <algorithm>
 #include <memory>

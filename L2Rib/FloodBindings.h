@@ -3,6 +3,7 @@
 #pragma once
 
 #include "L2Rib/FloodSets.h"
+#include "L2Rib/SourceDir.h"
 #include "runtime/StateDb.h"
 
 #include <memory>
