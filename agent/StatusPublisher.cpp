@@ -82,7 +82,7 @@ AgentStatusRecord StatusPublisher::figures() const {
    record.withdrawalChecks = policySm_->withdrawalChecksLeft();
    record.restartDuration = policySm_->restartDuration();
    record.restartEntriesLeft = policySm_->restartEntriesLeft();
-   const Vexil::Seconds failingSince = policySm_->failingSince();
+   const Vexil::Seconds failingSince = policySm_->awaited().oldest();
    record.failingSince = failingSince == Vexil::never ? 0 : failingSince;
    record.retries = policySm_->retries();
    record.users = policySm_->userCount();

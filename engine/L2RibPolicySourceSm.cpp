@@ -226,7 +226,7 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
    if( !destTable_ )
       return { attachment_, 0 };
    return { attachment_,
-            destTable_->journalHead() + lbTable_->journalHead() + labelTable_->journalHead() };
+            destTable_->changesTold() + lbTable_->changesTold() + labelTable_->changesTold() };
 }
 
 Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const {
@@ -327,7 +327,7 @@ void PolicySourceSm::handleOvertaken() {
    attachment_ = nextAttachment(); // the file may be another one
    policySm_->noteOverrun();
    if( initialized_ )
-      policySm_->reviewHostsOf( sourceEnum() );
+      policySm_->reviewOutput();
 }
 
 } // namespace L2Rib

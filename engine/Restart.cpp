@@ -81,8 +81,7 @@ void PolicySm::handleInitialized() {
                    highestOutputId );
    tupleManagerIs( tableTypeLabel_, firstFreeId( maxLabelId, status.maxLabelId().value() ),
                    highestOutputId );
-   for( const auto& entry : output_.flood->vlanFloodSet() )
-      queueFloodSets( entry.key, *entry.value );
+   adoptFloodSets();
    handleSource();
    setFloodSetTimer();
    restartStateIs( hostSourceCheck_ );
@@ -113,6 +112,14 @@ uint64_t PolicySm::adoptObjects( const Table& table ) {
       maxId = std::max( maxId, id.value() );
    } );
    return maxId;
+}
+
+// Every found member is judged anew.
+void PolicySm::adoptFloodSets() {
+   for( const auto& sets : output_.flood->vlanFloodSet() )
+      for( const auto& set : sets.value->floodSet() )
+         for( const auto& member : set.value->destSet() )
+            floodSetBacklogIs( FloodSetTriple( sets.key, set.key, member.key ), true );
 }
 
 // --- the slices --------------------------------------------------------------------------------
@@ -350,7 +357,7 @@ bool PolicySm::checkFloating( Seconds end ) {
    TRACE( 0, "handleSourceCheck doing float check" );
    const auto objects = walkSlice( otForSourceCheck(), otForSourceCheckBookmark(), *clock_, end,
                                    [ & ]( const ObjTuple& ot ) {
-                                      if( isUnused( ot ) ) {
+                                      if( users_.isUnused( ot ) ) {
                                          TRACE( 0, "handleSourceCheck  no users for " << ot );
                                          detectedInconsistentTablesIs( true );
                                          return false;
@@ -413,9 +420,8 @@ void PolicySm::handleTablesInconsistent() {
       manager->inputToOutputDelAll();
       manager->outputToInputDelAll();
    }
-   verified_.clear();
-   lastVerified_ = {};
-   failedInPass_.clear();
+   memo_.clear();
+   depths_.clear();
    hostForSourceCheckDelAll();
    otForSourceCheckDelAll();
    restartStateIs( running_ );

@@ -52,6 +52,8 @@ class TableBase : public Entity {
    // been delivered; 0 while all keys are being walked.
    virtual uint64_t journalHead() const = 0;
    virtual uint64_t journalCursor() const = 0;
+   // How many of the changes have been delivered: grows with each, in a walk over all keys too.
+   virtual uint64_t changesTold() const = 0;
    uint64_t overruns() const { return overruns_; }
 
    // Records that the table was found corrupt: a line in the log for each new message, and a count.
@@ -182,6 +184,7 @@ class SharedTable : public TableBase {
          return journalHead(); // delivered at the time of the change
       return walkingAt_ ? 0 : cursor_;
    }
+   uint64_t changesTold() const override { return writable() ? journalHead() : cursor_; }
    bool writable() const { return mapping_->writable(); }
 
    // --- writing -------------------------------------------------------------------------------
