@@ -1,6 +1,7 @@
 // The merged flood sets: against a model, and across the tables that carry them.
 #include "L2Rib/Bindings.h"
 #include "L2Rib/FloodBindings.h"
+#include "L2Rib/SourceFloodBinding.h"
 #include "tests/EngineLab.h"
 #include "tests/TestSupport.h"
 
@@ -199,7 +200,10 @@ TEST( FloodBinding, SourceTableFillsTheEntry ) {
    const auto table = makeEntity<FloodMemberTable>( 64u );
    const auto entry = makeEntity<SourceDirEntry>( "one" );
    ASSERT_TRUE( table->set( record( 10, 1, 1 ) ) );
-   SourceFloodBinding binding( table, entry );
+   const auto clock = makeEntity<Vexil::ManualClock>();
+   SourceFloodBinding binding( clock, table, entry );
+   EXPECT_TRUE( members( *entry ).empty() ) << "nothing of it before it is read";
+   EXPECT_TRUE( binding.readOn( *clock, Vexil::never ) );
    ASSERT_TRUE( table->set( record( 10, 2, 1 ) ) );
    ASSERT_TRUE( table->set( record( 20, 1, 1 ) ) );
    EXPECT_EQ( 3u, members( *entry ).size() );

@@ -1,6 +1,7 @@
 // l2ribd: the agent framework's host process. Loads the agent library, takes the agent through its
 // stages, and turns the event loop until it is told to end.
 #include "runtime/Agent.h"
+#include "runtime/Descriptors.h"
 #include "runtime/Trace.h"
 #include "tools/ServiceNotifier.h"
 #include "tools/StateDirectory.h"
@@ -44,6 +45,7 @@ CLI::Validator numberWithin( double lowest, double highest, bool whole ) {
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
    const Tools::StateDirectory sole( stateDirectory );
+   Vexil::raiseDescriptorLimit();
    Vexil::ActivityManager loop;
    loop.signalIs( SIGTERM, [ & ] { loop.stop(); } );
    loop.signalIs( SIGINT, [ & ] { loop.stop(); } );
