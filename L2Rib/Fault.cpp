@@ -306,8 +306,7 @@ MaybeFault formatFaultIn( const SourceEntryRecord& entry ) {
    for( const uint32_t length : { entry.hostLen, entry.lbLen, entry.labelLen, entry.destLen } )
       if( length > Vexil::maxCapacity )
          return broken( "capacity", "a capacity of " + std::to_string( length ) + " records; " +
-                                       std::to_string( Vexil::maxCapacity ) +
-                                       " are the most" );
+                                       std::to_string( Vexil::maxCapacity ) + " are the most" );
    if( entry.source != sourceNone_ )
       if( MaybeFault fault = sourceFormat( entry.source ) )
          return fault;

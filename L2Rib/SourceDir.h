@@ -105,6 +105,8 @@ class AgentSourceDir : public Vexil::Entity {
    }
    // Creates the entry of that name, or returns the one that is there.
    Vexil::Ptr<SourceDirEntry> sourceIs( const std::string& name );
+   // Enters an entry that is made elsewhere; nothing when there is one of that name.
+   void sourceIs( const std::string& name, Vexil::Ptr<SourceDirEntry> entry );
    void sourceDel( const std::string& name );
    VEXIL_DELETE_ALL( source )
 

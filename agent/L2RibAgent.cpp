@@ -24,7 +24,7 @@ Vexil::Ptr<T> mounted( Vexil::EntityManager& em, const char* path ) {
 
 template<class Table>
 Vexil::Ptr<Table> outputTable( Vexil::EntityManager& em, const char* path, uint32_t capacity ) {
-   return em.mountTable<Table>( path, Table::Mode::write, capacity );
+   return em.mountDerivedTable<Table>( path, capacity );
 }
 
 // Lets the host process create the agent by its type name once this library is loaded.

@@ -393,8 +393,10 @@ void PolicySm::restoreMapping( const ObjTupleAndSource& sourceOtas, const ObjTup
    VEXIL_ASSERT( restartState() == otSourceCheck_ );
    VEXIL_ASSERT( outputOt.tableType() == sourceOtas.tableType() );
    // Two rows that stand for one input object contradict each other as well.
-   if( outputObjTuple( sourceOtas ) != Util::objTupleInvalid() )
+   if( const ObjTuple other = outputObjTuple( sourceOtas ); other != Util::objTupleInvalid() ) {
+      TRACE( 0, "restoreMapping " << sourceOtas << " already has a copy, " << other << "!!!" );
       detectedInconsistentTablesIs( true );
+   }
    tupleManager( outputOt.tableType() )->restoreMapping( sourceOtas, outputOt );
 }
 
@@ -407,8 +409,7 @@ void PolicySm::handleTablesInconsistent() {
                   : "a host of the output can't be programmed any more: the output is emptied and "
                     "built anew" );
    output_.host->forEach( [ this ]( const HostAndSource& row ) {
-      if( row.next() != Util::objTupleInvalid() )
-         delOtForInconsistency( row.next() );
+      delOtForInconsistency( row.next() ); // none, where the destination is inline
       output_.host->hostDel( row.key() );
    } );
    output_.label->labelDelAll();

@@ -14,16 +14,21 @@
 // handleOvertaken() of its reactors, once, and handleEntry() for every key that is in the table. A
 // reactor that remembers keys re-examines those that it knows when it is overtaken: so deletions
 // are not missed either. The same happens when the writer has replaced the file.
+//
+// A record whose format is broken (Fault.h) is recorded as corruption and not handed out: a lookup
+// finds nothing, a walk over the records ends. The next writer drops it when it attaches the table.
 #pragma once
 
 #include "runtime/Clock.h"
 #include "runtime/Entity.h"
+#include "runtime/Fault.h"
 #include "runtime/TableWriter.h"
 #include "runtime/Trace.h"
 
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -64,13 +69,15 @@ class TableBase : public Entity {
    virtual uint64_t changesTold() const = 0;
    uint64_t overruns() const { return overruns_; }
 
-   // Records that the table was found corrupt: a line in the log for each new message, and a count.
+   // Records that the table was found corrupt: counts, and says each message once in the log. Of a
+   // table with many, the log has the first ones.
    void corruptionDetected( const std::string& message ) const {
       ++corruptions_;
-      if( message == lastCorruption_ )
+      if( told_.size() > mostTold || !told_.insert( message ).second )
          return;
-      lastCorruption_ = message;
-      log( "corruption detected: " + message );
+      log( "corruption detected: " + ( told_.size() <= mostTold
+                                          ? message
+                                          : path() + ": more of it, which is only counted" ) );
    }
    uint64_t corruptions() const { return corruptions_; }
 
@@ -79,8 +86,10 @@ class TableBase : public Entity {
    uint64_t overruns_ = 0;
 
  private:
+   static constexpr size_t mostTold = 8;
+
    mutable uint64_t corruptions_ = 0;
-   mutable std::string lastCorruption_;
+   mutable std::set<std::string> told_;
 };
 
 template<class Key, class Record>
@@ -134,8 +143,9 @@ class SharedTable : public TableBase {
       return record;
    }
    bool get( const Key& key, uint64_t hash, Record& record ) const {
-      return recorded( [ & ] { return table_.get( key, hash, record ); } );
+      return recorded( [ & ] { return table_.get( key, hash, record ); } ) && isSound( record );
    }
+   // Whether there is a record of that key; not whether its format is sound.
    bool contains( const Key& key ) const {
       return recorded( [ & ] { return table_.contains( key ); } );
    }
@@ -149,12 +159,25 @@ class SharedTable : public TableBase {
    void forEach( Each each ) const {
       try {
          Record record;
-         for( uint32_t slot = 0; slot < slotCount(); ++slot )
-            if( table_.readSlot( slot, record ) )
-               each( std::as_const( record ) );
+         for( uint32_t slot = 0; slot < slotCount(); ++slot ) {
+            if( !table_.readSlot( slot, record ) )
+               continue;
+            if( !isSound( record ) )
+               return;
+            each( std::as_const( record ) );
+         }
       } catch( const CorruptionDetected& failure ) {
          corruptionDetected( failure.what() );
       }
+   }
+   // Calls each( record, fault ) for every record whose format is broken, with what is wrong.
+   template<class Each>
+   void forEachBroken( Each each ) const {
+      if( spec_.formatFault )
+         forEachStored( [ & ]( const Record& record ) {
+            if( const auto fault = spec_.formatFault( &record ) )
+               each( record, *fault );
+         } );
    }
    // Calls each( key ) for every key likewise.
    template<class Each>
@@ -177,7 +200,7 @@ class SharedTable : public TableBase {
    }
    std::optional<Record> inSlot( uint32_t slot ) const {
       Record record;
-      if( recorded( [ & ] { return table_.readSlot( slot, record ); } ) )
+      if( recorded( [ & ] { return table_.readSlot( slot, record ); } ) && isSound( record ) )
          return record;
       return std::nullopt;
    }
@@ -196,12 +219,12 @@ class SharedTable : public TableBase {
    bool writable() const { return mapping_->writable(); }
 
    // --- writing -------------------------------------------------------------------------------
-   // How far the table may grow by itself: a full one takes double the capacity, up to this. Without
-   // it a table stays as it was made. Throws TableError above maxCapacity.
+   // How far the table may grow by itself: a full one takes double the capacity, up to this.
+   // Without it a table stays as it was made. Throws TableError above maxCapacity.
    void capacityMaxIs( uint32_t capacity );
    // Writes the record under its own key. False, and nothing changed, when there is no room for a
-   // new one (makeRoom() says why); false too when the file has been cut short and takes nothing any
-   // more, which is recorded. What is there can always be written again.
+   // new one (makeRoom() says why); false too when the file has been cut short and takes nothing
+   // any more, which is recorded. What is there can always be written again.
    [[nodiscard]] bool set( const Record& record ) {
       if( table_.count() >= growAt_ )
          growOn();
@@ -229,15 +252,13 @@ class SharedTable : public TableBase {
       return true;
    }
    void eraseAll() {
-      for( uint32_t slot = 0; slot < slotCount(); ++slot )
-         if( const std::optional<Record> record = inSlot( slot ) )
-            erase( TableView<Key, Record>::keyOf( *record ) );
+      forEachKey( [ this ]( const Key& key ) { erase( key ); } );
    }
    // Brings the table to another capacity; at least to its number of records. The content is kept;
    // readers follow. Takes the time of copying it. Throws TableError.
    void capacityIs( uint32_t capacity );
-   // Called in place of going on when this process finds that the file of a table that it writes has
-   // been cut short or overwritten: what is written is lost from then on.
+   // Called in place of going on when this process finds that the file of a table that it writes
+   // has been cut short or overwritten: what is written is lost from then on.
    void onLoss( std::function<void( const std::string& what )> handler ) {
       onLoss_ = std::move( handler );
    }
@@ -270,6 +291,22 @@ class SharedTable : public TableBase {
       cursor_ = table_.journalHead();
    }
    void attachForWriting( const std::string& path, uint32_t capacity );
+   void dropBroken();
+   bool isSound( const Record& record ) const { return !spec_.formatFault || !isBroken( record ); }
+   bool isBroken( const Record& record ) const {
+      const auto fault = spec_.formatFault( &record );
+      if( fault ) [[unlikely]]
+         corruptionDetected( path() + ": " + *fault );
+      return fault.has_value();
+   }
+   // Every record, whatever is in it.
+   template<class Each>
+   void forEachStored( Each each ) const {
+      Record record;
+      for( uint32_t slot = 0; slot < slotCount(); ++slot )
+         if( recorded( [ & ] { return table_.readSlot( slot, record ); } ) )
+            each( std::as_const( record ) );
+   }
    // What the operation returns; false when it finds corruption, which is recorded.
    template<class Operation>
    bool recorded( Operation operation ) const {
@@ -320,11 +357,21 @@ template<class Key, class Record>
 void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32_t capacity ) {
    mapping_ = TableMapping::forWriting( path, spec_, capacity );
    table_ = TableWriter<Key, Record>( *mapping_ );
+   dropBroken();
    if( capacity > table_.capacity() )
       capacityIs( capacity );
    unrung_ = true; // the previous writer may have died before it rang
    ring();
    cursor_ = table_.journalHead();
+}
+
+// Recovery has brought each record into the index under its own key.
+template<class Key, class Record>
+void SharedTable<Key, Record>::dropBroken() {
+   forEachBroken( [ this ]( const Record& record, const std::string& fault ) {
+      corruptionDetected( path() + ": " + fault + "; it is dropped" );
+      table_.erase( View::keyOf( record ) );
+   } );
 }
 
 template<class Key, class Record>
@@ -350,7 +397,7 @@ void SharedTable<Key, Record>::moveTo( uint32_t capacity ) {
    auto moved = TableMapping::unpublished( path(), spec_, capacity );
    TableWriter<Key, Record> copy( *moved );
    bool complete = true;
-   forEach( [ & ]( const Record& record ) { complete = complete && copy.set( record ); } );
+   forEachStored( [ & ]( const Record& record ) { complete = complete && copy.set( record ); } );
    if( !complete ) // the old file stays as it is
       throw TableError( TableError::system, path() + ": no room to change its capacity" );
    table_.supersededIs( true ); // before the name: see TableGrowth::takeOver()
@@ -483,14 +530,20 @@ bool SharedTable<Key, Record>::poll( const Clock& clock, Seconds deadline ) {
    return false;
 }
 
-// Some more of the walk over all keys; returns whether the deadline cut it short.
+// Some more of the walk over all keys; returns whether the deadline cut it short. Corruption ends
+// the walk.
 template<class Key, class Record>
 bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
-   for( uint32_t& slot = *walkingAt_; slot < slotCount(); ) {
-      if( const std::optional<Record> record = inSlot( slot++ ) )
-         notifiees.notify( &Handlers::handleEntry, View::keyOf( *record ) );
-      if( slot % batch == 0 && clock.now() >= deadline )
-         return true;
+   try {
+      Key key;
+      for( uint32_t& slot = *walkingAt_; slot < slotCount(); ) {
+         if( table_.readKey( slot++, key ) )
+            notifiees.notify( &Handlers::handleEntry, key );
+         if( slot % batch == 0 && clock.now() >= deadline )
+            return true;
+      }
+   } catch( const CorruptionDetected& failure ) {
+      corruptionDetected( failure.what() );
    }
    walkingAt_.reset();
    return false;
@@ -504,19 +557,36 @@ bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
 //       static constexpr const char* typeName = "House::Doors";
 //       static constexpr const char* collection = "door";
 //    };
+//
+// Where there is a formatFaultIn( const Door& ) beside the record, it is the rule of the table.
 template<class Self, class Key, class Record>
 class NamedTable : public SharedTable<Key, Record> {
  public:
    using Mode = typename SharedTable<Key, Record>::Mode;
 
    static TableSpec spec() {
-      return { Self::typeName, Self::collection, sizeof( Key ), sizeof( Record ) };
+      TableSpec spec{ Self::typeName, Self::collection, sizeof( Key ), sizeof( Record ) };
+      if constexpr( requires( const Record& record ) { formatFaultIn( record ); } )
+         spec.formatFault = formatFault;
+      return spec;
    }
    explicit NamedTable( uint32_t capacity ) : SharedTable<Key, Record>( spec(), capacity ) {}
    NamedTable( const std::string& file, Mode mode, uint32_t capacity = 0 )
       : SharedTable<Key, Record>( spec(), file, mode, capacity ) {}
    NamedTable( const std::string& file, uint32_t capacity, const Record& first )
       : SharedTable<Key, Record>( spec(), file, capacity, first ) {}
+
+ private:
+   static std::optional<std::string> formatFault( const void* bytes ) {
+      const auto& record = *static_cast<const Record*>( bytes );
+      const std::optional<Fault> fault = formatFaultIn( record );
+      if( !fault ) [[likely]]
+         return std::nullopt;
+      std::string key;
+      if constexpr( requires( const Key& k ) { k.str(); } )
+         key = TableView<Key, Record>::keyOf( record ).str() + ": ";
+      return key + fault->text;
+   }
 };
 
 } // namespace Vexil

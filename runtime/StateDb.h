@@ -81,8 +81,8 @@ class MountGroup {
  public:
    explicit MountGroup( EntityManager& manager ) : manager_( manager ) {}
    void doMount( const std::string& path, const std::string& typeName, const std::string& mode );
-   // Ends the declaration: mounts everything; while it does, starting() of the manager is true. What
-   // can't be mounted is said in the log, and fails the manager's mount status.
+   // Ends the declaration: mounts everything; while it does, starting() of the manager is true.
+   // What can't be mounted is said in the log, and fails the manager's mount status.
    void doClose();
 
  private:
@@ -129,11 +129,14 @@ class EntityManager : public Entity {
    template<class Table>
    Ptr<Table> mountTable( const std::string& path, typename Table::Mode mode, uint32_t capacity );
 
-   // Attaches, as its writer, a table whose content this process makes from something else: one
-   // that is damaged, or was left by a version with other records, is replaced, and the log says
-   // so.
+   // Attaches, as its writer, a table whose content this process makes from something else. A file
+   // that can't be read (damaged, of another version, no file at all) is set aside under the name
+   // with ".unreadable" behind it, and made anew; the log says so.
    template<class Table>
    Ptr<Table> mountDerivedTable( const std::string& path, uint32_t capacity );
+   // The same for a table behind an entity, which has the path to itself.
+   template<class Table>
+   Ptr<Table> makeDerivedTable( const std::string& path, uint32_t capacity );
 
    // Lets a table that was attached otherwise have its bell rung with the others.
    void ringAtEndOfTurn( Ptr<TableBase> table ) { written_.push_back( std::move( table ) ); }
@@ -143,7 +146,8 @@ class EntityManager : public Entity {
 
  private:
    friend MountGroup;
-   void replaceFile( const std::string& path, const TableError& why ) const;
+   // Throws the failure again when it is no reason to set the file aside.
+   void setAside( const std::string& path, const TableError& failure ) const;
 
    Ptr<Clock> clock_;
    std::string stateDirectory_; // empty: in memory
@@ -185,10 +189,18 @@ Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t c
    try {
       return mountTable<Table>( path, Table::Mode::write, capacity );
    } catch( const TableError& failure ) {
-      if( failure.kind() != TableError::mismatch && failure.kind() != TableError::damaged )
-         throw;
-      replaceFile( path, failure );
+      setAside( path, failure );
       return mountTable<Table>( path, Table::Mode::write, capacity );
+   }
+}
+
+template<class Table>
+Ptr<Table> EntityManager::makeDerivedTable( const std::string& path, uint32_t capacity ) {
+   try {
+      return makeEntity<Table>( fileOf( path ), Table::Mode::write, capacity );
+   } catch( const TableError& failure ) {
+      setAside( path, failure );
+      return makeEntity<Table>( fileOf( path ), Table::Mode::write, capacity );
    }
 }
 

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -40,6 +41,8 @@ struct TableSpec {
    const char* collection; // at most 15 characters
    uint32_t keySize;       // bytes; the key is the first member of the record
    uint32_t recordSize;    // bytes, at most maxRecordSize
+   // What is wrong with the format of a record: its key and a text; null where there are no rules.
+   std::optional<std::string> ( *formatFault )( const void* record ) = nullptr;
 };
 
 // Where everything is, in bytes from the start of the file. A function of TableSpec and capacity.
@@ -124,8 +127,8 @@ class TableMapping {
    // Moves the file of an unpublished mapping to its path, replacing what is there. Throws
    // TableError, and leaves that alone, when it can't, or when the file does not hold its header.
    void publish();
-   // Sees to it that these bytes of a writable mapping have memory, and are mapped. False when there
-   // is none: a store there would end the process, or the mapping (MappingGuard.h).
+   // Sees to it that these bytes of a writable mapping have memory, and are mapped. False when
+   // there is none: a store there would end the process, or the mapping (MappingGuard.h).
    bool allocate( uint64_t offset, uint64_t size ) const;
    // Whether somebody has cut the file short.
    bool cutShort() const;

@@ -74,9 +74,7 @@ class TableWriter : public TableView<Key, Record> {
    }
    // Gets memory for some more slots when there is no room. False when the table is full, or there
    // is none; then no further attempt is made for a second.
-   bool makeRoom() {
-      return hasRoom() || ( slotsReady_ < geometry_.capacity && readyMoreSlots() );
-   }
+   bool makeRoom() { return hasRoom() || ( slotsReady_ < geometry_.capacity && readyMoreSlots() ); }
 
    // Writes the record under its own key; false, with nothing changed, when there is no room for a
    // new one. Throws CorruptionDetected when the file is no longer there to write to.
@@ -259,8 +257,8 @@ class TableWriter : public TableView<Key, Record> {
    bool journalHasRoom( uint64_t entry ) {
       if( entry < journalReady_ )
          return true;
-      const uint64_t upTo = std::min<uint64_t>(
-         geometry_.journalSize, entry + allocationStep / geometry_.journalStride );
+      const uint64_t upTo = std::min<uint64_t>( geometry_.journalSize,
+                                                entry + allocationStep / geometry_.journalStride );
       if( !allocated( geometry_.journalOffset + entry * geometry_.journalStride,
                       ( upTo - entry ) * geometry_.journalStride ) )
          return false;
@@ -288,8 +286,8 @@ class TableWriter : public TableView<Key, Record> {
    void journal( const Key& key ) {
       const uint64_t head = View::journalHead();
       if( !journalHasRoom( head & journalMask_ ) ) {
-         // What can't be told by the journal is told by overtaking its readers: for them it has come
-         // round, to the same entry.
+         // What can't be told by the journal is told by overtaking its readers: for them it has
+         // come round, to the same entry.
          storeWord( &header().journalHead, head + geometry_.journalSize );
          return;
       }
