@@ -122,18 +122,87 @@ TEST( FloodMerge, QuantumZeroHandlesOneMemberARun ) {
    }
 }
 
+// Hosts and members of a vanished source are kept and let go together, whatever other sources do.
 TEST( FloodMerge, MembersOfAVanishedSourceGoAfterTheHold ) {
    Lab lab;
    add( lab.source( "one", a ).entry, 10, 1, member( 1 ) );
    add( lab.source( "two", b ).entry, 10, 1, member( 2 ) );
+   add( lab.source( "three", c ).entry, 10, 1, member( 3 ) );
    lab.settle();
-   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
+   lab.inputDir->entryDel( "three" );
+   lab.pass( 10 );
    lab.inputDir->entryDel( "one" );
-   lab.pass( 29 );
-   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   lab.pass( 19 );
+   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
    EXPECT_EQ( b, lab.output.flood->source() );
-   lab.pass( 2 );
-   EXPECT_EQ( 1u, members( *lab.output.flood ).size() );
+   lab.pass( 2 ); // the end of another source's hold,
+   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   lab.engine->sourceSm( "two" )->handleOvertaken(); // a journal that was read too late,
+   lab.settle();
+   lab.inputDir->entryDel( "two" ); // and one that is back without its member
+   lab.source( "two", b );
+   lab.settle();
+   EXPECT_EQ( std::set<std::string>{ "10/00:00:00:00:00:01:{ flood dest intf 1 }" },
+              members( *lab.output.flood ) );
+   lab.pass( 10 );
+   EXPECT_TRUE( lab.output.flood->vlanFloodSet().empty() );
+}
+
+// However many members one VLAN has, the walk over them is in slices.
+TEST( FloodMerge, EndOfAHoldIsInSlices ) {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   for( uint64_t interface = 0; interface < 2000; ++interface )
+      add( source.entry, 10, 1 + interface / 1000, member( interface ) );
+   lab.settle();
+   lab.inputDir->entryDel( "one" );
+   lab.clock->nowIs( lab.clock->now() + 31 );
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.0001 );
+   size_t before = 0;
+   while( lab.engine->withdrawalChecksLeft() != 0 || before == 0 ) {
+      lab.turn();
+      EXPECT_LE( lab.engine->floodSetBacklog().size(), before + 64 );
+      before = std::max<size_t>( lab.engine->floodSetBacklog().size(), 1 );
+   }
+   lab.settle();
+   EXPECT_TRUE( lab.output.flood->vlanFloodSet().empty() );
+}
+
+TEST( FloodMerge, MembersWithoutRoomAreParkedUntilThereIsSome ) {
+   struct Few : FloodSetOutput::MemberRoom {
+      explicit Few( const FloodSetOutput& output ) : output_( output ) {}
+      Vexil::Room makeRoom() override {
+         return freeMembers() != 0 ? Vexil::Room::yes : Vexil::Room::full;
+      }
+      uint64_t freeMembers() const override { return capacity() - members( output_ ).size(); }
+      uint32_t capacity() const override { return 3; }
+      const FloodSetOutput& output_;
+   };
+   Lab lab;
+   Few few( *lab.output.flood );
+   lab.output.flood->memberRoomIs( &few );
+   LabSource& source = lab.source( "one", a );
+   for( uint64_t interface = 1; interface <= 5; ++interface )
+      add( source.entry, 10, interface, member( interface ) );
+   lab.hammer();
+   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
+   EXPECT_EQ( 2u, lab.engine->failedFloodSet().size() );
+   EXPECT_EQ( 2u, lab.engine->awaited().count( parkedTableFull_ ) );
+   // One that is in leaves, and one that waits does: nothing waits any more but what has no room.
+   const FloodSetTriple waits = lab.engine->failedFloodSet().begin()->value;
+   source.entry->vlanFloodSet( Bridging::VlanId( 10 ) )->floodSetDel( waits.mac() );
+   for( uint64_t interface = 1; interface <= 5; ++interface )
+      if( lab.output.flood->vlanFloodSet( Bridging::VlanId( 10 ) )
+             ->floodSet( Vexil::EthAddr( interface ) ) ) {
+         source.entry->vlanFloodSet( Bridging::VlanId( 10 ) )
+            ->floodSetDel( Vexil::EthAddr( interface ) );
+         break;
+      }
+   lab.settle();
+   EXPECT_EQ( members( *source.entry ), members( *lab.output.flood ) );
+   EXPECT_TRUE( lab.engine->awaited().empty() );
 }
 
 TEST( FloodMerge, TracesWhatItDoes ) {
