@@ -36,23 +36,35 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    record.label = markOf( sm.labelTable() );
    record.dest = markOf( sm.destTable() );
    record.flood = markOf( sm.source()->floodTable() );
+   if( sm.source()->floodBehind() )
+      record.flood.cursor = Vexil::Wire64<uint64_t>();
+   if( !record.ready )
+      record.reason = FixedText<128>::of( sm.source()->notReadyReason().substr( 0, 127 ) )
+                         .value_or( FixedText<128>() );
    return record;
+}
+
+// What the last run left must not be taken for this one's word. So it is gone before the agent's
+// status has a writer, which is how others tell that an agent runs.
+Vexil::Ptr<SourceStatusTable> emptySourceStatus( Vexil::EntityManager& manager ) {
+   auto table = manager.mountDerivedTable<SourceStatusTable>( Path::sourceStatus, 64 );
+   table->eraseAll();
+   return table;
 }
 
 } // namespace
 
 StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
                                   Vexil::Ptr<PolicySm> policySm )
-   : loop_( loop ), policySm_( std::move( policySm ) ),
+   : loop_( loop ), policySm_( std::move( policySm ) ), sources_( emptySourceStatus( manager ) ),
      agent_( manager.mountDerivedTable<AgentStatusTable>( Path::agentStatus, 1 ) ),
-     sources_( manager.mountDerivedTable<SourceStatusTable>( Path::sourceStatus, 64 ) ),
      parked_( manager.mountDerivedTable<ParkedTable>( Path::parked, 1024 ) ),
      config_(
         dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
      since_( wallClock() ), parkedTimer_( loop.clock(), [] {} ) {
    VEXIL_ASSERT( config_ );
-   sources_->eraseAll();
    parked_->eraseAll();
+   publishAgent(); // before the sources are there: what stands in the table is the last run's
    publish();
    endOfTurnWork_ = loop.atEndOfTurn( [ this ] { publish(); } );
 }
@@ -89,6 +101,10 @@ AgentStatusRecord StatusPublisher::figures() const {
 void StatusPublisher::publish() {
    publishParked();
    publishSources(); // first: whoever sees empty lists must also see what had been read
+   publishAgent();
+}
+
+void StatusPublisher::publishAgent() {
    AgentStatusRecord record = figures();
    record.lastSign = published_.lastSign;
    const double now = wallClock();
@@ -145,8 +161,10 @@ void StatusPublisher::publishSources() {
          record.configuredHosts = markOf( config_->hostTable() );
          record.configuredTunnels = markOf( config_->tunnelTable() );
       }
-      if( sources_->get( record.name ) != record && !sources_->set( record ) )
-         Vexil::log( "no room for the status of source " + entry.key );
+      if( sources_->get( record.name ) == record || sources_->set( record ) )
+         continue;
+      sources_->capacityIs( 2 * sources_->capacity() );
+      [[maybe_unused]] const bool written = sources_->set( record );
    }
 }
 

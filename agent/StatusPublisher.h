@@ -3,7 +3,8 @@
 //
 // Written at the end of an event-loop turn, after the outputs and before their doorbells: whoever
 // sees a figure here sees the output that goes with it. l2ribctl shows the figures, and its settle
-// waits for them.
+// waits for them. The sources are written before the agent's figures in a turn: whoever reads them
+// in that order sees figures that are not older.
 #pragma once
 
 #include "L2Rib/Bridging.h"
@@ -25,14 +26,15 @@ class StatusPublisher {
 
  private:
    void publish();
+   void publishAgent();
    void publishSources();
    void publishParked();
    AgentStatusRecord figures() const;
 
    Vexil::ActivityManager& loop_;
    Vexil::Ptr<PolicySm> policySm_;
+   Vexil::Ptr<SourceStatusTable> sources_; // taken before the agent's
    Vexil::Ptr<AgentStatusTable> agent_;
-   Vexil::Ptr<SourceStatusTable> sources_;
    Vexil::Ptr<ParkedTable> parked_;
    Vexil::Ptr<const Bridging::Config> config_;
    AgentStatusRecord published_;

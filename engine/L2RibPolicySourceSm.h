@@ -89,7 +89,8 @@ class PolicySourceSm : public Vexil::Entity {
    void maybeMountTarnTable();
    void maybeWriteSourceSmByEnum();
    template<class Table>
-   Vexil::Ptr<Table> attach( const std::string& path, uint32_t capacity );
+   Vexil::Ptr<Table> attach( Vexil::Ptr<Table> AttachedTables::*table, const std::string& path,
+                             uint32_t capacity );
 
    std::string name_;
    Vexil::Ptr<const SourceDirEntry> entry_;

@@ -1,6 +1,7 @@
 // The merged flood sets: against a model, and across the tables that carry them.
 #include "L2Rib/Bindings.h"
 #include "L2Rib/FloodBindings.h"
+#include "L2Rib/SourceFloodBinding.h"
 #include "tests/EngineLab.h"
 #include "tests/TestSupport.h"
 
@@ -268,7 +269,10 @@ TEST( FloodBinding, SourceTableFillsTheEntry ) {
    const auto table = makeEntity<FloodMemberTable>( 64u );
    const auto entry = makeEntity<SourceDirEntry>( "one" );
    ASSERT_TRUE( table->set( record( 10, 1, 1 ) ) );
-   SourceFloodBinding binding( table, entry );
+   const auto clock = makeEntity<Vexil::ManualClock>();
+   SourceFloodBinding binding( clock, table, entry );
+   EXPECT_TRUE( members( *entry ).empty() ) << "nothing of it before it is read";
+   EXPECT_TRUE( binding.readOn( *clock, Vexil::never ) );
    ASSERT_TRUE( table->set( record( 10, 2, 1 ) ) );
    ASSERT_TRUE( table->set( record( 20, 1, 1 ) ) );
    EXPECT_EQ( 3u, members( *entry ).size() );
@@ -286,6 +290,46 @@ TEST( FloodBinding, SourceTableFillsTheEntry ) {
    EXPECT_EQ( 2u, members( *entry ).size() ) << "and leave nothing of what they replace";
    table->eraseAll();
    EXPECT_TRUE( members( *entry ).empty() );
+}
+
+// In slices of a few members: nothing is in the entry before all is, and the members that went
+// while the journal ran ahead of its reader go without a hold either.
+TEST( FloodBinding, ReadsInSlices ) {
+   constexpr uint32_t count = 4000;
+   TestSupport::TemporaryFolder folder;
+   FloodMemberTable writer( folder.file( "flood" ), FloodMemberTable::Mode::write, count );
+   const auto nth = []( uint32_t number ) {
+      return record( 1 + number % 3, 1 + number % 5, number );
+   };
+   for( uint32_t number = 0; number < count; ++number )
+      ASSERT_TRUE( writer.set( nth( number ) ) );
+   const auto table =
+      makeEntity<FloodMemberTable>( folder.file( "flood" ), FloodMemberTable::Mode::read );
+   const auto clock = makeEntity<Vexil::ManualClock>();
+   clock->tickIs( 0.001 ); // each look at it
+   const auto entry = makeEntity<SourceDirEntry>( "one" );
+   SourceFloodBinding binding( clock, table, entry );
+   int slices = 1;
+   for( ; !binding.readOn( *clock, clock->now() + 0.005 ); ++slices ) {
+      ASSERT_TRUE( entry->vlanFloodSet().empty() ) << "after slice " << slices;
+      ASSERT_TRUE( writer.erase( nth( slices ).triple ) ) << "what goes meanwhile is not missed";
+   }
+   EXPECT_GT( slices, 3 );
+   EXPECT_LT( slices, 100 );
+   table->poll( *clock, Vexil::never );
+   EXPECT_EQ( count - slices + 1, members( *entry ).size() );
+
+   for( uint32_t number = slices; number < count; ++number ) // more than its journal holds
+      if( number % 8 != 0 )
+         writer.erase( nth( number ).triple );
+   table->poll( *clock, Vexil::never );
+   EXPECT_TRUE( entry->floodBehind() );
+   for( slices = 0; entry->floodBehind(); ++slices ) {
+      ASSERT_LT( slices, 10000 );
+      clock->fireDue();
+   }
+   EXPECT_GT( slices, 3 );
+   EXPECT_EQ( writer.count(), members( *entry ).size() );
 }
 
 TEST( AgentSourceDir, StartsEmptyInEveryRun ) {
