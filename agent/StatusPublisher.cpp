@@ -58,10 +58,12 @@ StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::Activity
                                   Vexil::Ptr<PolicySm> policySm )
    : loop_( loop ), policySm_( std::move( policySm ) ), sources_( emptySourceStatus( manager ) ),
      agent_( manager.mountDerivedTable<AgentStatusTable>( Path::agentStatus, 1 ) ),
+     parked_( manager.mountDerivedTable<ParkedTable>( Path::parked, 1024 ) ),
      config_(
         dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
-     since_( wallClock() ) {
+     since_( wallClock() ), parkedTimer_( loop.clock(), [] {} ) {
    VEXIL_ASSERT( config_ );
+   parked_->eraseAll();
    publishAgent(); // before the sources are there: what stands in the table is the last run's
    publish();
    endOfTurnWork_ = loop.atEndOfTurn( [ this ] { publish(); } );
@@ -84,6 +86,12 @@ AgentStatusRecord StatusPublisher::figures() const {
    record.restartEntriesLeft = policySm_->restartEntriesLeft();
    const Vexil::Seconds failingSince = policySm_->awaited().oldest();
    record.failingSince = failingSince == Vexil::never ? 0 : failingSince;
+   record.failedFlood = policySm_->failedFloodSet().size();
+   for( uint32_t reason = 0; reason < parkedReasons; ++reason )
+      record.parked[ reason ] = policySm_->awaited().count( ParkedReason( reason ) );
+   record.parkedUntold = policySm_->awaited().untold();
+   record.retryRounds = policySm_->awaited().rounds( Awaited::review );
+   record.floodRetryRounds = policySm_->awaited().rounds( Awaited::floodBacklog );
    record.retries = policySm_->retries();
    record.users = policySm_->userCount();
    record.journalOverruns = policySm_->overruns();
@@ -91,6 +99,7 @@ AgentStatusRecord StatusPublisher::figures() const {
 }
 
 void StatusPublisher::publish() {
+   publishParked();
    publishSources(); // first: whoever sees empty lists must also see what had been read
    publishAgent();
 }
@@ -110,6 +119,35 @@ void StatusPublisher::publishAgent() {
 StatusPublisher::~StatusPublisher() {
    published_.lastSign = Vexil::Wire64<double>();
    publish();
+}
+
+// Some rows a turn. One that finds no room is left out: the figures by reason count it all the
+// same.
+void StatusPublisher::publishParked() {
+   constexpr size_t rowsATurn = 4096;
+   const double sinceTheEpoch = wallClock() - loop_.clock()->now();
+   const auto& members = policySm_->failedFloodSet();
+   policySm_->awaited().tell( rowsATurn,
+                              [ & ]( const ParkedKey& key, const Awaited::Entry* entry ) {
+                                 if( !entry ) {
+                                    parked_->erase( key );
+                                    return;
+                                 }
+                                 ParkedRecord record;
+                                 record.key = key;
+                                 record.source = entry->source;
+                                 record.reason = entry->obstacle.reason;
+                                 record.table = entry->obstacle.table;
+                                 record.limit = entry->obstacle.limit;
+                                 record.blocker = entry->obstacle.blocker;
+                                 record.since = sinceTheEpoch + entry->since;
+                                 record.round = entry->round;
+                                 if( const FloodSetTriple* const member = members.find( key ) )
+                                    record.dest = member->dest();
+                                 [[maybe_unused]] const bool written = parked_->set( record );
+                              } );
+   if( policySm_->awaited().untold() != 0 )
+      parkedTimer_.timeMinIs( 0 );
 }
 
 void StatusPublisher::publishSources() {

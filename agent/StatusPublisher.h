@@ -1,5 +1,5 @@
-// Publishes what the engine has in hand, and how far each source's tables and the configuration
-// have been read.
+// Publishes what the engine has in hand, what is parked and why, and how far each source's tables
+// and the configuration have been read.
 //
 // Written at the end of an event-loop turn, after the outputs and before their doorbells: whoever
 // sees a figure here sees the output that goes with it. l2ribctl shows the figures, and its settle
@@ -28,16 +28,19 @@ class StatusPublisher {
    void publish();
    void publishAgent();
    void publishSources();
+   void publishParked();
    AgentStatusRecord figures() const;
 
    Vexil::ActivityManager& loop_;
    Vexil::Ptr<PolicySm> policySm_;
    Vexil::Ptr<SourceStatusTable> sources_; // taken before the agent's
    Vexil::Ptr<AgentStatusTable> agent_;
+   Vexil::Ptr<ParkedTable> parked_;
    Vexil::Ptr<const Bridging::Config> config_;
    AgentStatusRecord published_;
    Vexil::Wire64<double> since_;
    std::shared_ptr<void> endOfTurnWork_;
+   Vexil::TimerReactor parkedTimer_; // brings about the turn that publishes more of what is parked
 };
 
 } // namespace L2Rib

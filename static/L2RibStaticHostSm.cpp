@@ -101,10 +101,35 @@ void StaticHostSm::handleInitialized() {
    VEXIL_ASSERT( entityManager() );
    attachTables();
    publishEntry();
+   noteFoundIds();
    discardChanged();
    staticSde_->initializedIs( true );
    initialized_ = true;
    handleHost();
+}
+
+// The counters are specified to begin at 0 in each run. They depart from that and go on above the
+// highest id that is found: a restart keeps the output, where a row may still stand for an id of an
+// earlier run. Given again, the id would lead the readers of that row into another host's tunnel
+// until its own host is decided anew.
+void StaticHostSm::noteFoundIds() {
+   constexpr uint64_t highest = 0xFFFFFFFFFFFF0000; // a damaged id above it is none of ours
+   const auto note = []( uint64_t& last, uint64_t found ) {
+      if( found <= highest )
+         last = std::max( last, found );
+   };
+   staticLabelTable_->forEachKey( [ & ]( LabelId id ) { note( currLabelId_, id.value() ); } );
+   staticDestTable_->forEachKey( [ & ]( DestId id ) { note( currDestId_, id.value() ); } );
+   const auto noteOutput = [ & ]( const auto* output, uint64_t& last ) {
+      if( output ) // there is none where the source is alone
+         output->forEach( [ & ]( const auto& row ) {
+            if( row.sourceOtas().source() == sourceStatic_ )
+               note( last, row.sourceOtas().objId().value() );
+         } );
+   };
+   const Vexil::EntityManager& em = *entityManager_;
+   noteOutput( dynamic_cast<LabelOutput*>( em.entity( Path::labelOutput ).get() ), currLabelId_ );
+   noteOutput( dynamic_cast<DestOutput*>( em.entity( Path::destOutput ).get() ), currDestId_ );
 }
 
 // Takes out what an earlier run left, but for the hosts that are still configured as they were:
@@ -124,17 +149,13 @@ void StaticHostSm::discardChanged() {
       }
    } );
    staticLoadBalanceTable_->lbDelAll();
-   staticLabelTable_->forEach( [ & ]( const Label& label ) {
-      if( labels.contains( label.key() ) )
-         currLabelId_ = std::max( currLabelId_, label.key().value() );
-      else
-         staticLabelTable_->labelDel( label.key() );
+   staticLabelTable_->forEachKey( [ & ]( LabelId id ) {
+      if( !labels.contains( id ) )
+         staticLabelTable_->labelDel( id );
    } );
-   staticDestTable_->forEach( [ & ]( const Dest& dest ) {
-      if( dests.contains( dest.key() ) )
-         currDestId_ = std::max( currDestId_, dest.key().value() );
-      else
-         staticDestTable_->destDel( dest.key() );
+   staticDestTable_->forEachKey( [ & ]( DestId id ) {
+      if( !dests.contains( id ) )
+         staticDestTable_->destDel( id );
    } );
 }
 

@@ -1,6 +1,7 @@
 // l2ribctl show failed, and what other commands say of parked entries.
 #include "tools/Parked.h"
 
+#include "L2Rib/Status.h"
 #include "tools/SourceTables.h"
 #include "tools/TextTable.h"
 
@@ -158,6 +159,17 @@ ParkedEntries::ParkedEntries( const Context& context ) {
    if( !table )
       return;
    table->forEach( [ this ]( const ParkedRecord& parked ) { all_.push_back( parked ); } );
+   if( const auto status = readable<AgentStatusTable>( context.fileOf( Path::agentStatus ) ) ) {
+      const AgentStatusRecord figures = status->get( SingleKey() );
+      for( uint32_t reason = 0; reason < parkedReasons; ++reason )
+         ( isForWantOfRoom( ParkedReason( reason ) ) ? unlistedForRoom_ : unlistedForSources_ ) +=
+            figures.parked[ reason ].value();
+   }
+   for( const ParkedRecord& parked : all_ ) {
+      uint64_t& unlisted =
+         isForWantOfRoom( parked.reason ) ? unlistedForRoom_ : unlistedForSources_;
+      unlisted -= std::min<uint64_t>( unlisted, 1 );
+   }
    std::sort( all_.begin(), all_.end(), []( const ParkedRecord& a, const ParkedRecord& b ) {
       const auto order = []( const ParkedRecord& parked ) {
          return std::tuple( parked.key.kind, parked.key.mvp.vlan(), parked.key.mvp.mac(),
@@ -179,6 +191,8 @@ std::vector<std::string> ParkedEntries::forWantOfRoom( const SourceNames& names 
    std::vector<std::string> texts;
    for( const auto& [ what, group ] : groupsForRoom( all_, names ) )
       texts.push_back( counted( group.count, kindName( what.first ) ) + ", " + what.second );
+   if( unlistedForRoom_ != 0 )
+      texts.push_back( std::to_string( unlistedForRoom_ ) + " more that are not listed" );
    return texts;
 }
 
@@ -194,8 +208,8 @@ std::vector<std::string> ParkedEntries::forSources( const SourceNames& names ) c
                        ( ofSource ? " of " + sourceText( parked.source, names ) : "" ) + ": " +
                        reasonText( parked, names ) );
    }
-   if( count > most )
-      texts.push_back( "and " + std::to_string( count - most ) + " more" );
+   if( const uint64_t more = count - std::min( count, most ) + unlistedForSources_; more != 0 )
+      texts.push_back( "and " + std::to_string( more ) + " more" );
    return texts;
 }
 

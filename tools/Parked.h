@@ -25,7 +25,8 @@ Json toJson( const L2Rib::ParkedRecord& parked, const SourceNames& names );
 std::optional<L2Rib::ParkedRecord> parkedHost( const Context& context,
                                                const Bridging::MacVlanPair& key );
 
-// All parked entries: hosts by VLAN and MAC, then objects, then flood members.
+// All parked entries: hosts by VLAN and MAC, then objects, then flood members. The agent lists as
+// many as it has room for; how many there are it knows in any case.
 class ParkedEntries {
  public:
    // None when no agent has written the table.
@@ -41,6 +42,8 @@ class ParkedEntries {
 
  private:
    std::vector<L2Rib::ParkedRecord> all_;
+   uint64_t unlistedForRoom_ = 0;
+   uint64_t unlistedForSources_ = 0;
 };
 
 } // namespace Tools

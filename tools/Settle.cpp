@@ -103,7 +103,9 @@ class Settling {
 
    template<class Table>
    Ptr<Table> configured() const {
-      return readable<Table>( context_.fileOf( Path::bridgingConfig ) + "/" + Table::fileName );
+      const std::string folder = context_.fileOf( Path::bridgingConfig );
+      return readable<Table>( folder + Bridging::configGeneration( folder ) + "/" +
+                              Table::fileName );
    }
 
    std::string unsettledConfiguration() {
