@@ -118,13 +118,14 @@ struct SourceStatusRecord {
    // Of the source "static": the configuration that its tables are made from.
    ReadMark configuredHosts;
    ReadMark configuredTunnels;
-   // Why it is not ready although it is initialized; empty when there is no reason, cut off when it
-   // is longer.
+   // Why it is not ready although it is initialized, or what of it is corrupt; empty when there is
+   // no reason, cut off when it is longer.
    FixedText<128> reason;
+   Vexil::Wire64<uint64_t> corruptions; // found in its tables, so far
 
    friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<SourceStatusRecord, 312> );
+static_assert( Vexil::WireRecord<SourceStatusRecord, 320> );
 
 class SourceStatusTable
    : public Vexil::NamedTable<SourceStatusTable, SourceName, SourceStatusRecord> {

@@ -73,6 +73,7 @@ class TableBase : public Entity {
    // table with many, the log has the first ones.
    void corruptionDetected( const std::string& message ) const {
       ++corruptions_;
+      lastCorruption_ = message;
       if( told_.size() > mostTold || !told_.insert( message ).second )
          return;
       log( "corruption detected: " + ( told_.size() <= mostTold
@@ -80,6 +81,8 @@ class TableBase : public Entity {
                                           : path() + ": more of it, which is only counted" ) );
    }
    uint64_t corruptions() const { return corruptions_; }
+   // The latest message; empty when there was none.
+   const std::string& lastCorruption() const { return lastCorruption_; }
 
  protected:
    uint64_t cursor_ = 0;
@@ -89,6 +92,7 @@ class TableBase : public Entity {
    static constexpr size_t mostTold = 8;
 
    mutable uint64_t corruptions_ = 0;
+   mutable std::string lastCorruption_;
    mutable std::set<std::string> told_;
 };
 

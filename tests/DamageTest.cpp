@@ -21,6 +21,7 @@ namespace {
 
 using namespace L2Rib;
 using namespace ProcessSupport;
+using Bridging::MacVlanPair;
 using Client::OutputReader;
 using Client::SourcePublisher;
 using TestSupport::Random;
@@ -287,8 +288,10 @@ TEST_F( DamageTest, TablesOfASourceUnderARunningAgent ) {
       }
    }
    renewVictim();
-   if( agent->ended() )
+   if( agent->ended() ) {
+      requireKnownEnd();
       startAgentHere();
+   }
    comesRight( sourceBit6_ | sourceBit8_, rounds() );
    report( "tables of a source, running" );
 }
@@ -340,6 +343,55 @@ TEST_F( DamageTest, OutputOfAStoppedAgent ) {
       requireSound( output.dests.list() );
    }
    report( "output of a stopped agent" );
+}
+
+// What people are told of it.
+TEST_F( DamageTest, IsNamedOnceAndHealed ) {
+   const auto keep = [ this ] {
+      victim_ = nullptr;
+      return HostInput( fileOf( "input/victim/hostInput" ), HostInput::Mode::write, 32 );
+   };
+   const MacVlanPair key( Vexil::EthAddr( 0x020000000000 + 200 ), Bridging::VlanId( 10 ) );
+   startAgentHere();
+   settle();
+   {
+      HostInput hosts = keep();
+      Host broken = hosts.host( key );
+      const uint32_t three = 3;
+      std::memcpy( reinterpret_cast<char*>( &broken ) + 56, &three, sizeof three ); // VTEPs
+      ASSERT_TRUE( hosts.set( broken ) );
+      hosts.ring();
+      settle();
+      EXPECT_EQ( winner( 200 ), "none" );
+      EXPECT_EQ( winner( 202 ), "victim" );
+      const std::string what = "hostInput: " + key.str() + ": 3 VTEPs, 2 are the most";
+      for( const Json& source : json( { "show", "sources" } ) )
+         EXPECT_EQ( source[ "reason" ],
+                    source[ "name" ] == "victim" ? Json( "corrupt: " + what ) : Json() );
+      const std::string log = agent->err();
+      EXPECT_NE( log.find( what ), log.npos ) << log;
+      EXPECT_EQ( log.find( what ), log.rfind( what ) ) << log;
+   }
+   keep(); // the next writer drops it
+
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 );
+   Random random( 3 );
+   const auto patch = [ this ]( const std::string& path, uint64_t at, uint32_t word ) {
+      const int fd = open( fileOf( path ).c_str(), O_WRONLY | O_CLOEXEC );
+      EXPECT_EQ( pwrite( fd, &word, sizeof word, static_cast<off_t>( at ) ), 4 );
+      close( fd );
+   };
+   for( const char* path : { "hostOutput", "floodOutput", "policySmStatus" } )
+      patch( path, 8, 2 );             // the version of the format
+   patch( "inputDir/healthy", 20, 0 ); // its header
+   startAgentHere();
+   EXPECT_EQ( ctl( { "settle", "--timeout", "60" } ).status, 0 ) << agent->err();
+   comesRight( sourceBit8_, 0 );
+   for( const char* path : { "hostOutput", "floodOutput", "policySmStatus" } ) {
+      EXPECT_TRUE( std::filesystem::exists( fileOf( path ) + ".unreadable" ) ) << path;
+      EXPECT_NE( agent->err().find( std::string( path ) + ".unreadable" ), std::string::npos );
+   }
 }
 
 } // namespace

@@ -143,6 +143,22 @@ class Check {
    std::vector<std::string> faults_;
 };
 
+// The rows that no reader of the tables is given.
+std::vector<std::string> brokenRows( const Client::OutputReader& output ) {
+   std::vector<std::string> broken;
+   const auto look = [ & ]( const char* name, const auto& table ) {
+      table->forEachBroken( [ & ]( const auto&, const std::string& fault ) {
+         broken.push_back( name + ( " " + fault ) );
+      } );
+   };
+   look( "host", output.hosts.table() );
+   look( "dest", output.dests.table() );
+   look( "lb", output.groups.table() );
+   look( "label", output.labels.table() );
+   look( "flood member", output.flood.table() );
+   return broken;
+}
+
 int check( const Context& context ) {
    const Client::OutputReader output( context.stateDirectory );
    requireOutput( output, context );
@@ -156,6 +172,8 @@ int check( const Context& context ) {
                                   PolicySmStatusTable::Mode::read );
    Check check( graph, ids.get( SingleKey() ) );
    std::vector<std::string> faults = check.faults();
+   for( const std::string& broken : brokenRows( output ) )
+      faults.push_back( broken );
    const SourceNames names( context );
    const ParkedEntries parked( context );
    for( const std::string& group : parked.forWantOfRoom( names ) )
