@@ -79,10 +79,13 @@ struct AgentStatusRecord {
    // their rows in the table of parked entries have still to be written or removed.
    std::array<Vexil::Wire64<uint64_t>, parkedReasons> parked;
    Vexil::Wire64<uint64_t> parkedUntold;
+   // How often all parked hosts and objects have been tried again; all flood members.
+   Vexil::Wire64<uint64_t> retryRounds;
+   Vexil::Wire64<uint64_t> floodRetryRounds;
 
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<AgentStatusRecord, 208> );
+static_assert( Vexil::WireRecord<AgentStatusRecord, 224> );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
  public:

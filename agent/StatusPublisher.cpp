@@ -90,6 +90,8 @@ AgentStatusRecord StatusPublisher::figures() const {
    for( uint32_t reason = 0; reason < parkedReasons; ++reason )
       record.parked[ reason ] = policySm_->awaited().count( ParkedReason( reason ) );
    record.parkedUntold = policySm_->awaited().untold();
+   record.retryRounds = policySm_->awaited().rounds( Awaited::review );
+   record.floodRetryRounds = policySm_->awaited().rounds( Awaited::floodBacklog );
    record.retries = policySm_->retries();
    record.users = policySm_->userCount();
    record.journalOverruns = policySm_->overruns();
@@ -139,7 +141,7 @@ void StatusPublisher::publishParked() {
                                  record.limit = entry->obstacle.limit;
                                  record.blocker = entry->obstacle.blocker;
                                  record.since = sinceTheEpoch + entry->since;
-                                 record.tries = entry->tries;
+                                 record.round = entry->round;
                                  if( const FloodSetTriple* const member = members.find( key ) )
                                     record.dest = member->dest();
                                  [[maybe_unused]] const bool written = parked_->set( record );

@@ -27,16 +27,16 @@ void Awaited::parked( const ParkedKey& key, Source source, const Obstacle& obsta
                       Vexil::Seconds now ) {
    const auto [ entry, isNew ] = entries_.emplace( key );
    if( isNew ) {
-      *entry = { obstacle, source, now, 0, nextNumber_++ };
+      *entry = { obstacle, source, now, nextNumber_++, rounds( workOn( key ) ) };
       ages_.push_back( { key, entry->number, now } );
       count( obstacle, true );
-   } else if( entry->obstacle != obstacle ) {
-      const Obstacle before = std::exchange( entry->obstacle, obstacle );
-      count( before, false );
+   } else if( entry->obstacle != obstacle || entry->source != source ) {
+      count( std::exchange( entry->obstacle, obstacle ), false );
       count( obstacle, true );
+      entry->source = source;
+   } else {
+      return;
    }
-   entry->source = source;
-   ++entry->tries;
    untold_.emplace( key );
 }
 
@@ -80,7 +80,9 @@ bool Awaited::roomCame( Work work, const FreeRows& free ) const {
 bool Awaited::retryDue( Work work, const FreeRows& free ) {
    if( entries_.empty() )
       return false;
-   return std::exchange( due_[ work ], false ) || roomCame( work, free );
+   const bool due = std::exchange( due_[ work ], false ) || roomCame( work, free );
+   rounds_[ work ] += due;
+   return due;
 }
 
 bool Awaited::passEnded( Work work, bool retried, const FreeRows& free ) {

@@ -45,12 +45,23 @@ class Awaited {
    // The rows that each output table has free.
    using FreeRows = std::array<uint64_t, outputTables>;
 
+   // The key with the hash of what it names: the order of the work lists, so that whoever walks
+   // one of these meets the entries one beside the other.
+   struct Key : ParkedKey {
+      Key() = default;
+      Key( const ParkedKey& key ) : ParkedKey( key ) {}
+      uint64_t hash() const {
+         return kind == parkedHost_     ? mvp.hash()
+                : kind == parkedObject_ ? otas.hash()
+                                        : ParkedKey::hash();
+      }
+   };
    struct Entry {
       Obstacle obstacle;
       Source source;
       Vexil::Seconds since;
-      uint64_t tries;
       uint64_t number; // its place in the queue of ages
+      uint64_t round;  // the retry rounds before it was parked
    };
 
    // The entry was tried and can't be programmed, once more or for the first time.
@@ -79,17 +90,19 @@ class Awaited {
    bool passEnded( Work work, bool retried, const FreeRows& free );
 
    bool empty() const { return entries_.empty(); }
-   const Vexil::HashMap<ParkedKey, Entry>& entries() const { return entries_; }
+   const Vexil::HashMap<Key, Entry>& entries() const { return entries_; }
+   // How often all parked entries have been tried again.
+   uint64_t rounds( Work work ) const { return rounds_[ work ]; }
    uint64_t count( ParkedReason reason ) const { return byReason_[ reason ]; }
    // Since when the entry that has failed the longest has been failing; never, when none fails.
    Vexil::Seconds oldest() const { return ages_.empty() ? Vexil::never : ages_.front().since; }
 
-   // Entries that were parked, tried or mended since they were last told of: calls
-   // each( key, entry ) for at most so many of them, with null for one that is mended.
+   // Entries that were parked or mended, or have met another obstacle, since they were last told
+   // of: calls each( key, entry ) for at most so many of them, with null for one that is mended.
    template<class Each>
    void tell( size_t most, Each each ) {
       for( auto at = untold_.begin(); at != untold_.end() && most > 0; ++at, --most ) {
-         const ParkedKey key = at->key;
+         const Key key = at->key;
          each( key, static_cast<const Entry*>( entries_.find( key ) ) );
          untold_.erase( key );
       }
@@ -111,11 +124,14 @@ class Awaited {
       bool told = false;  // in the log
    };
    struct Age {
-      ParkedKey key;
+      Key key;
       uint64_t number;
       Vexil::Seconds since;
    };
 
+   static Work workOn( const ParkedKey& key ) {
+      return key.kind == parkedFloodMember_ ? floodBacklog : review;
+   }
    static Work workOn( OutputTable table ) {
       return table == outputTableFlood_ ? floodBacklog : review;
    }
@@ -126,16 +142,17 @@ class Awaited {
    void clearAges();
    void tellOfRoom( OutputTable table );
 
-   Vexil::HashMap<ParkedKey, Entry> entries_;
+   Vexil::HashMap<Key, Entry> entries_;
    Vexil::HashMap<ObjTupleAndSource, uint64_t> blockers_; // and how many wait for each
    std::array<uint64_t, parkedReasons> byReason_{};
    std::array<Short, outputTables> short_{};
    std::array<bool, 2> due_{};
+   std::array<uint64_t, 2> rounds_{};
    // In the order of time. An entry that is mended leaves its place, which is skipped when it has
    // come to the front; such places are cleared away when they are the greater part.
    std::deque<Age> ages_;
    uint64_t nextNumber_ = 0;
-   Vexil::KeySet<ParkedKey> untold_;
+   Vexil::KeySet<Key> untold_;
 };
 
 } // namespace L2Rib
