@@ -19,17 +19,6 @@ bool sound( const FloodMember& member ) {
           member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
 }
 
-// The room that the output's table has: what an earlier run made of it stays, or readers would have
-// to go over to another file in every restart.
-uint32_t outputCapacity( const std::string& file ) {
-   constexpr uint32_t first = 4096;
-   try {
-      return std::max( first, FloodMemberTable( file, FloodMemberTable::Mode::read ).capacity() );
-   } catch( const Vexil::TableError& ) {
-      return first; // attaching it for writing makes it, or says what is wrong
-   }
-}
-
 } // namespace
 
 SourceFloodBinding::SourceFloodBinding( Ptr<FloodMemberTable> table, Ptr<SourceDirEntry> entry )
@@ -114,19 +103,15 @@ class SourceMask : public FloodSourceTable {
    bool firstTurnOver_ = false;
 };
 
+constexpr uint32_t firstCapacity = 4096; // of the members' table, which grows
+
 // The members as their table holds them. Each carries the type of its set. Where two sources give a
 // set different types it may change with every member that is judged; the members are brought in
 // line once a turn, before the bells are rung.
 class MembersOfOutput : public FloodMemberTable {
  public:
    using FloodMemberTable::FloodMemberTable;
-   void write( const FloodMember& member ) {
-      if( set( member ) )
-         return;
-      capacityIs( capacity() * 2 );
-      const bool written = set( member );
-      VEXIL_ASSERT( written );
-   }
+   // All members of the set are looked at when the turn ends.
    void typeChanged( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
                      Ptr<const FloodSet> floodSet ) {
       const Bridging::MacVlanPair where( mac, vlan );
@@ -134,30 +119,50 @@ class MembersOfOutput : public FloodMemberTable {
       changed_.emplace( where, std::move( floodSet ) );
    }
    void ring() override {
-      for( const auto& entry : changed_ )
-         for( const auto& dest : entry.value->destSet() ) {
-            const FloodMember wanted{ FloodSetTriple( entry.key.vlan(), entry.key.mac(), dest.key ),
-                                      entry.value->floodSetType() };
-            if( get( wanted.triple ) != wanted )
-               write( wanted );
-         }
-      changed_.clear();
+      for( const auto& entry : std::exchange( changed_, {} ) )
+         bringInLine( entry.key, entry.value );
       FloodMemberTable::ring();
    }
 
  private:
+   void bringInLine( const Bridging::MacVlanPair& where, const Ptr<const FloodSet>& floodSet ) {
+      for( const auto& dest : floodSet->destSet() ) {
+         const FloodMember wanted{ FloodSetTriple( where.vlan(), where.mac(), dest.key ),
+                                   floodSet->floodSetType() };
+         if( get( wanted.triple ) != wanted && !set( wanted ) )
+            return typeChanged( where.vlan(), where.mac(), floodSet ); // it is tried again
+      }
+   }
+
    Vexil::HashMap<Bridging::MacVlanPair, Ptr<const FloodSet>> changed_;
 };
+
+// One that is damaged is filled anew from what the sources have.
+template<class Table>
+Ptr<Table> attached( const Vexil::EntityManager& manager, const std::string& path,
+                     uint32_t capacity ) {
+   const auto attach = [ & ] {
+      return makeEntity<Table>( manager.fileOf( path ), Table::Mode::write, capacity );
+   };
+   try {
+      return attach();
+   } catch( const Vexil::TableError& failure ) {
+      if( failure.kind() != Vexil::TableError::damaged )
+         throw;
+      manager.replaceFile( path, failure );
+      return attach();
+   }
+}
 
 // Writes the flood output's members through to their table. One reactor a level, kept as long as
 // what it follows is there.
 class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
  public:
-   FloodOutputBinding( const std::string& file, Ptr<FloodSetOutput> output )
-      : Reactor( nullptr ), members_( makeEntity<MembersOfOutput>(
-                               file, FloodMemberTable::Mode::write, outputCapacity( file ) ) ),
-        source_( makeEntity<SourceMask>( file + "Source", // Path::floodOutputSource
-                                         FloodSourceTable::Mode::write, 1u ) ) {
+   FloodOutputBinding( const Vexil::EntityManager& manager, const std::string& path,
+                       Ptr<FloodSetOutput> output )
+      : Reactor( nullptr ), members_( attached<MembersOfOutput>( manager, path, firstCapacity ) ),
+        source_( attached<SourceMask>( manager, path + "Source", // Path::floodOutputSource
+                                       1 ) ) {
       members_->forEach( [ & ]( const FloodMember& member ) {
          const auto set =
             output->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
@@ -193,10 +198,10 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
          : Reactor( std::move( set ) ), binding_( binding ), vlan_( vlan ), mac_( mac ) {}
       void handleDestSet( const Dest& dest ) override {
          const FloodSetTriple triple( vlan_, mac_, dest );
-         if( notifier()->destSet( dest ) )
-            binding_.members_->write( { triple, notifier()->floodSetType() } );
-         else
+         if( !notifier()->destSet( dest ) )
             binding_.members_->erase( triple );
+         else if( !binding_.members_->set( { triple, notifier()->floodSetType() } ) )
+            handleFloodSetType(); // added without asking for room
       }
       void handleFloodSetType() override {
          binding_.members_->typeChanged( vlan_, mac_, notifier() );
@@ -241,7 +246,8 @@ Vexil::Mounted mountFloodOutput( Vexil::EntityManager& manager, const std::strin
    const auto output = makeEntity<FloodSetOutput>();
    if( manager.inMemory() )
       return { output, nullptr };
-   const auto binding = std::make_shared<FloodOutputBinding>( manager.fileOf( path ), output );
+   const auto binding = std::make_shared<FloodOutputBinding>( manager, path, output );
+   output->memberTableIs( binding->members() );
    manager.ringAtEndOfTurn( binding->members() );
    manager.ringAtEndOfTurn( binding->source() );
    return { output, binding };

@@ -12,6 +12,7 @@
 #include "runtime/Entity.h"
 #include "runtime/Failure.h"
 #include "runtime/HashMap.h"
+#include "runtime/SharedTable.h"
 
 namespace L2Rib {
 
@@ -101,6 +102,13 @@ class FloodSetOutput : public Vexil::Entity {
 
    // The mask of the Source values of all initialized sources.
    VEXIL_ATTRIBUTE_NOTIFYING( unsigned, source, handleSource, 0 );
+   // The table that the members are written to; null when they are in this process alone.
+   VEXIL_ATTRIBUTE( Vexil::Ptr<Vexil::TableBase>, memberTable )
+   // Whether there is room for one more member. To be asked before one is added: a member that is
+   // added without room is not seen by readers until there is some.
+   Vexil::Room makeRoom() const {
+      return memberTable_ ? memberTable_->makeRoom() : Vexil::Room::yes;
+   }
    L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
 };
 

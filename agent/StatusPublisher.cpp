@@ -6,6 +6,7 @@
 #include <ctime>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 namespace L2Rib {
 
@@ -50,6 +51,7 @@ StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::Activity
         dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
      since_( wallClock() ) {
    VEXIL_ASSERT( config_ );
+   sources_->capacityMaxIs( defaultCapacityMax );
    sources_->eraseAll();
    publish();
    endOfTurnWork_ = loop.atEndOfTurn( [ this ] { publish(); } );
@@ -107,7 +109,8 @@ void StatusPublisher::publishSources() {
          record.configuredHosts = markOf( config_->hostTable() );
          record.configuredTunnels = markOf( config_->tunnelTable() );
       }
-      if( sources_->get( record.name ) != record && !sources_->set( record ) )
+      if( sources_->get( record.name ) != record && !sources_->set( record ) &&
+          !std::exchange( saidNoRoom_, true ) ) // settle and show sources wait for it meanwhile
          Vexil::log( "no room for the status of source " + entry.key );
    }
 }

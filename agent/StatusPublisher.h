@@ -34,6 +34,7 @@ class StatusPublisher {
    Vexil::Ptr<SourceStatusTable> sources_;
    Vexil::Ptr<const Bridging::Config> config_;
    AgentStatusRecord published_;
+   bool saidNoRoom_ = false;
    Vexil::Wire64<double> since_;
    std::shared_ptr<void> endOfTurnWork_;
 };
