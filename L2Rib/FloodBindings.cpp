@@ -3,8 +3,8 @@
 #include "L2Rib/L2RibTarn.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
-#include <vector>
 
 namespace L2Rib {
 
@@ -12,68 +12,6 @@ namespace {
 
 using Vexil::makeEntity;
 using Vexil::Ptr;
-
-bool sound( const FloodMember& member ) {
-   const uint32_t vlan = member.triple.vlan().value();
-   return vlan >= 1 && vlan <= 4094 && member.triple.dest().key() == Util::destIdNotInTarn() &&
-          member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
-}
-
-} // namespace
-
-SourceFloodBinding::SourceFloodBinding( Ptr<FloodMemberTable> table, Ptr<SourceDirEntry> entry )
-   : Reactor( table ), table_( std::move( table ) ), entry_( std::move( entry ) ) {
-   table_->forEach( [ this ]( const FloodMember& member ) { memberIs( member ); } );
-}
-
-void SourceFloodBinding::handleEntry( const FloodMemberKey& triple ) {
-   FloodMember member;
-   if( table_->get( triple, member ) )
-      memberIs( member );
-   else
-      memberDel( triple );
-}
-
-// Every member that the table has is named next; what is known and no longer there goes now.
-void SourceFloodBinding::handleOvertaken() {
-   std::vector<FloodSetTriple> known;
-   for( const auto& sets : entry_->vlanFloodSet() )
-      for( const auto& set : sets.value->floodSet() )
-         for( const auto& member : set.value->destSet() )
-            known.emplace_back( sets.key, set.key, member.key );
-   for( const FloodSetTriple& triple : known )
-      handleEntry( triple );
-}
-
-void SourceFloodBinding::memberIs( const FloodMember& member ) {
-   if( !sound( member ) ) {
-      table_->corruptionDetected( table_->path() + ": flood member " + member.triple.str() +
-                                  " has no known type, no such VLAN, or a key of its own" );
-      memberDel( member.triple );
-      return;
-   }
-   const auto set =
-      entry_->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
-   const bool otherType = set->floodSetType() != member.floodSetType;
-   set->floodSetTypeIs( member.floodSetType );
-   if( otherType ) // the output follows the type when a member is judged
-      set->destSetDel( member.triple.dest() );
-   set->destSetIs( member.triple.dest(), true );
-}
-
-void SourceFloodBinding::memberDel( const FloodSetTriple& triple ) {
-   const auto sets = entry_->vlanFloodSet( triple.vlan() );
-   const auto set = sets ? sets->floodSet( triple.mac() ) : nullptr;
-   if( !set )
-      return;
-   set->destSetDel( triple.dest() );
-   if( set->destSet().empty() )
-      sets->floodSetDel( triple.mac() );
-   if( sets->floodSet().empty() )
-      entry_->vlanFloodSetDel( triple.vlan() );
-}
-
-namespace {
 
 // The mask as its table holds it. An agent that starts puts the mask together source by source:
 // readers see only what has come of it at the end of its first turn, when the bells are rung.
@@ -156,7 +94,8 @@ Ptr<Table> attached( const Vexil::EntityManager& manager, const std::string& pat
 
 // Writes the flood output's members through to their table. One reactor a level, kept as long as
 // what it follows is there.
-class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
+class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput>,
+                           private FloodSetOutput::MemberRoom {
  public:
    FloodOutputBinding( const Vexil::EntityManager& manager, const std::string& path,
                        Ptr<FloodSetOutput> output )
@@ -177,7 +116,11 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
       notifierIs( output ); // from here on changes go the other way
       for( const auto& sets : output->vlanFloodSet() )
          handleVlanFloodSet( sets.key );
+      output->memberTableIs( members_ );
+      output->memberRoomIs( this );
+      output_ = output;
    }
+   ~FloodOutputBinding() override { output_->memberRoomIs( nullptr ); }
 
    void handleSource() override { source_->maskIs( notifier()->source() ); }
    void handleVlanFloodSet( const Bridging::VlanId& vlan ) override {
@@ -191,6 +134,12 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
    const Ptr<SourceMask>& source() const { return source_; }
 
  private:
+   Vexil::Room makeRoom() override { return members_->makeRoom(); }
+   uint64_t freeMembers() const override {
+      return uint64_t( members_->capacity() ) - members_->count();
+   }
+   uint32_t capacity() const override { return members_->capacity(); }
+
    class Set : public Vexil::Reactor<FloodSet> {
     public:
       Set( Ptr<const FloodSet> set, FloodOutputBinding& binding, const Bridging::VlanId& vlan,
@@ -234,6 +183,7 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
       Vexil::HashMap<Vexil::EthAddr, std::unique_ptr<Set>> sets_;
    };
 
+   Ptr<FloodSetOutput> output_;
    Ptr<MembersOfOutput> members_;
    Ptr<SourceMask> source_;
    Vexil::HashMap<Bridging::VlanId, std::unique_ptr<Vlan>> vlans_;
@@ -247,7 +197,6 @@ Vexil::Mounted mountFloodOutput( Vexil::EntityManager& manager, const std::strin
    if( manager.inMemory() )
       return { output, nullptr };
    const auto binding = std::make_shared<FloodOutputBinding>( manager, path, output );
-   output->memberTableIs( binding->members() );
    manager.ringAtEndOfTurn( binding->members() );
    manager.ringAtEndOfTurn( binding->source() );
    return { output, binding };

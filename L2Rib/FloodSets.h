@@ -100,16 +100,34 @@ class FloodSetOutput : public Vexil::Entity {
    };
    Vexil::Notifiees<Handlers> notifiees;
 
+   // Whoever keeps the members where there is not room for any number.
+   struct MemberRoom {
+      virtual ~MemberRoom() = default;
+      virtual Vexil::Room makeRoom() = 0;
+      virtual uint64_t freeMembers() const = 0;
+      virtual uint32_t capacity() const = 0;
+   };
+   void memberRoomIs( MemberRoom* room ) { memberRoom_ = room; }
+
+   // Sees to it that one more member finds room; to be asked before it is entered. One that is
+   // entered without is not seen by readers until there is some.
+   [[nodiscard]] Vexil::Room makeRoom() {
+      return memberRoom_ ? memberRoom_->makeRoom() : Vexil::Room::yes;
+   }
+   uint32_t capacity() const { return memberRoom_ ? memberRoom_->capacity() : ~0u; }
+   uint64_t freeMembers() const {
+      return memberRoom_ ? memberRoom_->freeMembers() : ~uint64_t( 0 );
+   }
+
    // The mask of the Source values of all initialized sources.
    VEXIL_ATTRIBUTE_NOTIFYING( unsigned, source, handleSource, 0 );
-   // The table that the members are written to; null when they are in this process alone.
+   // The table that the members are written to, for whoever says how large it may become; null when
+   // they are in this process alone.
    VEXIL_ATTRIBUTE( Vexil::Ptr<Vexil::TableBase>, memberTable )
-   // Whether there is room for one more member. To be asked before one is added: a member that is
-   // added without room is not seen by readers until there is some.
-   Vexil::Room makeRoom() const {
-      return memberTable_ ? memberTable_->makeRoom() : Vexil::Room::yes;
-   }
    L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
+
+ private:
+   MemberRoom* memberRoom_ = nullptr;
 };
 
 } // namespace L2Rib

@@ -143,6 +143,7 @@ class SharedTable : public TableBase {
          return journalHead(); // delivered at the time of the change
       return walkingAt_ ? 0 : cursor_;
    }
+   uint64_t changesTold() const override { return writable() ? journalHead() : cursor_; }
    bool writable() const { return mapping_->writable(); }
 
    // --- writing -------------------------------------------------------------------------------
@@ -199,6 +200,14 @@ class SharedTable : public TableBase {
 
    // --- following -----------------------------------------------------------------------------
    bool poll( const Clock& clock, Seconds deadline ) override;
+   // Lets poll() name every key that the table has now, before it goes on with the changes from
+   // now on: how a reader that begins reads the whole table in slices.
+   void walkAll() {
+      cursor_ = table_.journalHead(); // what changes during the walk is told again by the journal
+      walkingAt_ = 0;
+   }
+   // Whether such a walk, or that of a reader that was overtaken, is still under way.
+   bool walking() const { return walkingAt_.has_value(); }
 
  private:
    using View = TableView<Key, Record>;
@@ -382,8 +391,7 @@ void SharedTable<Key, Record>::follow( std::unique_ptr<TableMapping> newer ) {
 template<class Key, class Record>
 void SharedTable<Key, Record>::startOver() {
    ++overruns_;
-   cursor_ = table_.journalHead(); // what changes during the walk is told again by the journal
-   walkingAt_ = 0;
+   walkAll();
    notifiees.notify( &Handlers::handleOvertaken );
 }
 

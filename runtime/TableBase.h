@@ -46,6 +46,8 @@ class TableBase : public Entity {
    // been delivered; 0 while all keys are being walked.
    virtual uint64_t journalHead() const = 0;
    virtual uint64_t journalCursor() const = 0;
+   // How many of the changes have been delivered: grows with each, in a walk over all keys too.
+   virtual uint64_t changesTold() const = 0;
    uint64_t overruns() const { return overruns_; }
 
    // Records that the table was found corrupt: a line in the log for each new message, and a count.

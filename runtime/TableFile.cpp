@@ -374,7 +374,7 @@ bool tableHasWriter( const std::string& path ) {
 std::string tableTypeName( const std::string& path ) {
    const int fd = openForReading( path );
    if( fd < 0 )
-      return {};
+      systemFailure( path, "opening" );
    TableHeader h{};
    const bool isTable = pread( fd, &h, offsetof( TableHeader, superseded ), 0 ) ==
                            static_cast<ssize_t>( offsetof( TableHeader, superseded ) ) &&
