@@ -177,6 +177,7 @@ Mounted mountPolicySmStatus( EntityManager& manager, const std::string& path, Mo
       return { status, std::make_shared<PolicySmStatusReader>( table, status ) };
    }
    const auto table = manager.makeDerivedTable<PolicySmStatusTable>( path, 1u );
+   manager.ringAtEndOfTurn( table );
    return { status, std::make_shared<PolicySmStatusBinding>( table, status ) };
 }
 

@@ -4,6 +4,7 @@
 #include "runtime/Failure.h"
 #include "runtime/RetryTimer.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <sys/stat.h>
@@ -222,6 +223,14 @@ void EntityManager::setAside( const std::string& path, const TableError& failure
    if( error )
       throw TableError( TableError::system, file + ": setting it aside: " + error.message() );
    log( std::string( failure.what() ) + ": it is made anew, the old one is " + aside );
+}
+
+void EntityManager::ringAtEndOfTurn( Ptr<TableBase> table ) {
+   table->onLoss( []( const std::string& what ) {
+      log( what + ": it can't be written any more; this process ends" );
+      std::_Exit( 1 ); // without releasing anything: that would write to other tables
+   } );
+   written_.push_back( std::move( table ) );
 }
 
 void EntityManager::ringBells() {

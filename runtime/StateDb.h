@@ -19,7 +19,9 @@
 #include "runtime/HashMap.h"
 #include "runtime/SharedTable.h"
 
+#include <algorithm>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
@@ -123,9 +125,11 @@ class EntityManager : public Entity {
    // Puts an entity of this process at a path, as if it had been mounted.
    void entityIs( const std::string& path, Ptr<Entity> entity );
 
-   // Attaches a shared table. A table that this process writes is one entity for all of it: asking
-   // for it again, in either mode, gives the same one. A reader is a new entity each time and is
-   // polled for as long as it is held. Throws TableError.
+   // Attaches a shared table. Where a file that this process writes is found to be cut short or
+   // overwritten, the log says so and the process ends with status 1, at once: what it takes for
+   // written is not there, and the next process puts that right. A table that this process writes
+   // is one entity for all of it: asking for it again, in either mode, gives the same one. A reader
+   // is a new entity each time and is polled for as long as it is held. Throws TableError.
    template<class Table>
    Ptr<Table> mountTable( const std::string& path, typename Table::Mode mode, uint32_t capacity );
 
@@ -138,8 +142,9 @@ class EntityManager : public Entity {
    template<class Table>
    Ptr<Table> makeDerivedTable( const std::string& path, uint32_t capacity );
 
-   // Lets a table that was attached otherwise have its bell rung with the others.
-   void ringAtEndOfTurn( Ptr<TableBase> table ) { written_.push_back( std::move( table ) ); }
+   // Lets a table that this process writes and that was attached otherwise be kept as the others:
+   // its bell is rung with theirs, and its loss ends the process.
+   void ringAtEndOfTurn( Ptr<TableBase> table );
    // Wakes the readers of every table written since the last time; the event loop does it at the
    // end of each turn.
    void ringBells();
@@ -177,7 +182,7 @@ Ptr<Table> EntityManager::mountTable( const std::string& path, typename Table::M
    Ptr<Table> table = makeEntity<Table>( fileOf( path ), mode, capacity );
    if( mode == Table::Mode::write ) {
       entityIs( path, table );
-      written_.push_back( table );
+      ringAtEndOfTurn( table );
    } else {
       watcher_->follow( table );
    }
@@ -185,7 +190,8 @@ Ptr<Table> EntityManager::mountTable( const std::string& path, typename Table::M
 }
 
 template<class Table>
-Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity ) {
+Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity,
+                                             std::initializer_list<TableError::Kind> replaced ) {
    try {
       return mountTable<Table>( path, Table::Mode::write, capacity );
    } catch( const TableError& failure ) {

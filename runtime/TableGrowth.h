@@ -48,15 +48,7 @@ class TableGrowth {
    void takeOver( std::unique_ptr<TableMapping>& mapping ) {
       require( present_.hasHeader() && larger_.takeRest( present_ ) );
       mapping_->header().predecessor = mapping->tableId();
-      // First the mark, then the new file: killed in between, this writer leaves a mark too many,
-      // which the next one takes back, and not readers who stay with the old file for ever.
-      present_.supersededIs( true );
-      try {
-         mapping_->publish();
-      } catch( ... ) {
-         present_.supersededIs( false );
-         throw;
-      }
+      present_.giveNameTo( *mapping_ );
       larger_.freeSlots_ = std::move( present_.freeSlots_ );
       std::swap( mapping, mapping_ );
       present_ = std::move( larger_ );

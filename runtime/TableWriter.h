@@ -123,8 +123,19 @@ class TableWriter : public TableView<Key, Record> {
       return true;
    }
 
-   // Tells readers to look whether another file has taken this one's place.
-   void supersededIs( bool superseded ) { storeWord( &header().superseded, superseded ); }
+   // Lets another file take this one's name, and has its readers look for it. Throws TableError,
+   // and then this one keeps it.
+   void giveNameTo( TableMapping& newer ) {
+      // First the mark, then the new file: killed in between, this writer leaves a mark too many,
+      // which the next one takes back, and not readers who stay with the old file for ever.
+      supersededIs( true );
+      try {
+         newer.publish();
+      } catch( const TableError& ) {
+         supersededIs( false );
+         throw;
+      }
+   }
 
  private:
    TableHeader& header() { return *reinterpret_cast<TableHeader*>( base_ ); }
@@ -175,6 +186,7 @@ class TableWriter : public TableView<Key, Record> {
       storeWord( &header().operationSlot, slot );
       storeWord( &header().operation, static_cast<uint64_t>( operation ) );
    }
+   void supersededIs( bool superseded ) { storeWord( &header().superseded, superseded ); }
    void finish() {
       storeWord( &header().operation, static_cast<uint64_t>( TableOperation::none ) );
    }
