@@ -1,6 +1,7 @@
 #include "L2Rib/Fault.h"
 
 #include "L2Rib/ConfigBinding.h"
+#include "L2Rib/FloodBindings.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"
 
@@ -292,6 +293,13 @@ MaybeFault textFormat( const char* field, const FixedText<Size>& text ) {
    return broken( field, std::string( field ) + " without an end" );
 }
 
+// Of a table that has room for one record: one under another key would keep that out.
+MaybeFault singleFormat( bool hasTheKey ) {
+   if( hasTheKey )
+      return {};
+   return broken( "key", "a record beside the only one" );
+}
+
 } // namespace
 
 MaybeFault formatFaultIn( const SourceEntryRecord& entry ) {
@@ -313,7 +321,17 @@ MaybeFault formatFaultIn( const SourceEntryRecord& entry ) {
    return textFormat( "name", entry.name );
 }
 
+MaybeFault formatFaultIn( const AgentStatusRecord& status ) {
+   return singleFormat( status.key == SingleKey() );
+}
+
+MaybeFault formatFaultIn( const FloodSourceRecord& record ) {
+   return singleFormat( record.key == FloodSourceRecord().key );
+}
+
 MaybeFault formatFaultIn( const PolicySmStatusRecord& status ) {
+   if( MaybeFault fault = singleFormat( status.key == SingleKey() ) )
+      return fault;
    for( const uint64_t id :
         { status.maxDestId.value(), status.maxLbId.value(), status.maxLabelId.value() } )
       if( id > Constants::highestOutputId().value() )

@@ -18,6 +18,7 @@ struct FloodSourceRecord {
    friend bool operator==( const FloodSourceRecord&, const FloodSourceRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<FloodSourceRecord, 8> );
+MaybeFault formatFaultIn( const FloodSourceRecord& record );
 
 class FloodSourceTable : public Vexil::NamedTable<FloodSourceTable, uint32_t, FloodSourceRecord> {
  public:

@@ -87,6 +87,7 @@ struct AgentStatusRecord {
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<AgentStatusRecord, 224> );
+MaybeFault formatFaultIn( const AgentStatusRecord& status );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
  public:

@@ -19,9 +19,7 @@
 #include "runtime/HashMap.h"
 #include "runtime/SharedTable.h"
 
-#include <algorithm>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
@@ -190,8 +188,7 @@ Ptr<Table> EntityManager::mountTable( const std::string& path, typename Table::M
 }
 
 template<class Table>
-Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity,
-                                             std::initializer_list<TableError::Kind> replaced ) {
+Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity ) {
    try {
       return mountTable<Table>( path, Table::Mode::write, capacity );
    } catch( const TableError& failure ) {

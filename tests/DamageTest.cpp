@@ -125,7 +125,7 @@ std::set<std::string> rowsOf( const OutputReader& output, uint32_t sources ) {
 std::set<std::string> floodRows( const OutputReader& output ) {
    std::set<std::string> rows;
    for( const FloodMember& member : output.flood.list() )
-      rows.insert( member.triple.str() + " " + enumText( member.floodSetType ) );
+      rows.insert( member.triple.str() + " " + Vexil::enumText( member.floodSetType ) );
    return rows;
 }
 
@@ -139,18 +139,17 @@ void damage( const std::string& file, Random& random, bool liveOnly ) {
       return;
    const auto size = static_cast<uint64_t>( status.st_size );
    const auto put = [ & ]( uint64_t at, uint64_t word, size_t bytes ) {
-      if( at + bytes <= size )
-         EXPECT_EQ( pwrite( fd, &word, bytes, static_cast<off_t>( at ) ),
-                    static_cast<ssize_t>( bytes ) );
+      const bool inside = at + bytes <= size;
+      EXPECT_TRUE( !inside || pwrite( fd, &word, bytes, static_cast<off_t>( at ) ) > 0 );
    };
    const uint64_t words[] = {
       0, 1, 2, 3, 17, 0x7fffffff, 0xffffffff, ~0ull, random.below( 256 ), random.below( ~0u ) };
    const unsigned kind = random.below( liveOnly ? 24 : 20 );
-   if( kind == 0 )
+   if( kind == 0 ) {
       EXPECT_EQ( ftruncate( fd, static_cast<off_t>( random.below( size + 1 ) ) ), 0 );
-   else if( kind == 1 )
+   } else if( kind == 1 ) {
       put( 8, 2, 4 ); // the version of the format
-   else
+   } else {
       for( unsigned left = 1 + random.below( 4 ); left > 0; --left ) {
          // Records and what leads to them stand in the first kilobytes of each part.
          const uint64_t part[] = { 0, 128, 256, 4096, 8192, 8192, 8192, size - size / 2 };
@@ -161,6 +160,7 @@ void damage( const std::string& file, Random& random, bool liveOnly ) {
          else
             put( at + random.below( 4 ), random.below( 256 ), 1 );
       }
+   }
    close( fd );
 }
 
@@ -354,9 +354,11 @@ TEST_F( DamageTest, IsNamedOnceAndHealed ) {
    const MacVlanPair key( Vexil::EthAddr( 0x020000000000 + 200 ), Bridging::VlanId( 10 ) );
    startAgentHere();
    settle();
+   Host sound;
    {
       HostInput hosts = keep();
-      Host broken = hosts.host( key );
+      sound = hosts.host( key );
+      Host broken = sound;
       const uint32_t three = 3;
       std::memcpy( reinterpret_cast<char*>( &broken ) + 56, &three, sizeof three ); // VTEPs
       ASSERT_TRUE( hosts.set( broken ) );
@@ -372,22 +374,23 @@ TEST_F( DamageTest, IsNamedOnceAndHealed ) {
       EXPECT_NE( log.find( what ), log.npos ) << log;
       EXPECT_EQ( log.find( what ), log.rfind( what ) ) << log;
    }
-   keep(); // the next writer drops it
+   {
+      HostInput hosts = keep(); // the next writer drops it
+      EXPECT_FALSE( hosts.contains( key ) );
+      EXPECT_TRUE( hosts.set( sound ) );
+   }
 
    agent->signal( SIGTERM );
    EXPECT_EQ( agent->status(), 0 );
-   Random random( 3 );
    const auto patch = [ this ]( const std::string& path, uint64_t at, uint32_t word ) {
       const int fd = open( fileOf( path ).c_str(), O_WRONLY | O_CLOEXEC );
       EXPECT_EQ( pwrite( fd, &word, sizeof word, static_cast<off_t>( at ) ), 4 );
       close( fd );
    };
    for( const char* path : { "hostOutput", "floodOutput", "policySmStatus" } )
-      patch( path, 8, 2 );             // the version of the format
-   patch( "inputDir/healthy", 20, 0 ); // its header
+      patch( path, 8, 2 ); // the version of the format
    startAgentHere();
-   EXPECT_EQ( ctl( { "settle", "--timeout", "60" } ).status, 0 ) << agent->err();
-   comesRight( sourceBit8_, 0 );
+   comesRight( sourceBit6_ | sourceBit8_, 0 );
    for( const char* path : { "hostOutput", "floodOutput", "policySmStatus" } ) {
       EXPECT_TRUE( std::filesystem::exists( fileOf( path ) + ".unreadable" ) ) << path;
       EXPECT_NE( agent->err().find( std::string( path ) + ".unreadable" ), std::string::npos );
