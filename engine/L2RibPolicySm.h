@@ -330,6 +330,7 @@ class PolicySm : public Vexil::Entity {
    ObjectMemo memo_;
    ObjectDepths depths_;
    std::vector<ObjTupleAndSource> inProcess_; // the path of processOtas calls under way
+   ObjectMemo::Version version_;              // of their source, when the outermost one began
    Obstacle obstacle_;                        // why the entry at work can't be programmed
    Source obstructed_ = sourceNone_;          // whose host it is
    Awaited awaited_;

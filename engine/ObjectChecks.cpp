@@ -8,14 +8,14 @@ namespace L2Rib {
 
 // The object, with all below it, is in the output as the engine knows the source to have it.
 void PolicySm::noteVerified( const ObjTupleAndSource& otas, bool whole ) {
-   memo_.verifiedIs( otas, { sourceSmByEnum( otas.source() )->objectVersion(), whole } );
+   memo_.verifiedIs( otas, { version_, whole } );
    failedOtasDel( otas );
    awaited_.mended( Awaited::keyOf( otas ) );
 }
 
 // It can't be written now, for the reason in obstacle_.
 void PolicySm::noteFailed( const ObjTupleAndSource& otas, bool ok ) {
-   memo_.failedIs( otas, { sourceSmByEnum( otas.source() )->objectVersion(), ok, obstacle_ } );
+   memo_.failedIs( otas, { version_, ok, obstacle_ } );
 }
 
 // The object is gone from its source. Its output copy goes with its last user; only an id that was

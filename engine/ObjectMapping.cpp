@@ -122,10 +122,11 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
    VEXIL_ASSERT( otas.tableType() != tableTypeInvalid_ );
    const Ptr<PolicySourceSm> sm = sourceSmByEnum( otas.source() );
    VEXIL_ASSERT( sm );
-   const auto version = sm->objectVersion();
-   if( memo_.isVerified( otas, version ) )
+   if( inProcess_.empty() )
+      version_ = sm->objectVersion();
+   if( memo_.isVerified( otas, version_ ) )
       return true;
-   if( const auto* known = forceCreate ? memo_.failed( otas, version ) : nullptr ) {
+   if( const auto* known = forceCreate ? memo_.failed( otas, version_ ) : nullptr ) {
       TRACE( 8, "processOtas failed already, and nothing has changed: " << otas );
       obstacle_ = known->obstacle;
       return known->ok;

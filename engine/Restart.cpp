@@ -90,14 +90,11 @@ void PolicySm::handleInitialized() {
 
 void PolicySm::adoptHosts() {
    hostForSourceCheck_.reserve( output_.host->count() );
-   forEachKeyAhead<Bridging::MacVlanPair>(
-      *output_.host,
-      [ this ]( const Bridging::MacVlanPair& mvp ) { hostForSourceCheck_.prefetch( mvp ); },
-      [ this ]( const Bridging::MacVlanPair& mvp ) {
-         TRACE( 9, "handleInitialized adding " << mvpStr( mvp )
-                                               << " to source check and initial sync list" );
-         hostForSourceCheckIs( mvp, true );
-      } );
+   output_.host->forEachKeyByHash( [ this ]( const Bridging::MacVlanPair& mvp ) {
+      TRACE( 9, "handleInitialized adding " << mvpStr( mvp )
+                                            << " to source check and initial sync list" );
+      hostForSourceCheckIs( mvp, true );
+   } );
    hostForInitialSync_ = hostForSourceCheck_.copy();
 }
 
@@ -407,11 +404,15 @@ void PolicySm::handleTablesInconsistent() {
                   ? "the output tables contradict each other: they are emptied and built anew"
                   : "a host of the output can't be programmed any more: the output is emptied and "
                     "built anew" );
-   output_.host->forEach( [ this ]( const HostAndSource& row ) {
-      if( row.next() != Util::objTupleInvalid() )
-         delOtForInconsistency( row.next() );
-      output_.host->hostDel( row.key() );
-   } );
+   forEachKeyAhead<Bridging::MacVlanPair>(
+      *output_.host,
+      [ this ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchIndex( mvp.hash() ); },
+      [ this ]( const Bridging::MacVlanPair& mvp ) {
+         const ObjTuple next = output_.host->host( mvp ).next();
+         if( next != Util::objTupleInvalid() )
+            delOtForInconsistency( next );
+         output_.host->hostDel( mvp );
+      } );
    output_.label->labelDelAll();
    output_.lb->lbDelAll();
    output_.dest->destDelAll();
