@@ -48,6 +48,7 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
 // status has a writer, which is how others tell that an agent runs.
 Vexil::Ptr<SourceStatusTable> emptySourceStatus( Vexil::EntityManager& manager ) {
    auto table = manager.mountDerivedTable<SourceStatusTable>( Path::sourceStatus, 64 );
+   table->capacityMaxIs( 65536 );
    table->eraseAll();
    return table;
 }
@@ -161,10 +162,8 @@ void StatusPublisher::publishSources() {
          record.configuredHosts = markOf( config_->hostTable() );
          record.configuredTunnels = markOf( config_->tunnelTable() );
       }
-      if( sources_->get( record.name ) == record || sources_->set( record ) )
-         continue;
-      sources_->capacityIs( 2 * sources_->capacity() );
-      [[maybe_unused]] const bool written = sources_->set( record );
+      if( sources_->get( record.name ) != record && !sources_->set( record ) )
+         Vexil::log( "no room for the status of source " + entry.key );
    }
 }
 

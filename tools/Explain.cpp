@@ -148,7 +148,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
                                           { "beats", beats } } );
    }
    answer[ "winner" ] = winner ? Json( winner->name ) : Json();
-   const std::optional<ParkedRecord> parked = parkedHost( context, key );
+   const std::optional<ParkedEntry> parked = parkedHost( context, key );
    answer[ "parked" ] = parked ? toJson( *parked, SourceNames( context ) ) : Json();
    answer[ "path" ] = Json::array();
    std::string inOutput = "no source that takes part has this host";
@@ -168,7 +168,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    }
    if( parked )
       inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
-                  std::to_string( parked->tries.value() ) + " tries";
+                  std::to_string( parked->tries ) + " tries";
    if( context.json )
       std::cout << text( answer ) << '\n';
    else
