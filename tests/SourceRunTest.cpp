@@ -96,7 +96,7 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
    EXPECT_NE( full.err.find( "line 3: host: the table of hosts is full: it has room for 2" ),
               full.err.npos )
       << full.err;
-   EXPECT_EQ( full.out, "{\"synced\":1}\n" );
+   EXPECT_EQ( full.out, "{\"synced\":2}\n" );
    const Result only = ctl( { "source", "run", "only", "--value", "2", "--host-only" },
                             objects + host( 1, 1, group ) );
    EXPECT_EQ( std::count( only.err.begin(), only.err.end(), '\n' ), 4 ) << only.err;
