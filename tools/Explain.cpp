@@ -168,7 +168,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    }
    if( parked )
       inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
-                  std::to_string( parked->tries ) + " tries";
+                  triedText( *parked );
    if( context.json )
       std::cout << text( answer ) << '\n';
    else
