@@ -39,8 +39,8 @@ void measure( const std::string& directory, uint32_t hosts, HoldResult& result )
    result.overrun = rig.turnUntilIdle() * 1e3;
    rig.engine().sourceHoldTimeIs( 0 );
    rig.sourceDel();
-   result.endOfHold = rig.turnUntilIdle() * 1e3;
-   rig.requireHosts( 0 );
+   result.endOfHold =
+      rig.turnUntil( [ & ] { return rig.engine().hostOutput()->count() == 0; } ) * 1e3;
 }
 
 void measureWipe( const std::string& directory, uint32_t hosts, HoldResult& result ) {

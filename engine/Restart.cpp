@@ -374,7 +374,7 @@ bool PolicySm::checkFloating( Seconds end ) {
 
 bool PolicySm::existsForSourceCheck( const ObjTuple& ot ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << ot );
-   return hasOutputRow( ot );
+   return output_.contains( ot );
 }
 
 // Notes that the tables are inconsistent when a row points to an object that isn't there.
@@ -428,22 +428,6 @@ void PolicySm::handleTablesInconsistent() {
    restartStateIs( running_ );
 }
 
-void PolicySm::deleteRow( const ObjTuple& ot ) {
-   switch( ot.tableType() ) {
-   case tableTypeLoadBalance_:
-      output_.lb->lbDel( ot.lbId() );
-      break;
-   case tableTypeLabel_:
-      output_.label->labelDel( ot.labelId() );
-      break;
-   case tableTypeDest_:
-      output_.dest->destDel( ot.destId() );
-      break;
-   default: // a next of no known table type has no row
-      break;
-   }
-}
-
 // Deletes an object after everything below it. Found rows may point to one another in a loop, or in
 // a chain of any length: the path from ot to the object at work is kept in objTupleForLoopCheck,
 // and what is still to be done on a stack of our own.
@@ -457,7 +441,7 @@ void PolicySm::delOtForInconsistency( const ObjTuple& ot ) {
       const Step step = toDo.back();
       toDo.pop_back();
       if( step.nextsDone ) {
-         deleteRow( step.ot );
+         output_.erase( step.ot );
          objTupleForLoopCheckDel( step.ot );
          continue;
       }
@@ -468,7 +452,7 @@ void PolicySm::delOtForInconsistency( const ObjTuple& ot ) {
       }
       objTupleForLoopCheckIs( step.ot, true );
       toDo.push_back( { step.ot, true } );
-      const std::vector<ObjTuple> nexts = nextsOfRow( step.ot );
+      const std::vector<ObjTuple> nexts = output_.nextsOf( step.ot );
       for( auto next = nexts.rbegin(); next != nexts.rend(); ++next ) // the first one on top
          toDo.push_back( { *next, false } );
    }
