@@ -231,13 +231,7 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
 
 Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const {
    VEXIL_ASSERT( hostTable_ );
-   Host h = hostTable_->get( mvp, hash );
-   if( !isSound( h.next() ) ) [[unlikely]] {
-      hostTable_->corruptionDetected( hostTable_->path() + ": host " + mvpStr( mvp ) +
-                                      " has a next that can be no object" );
-      h = Host();
-   }
-   return h;
+   return hostTable_->get( mvp, hash );
 }
 
 void PolicySourceSm::handleHost( const Bridging::MacVlanPair& mvp ) {
