@@ -98,12 +98,14 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
               0 );
 
    // What depends on the table: a full one, and one that a host-only source has not.
-   const Result full = ctl( { "source", "run", "full", "--value", "1", "--host-capacity", "1" },
-                            host( 1, 1, inlineDest ) + host( 2, 1, inlineDest ) + syncOp );
+   const Result full = ctl(
+      { "source", "run", "full", "--value", "1", "--host-capacity", "1", "--capacity-max", "2" },
+      host( 1, 1, inlineDest ) + host( 2, 1, inlineDest ) + host( 3, 1, inlineDest ) + syncOp );
    EXPECT_EQ( full.status, 3 );
-   EXPECT_NE( full.err.find( "line 2: host: the table of hosts is full" ), full.err.npos )
+   EXPECT_NE( full.err.find( "line 3: host: the table of hosts is full: it has room for 2" ),
+              full.err.npos )
       << full.err;
-   EXPECT_EQ( full.out, "{\"synced\":1}\n" );
+   EXPECT_EQ( full.out, "{\"synced\":2}\n" );
    const Result only = ctl( { "source", "run", "only", "--value", "2", "--host-only" },
                             objects + host( 1, 1, group ) );
    EXPECT_EQ( std::count( only.err.begin(), only.err.end(), '\n' ), 4 ) << only.err;

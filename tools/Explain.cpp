@@ -138,9 +138,8 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
                                           { "beats", beats } } );
    }
    answer[ "winner" ] = winner ? Json( winner->name ) : Json();
-   const std::optional<ParkedRecord> parked = parkedHost( context, key );
-   answer[ "parked" ] =
-      parked ? toJson( *parked, SourceNames( context ), RetryRounds( context ) ) : Json();
+   const std::optional<ParkedEntry> parked = parkedHost( context, key );
+   answer[ "parked" ] = parked ? toJson( *parked, SourceNames( context ) ) : Json();
    answer[ "path" ] = Json::array();
    std::string inOutput = "no source that takes part has this host";
    if( winner ) {
@@ -159,7 +158,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    }
    if( parked )
       inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
-                  triesText( answer[ "parked" ][ "tries" ].get<uint64_t>() );
+                  triedText( *parked );
    if( context.json )
       std::cout << text( answer ) << '\n';
    else
