@@ -66,7 +66,8 @@ std::string bytes( const Values&... values ) {
 
 } // namespace Fuzz
 
-extern "C" inline int LLVMFuzzerInitialize( int* argc, char*** argv ) {
+// Called by libFuzzer where there is one; each program includes this header once.
+extern "C" int LLVMFuzzerInitialize( int* argc, char*** argv ) {
    Vexil::logSinkIs( []( std::string_view ) {} );
    Fuzz::folder();
    for( int i = 1; i < *argc; ++i ) {
