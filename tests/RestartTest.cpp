@@ -173,11 +173,6 @@ TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
         [ & ] { lab.output.dest->destDel( outDestBelow.destId() ); } },
       { "a group's next is missing", " does not exist!!!",
         [ & ] { lab.output.dest->destDel( outDest.destId() ); } },
-      { "a next of no table type", " does not exist!!!",
-        [ & ] {
-           const Label row( outLabel.labelId(), ObjTuple( ObjId( 1 ), TableType( 7 ) ), {} );
-           ASSERT_TRUE( lab.output.label->labelIs( LabelAndSource( row, inputOf( label( 1 ) ) ) ) );
-        } },
       { "a group without nexts", "handleSourceCheck no next pointers on LB!!",
         [ & ] {
            const LoadBalance row( outLb.lbId() );
