@@ -81,7 +81,7 @@ bool TableWriter<Key, Record>::isSound() {
       if( ++size == batch && !inIndex() )
          return false;
    }
-   return inIndex() && live == View::count() && indexWords() == live;
+   return inIndex() && live == loadWord( &header().count ) && indexWords() == live;
 }
 
 // Whether a lookup of the key in the slot, which has that hash, comes to that slot.
