@@ -106,7 +106,6 @@ class Host {
    explicit Host( const Bridging::MacVlanPair& key ) : key_( key ) {}
 
    const Bridging::MacVlanPair& key() const { return key_; }
-   void keyIs( const Bridging::MacVlanPair& key ) { key_ = key; }
    // The source's number of this entry; the newer one wins among equal preferences.
    Vexil::Seqno32 seqNo() const { return seqNo_; }
    void seqNoIs( Vexil::Seqno32 seqNo ) { seqNo_ = seqNo; }

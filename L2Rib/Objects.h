@@ -205,7 +205,6 @@ class Label {
       : key_( key ), next_( next ), label_( label ) {}
 
    LabelId key() const { return key_; }
-   void keyIs( LabelId key ) { key_ = key; }
    const ObjTuple& next() const { return next_; }
    void nextIs( const ObjTuple& next ) { next_ = next; }
    Vexil::MplsLabel label() const { return label_; }
