@@ -1,9 +1,9 @@
 // l2ribd: the agent framework's host process. Loads the agent library, takes the agent through its
 // stages, and turns the event loop until it is told to end.
 #include "runtime/Agent.h"
+#include "runtime/ServiceNotifier.h"
+#include "runtime/StateDirectory.h"
 #include "runtime/Trace.h"
-#include "tools/ServiceNotifier.h"
-#include "tools/StateDirectory.h"
 
 #include <CLI/CLI.hpp>
 
@@ -43,11 +43,11 @@ CLI::Validator numberWithin( double lowest, double highest, bool whole ) {
 
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
-   Tools::requireStateDirectory( stateDirectory );
+   Vexil::requireStateDirectory( stateDirectory );
    Vexil::ActivityManager loop;
    loop.signalIs( SIGTERM, [ & ] { loop.stop(); } );
    loop.signalIs( SIGINT, [ & ] { loop.stop(); } );
-   Tools::ServiceNotifier service( loop );
+   Vexil::ServiceNotifier service( loop );
    auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, stateDirectory );
    auto agent =
       Vexil::startAgent( library, "L2Rib::Agent", "L2Rib", loop, manager, std::move( settings ) );

@@ -1,4 +1,4 @@
-#include "tools/StateDirectory.h"
+#include "runtime/StateDirectory.h"
 
 #include "runtime/TableFile.h"
 
@@ -9,13 +9,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace Tools {
+namespace Vexil {
 
 void requireStateDirectory( const std::string& directory ) {
    const auto refuse = [ & ]( const std::string& reason ) {
       throw std::runtime_error( "state directory " + directory + ": " + reason );
    };
-   Vexil::makeFoldersFor( directory + "/" );
+   makeFoldersFor( directory + "/" );
    struct stat status {};
    if( stat( directory.c_str(), &status ) != 0 )
       refuse( std::strerror( errno ) );
@@ -24,7 +24,7 @@ void requireStateDirectory( const std::string& directory ) {
    if( status.st_uid != 0 && status.st_uid != geteuid() )
       refuse( "it belongs to user " + std::to_string( status.st_uid ) +
               ", who could replace the tables; it has to belong to root or to user " +
-              std::to_string( geteuid() ) + ", who runs l2ribd" );
+              std::to_string( geteuid() ) + ", who runs this daemon" );
    if( status.st_mode & ( S_IWGRP | S_IWOTH ) ) {
       char mode[ 8 ];
       std::snprintf( mode, sizeof mode, "%04o", status.st_mode & 07777u );
@@ -33,4 +33,4 @@ void requireStateDirectory( const std::string& directory ) {
    }
 }
 
-} // namespace Tools
+} // namespace Vexil

@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace Tools {
+namespace Vexil {
 
 // Makes the directory if it is absent. Throws std::runtime_error with a text that says what is
 // wrong and what would be right when it is no directory, or when anybody but root and this
@@ -11,4 +11,4 @@ namespace Tools {
 // anywhere.
 void requireStateDirectory( const std::string& directory );
 
-} // namespace Tools
+} // namespace Vexil
