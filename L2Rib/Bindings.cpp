@@ -2,8 +2,8 @@
 
 #include "L2Rib/ConfigBinding.h"
 #include "L2Rib/FloodBindings.h"
-#include "L2Rib/L2RibTarn.h"
 #include "L2Rib/SourceDir.h"
+#include "L2Rib/SourceEntryBinding.h"
 #include "L2Rib/Status.h"
 #include "runtime/StateDb.h"
 
@@ -20,69 +20,6 @@ using Vexil::makeEntity;
 using Vexil::Mounted;
 using Vexil::MountMode;
 using Vexil::Ptr;
-
-// Copies the record of an entry file into the entity, at first and whenever it changes. What says
-// who the source is and where its tables are stands once the source was initialized: a source that
-// wants it otherwise publishes a new entry.
-class SourceEntryBinding : public Vexil::Reactor<SourceEntryTable> {
- public:
-   SourceEntryBinding( EntityManager& manager, Ptr<SourceEntryTable> table,
-                       Ptr<SourceDirEntry> entry )
-      : Reactor( table ), manager_( manager ), table_( std::move( table ) ),
-        entry_( std::move( entry ) ),
-        name_( SourceName::of( entry_->name() ).value_or( SourceName() ) ) {
-      copyRecord();
-   }
-   void handleEntry( const SourceName& ) override { copyRecord(); }
-
- private:
-   void copyRecord() {
-      SourceEntryRecord record;
-      if( !table_->get( name_, record ) )
-         return entry_->initializedIs( false );
-      if( !settled_ )
-         copyIdentity( record );
-      settled_ = settled_ || record.initialized;
-      if( record.initialized && !flood_ && !record.floodPath.view().empty() )
-         attachFlood( record.floodPath.str() );
-      entry_->initializedIs( record.initialized != 0 );
-   }
-   // Before the entry is seen to be initialized: then its flood sets are complete too.
-   void attachFlood( const std::string& path ) {
-      try {
-         const auto table =
-            manager_.mountTable<FloodMemberTable>( path, FloodMemberTable::Mode::read, 1 );
-         entry_->floodTableIs( table );
-         flood_ = std::make_unique<SourceFloodBinding>( table, entry_ );
-      } catch( const Vexil::TableError& failure ) {
-         Vexil::log( "source " + entry_->name() + " has no flood sets: " + failure.what() );
-      }
-   }
-   void copyIdentity( const SourceEntryRecord& record ) {
-      entry_->sourceIs( record.source );
-      entry_->hostTableTarnPathIs( record.hostPath.str() );
-      entry_->lbTableTarnPathIs( record.lbPath.str() );
-      entry_->labelTableTarnPathIs( record.labelPath.str() );
-      entry_->destTableTarnPathIs( record.destPath.str() );
-      entry_->hostTableLenIs( record.hostLen );
-      entry_->lbTableLenIs( record.lbLen );
-      entry_->labelTableLenIs( record.labelLen );
-      entry_->destTableLenIs( record.destLen );
-   }
-
-   EntityManager& manager_;
-   Ptr<SourceEntryTable> table_;
-   Ptr<SourceDirEntry> entry_;
-   SourceName name_;
-   bool settled_ = false;
-   std::unique_ptr<SourceFloodBinding> flood_;
-};
-
-Mounted mountSourceEntry( EntityManager& manager, const std::string& path, MountMode ) {
-   const auto table = manager.mountTable<SourceEntryTable>( path, SourceEntryTable::Mode::read, 1 );
-   const auto entry = makeEntity<SourceDirEntry>( path.substr( path.rfind( '/' ) + 1 ) );
-   return { entry, std::make_shared<SourceEntryBinding>( manager, table, entry ) };
-}
 
 // Writes the entries of the sources inside the agent to files as external sources have them, which
 // the sources' tools read. Nothing is read back.

@@ -1,11 +1,14 @@
 #include "L2Rib/ConfigBinding.h"
 
+#include "runtime/RetryTimer.h"
 #include "runtime/Trace.h"
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <set>
-#include <vector>
+#include <system_error>
+#include <utility>
 
 namespace Bridging {
 
@@ -63,6 +66,12 @@ std::optional<ConfigFault> faultOf( const TunnelRecord& record ) {
 
 // --- the binding
 
+std::string configGeneration( const std::string& folder ) {
+   std::error_code none;
+   const auto target = std::filesystem::read_symlink( folder + "/" + configLink, none );
+   return none ? std::string() : "/" + target.filename().string();
+}
+
 namespace {
 
 // Names the changes of one table to the binding.
@@ -85,68 +94,162 @@ class ConfigBinding {
  public:
    ConfigBinding( EntityManager& manager, std::string path, Ptr<Config> config )
       : manager_( manager ), path_( std::move( path ) ), config_( std::move( config ) ),
-        removal_( manager.clock(), [ this ] { removeTunnels(); } ) {
-      removal_.timeMinIs( Vexil::never );
+        work_( manager.clock(), [ this ] { work(); } ),
+        retry_( manager.clock(), [ this ] { review(); } ) {
+      work_.timeMinIs( Vexil::never );
    }
 
-   // The file of that name appeared, was replaced or went; either of them when the name is empty.
-   void review( const std::string& name ) {
-      if( ( name.empty() || name == TunnelTable::fileName ) && reopen( tunnels_ ) ) {
-         config_->tunnelTableIs( tunnels_ );
-         followTunnels();
+   // The folder's entries may be others than before.
+   void review() {
+      Ptr<TunnelTable> tunnels;
+      Ptr<ConfiguredHostTable> hosts;
+      try {
+         for( std::string generation, now = here(); generation != now; now = here() ) {
+            generation = now;
+            tunnels = opened<TunnelTable>( generation );
+            hosts = opened<ConfiguredHostTable>( generation );
+         }
+      } catch( const TableError& failure ) {
+         if( failure.what() != wanting_ )
+            Vexil::log( std::string( failure.what() ) + "; the configuration stays as it was" );
+         wanting_ = failure.what();
+         return retry_.failed();
       }
-      if( ( name.empty() || name == ConfiguredHostTable::fileName ) && reopen( hosts_ ) ) {
-         config_->hostTableIs( hosts_ );
-         followHosts();
-      }
+      wanting_.clear();
+      retry_.succeeded();
+      if( !sameTable( tunnels, tunnels_ ) )
+         tunnelsAre( tunnels );
+      if( !sameTable( hosts, hosts_ ) )
+         hostsAre( hosts );
+      if( manager_.starting() )
+         work();
    }
 
  private:
-   // Attaches the table as it is now; returns whether it is another one than before.
+   // The generation in force; never empty.
+   std::string here() const { return path_ + configGeneration( manager_.fileOf( path_ ) ); }
+
+   // Null where there is none that can be read. Throws what may be otherwise the next time.
    template<class Table>
-   bool reopen( Ptr<Table>& table ) {
-      Ptr<Table> found;
+   Ptr<Table> opened( const std::string& generation ) {
       try {
-         found = manager_.mountTable<Table>( path_ + "/" + Table::fileName, Table::Mode::read, 0 );
+         return manager_.mountTable<Table>( generation + "/" + Table::fileName, Table::Mode::read,
+                                            0 );
       } catch( const TableError& failure ) {
+         if( failure.kind() == TableError::system )
+            throw;
          if( failure.kind() != TableError::absent )
             Vexil::log( std::string( failure.what() ) + "; it counts as empty" );
+         return nullptr;
       }
-      if( found && table && found->tableId() == table->tableId() )
-         return false;
-      table = found;
-      return true;
+   }
+   template<class Table>
+   static bool sameTable( const Ptr<Table>& a, const Ptr<Table>& b ) {
+      return a && b ? a->tableId() == b->tableId() : a == b;
    }
 
-   // What is known is looked at again: it may not be in the table that is there now.
-   void followTunnels() {
+   void tunnelsAre( Ptr<TunnelTable> tunnels ) {
       tunnelFollower_.reset();
+      tunnels_ = std::move( tunnels );
       if( tunnels_ ) {
          tunnelFollower_ = std::make_unique<Follower<TunnelTable, TunnelId>>(
-            tunnels_, [ this ]( TunnelId id ) { copyTunnel( id ); }, [ this ] { knownTunnels(); } );
-         tunnels_->forEach( [ this ]( const TunnelRecord& record ) { copyTunnel( record.key ); } );
+            tunnels_, [ this ]( TunnelId id ) { copyTunnel( id ); },
+            [ this ] { lookAtKnownTunnels(); } );
+         tunnels_->walkAll();
       }
-      knownTunnels();
+      lookAtKnownTunnels();
    }
-   void followHosts() {
+   void hostsAre( Ptr<ConfiguredHostTable> hosts ) {
       hostFollower_.reset();
+      hosts_ = std::move( hosts );
       if( hosts_ ) {
          hostFollower_ = std::make_unique<Follower<ConfiguredHostTable, MacVlanPair>>(
             hosts_, [ this ]( const MacVlanPair& key ) { copyHost( key ); },
-            [ this ] { knownHosts(); } );
-         hosts_->forEach(
-            [ this ]( const ConfiguredHostRecord& record ) { copyHost( record.key ); } );
+            [ this ] { lookAtKnownHosts(); } );
+         hosts_->walkAll();
       }
-      knownHosts();
+      lookAtKnownHosts();
    }
-   void knownTunnels() {
-      for( const auto& tunnel : config_->tunnel() )
-         copyTunnel( tunnel.key );
+   // What is known may not be in the table that is there now. Until that is clear, nobody is told
+   // how far the table has been read.
+   void lookAtKnownTunnels() {
+      tunnelSweep_ = Sweep<TunnelId>{ true, {} };
+      config_->tunnelTableIs( nullptr );
+      work_.timeMinIs( 0 );
    }
-   void knownHosts() {
-      for( const auto& fdb : config_->fdbConfig() )
-         for( const auto& host : fdb.value->configuredHost() )
-            copyHost( MacVlanPair( host.key, fdb.key.vlan() ) );
+   void lookAtKnownHosts() {
+      hostSweep_ = Sweep<MacVlanPair>{ true, {} };
+      config_->hostTableIs( nullptr );
+      work_.timeMinIs( 0 );
+   }
+
+   // A slice of what there is to do. The hosts leave the tunnels before these go.
+   void work() {
+      const Vexil::Seconds deadline =
+         manager_.starting() ? Vexil::never : manager_.clock()->now() + slice;
+      const bool done = readOn( tunnels_, deadline ) && sweepTunnels( deadline ) &&
+                        readOn( hosts_, deadline ) && sweepHosts( deadline );
+      if( !done )
+         return work_.timeMinIs( 0 );
+      for( const TunnelId id : std::exchange( gone_, {} ) )
+         if( TunnelRecord record; usable( tunnels_, id, record ) )
+            config_->tunnelIs( id, record.data );
+         else
+            config_->tunnelDel( id );
+      config_->tunnelTableIs( tunnels_ );
+      config_->hostTableIs( hosts_ );
+   }
+   template<class Table>
+   bool readOn( const Ptr<Table>& table, Vexil::Seconds deadline ) {
+      return !table || !table->poll( *manager_.clock(), deadline );
+   }
+
+   template<class Key>
+   struct Sweep {
+      bool underWay = false;
+      std::optional<Key> last; // that was looked at
+   };
+   bool sweepTunnels( Vexil::Seconds deadline ) {
+      return sweep(
+         tunnelSweep_, deadline, [ this ]( auto& last ) { return nextTunnel( last ); },
+         [ this ]( TunnelId id ) { copyTunnel( id ); } );
+   }
+   bool sweepHosts( Vexil::Seconds deadline ) {
+      return sweep(
+         hostSweep_, deadline, [ this ]( auto& last ) { return nextHost( last ); },
+         [ this ]( const MacVlanPair& key ) { copyHost( key ); } );
+   }
+   // Returns whether the sweep is over.
+   template<class Key, class Next, class Look>
+   bool sweep( Sweep<Key>& sweep, Vexil::Seconds deadline, Next next, Look look ) {
+      while( sweep.underWay && ( sweep.last = next( sweep.last ) ) ) {
+         look( Key( *sweep.last ) );
+         if( manager_.clock()->isPast( deadline ) )
+            return false;
+      }
+      sweep.underWay = false;
+      return true;
+   }
+   std::optional<TunnelId> nextTunnel( const std::optional<TunnelId>& last ) const {
+      const auto& tunnels = config_->tunnel();
+      auto at = last ? tunnels.from( *last ) : tunnels.begin();
+      if( last && at != tunnels.end() && at->key == *last )
+         ++at;
+      return at != tunnels.end() ? std::optional( at->key ) : std::nullopt;
+   }
+   std::optional<MacVlanPair> nextHost( const std::optional<MacVlanPair>& last ) const {
+      const auto& fdbs = config_->fdbConfig();
+      for( auto fdb = last ? fdbs.from( Fid( last->vlan().value() ) ) : fdbs.begin();
+           fdb != fdbs.end(); ++fdb ) {
+         const bool inFdb = last && fdb->key == Fid( last->vlan().value() );
+         const auto& hosts = fdb->value->configuredHost();
+         auto at = inFdb ? hosts.from( last->mac() ) : hosts.begin();
+         if( inFdb && at != hosts.end() && at->key == last->mac() )
+            ++at;
+         if( at != hosts.end() )
+            return MacVlanPair( at->key, fdb->key.vlan() );
+      }
+      return std::nullopt;
    }
 
    template<class Table, class Key, class Record>
@@ -165,18 +268,7 @@ class ConfigBinding {
       if( !config_->tunnel( id ) )
          return;
       gone_.insert( id );
-      removal_.timeMinIs( 0 );
-   }
-   // The hosts left the tunnels before these went: once what the table of hosts had to say is
-   // known, nobody is on them who is not so in the tables.
-   void removeTunnels() {
-      if( hosts_ && hosts_->poll( *manager_.clock(), manager_.clock()->now() + slice ) )
-         return removal_.timeMinIs( 0 );
-      for( const TunnelId id : std::exchange( gone_, {} ) )
-         if( TunnelRecord record; usable( tunnels_, id, record ) )
-            config_->tunnelIs( id, record.data );
-         else
-            config_->tunnelDel( id );
+      work_.timeMinIs( 0 );
    }
 
    void copyHost( const MacVlanPair& key ) {
@@ -194,7 +286,7 @@ class ConfigBinding {
       config_->fdbConfigIs( fid )->configuredHostIs( { key.mac(), intf, record.label } );
    }
 
-   static constexpr Vexil::Seconds slice = 0.05;
+   static constexpr Vexil::Seconds slice = 0.01;
 
    EntityManager& manager_;
    std::string path_; // of the folder, in the state database
@@ -203,8 +295,12 @@ class ConfigBinding {
    Ptr<ConfiguredHostTable> hosts_;
    std::unique_ptr<Follower<TunnelTable, TunnelId>> tunnelFollower_;
    std::unique_ptr<Follower<ConfiguredHostTable, MacVlanPair>> hostFollower_;
+   Sweep<TunnelId> tunnelSweep_;
+   Sweep<MacVlanPair> hostSweep_;
    std::set<TunnelId> gone_; // tunnels to be removed
-   Vexil::TimerReactor removal_;
+   Vexil::TimerReactor work_;
+   std::string wanting_; // why a table could not be opened
+   Vexil::RetryTimer retry_;
 };
 
 } // namespace
@@ -217,12 +313,12 @@ Vexil::Mounted mountConfig( EntityManager& manager, const std::string& path, Vex
    Vexil::makeFoldersFor( folder + "/" );
    const auto binding = std::make_shared<ConfigBinding>( manager, path, config );
    // Watched before the first look, so that nothing falls between.
-   manager.fileWatcher()->watchFolder(
-      folder, [ weak = std::weak_ptr( binding ) ]( const std::string& name ) {
-         if( const auto alive = weak.lock() )
-            alive->review( name );
-      } );
-   binding->review( "" );
+   manager.fileWatcher()->watchFolder( folder,
+                                       [ weak = std::weak_ptr( binding ) ]( const std::string& ) {
+                                          if( const auto alive = weak.lock() )
+                                             alive->review();
+                                       } );
+   binding->review();
    return { config, binding };
 }
 

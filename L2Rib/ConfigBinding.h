@@ -1,14 +1,20 @@
 // The bridging configuration in the state database, and what fills the Bridging::Config entity from
 // it.
 //
-// "bridging/config" is a folder with two shared tables, one of hosts and one of tunnels. They are
-// written by l2ribctl alone, for a moment at a time and under the lock of the file ".lock" beside
-// them; that an agent runs is not required. Either table may be absent, which means that it is
-// empty. What a writer keeps: a tunnel is written before the hosts on it, and goes after them.
+// "bridging/config" is a folder. Its entry "current" is a symbolic link to a folder beside it with
+// two shared tables, one of hosts and one of tunnels: a generation of the configuration. They are
+// written by l2ribctl alone, for a moment at a time and under the lock of the file ".lock"; that an
+// agent runs is not required. A single record is changed in place. Anything else makes a new
+// generation, whole, and leads the link to it: one step, so whoever is killed before or after it
+// leaves the old configuration or the new one. Without the link the folder itself holds the tables.
+// Either may be absent, which means that it is empty. A host is only ever on a tunnel of its own
+// generation.
 //
-// The binding follows both tables and the folder. A record that is nonsense is corruption of its
-// table and reads as absent. An fdbConfig entry that has lost its last host stays: it costs
-// nothing, while deleting it would cost its readers a look at everything.
+// The binding follows both tables and the link, in slices: what it meets in a new generation, and
+// what it knows and no longer meets. A record that is nonsense is corruption of its table and reads
+// as absent. Where a table can't be opened for want of something, the configuration stays as it is
+// known, and the opening is tried again. An fdbConfig entry that has lost its last host stays: it
+// costs nothing, while deleting it would cost its readers a look at everything.
 #pragma once
 
 #include "L2Rib/Bridging.h"
@@ -54,6 +60,12 @@ class TunnelTable : public Vexil::NamedTable<TunnelTable, TunnelId, TunnelRecord
    static constexpr const char* collection = "tunnel";
    static constexpr const char* fileName = "tunnels";
 };
+
+// The link to the generation in force, in the configuration's folder.
+constexpr const char* configLink = "current";
+// What to append to the configuration's folder for that of the generation in force: "/NAME", or
+// nothing where there is no link.
+std::string configGeneration( const std::string& folder );
 
 // What is wrong with a record from outside, whether or not its tunnel exists.
 struct ConfigFault {

@@ -3,8 +3,8 @@
 #include "L2Rib/L2RibTarn.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
-#include <vector>
 
 namespace L2Rib {
 
@@ -12,12 +12,6 @@ namespace {
 
 using Vexil::makeEntity;
 using Vexil::Ptr;
-
-bool sound( const FloodMember& member ) {
-   const uint32_t vlan = member.triple.vlan().value();
-   return vlan >= 1 && vlan <= 4094 && member.triple.dest().key() == Util::destIdNotInTarn() &&
-          member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
-}
 
 // The room that the output's table has: what an earlier run made of it stays, or readers would have
 // to go over to another file in every restart.
@@ -29,62 +23,6 @@ uint32_t outputCapacity( const std::string& file ) {
       return first; // attaching it for writing makes it, or says what is wrong
    }
 }
-
-} // namespace
-
-SourceFloodBinding::SourceFloodBinding( Ptr<FloodMemberTable> table, Ptr<SourceDirEntry> entry )
-   : Reactor( table ), table_( std::move( table ) ), entry_( std::move( entry ) ) {
-   table_->forEach( [ this ]( const FloodMember& member ) { memberIs( member ); } );
-}
-
-void SourceFloodBinding::handleEntry( const FloodMemberKey& triple ) {
-   FloodMember member;
-   if( table_->get( triple, member ) )
-      memberIs( member );
-   else
-      memberDel( triple );
-}
-
-// Every member that the table has is named next; what is known and no longer there goes now.
-void SourceFloodBinding::handleOvertaken() {
-   std::vector<FloodSetTriple> known;
-   for( const auto& sets : entry_->vlanFloodSet() )
-      for( const auto& set : sets.value->floodSet() )
-         for( const auto& member : set.value->destSet() )
-            known.emplace_back( sets.key, set.key, member.key );
-   for( const FloodSetTriple& triple : known )
-      handleEntry( triple );
-}
-
-void SourceFloodBinding::memberIs( const FloodMember& member ) {
-   if( !sound( member ) ) {
-      table_->corruptionDetected( table_->path() + ": flood member " + member.triple.str() +
-                                  " has no known type, no such VLAN, or a key of its own" );
-      memberDel( member.triple );
-      return;
-   }
-   const auto set =
-      entry_->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
-   const bool otherType = set->floodSetType() != member.floodSetType;
-   set->floodSetTypeIs( member.floodSetType );
-   if( otherType ) // the output follows the type when a member is judged
-      set->destSetDel( member.triple.dest() );
-   set->destSetIs( member.triple.dest(), true );
-}
-
-void SourceFloodBinding::memberDel( const FloodSetTriple& triple ) {
-   const auto sets = entry_->vlanFloodSet( triple.vlan() );
-   const auto set = sets ? sets->floodSet( triple.mac() ) : nullptr;
-   if( !set )
-      return;
-   set->destSetDel( triple.dest() );
-   if( set->destSet().empty() )
-      sets->floodSetDel( triple.mac() );
-   if( sets->floodSet().empty() )
-      entry_->vlanFloodSetDel( triple.vlan() );
-}
-
-namespace {
 
 // The mask as its table holds it. An agent that starts puts the mask together source by source:
 // readers see only what has come of it at the end of its first turn, when the bells are rung.

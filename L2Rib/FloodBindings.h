@@ -1,7 +1,5 @@
-// How flood sets cross process borders: flattened into a shared table, one record a member.
-//
-// A source's flood table fills the flood sets under its directory entry; the merged output is
-// written to a table of its own as it changes, and read back when the agent starts again.
+// How the merged flood sets cross process borders: flattened into a shared table, one record a
+// member, written as they change, and read back when the agent starts again.
 #pragma once
 
 #include "L2Rib/FloodSets.h"
@@ -11,22 +9,6 @@
 #include <memory>
 
 namespace L2Rib {
-
-// Keeps the flood sets under a source's entry in step with the source's flood table. Records that
-// no honest source writes are reported as corruption of the table and left out.
-class SourceFloodBinding : public Vexil::Reactor<FloodMemberTable> {
- public:
-   SourceFloodBinding( Vexil::Ptr<FloodMemberTable> table, Vexil::Ptr<SourceDirEntry> entry );
-   void handleEntry( const FloodMemberKey& triple ) override;
-   void handleOvertaken() override;
-
- private:
-   void memberIs( const FloodMember& member );
-   void memberDel( const FloodSetTriple& triple );
-
-   Vexil::Ptr<FloodMemberTable> table_;
-   Vexil::Ptr<SourceDirEntry> entry_;
-};
 
 // The mask of sources beside the flood output's members.
 struct FloodSourceRecord {

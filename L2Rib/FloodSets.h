@@ -12,6 +12,7 @@
 #include "runtime/Entity.h"
 #include "runtime/Failure.h"
 #include "runtime/HashMap.h"
+#include "runtime/SharedTable.h"
 
 namespace L2Rib {
 
@@ -99,9 +100,30 @@ class FloodSetOutput : public Vexil::Entity {
    };
    Vexil::Notifiees<Handlers> notifiees;
 
+   // Whoever keeps the members where there is not room for any number.
+   struct MemberRoom {
+      virtual ~MemberRoom() = default;
+      virtual Vexil::Room makeRoom() = 0;
+      virtual uint64_t freeMembers() const = 0;
+      virtual uint32_t capacity() const = 0;
+   };
+   void memberRoomIs( MemberRoom* room ) { memberRoom_ = room; }
+
+   // Sees to it that one more member finds room; to be asked before it is entered.
+   [[nodiscard]] Vexil::Room makeRoom() {
+      return memberRoom_ ? memberRoom_->makeRoom() : Vexil::Room::yes;
+   }
+   uint32_t capacity() const { return memberRoom_ ? memberRoom_->capacity() : ~0u; }
+   uint64_t freeMembers() const {
+      return memberRoom_ ? memberRoom_->freeMembers() : ~uint64_t( 0 );
+   }
+
    // The mask of the Source values of all initialized sources.
    VEXIL_ATTRIBUTE_NOTIFYING( unsigned, source, handleSource, 0 );
    L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
+
+ private:
+   MemberRoom* memberRoom_ = nullptr;
 };
 
 } // namespace L2Rib

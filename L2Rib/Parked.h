@@ -1,7 +1,7 @@
 // What the engine could not program, and why: the table of parked entries, a row an entry.
 //
 // The agent writes it for people and for l2ribctl, and empties it when it starts; nobody acts on
-// it. A row comes when an entry is parked, changes with each try, and goes when the entry is
+// it. A row comes when an entry is parked, changes when its reason does, and goes when the entry is
 // programmed or nobody wants it any more. Rows are written some at a time:
 // AgentStatusRecord::parkedUntold says how many are still to come or to go.
 #pragma once
@@ -60,7 +60,10 @@ struct ParkedRecord {
    uint32_t limit = 0;                   // its capacity; the greatest depth
    ObjTupleAndSource blocker;   // the object that is absent, closes the loop, lies too deep
    Vexil::Wire64<double> since; // parked without a break, seconds since 1970
-   Vexil::Wire64<uint64_t> tries;
+   // The retry rounds before it was parked. All parked entries are tried in each round, so there
+   // have been 1 + AgentStatusRecord::retryRounds - round tries, and a row stands until its reason
+   // changes.
+   Vexil::Wire64<uint64_t> round;
    Dest dest; // of a flood member
 
    friend bool operator==( const ParkedRecord&, const ParkedRecord& ) = default;

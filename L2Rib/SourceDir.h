@@ -9,15 +9,26 @@
 
 #include "L2Rib/FloodSets.h"
 #include "L2Rib/L2Rib.h"
+#include "L2Rib/L2RibTarn.h"
 #include "runtime/SharedTable.h"
 
 #include <array>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace L2Rib {
+
+// The tables of a source, attached for reading; null where the entry names none, or where the file
+// holds a table of another type.
+struct AttachedTables {
+   Vexil::Ptr<HostInput> host;
+   Vexil::Ptr<LoadBalanceTable> lb;
+   Vexil::Ptr<LabelTable> label;
+   Vexil::Ptr<DestTable> dest;
+};
 
 // One input source. The name is the key and never changes.
 class SourceDirEntry : public Vexil::Entity {
@@ -45,10 +56,22 @@ class SourceDirEntry : public Vexil::Entity {
    VEXIL_ATTRIBUTE( uint32_t, destTableLen, 0 );
    // Set by the source when its tables hold a complete first copy.
    VEXIL_ATTRIBUTE_NOTIFYING( bool, initialized, handleInitialized, false );
+   // Set before initialized is, where the entry comes from a file: whoever finds the entry
+   // initialized finds its tables attached. Null for a source inside this process.
+   VEXIL_ATTRIBUTE( std::shared_ptr<const AttachedTables>, tables )
+   // Why the entry is not initialized although its source says so; empty when there is no reason.
+   VEXIL_ATTRIBUTE( std::string, notReadyReason )
    // The table that vlanFloodSet follows, for whoever reports how far it has been read; null when
-   // the flood sets are entered in this process.
+   // the flood sets are entered in this process. Behind: what the table says of how far it has been
+   // read is not all in vlanFloodSet yet.
    VEXIL_ATTRIBUTE( Vexil::Ptr<const Vexil::TableBase>, floodTable )
+   VEXIL_ATTRIBUTE( bool, floodBehind, false )
    L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
+   // Enters a VLAN that has none, with all that it holds: one notification.
+   void vlanFloodSetIs( const Bridging::VlanId& vlan, Vexil::Ptr<VlanFloodSet> sets ) {
+      if( vlanFloodSet_.emplace( vlan, std::move( sets ) ).second )
+         notifiees.notify( &Handlers::handleVlanFloodSet, vlan );
+   }
 
  private:
    std::string name_;

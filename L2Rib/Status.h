@@ -83,10 +83,13 @@ struct AgentStatusRecord {
    // their rows in the table of parked entries have still to be written or removed.
    std::array<Vexil::Wire64<uint64_t>, parkedReasons> parked;
    Vexil::Wire64<uint64_t> parkedUntold;
+   // How often all parked hosts and objects have been tried again; all flood members.
+   Vexil::Wire64<uint64_t> retryRounds;
+   Vexil::Wire64<uint64_t> floodRetryRounds;
 
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<AgentStatusRecord, 208> );
+static_assert( Vexil::WireRecord<AgentStatusRecord, 224> );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
  public:
@@ -104,7 +107,8 @@ struct ReadMark {
    friend bool operator==( const ReadMark&, const ReadMark& ) = default;
 };
 
-// One source as the agent sees it.
+// One source as the agent sees it. The table is empty when an agent takes the table of the agent's
+// status: what stands in it is this agent's word.
 struct SourceStatusRecord {
    SourceName name;
    Source source = sourceNone_;
@@ -117,10 +121,13 @@ struct SourceStatusRecord {
    // Of the source "static": the configuration that its tables are made from.
    ReadMark configuredHosts;
    ReadMark configuredTunnels;
+   // Why it is not ready although it is initialized; empty when there is no reason, cut off when it
+   // is longer.
+   FixedText<128> reason;
 
    friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<SourceStatusRecord, 184> );
+static_assert( Vexil::WireRecord<SourceStatusRecord, 312> );
 
 class SourceStatusTable
    : public Vexil::NamedTable<SourceStatusTable, SourceName, SourceStatusRecord> {

@@ -98,11 +98,9 @@ void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
 
 void Agent::loadPlugins() {
    if( loadTestPlugin() )
-      TRACE( 5, "doMountsComplete"
-                   << " Loading L2RibTestPlugins" );
+      TRACE( 5, "doMountsComplete Loading L2RibTestPlugins" );
    else
-      TRACE( 5, "doMountsComplete"
-                   << " Loading L2RibPlugins" );
+      TRACE( 5, "doMountsComplete Loading L2RibPlugins" );
    if( const auto directory = settings().find( "plugin-dir" ); directory != settings().end() )
       pluginContext_->pluginIs( Vexil::loadPlugins(
          directory->second, loadTestPlugin() ? Plugin::testCategory : Plugin::category,

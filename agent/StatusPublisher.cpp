@@ -36,21 +36,35 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    record.label = markOf( sm.labelTable() );
    record.dest = markOf( sm.destTable() );
    record.flood = markOf( sm.source()->floodTable() );
+   if( sm.source()->floodBehind() )
+      record.flood.cursor = Vexil::Wire64<uint64_t>();
+   if( !record.ready )
+      record.reason = FixedText<128>::of( sm.source()->notReadyReason().substr( 0, 127 ) )
+                         .value_or( FixedText<128>() );
    return record;
+}
+
+// What the last run left must not be taken for this one's word. So it is gone before the agent's
+// status has a writer, which is how others tell that an agent runs.
+Vexil::Ptr<SourceStatusTable> emptySourceStatus( Vexil::EntityManager& manager ) {
+   auto table = manager.mountDerivedTable<SourceStatusTable>( Path::sourceStatus, 64 );
+   table->eraseAll();
+   return table;
 }
 
 } // namespace
 
 StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::ActivityManager& loop,
                                   Vexil::Ptr<PolicySm> policySm )
-   : loop_( loop ), policySm_( std::move( policySm ) ),
+   : loop_( loop ), policySm_( std::move( policySm ) ), sources_( emptySourceStatus( manager ) ),
      agent_( manager.mountDerivedTable<AgentStatusTable>( Path::agentStatus, 1 ) ),
-     sources_( manager.mountDerivedTable<SourceStatusTable>( Path::sourceStatus, 64 ) ),
+     parked_( manager.mountDerivedTable<ParkedTable>( Path::parked, 1024 ) ),
      config_(
         dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
-     since_( wallClock() ) {
+     since_( wallClock() ), parkedTimer_( loop.clock(), [] {} ) {
    VEXIL_ASSERT( config_ );
-   sources_->eraseAll();
+   parked_->eraseAll();
+   publishAgent(); // before the sources are there: what stands in the table is the last run's
    publish();
    endOfTurnWork_ = loop.atEndOfTurn( [ this ] { publish(); } );
 }
@@ -70,8 +84,14 @@ AgentStatusRecord StatusPublisher::figures() const {
    record.withdrawalChecks = policySm_->withdrawalChecksLeft();
    record.restartDuration = policySm_->restartDuration();
    record.restartEntriesLeft = policySm_->restartEntriesLeft();
-   const Vexil::Seconds failingSince = policySm_->failingSince();
+   const Vexil::Seconds failingSince = policySm_->awaited().oldest();
    record.failingSince = failingSince == Vexil::never ? 0 : failingSince;
+   record.failedFlood = policySm_->failedFloodSet().size();
+   for( uint32_t reason = 0; reason < parkedReasons; ++reason )
+      record.parked[ reason ] = policySm_->awaited().count( ParkedReason( reason ) );
+   record.parkedUntold = policySm_->awaited().untold();
+   record.retryRounds = policySm_->awaited().rounds( Awaited::review );
+   record.floodRetryRounds = policySm_->awaited().rounds( Awaited::floodBacklog );
    record.retries = policySm_->retries();
    record.users = policySm_->userCount();
    record.journalOverruns = policySm_->overruns();
@@ -79,7 +99,12 @@ AgentStatusRecord StatusPublisher::figures() const {
 }
 
 void StatusPublisher::publish() {
+   publishParked();
    publishSources(); // first: whoever sees empty lists must also see what had been read
+   publishAgent();
+}
+
+void StatusPublisher::publishAgent() {
    AgentStatusRecord record = figures();
    record.lastSign = published_.lastSign;
    const double now = wallClock();
@@ -96,6 +121,35 @@ StatusPublisher::~StatusPublisher() {
    publish();
 }
 
+// Some rows a turn. One that finds no room is left out: the figures by reason count it all the
+// same.
+void StatusPublisher::publishParked() {
+   constexpr size_t rowsATurn = 4096;
+   const double sinceTheEpoch = wallClock() - loop_.clock()->now();
+   const auto& members = policySm_->failedFloodSet();
+   policySm_->awaited().tell( rowsATurn,
+                              [ & ]( const ParkedKey& key, const Awaited::Entry* entry ) {
+                                 if( !entry ) {
+                                    parked_->erase( key );
+                                    return;
+                                 }
+                                 ParkedRecord record;
+                                 record.key = key;
+                                 record.source = entry->source;
+                                 record.reason = entry->obstacle.reason;
+                                 record.table = entry->obstacle.table;
+                                 record.limit = entry->obstacle.limit;
+                                 record.blocker = entry->obstacle.blocker;
+                                 record.since = sinceTheEpoch + entry->since;
+                                 record.round = entry->round;
+                                 if( const FloodSetTriple* const member = members.find( key ) )
+                                    record.dest = member->dest();
+                                 [[maybe_unused]] const bool written = parked_->set( record );
+                              } );
+   if( policySm_->awaited().untold() != 0 )
+      parkedTimer_.timeMinIs( 0 );
+}
+
 void StatusPublisher::publishSources() {
    sources_->forEach( [ this ]( const SourceStatusRecord& record ) {
       if( !policySm_->sourceSm( record.name.str() ) )
@@ -107,8 +161,10 @@ void StatusPublisher::publishSources() {
          record.configuredHosts = markOf( config_->hostTable() );
          record.configuredTunnels = markOf( config_->tunnelTable() );
       }
-      if( sources_->get( record.name ) != record && !sources_->set( record ) )
-         Vexil::log( "no room for the status of source " + entry.key );
+      if( sources_->get( record.name ) == record || sources_->set( record ) )
+         continue;
+      sources_->capacityIs( 2 * sources_->capacity() );
+      [[maybe_unused]] const bool written = sources_->set( record );
    }
 }
 

@@ -82,10 +82,8 @@ void PolicySm::prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const {
    output_.host->prefetchIndex( hash );
 }
 
-// Hosts that are decided one after the other often lead to one object: a guess that costs little.
 void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
-   if( lastUsers_ )
-      lastUsers_->prefetchMvpUser( mvp );
+   users_.prefetchMvpUser( mvp );
    const uint64_t hash = mvp.hash();
    for( const PolicySourceSm* sm : sourceOrder_ )
       if( const HostInput* const table = sm->hostTable(); table && sm->ready() )
@@ -95,28 +93,37 @@ void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
 
 // No source has the host any more: its row, if there is one, goes.
 void PolicySm::withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow ) {
-   TRACE( 0, "processHost"
-                << " host " << mvpStr( mvp ) << " not found." );
+   TRACE( 0, "processHost host " << mvpStr( mvp ) << " not found." );
    if( oldRow.key() != mvp ) {
-      TRACE( 1, "processHost"
-                   << " host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
+      TRACE( 1, "processHost host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
       return;
    }
-   if( heldUntil_.contains( oldRow.source() ) ) { // queued or parked when its source vanished
-      TRACE( 1, "processHost"
-                   << " host " << mvpStr( mvp ) << " is kept for " << oldRow.source() );
-      return;
-   }
-   TRACE( 0, "processHost"
-                << " removing from output." );
+   TRACE( 0, "processHost removing from output." );
    output_.host->hostDel( mvp );
    if( oldRow.next() != Util::objTupleInvalid() )
       rmUser( oldRow.next(), Util::objTupleInvalid(), mvp );
 }
 
+// Brings the winner's object into the output and makes outHost, and the host as its user, point
+// there. False when it can't be: the host is parked.
+bool PolicySm::programNext( const Bridging::MacVlanPair& mvp, const ObjTupleAndSource& otas,
+                            const ObjTuple& oldNext, Host& outHost ) {
+   const bool ok = processOtas( otas, true );
+   const ObjTuple newOutOt = outputObjTuple( otas );
+   if( !ok || newOutOt == Util::objTupleInvalid() ) {
+      TRACE( 8, "processHost failed to process " << otas << ( ok ? "" : " (cascading)" ) );
+      foundFailedHost( mvp );
+      return false;
+   }
+   VEXIL_ASSERT( newOutOt != Util::objTupleInvalid() );
+   outHost.nextIs( newOutOt );
+   if( oldNext != newOutOt )
+      addUser( newOutOt, Util::objTupleInvalid(), mvp );
+   return true;
+}
+
 bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
-
    // The best of what the ready sources hold now.
    const uint64_t hash = mvp.hash(); // once for all tables
    Host bestHost;
@@ -126,72 +133,61 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
          continue;
       const Host h = sm->host( mvp, hash );
       if( h.key() != mvp ) {
-         TRACE( 1, "processHost"
-                      << " Did not find host " << mvpStr( mvp ) << " in source "
-                      << sm->sourceEnum() );
+         TRACE( 1, "processHost Did not find host " << mvpStr( mvp ) << " in source "
+                                                    << sm->sourceEnum() );
          continue;
       }
       VEXIL_ASSERT( h.next() != Util::objTupleInvalid() || validDest( h.ciDest() ) );
-      TRACE( 1, "processHost"
-                   << " found host " << mvpStr( mvp ) << " in source " << sm->sourceEnum()
-                   << ", value is " << h );
+      TRACE( 1, "processHost found host " << mvpStr( mvp ) << " in source " << sm->sourceEnum()
+                                          << ", value is " << h );
       if( bestHost.key() != mvp ||
           hostIsBetter( h, sm->sourceEnum(), bestHost, bestHostSource->sourceEnum() ) ) {
          bestHost = h;
          bestHostSource = sm;
-         TRACE( 2, "processHost"
-                      << " candidate best host is " << bestHost );
+         TRACE( 2, "processHost candidate best host is " << bestHost );
       }
    }
 
-   TRACE( 1, "processHost"
-                << " Looking up " << mvpStr( mvp ) << " in output." );
+   TRACE( 1, "processHost Looking up " << mvpStr( mvp ) << " in output." );
    const HostAndSource oldRow = output_.host->get( mvp, hash );
-   TRACE( 1, "processHost"
-                << " got " << oldRow );
-
+   TRACE( 1, "processHost got " << oldRow );
    if( bestHost.key() != mvp ) {
       withdrawHost( mvp, oldRow );
       return true;
    }
-
    VEXIL_ASSERT( bestHostSource );
+   return programHost( bestHost, bestHostSource->sourceEnum(), oldRow );
+}
+
+// Brings the host, which has won, into the output in place of its old row. False when it can't be:
+// the output is as it was, and the host parked.
+bool PolicySm::programHost( const Host& bestHost, Source source, const HostAndSource& oldRow ) {
+   const Bridging::MacVlanPair mvp = bestHost.key();
+   obstructed_ = source;
+   // Before any object is touched: a host that has no room leaves its objects alone.
+   if( oldRow.key() != mvp &&
+       !hasRoom( output_.host->makeRoom(), outputTableHost_, *output_.host ) ) {
+      TRACE( 8, "processHost no room in output for " << mvpStr( mvp ) );
+      foundFailedHost( mvp );
+      return false;
+   }
    const ObjTuple oldNext = oldRow.next(); // invalid when there was no row
    Host outHost = bestHost;
-   bool gainedUser = false;
-   if( bestHost.next() != Util::objTupleInvalid() ) {
-      const ObjTupleAndSource otas( bestHost.next(), bestHostSource->sourceEnum() );
-      const bool ok = processOtas( otas, true );
-      const ObjTuple newOutOt = outputObjTuple( otas );
-      if( !ok || newOutOt == Util::objTupleInvalid() ) {
-         TRACE( 8, "processHost"
-                      << " failed to process " << otas << ( ok ? "" : " (cascading)" ) );
-         foundFailedHost( mvp );
-         return false;
-      }
-      VEXIL_ASSERT( newOutOt != Util::objTupleInvalid() );
-      outHost.nextIs( newOutOt );
-      if( oldNext != newOutOt ) {
-         addUser( newOutOt, Util::objTupleInvalid(), mvp );
-         gainedUser = true;
-      }
-   }
+   if( bestHost.next() != Util::objTupleInvalid() &&
+       !programNext( mvp, ObjTupleAndSource( bestHost.next(), source ), oldNext, outHost ) )
+      return false;
 
-   const HostAndSource newRow( mvp, outHost, bestHostSource->sourceEnum() );
+   const HostAndSource newRow( mvp, outHost, source );
    if( newRow == oldRow ) {
-      TRACE( 1, "processHost"
-                   << " host " << mvpStr( mvp )
-                   << " found, but was already up-to-date in table.  Done!" );
+      TRACE( 1, "processHost host " << mvpStr( mvp )
+                                    << " found, but was already up-to-date in table.  Done!" );
       return true;
    }
-   TRACE( 1, "processHost"
-                << " pushing " << newRow << " into output" );
-   if( !output_.host->hostIs( newRow ) ) {
-      // The table is full, so the row is a new one: nothing points anywhere yet. It waits until
-      // another host has gone.
-      TRACE( 8, "processHost"
-                   << " no room in output for " << mvpStr( mvp ) );
-      if( gainedUser )
+   TRACE( 1, "processHost pushing " << newRow << " into output" );
+   if( !output_.host->hostIs( newRow ) ) { // the file takes nothing any more
+      TRACE( 8, "processHost no room in output for " << mvpStr( mvp ) );
+      obstacle_ = noRoom( outputTableHost_, Vexil::Room::noMemory, output_.host->capacity() );
+      if( outHost.next() != oldNext && outHost.next() != Util::objTupleInvalid() )
          rmUser( outHost.next(), Util::objTupleInvalid(), mvp );
       foundFailedHost( mvp );
       return false;

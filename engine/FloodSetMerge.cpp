@@ -3,10 +3,13 @@
 //
 // Changed members wait in a backlog, which is worked off on a timer in slices of at most
 // floodReviewQuantum seconds. The backlog is a set: a burst of changes of one member costs one
-// evaluation.
+// evaluation. A member that finds no room in the output is parked, and tried again like a failed
+// host.
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
 #include "engine/SliceWalk.h"
+
+#include <utility>
 
 namespace L2Rib {
 
@@ -20,18 +23,33 @@ void PolicySm::processFloodSetBacklog() {
    TRACE( 0, __PRETTY_FUNCTION__ << " floodSet length: " << floodSetBacklog().size() );
    floodSetTimer_->timeMinIs( Vexil::never );
    const Seconds deadline = clock_->now() + floodReviewQuantum();
+   if( !floodSetBookmarkValid() && awaited_.retryDue( Awaited::floodBacklog, freeRows() ) ) {
+      floodRetried_ = true;
+      retries_ += failedFloodSet_.size();
+      for( const auto& failed : failedFloodSet_ )
+         floodSetBacklogIs( failed.value, true );
+      failedFloodSet_.clear();
+   }
    const auto slice =
       walkSlice( floodSetBacklog(), floodSetBookmarkValid() ? floodSetBookmark() : FloodSetTriple(),
                  *clock_, deadline, [ this ]( const FloodSetTriple& triple ) {
+                    const bool anyParked = !awaited_.empty();
+                    if( anyParked )
+                       failedFloodSet_.erase( Awaited::keyOf( triple ) );
                     handleFloodSetDest( triple.vlan(), triple.mac(), triple.dest() );
                     floodSetBacklogDel( triple );
+                    if( anyParked && !failedFloodSet_.contains( Awaited::keyOf( triple ) ) )
+                       awaited_.mended( Awaited::keyOf( triple ) );
                  } );
    floodSetBookmarkValidIs( !slice.atEnd );
+   const bool again =
+      slice.atEnd && awaited_.passEnded( Awaited::floodBacklog,
+                                         std::exchange( floodRetried_, false ), freeRows() );
    if( !slice.atEnd ) {
       TRACE( 0, __PRETTY_FUNCTION__ << " processed " << slice.count << " from backlog" );
       floodSetBookmarkIs( slice.bookmark );
    }
-   if( !floodSetBacklog().empty() ) // the rest, or what came in behind the walk
+   if( again || !floodSetBacklog().empty() ) // the rest, or what came in behind the walk
       floodSetTimer_->timeMinIs( 0 );
 }
 
@@ -47,6 +65,8 @@ void PolicySm::handleFloodSetDest( const Bridging::VlanId& vlan, const Vexil::Et
       if( !ifs || !ifs->destSet( dest ) )
          continue;
       VEXIL_ASSERT( ifs->floodSetType() != floodSetTypeInvalid_ );
+      if( !hasFloodRoom( vlan, mac, dest ) )
+         return;
       const auto outSet = output_.flood->vlanFloodSetIs( vlan )->floodSetIs( mac );
       outSet->floodSetTypeIs( ifs->floodSetType() );
       outSet->destSetIs( dest, true );
@@ -70,12 +90,23 @@ void PolicySm::handleFloodSetDest( const Bridging::VlanId& vlan, const Vexil::Et
    }
 }
 
-// Puts every member that the output has in a VLAN into the backlog.
-void PolicySm::queueFloodSets( const Bridging::VlanId& vlan, const VlanFloodSet& sets ) {
-   for( const auto& set : sets.floodSet() )
-      for( const auto& member : set.value->destSet() )
-         floodSetBacklogIs( FloodSetTriple( vlan, set.key, member.key ), true );
-   setFloodSetTimer();
+// Whether the member is in the output or finds room there; parks it when it does not.
+bool PolicySm::hasFloodRoom( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
+                             const Dest& dest ) {
+   const auto outSets = output_.flood->vlanFloodSet( vlan );
+   const auto outSet = outSets ? outSets->floodSet( mac ) : nullptr;
+   if( outSet && outSet->destSet( dest ) )
+      return true;
+   const Vexil::Room room = output_.flood->makeRoom();
+   if( room == Vexil::Room::yes )
+      return true;
+   const FloodSetTriple member( vlan, mac, dest );
+   TRACE( 8, "handleFloodSetDest no room in output for " << member );
+   const ParkedKey key = Awaited::keyOf( member );
+   failedFloodSet_.emplace( key, member );
+   awaited_.parked( key, sourceNone_, noRoom( outputTableFlood_, room, output_.flood->capacity() ),
+                    clock_->now() );
+   return false;
 }
 
 void PolicySm::setFloodSetOutputType() {
@@ -83,8 +114,8 @@ void PolicySm::setFloodSetOutputType() {
    unsigned mask = 0;
    for( const PolicySourceSm* sm : sourceOrder_ )
       if( sm->source()->initialized() ) {
-         TRACE( 0, "setFloodSetOutputType"
-                      << " adding " << entryStr( sm->source().get() ) << " to type." );
+         TRACE( 0,
+                "setFloodSetOutputType adding " << entryStr( sm->source().get() ) << " to type." );
          mask |= static_cast<unsigned>( sm->sourceEnum() );
       }
    TRACE( 0, "setFloodSetOutputType" << std::hex << " new source is " << mask << ", old is "

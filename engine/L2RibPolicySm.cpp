@@ -12,7 +12,7 @@ PolicySm::PolicySm( Ptr<Vexil::EntityManager> entityManager, Ptr<const Vexil::Di
      hammerReviewTimer_( clock_, [ this ] { handleHammerReviewTimer(); } ),
      queuedReviewTimer_( clock_, [ this ] { maybeRescheduleHostReview(); } ),
      holdTimer_( clock_, [ this ] { handleHoldTimer(); } ),
-     withdrawalTimer_( clock_, [ this ] { handleWithdrawalTimer(); } ) {
+     sweepTimer_( clock_, [ this ] { handleSweepTimer(); } ) {
    queuedReviewTimer_.timeMinIs( Vexil::never );
    sourceDirIs( std::move( sourceDir ) );
    agentSourceDirIs( std::move( agentSourceDir ) );

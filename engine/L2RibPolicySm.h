@@ -4,8 +4,8 @@
 // works the queues off in slices of at most reviewQuantum seconds, hosts first. A host is decided
 // anew from the sources' present content each time (processHost); the object that the winner points
 // to is copied to the output first, members before what points at them (processOtas); the copy
-// counts its users and goes with the last one (addUser, rmUser). What can't be done now is parked
-// and tried again when the hammer timer ticks.
+// counts its users and goes with the last one (addUser, rmUser). What can't be done now is parked,
+// and tried again when the hammer timer ticks or when something came that a parked entry waits for.
 //
 // Invariants of the output, after every single write: what a row points to exists; every object has
 // a user or is about to go; every row's ids are output ids.
@@ -14,7 +14,9 @@
 // it enters normal work; until then changes are only queued.
 //
 // One source file a concern: L2RibPolicySm.cpp (construction), BestHost.cpp, ObjectMapping.cpp,
-// Users.cpp, Review.cpp, Restart.cpp, FloodSetMerge.cpp, Sources.cpp.
+// Users.cpp, Review.cpp, Restart.cpp, FloodSetMerge.cpp, Sources.cpp. The bookkeeping is in classes
+// of its own, each with one question: Awaited, ObjectMemo, ObjectDepths, OutputUsers, OutputSweep,
+// VanishedSources.
 //
 // All of it runs on the event-loop thread.
 #pragma once
@@ -24,14 +26,17 @@
 #include "L2Rib/ObjTupleManager.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"
-#include "engine/FailureAges.h"
+#include "engine/Awaited.h"
 #include "engine/L2RibPolicySourceSm.h"
-#include "engine/ObjTupleUsers.h"
+#include "engine/ObjectDepths.h"
+#include "engine/ObjectMemo.h"
+#include "engine/OutputSweep.h"
+#include "engine/OutputUsers.h"
 #include "engine/RestartState.h"
+#include "engine/VanishedSources.h"
 #include "runtime/Clock.h"
 #include "runtime/StateDb.h"
 
-#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -64,7 +69,7 @@ class PolicySm : public Vexil::Entity {
    VEXIL_ATTRIBUTE( Seconds, reviewQuantum, 0.05 )
    VEXIL_ATTRIBUTE( Seconds, floodReviewQuantum, 0.05 )
    VEXIL_ATTRIBUTE( Seconds, hammerReviewInterval, 10.0 )
-   // How long the hosts of a source that vanished stay in the output unexamined.
+   // How long what a source that vanished left in the output stays there unexamined.
    VEXIL_ATTRIBUTE( Seconds, sourceHoldTime, 30.0 )
 
    // --- best host (BestHost.cpp) --------------------------------------------------------------
@@ -91,6 +96,8 @@ class PolicySm : public Vexil::Entity {
    bool processOtas( const ObjTupleAndSource& otas, bool forceCreate );
    // The output object of an input object; invalid when it has no copy.
    ObjTuple outputObjTuple( const ObjTupleAndSource& otas ) const;
+   // Takes back the id of an input object that is gone from its source, if no row has it.
+   void forgetUnwritten( const ObjTupleAndSource& otas );
    DestId outputDestId( const ObjTupleAndSource& otas ) const;
    LoadBalanceId outputLbId( const ObjTupleAndSource& otas ) const;
    LabelId outputLabelId( const ObjTupleAndSource& otas ) const;
@@ -107,10 +114,13 @@ class PolicySm : public Vexil::Entity {
    bool isUser( const ObjTuple& otUsed, const ObjTuple& otUser,
                 const Bridging::MacVlanPair& mvpUser ) const;
    // The users of one output object; null when it has none.
-   Ptr<ObjTupleUsers> usersMap( const ObjTuple& used ) const;
-   const Vexil::HashMap<ObjTuple, Ptr<ObjTupleUsers>>& usersMap() const { return usersMap_; }
+   Ptr<ObjTupleUsers> usersMap( const ObjTuple& used ) const { return users_.record( used ); }
+   const Vexil::HashMap<ObjTuple, Ptr<ObjTupleUsers>>& usersMap() const { return users_.records(); }
+   const Ptr<ObjTupleUsers>& usersMapIs( const ObjTuple& used ) { return users_.recordIs( used ); }
+   void usersMapDel( const ObjTuple& used ) { users_.recordDel( used ); }
+   void usersMapDelAll() { users_.recordDelAll(); }
    // All relations between a user and what it uses.
-   uint64_t userCount() const { return userCount_; }
+   uint64_t userCount() const { return users_.relations(); }
 
    // --- review (Review.cpp) -------------------------------------------------------------------
    VEXIL_KEY_SET( Bridging::MacVlanPair, hostList )
@@ -126,11 +136,9 @@ class PolicySm : public Vexil::Entity {
    void handleHammerReviewTimer();
    // Parked entries that were tried again, so far.
    uint64_t retries() const { return retries_; }
-   // Since when the entry that has failed the longest has been failing, retries included; the
-   // clock's time. Never, when nothing fails.
-   Seconds failingSince() const {
-      return std::min( failingHosts_.oldest(), failingOtas_.oldest() );
-   }
+   // What the parked entries wait for, flood members among them.
+   const Awaited& awaited() const { return awaited_; }
+   Awaited& awaited() { return awaited_; }
 
    // --- restart (Restart.cpp) -----------------------------------------------------------------
    PolicySmRestartState restartState() const { return restartState_; }
@@ -169,6 +177,10 @@ class PolicySm : public Vexil::Entity {
    VEXIL_KEY_SET( FloodSetTriple, floodSetBacklog )
    VEXIL_ATTRIBUTE( FloodSetTriple, floodSetBookmark )
    VEXIL_ATTRIBUTE( bool, floodSetBookmarkValid, false )
+   // Members that found no room in the output; tried again like failed hosts.
+   const Vexil::HashMap<ParkedKey, FloodSetTriple>& failedFloodSet() const {
+      return failedFloodSet_;
+   }
    // Makes the timer that works the backlog, due at the next turn.
    void floodSetTimerIs( Ptr<Vexil::Clock> clock );
    // Lets the backlog be worked at the next turn of the event loop.
@@ -198,13 +210,14 @@ class PolicySm : public Vexil::Entity {
    void sourceSmByEnumDel( Source source );
    // The state machine goes, and every registration by value with it.
    void sourceSmDel( const std::string& name );
-   // The source's tables have been replayed: what it no longer has is withdrawn.
+   // The source's tables have been replayed: what was held for it is examined.
    void handleSourceReplayed( Source source );
-   // Queues every output host that stems from the source for review, in slices.
-   void reviewHostsOf( Source source );
-   // How much such a review still has to look at, at the most: slots of the host output and VLANs
-   // of the flood output. 0 when none is under way.
-   uint64_t withdrawalChecksLeft() const;
+   // Queues all of the output for review, in slices, but for what vanished sources keep.
+   void reviewOutput();
+   // How much of that is still to be looked at, at the most: slots of the host output and VLANs of
+   // the flood output. 0 when none is under way.
+   uint64_t withdrawalChecksLeft() const { return sweep_.left(); }
+   const VanishedSources& vanishedSources() const { return vanished_; }
    // A source's table was read too late: changes were lost to us, and all of it is read again.
    void noteOverrun() { ++overruns_; }
    uint64_t overruns() const { return overruns_; }
@@ -216,7 +229,7 @@ class PolicySm : public Vexil::Entity {
    const Ptr<LabelOutput>& labelOutput() const { return output_.label; }
    const Ptr<DestOutput>& destOutput() const { return output_.dest; }
    const Ptr<FloodSetOutput>& floodSet() const { return output_.flood; }
-   const Ptr<Vexil::EntityManager>& entityManager() const { return entityManager_; }
+   const Ptr<Vexil::Clock>& clock() const { return clock_; }
 
  private:
    class SourceDirReactor;
@@ -224,6 +237,7 @@ class PolicySm : public Vexil::Entity {
 
    void handleInitialized();
    void adoptHosts();
+   void adoptFloodSets();
    template<class Table>
    uint64_t adoptObjects( const Table& table );
    void restartStateIs( PolicySmRestartState state );
@@ -236,69 +250,75 @@ class PolicySm : public Vexil::Entity {
    void cleanUpZeroRefs( Seconds end );
    void deleteRow( const ObjTuple& ot );
 
-   // How an input object stood when it, and all below it, was last found to be up to date.
-   struct Verified {
-      PolicySourceSm::ObjectVersion version;
-      unsigned depth; // of the objects below it and itself; a dest has 1
-      bool whole;     // no copy of an object that the source has deleted is among them
+   // What a group's copy comes to: its new row, and the relations that were added on the way.
+   struct Members {
+      LoadBalance newLb;
+      ObjTupleSet newNexts;
+      std::vector<ObjTuple> otUsersAdded;
+      bool changed = false; // a position differs from the old row
+      bool whole = true;
+      unsigned deepest = 0;
    };
-   // How an input object stood when it could not be written, and what processOtas() said then.
-   struct Failed {
-      PolicySourceSm::ObjectVersion version;
-      bool ok;
-   };
-   // The longest chain of objects that is programmed. Real chains have a handful of members; the
-   // bound keeps a source that publishes an endless one from exhausting the stack.
-   static constexpr unsigned maxObjectDepth = 64;
 
-   void processDest( const ObjTupleAndSource& otas, bool forceCreate );
-   bool processLb( const ObjTupleAndSource& otas, bool forceCreate );
-   bool processLabel( const ObjTupleAndSource& otas, bool forceCreate );
    void withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow );
+   bool programHost( const Host& bestHost, Source source, const HostAndSource& oldRow );
+   bool programNext( const Bridging::MacVlanPair& mvp, const ObjTupleAndSource& otas,
+                     const ObjTuple& oldNext, Host& outHost );
    // What a host that is soon to be decided will need: first the index words, then the records.
    void prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const;
    void prefetchHost( const Bridging::MacVlanPair& mvp ) const;
 
-   void noteVerified( const ObjTupleAndSource& otas, const Verified& found );
-   void forgetVerified( const ObjTupleAndSource& otas );
-   bool usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
-                    const ObjTuple& user ) const;
-   bool leadsTo( const ObjTuple& ot, const ObjTuple& target ) const;
-   unsigned depthOf( const ObjTupleAndSource& otas ) const;
-   bool isWhole( const ObjTupleAndSource& otas ) const;
-   void forgetUnwritten( const ObjTupleAndSource& otas, bool hasRow );
+   void processDest( const ObjTupleAndSource& otas, bool forceCreate );
+   bool processLb( const ObjTupleAndSource& otas, bool forceCreate );
+   bool processLabel( const ObjTupleAndSource& otas, bool forceCreate );
+   bool processMembers( const ObjTupleAndSource& otas, const LoadBalance& inLb,
+                        const LoadBalance& oldOutLb, Members& members );
+   bool writeLb( const ObjTupleAndSource& otas, const LoadBalanceAndSource& oldRow,
+                 const Members& members );
+   bool writeLabel( const ObjTupleAndSource& otas, const LabelAndSource& oldRow,
+                    const Label& newOutLabel );
+   void undo( const Members& members );
+   void writeFailed( OutputTable table, const ObjTupleAndSource& otas, bool isNew );
+   void noteDepth( const ObjTuple& ot, unsigned depth );
    void releaseOldNexts( const LoadBalance& oldOutLb, const ObjTupleSet& newNexts,
                          const ObjTuple& outOtForLb );
+   void noteAbsent( const ObjTupleAndSource& otas, bool hasRow );
+   void noteVerified( const ObjTupleAndSource& otas, bool whole );
+   void noteFailed( const ObjTupleAndSource& otas, bool ok );
+   bool hasRoom( Vexil::Room room, OutputTable name, const Vexil::TableBase& table );
+   bool hasRoomForNew( const ObjTupleAndSource& otas, Vexil::Room room, OutputTable name,
+                       const Vexil::TableBase& table );
+   void noteNoId( const ObjTupleAndSource& otas );
+   bool usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt, const ObjTuple& user );
+   bool fits( const ObjTupleAndSource& otas, const ObjTuple& ot, unsigned depth );
+   bool leadsTo( const ObjTuple& ot, const ObjTuple& target );
+   unsigned depthOf( const ObjTuple& ot );
+   bool isWhole( const ObjTupleAndSource& otas ) const;
    void releaseIfUnused( const ObjTuple& ot );
    bool hasOutputRow( const ObjTuple& ot ) const;
    std::vector<ObjTuple> nextsOfRow( const ObjTuple& ot ) const;
+   std::vector<ObjTuple> objectUsersOf( const ObjTuple& ot ) const;
    DestId newDestId( const ObjTupleAndSource& otas );
    LoadBalanceId newLbId( const ObjTupleAndSource& otas );
    LabelId newLabelId( const ObjTupleAndSource& otas );
    void dropMapping( const ObjTupleAndSource& otas );
 
-   const Ptr<ObjTupleUsers>& usersMapIs( const ObjTuple& used );
-   void usersMapDel( const ObjTuple& used );
-   void usersMapDelAll();
    bool isInProcess( const ObjTuple& ot ) const;
    void onZeroRefs( const ObjTuple& ot );
-   bool isUnused( const ObjTuple& ot ) const;
    void cleanUpUnused();
    void onDestZeroRefs( const ObjTuple& ot );
-   void onLabelZeroRefs( const ObjTuple& ot );
    void onLbZeroRefs( const ObjTuple& ot );
+   void onLabelZeroRefs( const ObjTuple& ot );
 
-   void parkedToLists();
-   void reviewOtas( Seconds deadline );
+   bool parkedToLists();
+   bool reviewOtas( Seconds deadline );
+   bool reviewOtas( const ObjTupleAndSource& otas );
+   void endPass();
+   Awaited::FreeRows freeRows() const;
+   bool hasFloodRoom( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac, const Dest& dest );
 
-   void forgetOtasOf( Source source );
-   void startWithdrawal( Source source );
-   void endHold( Source source );
    void handleHoldTimer();
-   void handleWithdrawalTimer();
-   bool queueHostsOfVanished( Seconds deadline );
-   bool queueFloodMembers( Seconds deadline );
-   void queueFloodSets( const Bridging::VlanId& vlan, const VlanFloodSet& sets );
+   void handleSweepTimer();
 
    Ptr<Vexil::EntityManager> entityManager_;
    Ptr<Vexil::Clock> clock_;
@@ -306,24 +326,16 @@ class PolicySm : public Vexil::Entity {
    Ptr<const AgentSourceDir> agentSourceDir_;
    Tables output_;
    std::map<TableType, Ptr<ObjTupleManager>> tupleManager_;
-   Vexil::HashMap<ObjTuple, Ptr<ObjTupleUsers>> usersMap_;
-   Vexil::HashMap<ObjTupleAndSource, Verified> verified_;
-   struct {
-      ObjTupleAndSource otas;
-      PolicySourceSm::ObjectVersion version;
-   } lastVerified_; // hosts that are decided one after the other often lead to one object
-   // Objects that could not be written in this review pass: a million hosts behind a group without
-   // its last member do not each bring the other members into the output and out again.
-   Vexil::HashMap<ObjTupleAndSource, Failed> failedInPass_;
+   OutputUsers users_;
+   ObjectMemo memo_;
+   ObjectDepths depths_;
    std::vector<ObjTupleAndSource> inProcess_; // the path of processOtas calls under way
-   // Relations still to be removed in the cascade under way: (used object, object that used it).
-   std::vector<std::pair<ObjTuple, ObjTuple>> toRelease_;
-   bool releasing_ = false;
-
-   FailureAges<Bridging::MacVlanPair> failingHosts_;
-   FailureAges<ObjTupleAndSource> failingOtas_;
-   uint64_t userCount_ = 0;
-   Ptr<ObjTupleUsers> lastUsers_; // of the object that a host came to use last
+   Obstacle obstacle_;                        // why the entry at work can't be programmed
+   Source obstructed_ = sourceNone_;          // whose host it is
+   Awaited awaited_;
+   bool retried_ = false; // the parked entries are tried in the pass under way
+   bool floodRetried_ = false;
+   Vexil::HashMap<ParkedKey, FloodSetTriple> failedFloodSet_;
    uint64_t retries_ = 0;
    uint64_t overruns_ = 0;
 
@@ -339,10 +351,8 @@ class PolicySm : public Vexil::Entity {
    std::unique_ptr<SourceDirReactor> sourceDirReactor_;
    std::unique_ptr<AgentSourceDirReactor> agentSourceDirReactor_;
 
-   std::map<Source, Seconds> heldUntil_; // vanished sources whose hosts are still unexamined
-   Vexil::KeySet<Source> withdrawing_;   // sources whose output hosts are being queued
-   uint32_t withdrawalSlot_ = 0;         // where in the host output
-   Bridging::VlanId withdrawalVlan_;     // where in the flood output; 0 at its beginning
+   VanishedSources vanished_;
+   OutputSweep sweep_{ *this };
 
    Vexil::TimerReactor reviewTimer_;
    Vexil::TimerReactor hammerReviewTimer_;
@@ -351,7 +361,7 @@ class PolicySm : public Vexil::Entity {
    std::optional<Vexil::TimerReactor> initialSyncTimer_; // steps the restart
    std::optional<Vexil::TimerReactor> floodSetTimer_;
    Vexil::TimerReactor holdTimer_;
-   Vexil::TimerReactor withdrawalTimer_;
+   Vexil::TimerReactor sweepTimer_;
 };
 
 } // namespace L2Rib

@@ -58,9 +58,8 @@ class PolicySourceSm::FloodSetReactor : public Vexil::Reactor<FloodSet> {
 
    // The same for both: the engine finds out which when it works the backlog.
    void handleDestSet( const Dest& dest ) override {
-      TRACE( 0, __PRETTY_FUNCTION__ << " "
-                                    << " vlan: " << vlan_ << " mac: " << mac_
-                                    << " dest: " << dest );
+      TRACE( 0,
+             __PRETTY_FUNCTION__ << "  vlan: " << vlan_ << " mac: " << mac_ << " dest: " << dest );
       if( !sm_.initialized() )
          return;
       sm_.policySm()->floodSetBacklogIs( FloodSetTriple( vlan_, mac_, dest ), true );
@@ -161,21 +160,21 @@ void PolicySourceSm::handleSourceInitialized() {
       policySm_->handleSourceReplayed( sourceEnum() );
 }
 
-// Attaches a table of the source. What another process left there may be anything, or gone by now:
-// then the source has an empty table until it publishes itself anew, and the log says why.
+// A table of the source: that which the entry brings, for it is initialized only when its tables
+// are attached; else that of the path. Null, when it is of another type or there is none: the
+// caller's assertion stops the agent.
 template<class Table>
-Vexil::Ptr<Table> PolicySourceSm::attach( const std::string& path, uint32_t capacity ) {
+Vexil::Ptr<Table> PolicySourceSm::attach( Vexil::Ptr<Table> AttachedTables::*table,
+                                          const std::string& path, uint32_t capacity ) {
+   if( entry_->tables() )
+      return ( *entry_->tables() ).*table;
    // The agent writes the static source's tables itself.
    const auto mode = name_ == "static" ? Table::Mode::write : Table::Mode::read;
    try {
       return entityManager_->mountTable<Table>( path, mode, capacity );
    } catch( const Vexil::TableError& failure ) {
-      if( failure.kind() == Vexil::TableError::mismatch ) {
-         Vexil::log( "source " + name_ + ": " + failure.what() );
-         return nullptr; // a table of another type: the caller's assertion stops the agent
-      }
-      Vexil::log( "source " + name_ + " contributes nothing: " + failure.what() );
-      return Vexil::makeEntity<Table>( 1u );
+      Vexil::log( "source " + name_ + ": " + failure.what() );
+      return nullptr;
    }
 }
 
@@ -185,7 +184,8 @@ void PolicySourceSm::maybeMountTarnTable() {
       return;
    attachment_ = nextAttachment();
 
-   const auto hostTable = attach<HostInput>( entry_->hostTableTarnPath(), entry_->hostTableLen() );
+   const auto hostTable =
+      attach( &AttachedTables::host, entry_->hostTableTarnPath(), entry_->hostTableLen() );
    VEXIL_ASSERT( hostTable );
    hostTable_ = hostTable;
    host_ = std::make_unique<HostTableReactor>( hostTable_, *this );
@@ -195,11 +195,13 @@ void PolicySourceSm::maybeMountTarnTable() {
       return;
    }
    const auto labelTable =
-      attach<LabelTable>( entry_->labelTableTarnPath(), entry_->labelTableLen() );
+      attach( &AttachedTables::label, entry_->labelTableTarnPath(), entry_->labelTableLen() );
    VEXIL_ASSERT( labelTable );
-   const auto lbTable = attach<LoadBalanceTable>( entry_->lbTableTarnPath(), entry_->lbTableLen() );
+   const auto lbTable =
+      attach( &AttachedTables::lb, entry_->lbTableTarnPath(), entry_->lbTableLen() );
    VEXIL_ASSERT( lbTable );
-   const auto destTable = attach<DestTable>( entry_->destTableTarnPath(), entry_->destTableLen() );
+   const auto destTable =
+      attach( &AttachedTables::dest, entry_->destTableTarnPath(), entry_->destTableLen() );
    VEXIL_ASSERT( destTable );
    labelTable_ = labelTable;
    lbTable_ = lbTable;
@@ -224,7 +226,7 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
    if( !destTable_ )
       return { attachment_, 0 };
    return { attachment_,
-            destTable_->journalHead() + lbTable_->journalHead() + labelTable_->journalHead() };
+            destTable_->changesTold() + lbTable_->changesTold() + labelTable_->changesTold() };
 }
 
 Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const {
@@ -325,7 +327,7 @@ void PolicySourceSm::handleOvertaken() {
    attachment_ = nextAttachment(); // the file may be another one
    policySm_->noteOverrun();
    if( initialized_ )
-      policySm_->reviewHostsOf( sourceEnum() );
+      policySm_->reviewOutput();
 }
 
 } // namespace L2Rib

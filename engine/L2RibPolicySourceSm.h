@@ -47,8 +47,8 @@ class PolicySourceSm : public Vexil::Entity {
    // machine is ready.
    Host host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const;
 
-   // Changes whenever any object of the source may have changed: while it stays the same, so does
-   // everything that was computed from the objects.
+   // Changes whenever the engine was told of a change of any object of the source. Nothing is told
+   // while a slice is at work, so it is the same from its beginning to its end.
    struct ObjectVersion {
       uint64_t attachment = 0; // of the tables; unique over all state machines
       uint64_t changes = 0;
@@ -89,7 +89,8 @@ class PolicySourceSm : public Vexil::Entity {
    void maybeMountTarnTable();
    void maybeWriteSourceSmByEnum();
    template<class Table>
-   Vexil::Ptr<Table> attach( const std::string& path, uint32_t capacity );
+   Vexil::Ptr<Table> attach( Vexil::Ptr<Table> AttachedTables::*table, const std::string& path,
+                             uint32_t capacity );
 
    std::string name_;
    Vexil::Ptr<const SourceDirEntry> entry_;

@@ -61,13 +61,12 @@ void PolicySm::handleInitialized() {
    const uint64_t maxLabelId = adoptObjects( *output_.label );
    const uint64_t maxLbId = adoptObjects( *output_.lb );
    const uint64_t maxDestId = adoptObjects( *output_.dest );
-   TRACE( 1, "handleInitialized"
-                << " max IDs found, label: " << maxLabelId << " LB: " << maxLbId
-                << " dest: " << maxDestId );
+   TRACE( 1, "handleInitialized max IDs found, label: " << maxLabelId << " LB: " << maxLbId
+                                                        << " dest: " << maxDestId );
    PolicySmStatus& status = *output_.status;
-   TRACE( 1, "handleInitialized"
-                << " status said label: " << status.maxLabelId() << " LB: " << status.maxLbId()
-                << " dest: " << status.maxDestId() );
+   TRACE( 1, "handleInitialized status said label: " << status.maxLabelId()
+                                                     << " LB: " << status.maxLbId()
+                                                     << " dest: " << status.maxDestId() );
    // What was found may go before the next id is given, and then the status alone tells of it: one
    // that was lost knows it again from now on.
    if( isUntold( maxDestId, status.maxDestId().value() ) )
@@ -82,8 +81,7 @@ void PolicySm::handleInitialized() {
                    highestOutputId );
    tupleManagerIs( tableTypeLabel_, firstFreeId( maxLabelId, status.maxLabelId().value() ),
                    highestOutputId );
-   for( const auto& entry : output_.flood->vlanFloodSet() )
-      queueFloodSets( entry.key, *entry.value );
+   adoptFloodSets();
    handleSource();
    setFloodSetTimer();
    restartStateIs( hostSourceCheck_ );
@@ -96,8 +94,8 @@ void PolicySm::adoptHosts() {
       *output_.host,
       [ this ]( const Bridging::MacVlanPair& mvp ) { hostForSourceCheck_.prefetch( mvp ); },
       [ this ]( const Bridging::MacVlanPair& mvp ) {
-         TRACE( 9, "handleInitialized"
-                      << " adding " << mvpStr( mvp ) << " to source check and initial sync list" );
+         TRACE( 9, "handleInitialized adding " << mvpStr( mvp )
+                                               << " to source check and initial sync list" );
          hostForSourceCheckIs( mvp, true );
       } );
    hostForInitialSync_ = hostForSourceCheck_.copy();
@@ -109,19 +107,25 @@ uint64_t PolicySm::adoptObjects( const Table& table ) {
    uint64_t maxId = 0;
    table.forEachKey( [ & ]( const auto& id ) {
       const ObjTuple ot( id );
-      TRACE( 9, "handleInitialized"
-                   << " adding " << ot << " to source check and initial sync list" );
+      TRACE( 9, "handleInitialized adding " << ot << " to source check and initial sync list" );
       otForSourceCheckIs( ot, true );
       maxId = std::max( maxId, id.value() );
    } );
    return maxId;
 }
 
+// Every found member is judged anew.
+void PolicySm::adoptFloodSets() {
+   for( const auto& sets : output_.flood->vlanFloodSet() )
+      for( const auto& set : sets.value->floodSet() )
+         for( const auto& member : set.value->destSet() )
+            floodSetBacklogIs( FloodSetTriple( sets.key, set.key, member.key ), true );
+}
+
 // --- the slices --------------------------------------------------------------------------------
 
 void PolicySm::restartStateIs( PolicySmRestartState state ) {
-   TRACE( 1, "restartState"
-                << " from " << restartState_ << " to " << state );
+   TRACE( 1, "restartState from " << restartState_ << " to " << state );
    restartState_ = state;
    if( state == running_ )
       restartDuration_ = clock_->now() - restartBegan_;
@@ -172,16 +176,14 @@ void PolicySm::handleInitialSyncTimer() {
 
 // Decides the found hosts anew. True when all have been and the slice has time left.
 bool PolicySm::scanHosts( Seconds end ) {
-   TRACE( 0, "handleInitialSyncTimer"
-                << " running host initial sync" );
+   TRACE( 0, "handleInitialSyncTimer running host initial sync" );
    const auto hosts = walkSlice(
       hostForInitialSync(), hostForInitialSyncBookmark(), *clock_, end,
       [ & ]( const Bridging::MacVlanPair& mvp ) {
-         TRACE( 0, "handleInitialSyncTimer"
-                      << " checking host " << mvpStr( mvp ) );
+         TRACE( 0, "handleInitialSyncTimer checking host " << mvpStr( mvp ) );
          if( !processHost( mvp ) ) {
-            TRACE( 0, "handleInitialSyncTimer"
-                         << " failed to process host " << mvpStr( mvp ) << " during initial sync" );
+            TRACE( 0, "handleInitialSyncTimer failed to process host " << mvpStr( mvp )
+                                                                       << " during initial sync" );
             return false;
          }
          hostForInitialSyncDel( mvp );
@@ -195,13 +197,11 @@ bool PolicySm::scanHosts( Seconds end ) {
       return false;
    }
    if( hosts.timedOut ) {
-      TRACE( 0, "handleInitialSyncTimer"
-                   << " ending review run after " << hosts.count << " hosts" );
+      TRACE( 0, "handleInitialSyncTimer ending review run after " << hosts.count << " hosts" );
       hostForInitialSyncBookmarkIs( hosts.bookmark );
    }
    if( hosts.atEnd ) {
-      TRACE( 0, "handleInitialSyncTimer"
-                   << " host check complete with " << hosts.count << " hosts" );
+      TRACE( 0, "handleInitialSyncTimer host check complete with " << hosts.count << " hosts" );
       restartStateIs( zeroRefCleanup_ );
    }
    if( hosts.timedOut )
@@ -211,23 +211,21 @@ bool PolicySm::scanHosts( Seconds end ) {
 
 // Carries out the deletes that were deferred until all hosts had been decided.
 void PolicySm::cleanUpZeroRefs( Seconds end ) {
-   TRACE( 0, "handleInitialSyncTimer"
-                << " running zero ref cleanup check" );
-   const auto objects =
-      walkSlice( otForZeroRefCleanup(), otForZeroRefCleanupBookmark(), *clock_, end,
-                 [ & ]( const ObjTuple& ot ) {
-                    TRACE( 0, "handleInitialSyncTimer"
-                                 << " checking OT " << ot << " for zero ref cleanup" );
-                    handleZeroRefCleanupCheck( ot );
-                    otForZeroRefCleanupDel( ot );
-                 } );
+   TRACE( 0, "handleInitialSyncTimer running zero ref cleanup check" );
+   const auto objects = walkSlice( otForZeroRefCleanup(), otForZeroRefCleanupBookmark(), *clock_,
+                                   end, [ & ]( const ObjTuple& ot ) {
+                                      TRACE( 0, "handleInitialSyncTimer checking OT "
+                                                   << ot << " for zero ref cleanup" );
+                                      handleZeroRefCleanupCheck( ot );
+                                      otForZeroRefCleanupDel( ot );
+                                   } );
    otForZeroRefCleanupBookmarkIs( objects.bookmark );
    if( objects.timedOut ) {
-      TRACE( 0, "handleInitialSyncTimer"
-                   << " ending review for zero ref after " << objects.count << " OTs" );
+      TRACE( 0, "handleInitialSyncTimer ending review for zero ref after " << objects.count
+                                                                           << " OTs" );
       if( objects.atEnd ) {
-         TRACE( 0, "handleInitialSyncTimer"
-                      << " OT zero ref check complete with " << objects.count << " hosts" );
+         TRACE( 0, "handleInitialSyncTimer OT zero ref check complete with " << objects.count
+                                                                             << " hosts" );
          restartStateIs( running_ );
          // A slice that has run out of time asks for no review, and nobody else may for long:
          // what was queued meanwhile is looked after in a turn of its own.
@@ -236,8 +234,7 @@ void PolicySm::cleanUpZeroRefs( Seconds end ) {
       maybeRescheduleInitialSyncReview();
       return;
    }
-   TRACE( 0, "handleInitialSyncTimer"
-                << " OT zero ref check complete with " << objects.count << " OTs" );
+   TRACE( 0, "handleInitialSyncTimer OT zero ref check complete with " << objects.count << " OTs" );
    restartStateIs( running_ );
    maybeRescheduleHostReview();
 }
@@ -254,14 +251,12 @@ bool PolicySm::handleSourceCheck( const Seconds& start, const Seconds& end ) {
       return false;
    otForSourceCheckBookmarkIs( Util::objTupleInvalid() );
    if( detectedInconsistentTables() ) {
-      TRACE( 0, "handleSourceCheck"
-                   << " tables were inconsistent!" );
+      TRACE( 0, "handleSourceCheck tables were inconsistent!" );
       handleTablesInconsistent();
       return true;
    }
    VEXIL_ASSERT( restartState() == initialHostScan_ );
-   TRACE( 0, "handleSourceCheck"
-                << " done with initial sync of back pointers" );
+   TRACE( 0, "handleSourceCheck done with initial sync of back pointers" );
    return true;
 }
 
@@ -271,8 +266,7 @@ bool PolicySm::checkHosts( Seconds end ) {
    const auto hosts = walkSlice(
       hostForSourceCheck(), hostForSourceCheckBookmark(), *clock_, end,
       [ & ]( const Bridging::MacVlanPair& mvp ) {
-         TRACE( 0, "handleSourceCheck"
-                      << " checking host " << mvpStr( mvp ) );
+         TRACE( 0, "handleSourceCheck checking host " << mvpStr( mvp ) );
          const HostAndSource outHost = output_.host->host( mvp );
          VEXIL_ASSERT( outHost.key() == mvp && outHost.key() != Util::mvpInvalid() );
          const ObjTuple ot = outHost.next();
@@ -287,12 +281,10 @@ bool PolicySm::checkHosts( Seconds end ) {
       [ & ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchRecord( mvp.hash() ); },
       [ & ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchIndex( mvp.hash() ); } );
    if( hosts.timedOut )
-      TRACE( 0, "handleSourceCheck"
-                   << " ending host review run after " << hosts.count << " hosts" );
+      TRACE( 0, "handleSourceCheck ending host review run after " << hosts.count << " hosts" );
    hostForSourceCheckBookmarkIs( hosts.timedOut ? hosts.bookmark : Util::mvpInvalid() );
    if( hosts.atEnd || hosts.stopped ) {
-      TRACE( 0, "handleSourceCheck"
-                   << " host check complete with " << hosts.count << " hosts this run" );
+      TRACE( 0, "handleSourceCheck host check complete with " << hosts.count << " hosts this run" );
       restartStateIs( otSourceCheck_ );
    }
    return !hosts.timedOut;
@@ -305,12 +297,11 @@ bool PolicySm::checkObjects( Seconds end ) {
                                    [ & ]( const ObjTuple& ot ) { checkObject( ot ); } );
    objectsChecked_ += objects.count;
    if( objects.timedOut )
-      TRACE( 0, "handleSourceCheck"
-                   << " ending OT source review run after " << objects.count << " OTs" );
+      TRACE( 0, "handleSourceCheck ending OT source review run after " << objects.count << " OTs" );
    otForSourceCheckBookmarkIs( objects.bookmark );
    if( objects.atEnd ) {
-      TRACE( 0, "handleSourceCheck"
-                   << " OT source check complete with " << objects.count << " OTs this run" );
+      TRACE( 0, "handleSourceCheck OT source check complete with " << objects.count
+                                                                   << " OTs this run" );
       restartStateIs( otFloatCheck_ );
    }
    return !objects.timedOut;
@@ -325,8 +316,7 @@ void PolicySm::checkObject( const ObjTuple& ot ) {
    switch( ot.tableType() ) {
    case tableTypeDest_: {
       const DestId destId = ot.destId();
-      TRACE( 0, "handleSourceCheck"
-                   << " checking dest " << destId );
+      TRACE( 0, "handleSourceCheck checking dest " << destId );
       const DestAndSource das = output_.dest->dest( destId );
       VEXIL_ASSERT( das.key() == destId );
       sourceOtas = das.sourceOtas();
@@ -334,8 +324,7 @@ void PolicySm::checkObject( const ObjTuple& ot ) {
    }
    case tableTypeLabel_: {
       const LabelId labelId = ot.labelId();
-      TRACE( 0, "handleSourceCheck"
-                   << " checking label " << labelId );
+      TRACE( 0, "handleSourceCheck checking label " << labelId );
       const LabelAndSource las = output_.label->label( labelId );
       VEXIL_ASSERT( las.key() == labelId );
       useNext( las.label().next() );
@@ -344,13 +333,11 @@ void PolicySm::checkObject( const ObjTuple& ot ) {
    }
    case tableTypeLoadBalance_: {
       const LoadBalanceId lbId = ot.lbId();
-      TRACE( 0, "handleSourceCheck"
-                   << " checking LB " << lbId );
+      TRACE( 0, "handleSourceCheck checking LB " << lbId );
       const LoadBalanceAndSource lbas = output_.lb->lb( lbId );
       VEXIL_ASSERT( lbas.key() == lbId );
       if( lbas.lb().nexts() == 0 ) {
-         TRACE( 0, "handleSourceCheck"
-                      << " no next pointers on LB!!" );
+         TRACE( 0, "handleSourceCheck no next pointers on LB!!" );
          detectedInconsistentTablesIs( true );
       }
       for( uint32_t i = 0; i < lbas.lb().nexts(); ++i )
@@ -367,13 +354,11 @@ void PolicySm::checkObject( const ObjTuple& ot ) {
 
 // An object that nothing uses is left over from a change that was never finished.
 bool PolicySm::checkFloating( Seconds end ) {
-   TRACE( 0, "handleSourceCheck"
-                << " doing float check" );
+   TRACE( 0, "handleSourceCheck doing float check" );
    const auto objects = walkSlice( otForSourceCheck(), otForSourceCheckBookmark(), *clock_, end,
                                    [ & ]( const ObjTuple& ot ) {
-                                      if( isUnused( ot ) ) {
-                                         TRACE( 0, "handleSourceCheck"
-                                                      << "  no users for " << ot );
+                                      if( users_.isUnused( ot ) ) {
+                                         TRACE( 0, "handleSourceCheck  no users for " << ot );
                                          detectedInconsistentTablesIs( true );
                                          return false;
                                       }
@@ -381,12 +366,10 @@ bool PolicySm::checkFloating( Seconds end ) {
                                       return true;
                                    } );
    if( objects.timedOut )
-      TRACE( 0, "handleSourceCheck"
-                   << " ending review run after " << objects.count << " OTs" );
+      TRACE( 0, "handleSourceCheck ending review run after " << objects.count << " OTs" );
    otForSourceCheckBookmarkIs( objects.bookmark );
    if( objects.atEnd || objects.stopped ) {
-      TRACE( 0, "handleSourceCheck"
-                   << " OT check complete with " << objects.count << " OTs this run" );
+      TRACE( 0, "handleSourceCheck OT check complete with " << objects.count << " OTs this run" );
       restartStateIs( initialHostScan_ );
    }
    return !objects.timedOut;
@@ -401,15 +384,13 @@ bool PolicySm::existsForSourceCheck( const ObjTuple& ot ) {
 bool PolicySm::requireNext( const ObjTuple& next ) {
    if( existsForSourceCheck( next ) )
       return true;
-   TRACE( 0, "handleSourceCheck"
-                << " next object " << next << " does not exist!!!" );
+   TRACE( 0, "handleSourceCheck next object " << next << " does not exist!!!" );
    detectedInconsistentTablesIs( true );
    return false;
 }
 
 void PolicySm::restoreMapping( const ObjTupleAndSource& sourceOtas, const ObjTuple& outputOt ) {
-   TRACE( 0, "restoreMapping"
-                << " between " << sourceOtas << " and " << outputOt );
+   TRACE( 0, "restoreMapping between " << sourceOtas << " and " << outputOt );
    VEXIL_ASSERT( restartState() == otSourceCheck_ );
    VEXIL_ASSERT( outputOt.tableType() == sourceOtas.tableType() );
    // Two rows that stand for one input object contradict each other as well.
@@ -439,9 +420,8 @@ void PolicySm::handleTablesInconsistent() {
       manager->inputToOutputDelAll();
       manager->outputToInputDelAll();
    }
-   verified_.clear();
-   lastVerified_ = {};
-   failedInPass_.clear();
+   memo_.clear();
+   depths_.clear();
    hostForSourceCheckDelAll();
    otForSourceCheckDelAll();
    restartStateIs( running_ );
@@ -482,8 +462,7 @@ void PolicySm::delOtForInconsistency( const ObjTuple& ot ) {
       }
       TRACE( 0, __PRETTY_FUNCTION__ << " for " << step.ot );
       if( objTupleForLoopCheck( step.ot ) ) {
-         TRACE( 0, "delOtForInconsistency"
-                      << " found loop at " << step.ot );
+         TRACE( 0, "delOtForInconsistency found loop at " << step.ot );
          continue;
       }
       objTupleForLoopCheckIs( step.ot, true );

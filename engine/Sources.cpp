@@ -1,15 +1,12 @@
 // The sources: which state machines exist, and what becomes of a source that vanishes.
 //
-// A source that vanishes leaves its hosts in the output: it is likely to come back, and readers
-// should not notice. They are examined when it is back and has replayed its tables, or when
-// sourceHoldTime has passed: each output host that stems from it is queued for review, and the
-// review withdraws what no source has any more.
+// A source that vanishes leaves its hosts and flood members in the output. They are examined when
+// it is back and has replayed its tables, or when its hold is over (VanishedSources): then all of
+// the output is queued for review (OutputSweep), and the review withdraws what no source has any
+// more.
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
-#include "engine/SliceWalk.h"
 #include "engine/SourceReactors.h"
-
-#include <algorithm>
 
 namespace L2Rib {
 
@@ -64,44 +61,36 @@ void PolicySm::handleSource( const std::string& sourceName ) {
       entry = externalSource;
       type = "external";
    }
-   TRACE( 1, "handleSource"
-                << " SDE for " << sourceName << " is " << entryStr( entry.get() ) << " type is "
-                << type );
+   TRACE( 1, "handleSource SDE for " << sourceName << " is " << entryStr( entry.get() )
+                                     << " type is " << type );
    Ptr<PolicySourceSm> sm = sourceSm( sourceName );
    if( !entry ) {
-      TRACE( 1, "handleSource"
-                   << " no sourceDirEntry found for " << sourceName );
+      TRACE( 1, "handleSource no sourceDirEntry found for " << sourceName );
       if( sm ) {
-         TRACE( 1, "handleSource"
-                      << " deleting SM" );
+         TRACE( 1, "handleSource deleting SM" );
          sourceSmDel( sourceName );
          setFloodSetOutputType();
       }
       return;
    }
    if( sm ) {
-      TRACE( 1, "handleSource"
-                   << " found SM for " << sourceName << " checking for changes" );
+      TRACE( 1, "handleSource found SM for " << sourceName << " checking for changes" );
       VEXIL_ASSERT( sm->source()->name() == sourceName );
       if( sm->source() == entry &&
           sm->source()->hostTableTarnPath() == entry->hostTableTarnPath() &&
           sm->source()->hostTableLen() == entry->hostTableLen() &&
           sm->source()->source() == entry->source() ) {
-         TRACE( 1, "handleSource"
-                      << " no change in source" );
+         TRACE( 1, "handleSource no change in source" );
          return;
       }
-      TRACE( 1, "handleSource"
-                   << " source has changed, deleting and recreating SM" );
+      TRACE( 1, "handleSource source has changed, deleting and recreating SM" );
       sourceSmDel( sourceName );
    }
-   TRACE( 1, "handleSource"
-                << " creating SM for " << sourceName );
+   TRACE( 1, "handleSource creating SM for " << sourceName );
    sm = sourceSmIs( sourceName, entry, this, entityManager_ );
    setFloodSetOutputType();
    VEXIL_ASSERT( sm );
-   TRACE( 1, "handleSource"
-                << " SM is " << sm->name() << " total SMs now is " << sourceSm_.size() );
+   TRACE( 1, "handleSource SM is " << sm->name() << " total SMs now is " << sourceSm_.size() );
 }
 
 Vexil::Ptr<PolicySourceSm> PolicySm::sourceSmIs( const std::string& name,
@@ -144,97 +133,37 @@ void PolicySm::sourceSmDel( const std::string& name ) {
 }
 
 void PolicySm::sourceSmByEnumDel( Source source ) {
+   const Ptr<PolicySourceSm> leaving = sourceSmByEnum( source );
    sourceSmByEnum_.erase( source );
-   forgetOtasOf( source );
-   heldUntil_[ source ] = clock_->now() + sourceHoldTime();
-   holdTimer_.timeMinIs( std::min( holdTimer_.timeMin(), heldUntil_[ source ] ) );
-}
-
-// Nobody can say any more what these objects are. Copies that are in the output stay; an id that
-// was given to one that never got there has been kept for the next try.
-void PolicySm::forgetOtasOf( Source source ) {
-   for( const auto& [ tableType, manager ] : tupleManager_ )
-      for( auto at = manager->inputToOutput().begin(); at != manager->inputToOutput().end(); ++at )
-         if( const auto [ otas, ot ] = *at; otas.source() == source )
-            forgetUnwritten( otas, hasOutputRow( ot ) );
-   for( auto at = otasList_.begin(); at != otasList_.end(); ++at )
-      if( at->key.source() == source )
-         otasListDel( at->key );
-   failingOtas_.forget(
-      [ & ]( const ObjTupleAndSource& otas ) { return otas.source() == source; } );
-   for( auto at = failedOtas_.begin(); at != failedOtas_.end(); ++at )
-      if( at->key.source() == source )
-         failedOtasDel( at->key );
+   if( !leaving )
+      return;
+   if( leaving->ready() ) {
+      vanished_.sourceIs( source, leaving->source(), clock_->now(), sourceHoldTime() );
+      holdTimer_.timeMinIs( vanished_.nextEnd() );
+   } else { // it has said that its tables count no more, and is held for nothing
+      reviewOutput();
+   }
 }
 
 void PolicySm::handleSourceReplayed( Source source ) {
-   if( heldUntil_.contains( source ) )
-      endHold( source );
-}
-
-void PolicySm::endHold( Source source ) {
-   heldUntil_.erase( source );
-   reviewHostsOf( source );
+   if( vanished_.sourceDel( source ) )
+      reviewOutput();
 }
 
 void PolicySm::handleHoldTimer() {
-   const Seconds now = clock_->now();
-   Seconds next = Vexil::never;
-   for( const auto held = heldUntil_; const auto& [ source, until ] : held ) {
-      if( until <= now )
-         endHold( source );
-      else
-         next = std::min( next, until );
-   }
-   holdTimer_.timeMinIs( next );
+   if( vanished_.endHolds( clock_->now() ) )
+      reviewOutput();
+   holdTimer_.timeMinIs( vanished_.nextEnd() );
 }
 
-void PolicySm::reviewHostsOf( Source source ) {
-   withdrawing_.emplace( source );
-   withdrawalSlot_ = 0; // for all of them, from the start
-   withdrawalVlan_ = Bridging::VlanId();
-   withdrawalTimer_.timeMinIs( 0 );
+void PolicySm::reviewOutput() {
+   sweep_.request();
+   sweepTimer_.timeMinIs( 0 );
 }
 
-uint64_t PolicySm::withdrawalChecksLeft() const {
-   if( withdrawing_.empty() )
-      return 0;
-   const uint32_t slots = output_.host->slotCount();
-   return slots - std::min( withdrawalSlot_, slots ) + output_.flood->vlanFloodSet().size() + 1;
-}
-
-// A slice of the two walks, over the host output in memory order and over the flood output. Which
-// source a flood member stems from is not recorded, so all members are judged anew.
-void PolicySm::handleWithdrawalTimer() {
-   if( withdrawing_.empty() ) // the timer's first firing
-      return;
-   const Seconds deadline = clock_->now() + reviewQuantum();
-   if( queueHostsOfVanished( deadline ) && queueFloodMembers( deadline ) )
-      withdrawing_.clear();
-   else
-      withdrawalTimer_.timeMinIs( 0 );
-}
-
-// Returns whether the walk is at its end.
-bool PolicySm::queueHostsOfVanished( Seconds deadline ) {
-   constexpr uint32_t step = 256; // slots between two looks at the clock
-   while( withdrawalSlot_ < output_.host->slotCount() ) {
-      const auto row = output_.host->inSlot( withdrawalSlot_++ );
-      if( row && withdrawing_.contains( row->source() ) )
-         handleHost( row->key() );
-      if( withdrawalSlot_ % step == 0 && clock_->now() > deadline )
-         return false;
-   }
-   return true;
-}
-
-bool PolicySm::queueFloodMembers( Seconds deadline ) {
-   const auto slice = walkSlice( output_.flood->vlanFloodSet(), withdrawalVlan_, *clock_, deadline,
-                                 [ this ]( const Bridging::VlanId& vlan ) {
-                                    queueFloodSets( vlan, *output_.flood->vlanFloodSet( vlan ) );
-                                 } );
-   withdrawalVlan_ = slice.bookmark;
-   return slice.atEnd;
+void PolicySm::handleSweepTimer() {
+   if( sweep_.work( clock_->now() + reviewQuantum() ) )
+      sweepTimer_.timeMinIs( 0 );
 }
 
 } // namespace L2Rib

@@ -12,33 +12,6 @@ namespace L2Rib {
    VEXIL_ASSERT( ( otUser != Util::objTupleInvalid() && mvpUser == Util::mvpInvalid() ) ||         \
                  ( otUser == Util::objTupleInvalid() && mvpUser != Util::mvpInvalid() ) )
 
-Vexil::Ptr<ObjTupleUsers> PolicySm::usersMap( const ObjTuple& used ) const {
-   if( lastUsers_ && lastUsers_->used() == used )
-      return lastUsers_;
-   const Ptr<ObjTupleUsers>* found = usersMap_.find( used );
-   return found ? *found : nullptr;
-}
-
-const Vexil::Ptr<ObjTupleUsers>& PolicySm::usersMapIs( const ObjTuple& used ) {
-   if( const Ptr<ObjTupleUsers>* present = usersMap_.find( used ) )
-      return *present;
-   return *usersMap_.emplace( used, Vexil::makeEntity<ObjTupleUsers>( used ) ).first;
-}
-
-void PolicySm::usersMapDelAll() {
-   usersMap_.clear();
-   lastUsers_ = nullptr;
-   userCount_ = 0;
-}
-
-void PolicySm::usersMapDel( const ObjTuple& used ) {
-   if( const Ptr<ObjTupleUsers> otu = usersMap( used ) )
-      userCount_ -= otu->size();
-   if( lastUsers_ && lastUsers_->used() == used )
-      lastUsers_ = nullptr;
-   usersMap_.erase( used );
-}
-
 void PolicySm::addUser( const ObjTuple& otUsed, const ObjTuple& otUser,
                         const Bridging::MacVlanPair& mvpUser ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " user is OT " << otUser << " or MVP " << mvpStr( mvpUser )
@@ -47,20 +20,12 @@ void PolicySm::addUser( const ObjTuple& otUsed, const ObjTuple& otUser,
    ASSERT_ONE_USER();
    Ptr<ObjTupleUsers> otu = usersMap( otUsed );
    if( !otu ) {
-      TRACE( 0, "addUser"
-                   << " instantiating new otu for " << otUsed );
+      TRACE( 0, "addUser instantiating new otu for " << otUsed );
       otu = usersMapIs( otUsed );
    }
    VEXIL_ASSERT( otu && otu->used() == otUsed );
    VEXIL_ASSERT( usersMap( otUsed ) == otu );
-   const size_t before = otu->size();
-   if( otUser == Util::objTupleInvalid() ) {
-      otu->mvpUserIs( mvpUser, true );
-      lastUsers_ = otu;
-   } else {
-      otu->otUserIs( otUser, true );
-   }
-   userCount_ += otu->size() - before; // the relation may have been there
+   users_.userIs( otu, otUser, mvpUser );
 }
 
 bool PolicySm::isUser( const ObjTuple& otUsed, const ObjTuple& otUser,
@@ -89,21 +54,16 @@ void PolicySm::rmUser( const ObjTuple& otUsed, const ObjTuple& otUser,
       VEXIL_ASSERT( !otu || !otu->otUser( otUser ) );
       return;
    }
-   if( otUser == Util::objTupleInvalid() ) {
+   if( otUser == Util::objTupleInvalid() )
       VEXIL_ASSERT( otu->mvpUser( mvpUser ) );
-      otu->mvpUserDel( mvpUser );
-   } else {
+   else
       VEXIL_ASSERT( otu->otUser( otUser ) );
-      otu->otUserDel( otUser );
-   }
-   --userCount_;
+   users_.userDel( *otu, otUser, mvpUser );
    if( !otu->empty() )
       return;
-   TRACE( 0, "rmUser"
-                << " no users left for " << otUsed );
+   TRACE( 0, "rmUser no users left for " << otUsed );
    if( restartState() < zeroRefCleanup_ ) {
-      TRACE( 0, "rmUser"
-                   << " deferring delete of " << otUsed << " until after initial sync complete" );
+      TRACE( 0, "rmUser deferring delete of " << otUsed << " until after initial sync complete" );
       otForZeroRefCleanupIs( otUsed, true );
    } else if( isInProcess( otUsed ) ) {
       otForZeroRefCleanupIs( otUsed, true ); // whoever is at work on it may be about to use it
@@ -120,18 +80,14 @@ bool PolicySm::isInProcess( const ObjTuple& ot ) const {
              inProcess_.end();
 }
 
-bool PolicySm::isUnused( const ObjTuple& ot ) const {
-   const Ptr<ObjTupleUsers> otu = usersMap( ot );
-   return !otu || otu->empty();
-}
-
 // Carries out a deferred delete, unless a user has come back.
 void PolicySm::handleZeroRefCleanupCheck( const ObjTuple& ot ) {
    VEXIL_ASSERT( ot != Util::objTupleInvalid() );
-   if( !isUnused( ot ) || !hasOutputRow( ot ) ) // it may have gone with another one meanwhile
+   if( !users_.isUnused( ot ) ||
+       !hasOutputRow( ot ) ) // it may have gone with another one meanwhile
       return;
-   TRACE( 0, "handleZeroRefCleanupCheck"
-                << " no users left for " << ot << " handling deferred delete now" );
+   TRACE( 0,
+          "handleZeroRefCleanupCheck no users left for " << ot << " handling deferred delete now" );
    onZeroRefs( ot );
 }
 
@@ -145,15 +101,14 @@ void PolicySm::cleanUpUnused() {
 }
 
 // Deletes an object that has lost its last user, and releases what it pointed to: parents before
-// children, one child and all below it before the next child. A chain may be long, so the relations
-// to remove wait on a stack of our own and not on the processor's.
+// children, one child and all below it before the next child.
 void PolicySm::onZeroRefs( const ObjTuple& ot ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << ot );
-   TRACE( 8, "onZeroRefs"
-                << " deleting otu for " << ot );
+   TRACE( 8, "onZeroRefs deleting otu for " << ot );
    usersMapDel( ot );
    const Ptr<ObjTupleManager>& manager = tupleManager( ot.tableType() );
-   forgetVerified( manager->outputToInput( ot ) );
+   memo_.forget( manager->outputToInput( ot ) );
+   depths_.depthDel( ot );
    manager->delOutputOt( ot );
    switch( ot.tableType() ) {
    case tableTypeLoadBalance_:
@@ -168,15 +123,11 @@ void PolicySm::onZeroRefs( const ObjTuple& ot ) {
    default:
       VEXIL_ASSERT( 0 );
    }
-   if( releasing_ )
-      return; // the outermost call works the stack off
-   releasing_ = true;
-   while( !toRelease_.empty() ) {
-      const auto [ used, user ] = toRelease_.back();
-      toRelease_.pop_back();
-      rmUser( used, user, Util::mvpInvalid() );
-   }
-   releasing_ = false;
+   if( !users_.beginCascade() )
+      return; // the outermost call works it off
+   while( const auto release = users_.nextRelease() )
+      rmUser( release->used, release->user, Util::mvpInvalid() );
+   users_.endCascade();
 }
 
 void PolicySm::onDestZeroRefs( const ObjTuple& ot ) {
@@ -190,7 +141,7 @@ void PolicySm::onLabelZeroRefs( const ObjTuple& ot ) {
    const LabelAndSource row = output_.label->label( ot.labelId() );
    output_.label->labelDel( ot.labelId() );
    if( row.key() == ot.labelId() )
-      toRelease_.emplace_back( row.label().next(), ot );
+      users_.releaseIs( row.label().next(), ot );
 }
 
 void PolicySm::onLbZeroRefs( const ObjTuple& ot ) {
@@ -203,7 +154,7 @@ void PolicySm::onLbZeroRefs( const ObjTuple& ot ) {
    for( size_t i = nexts.size(); i-- > 0; )
       if( std::find( nexts.begin(), nexts.begin() + static_cast<ptrdiff_t>( i ), nexts[ i ] ) ==
           nexts.begin() + static_cast<ptrdiff_t>( i ) )
-         toRelease_.emplace_back( nexts[ i ], ot );
+         users_.releaseIs( nexts[ i ], ot );
 }
 
 } // namespace L2Rib

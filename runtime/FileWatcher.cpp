@@ -22,7 +22,8 @@ constexpr Seconds lookAgainAfter = 1; // for a folder that was removed
 FileWatcher::FileWatcher( ActivityManager& loop, Seconds quantum )
    : loop_( loop ), quantum_( quantum ), inotify_( inotify_init1( IN_NONBLOCK | IN_CLOEXEC ) ),
      goOn_( loop.clock(), [ this ] { pollTables(); } ),
-     lookForLost_( loop.clock(), [ this ] { lookForLost(); } ) {
+     lookForLost_( loop.clock(), [ this ] { lookForLost(); } ),
+     endOfTurnWork_( loop.atEndOfTurn( [ this ] { left_ = quantum_; } ) ) {
    if( inotify_ < 0 )
       throw std::system_error( errno, std::generic_category(), "inotify_init1" );
    loop_.watch( inotify_, [ this ] {
@@ -69,7 +70,10 @@ void FileWatcher::dropUnused() {
 
 void FileWatcher::pollTables() {
    dropUnused();
-   const Seconds deadline = loop_.clock()->now() + quantum_;
+   if( left_ <= 0 ) // a timer that is armed within a turn may fire in it
+      return goOn_.timeMinIs( 0 );
+   const Seconds start = loop_.clock()->now();
+   const Seconds deadline = start + left_;
    bool more = false;
    // By index: a reactor may follow another table.
    for( size_t i = 0; i < tables_.size(); ++i ) {
@@ -82,6 +86,7 @@ void FileWatcher::pollTables() {
          more = true;
       }
    }
+   left_ -= loop_.clock()->now() - start;
    if( more )
       goOn_.timeMinIs( 0 );
 }

@@ -5,6 +5,8 @@
 // byte, and the watcher, once woken, looks at all tables, drains the inotify descriptor, and looks
 // at all tables again. A ring that comes after the draining leaves the descriptor readable. The
 // first look, before the draining, is there for speed alone.
+//
+// What is left when the time of a turn is used up is read on in the next one.
 #pragma once
 
 #include "runtime/ActivityManager.h"
@@ -12,6 +14,7 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,8 +22,9 @@ namespace Vexil {
 
 class FileWatcher {
  public:
-   // Tables are polled for at most quantum seconds a turn.
-   explicit FileWatcher( ActivityManager& loop, Seconds quantum = 0.05 );
+   // Tables are polled for at most quantum seconds a turn, a batch of each of them apart: little
+   // beside the slices of whoever works on what they say.
+   explicit FileWatcher( ActivityManager& loop, Seconds quantum = 0.01 );
    ~FileWatcher();
    FileWatcher( const FileWatcher& ) = delete;
    FileWatcher& operator=( const FileWatcher& ) = delete;
@@ -57,12 +61,14 @@ class FileWatcher {
 
    ActivityManager& loop_;
    Seconds quantum_;
+   Seconds left_ = quantum_; // of this turn
    int inotify_ = -1;
    std::vector<Followed> tables_;
    std::multimap<int, Folder> folders_; // by inotify watch
    std::vector<Folder> lost_;           // those that are gone
    TimerReactor goOn_;                  // a poll that ran out of its quantum
    TimerReactor lookForLost_;           // while there are any
+   std::shared_ptr<void> endOfTurnWork_;
 };
 
 } // namespace Vexil

@@ -21,12 +21,20 @@
 #include "runtime/TableWriter.h"
 #include "runtime/Trace.h"
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
 namespace Vexil {
+
+// A table of so many slots is copied in one go when it has to grow: that takes some milliseconds.
+#ifdef VEXIL_TEST_HOOKS
+inline uint32_t slotsCopiedAtOnce = 65536;
+#else
+constexpr uint32_t slotsCopiedAtOnce = 65536;
+#endif
 
 // Whether a table takes one more record.
 enum class Room {
@@ -52,6 +60,8 @@ class TableBase : public Entity {
    // been delivered; 0 while all keys are being walked.
    virtual uint64_t journalHead() const = 0;
    virtual uint64_t journalCursor() const = 0;
+   // How many of the changes have been delivered: grows with each, in a walk over all keys too.
+   virtual uint64_t changesTold() const = 0;
    uint64_t overruns() const { return overruns_; }
 
    // Records that the table was found corrupt: a line in the log for each new message, and a count.
@@ -90,9 +100,9 @@ class SharedTable : public TableBase {
       : spec_( spec ), mapping_( TableMapping::anonymous( spec, capacity ) ), table_( *mapping_ ) {}
 
    enum class Mode { read, write };
-   // Mode::write: the existing file with its content recovered, brought to capacity (at least to
-   // its number of records), or a new one. Mode::read: the existing file; capacity is not looked
-   // at. Throws TableError.
+   // Mode::write: the existing file with its content recovered, brought to that capacity if it has
+   // less, or a new one. Mode::read: the existing file; capacity is not looked at. Throws
+   // TableError.
    SharedTable( const TableSpec& spec, const std::string& path, Mode mode, uint32_t capacity = 0 )
       : spec_( spec ) {
       if( mode == Mode::write )
@@ -182,20 +192,34 @@ class SharedTable : public TableBase {
          return journalHead(); // delivered at the time of the change
       return walkingAt_ ? 0 : cursor_;
    }
+   uint64_t changesTold() const override { return writable() ? journalHead() : cursor_; }
    bool writable() const { return mapping_->writable(); }
 
    // --- writing -------------------------------------------------------------------------------
-   // Writes the record under its own key. False, and nothing changed, when the table is full; false
-   // too when the file has been cut short and takes nothing any more, which is recorded.
+   // How far the table may grow by itself: a full one takes double the capacity, up to this. Without
+   // it a table stays as it was made. Throws TableError above maxCapacity.
+   void capacityMaxIs( uint32_t capacity );
+   // Writes the record under its own key. False, and nothing changed, when there is no room for a
+   // new one (makeRoom() says why); false too when the file has been cut short and takes nothing any
+   // more, which is recorded. What is there can always be written again.
    [[nodiscard]] bool set( const Record& record ) {
-      if( !recorded( [ & ] { return table_.set( record ); } ) )
+      if( table_.count() >= growAt_ )
+         growOn();
+      if( !recorded( [ & ] { return table_.set( record ); } ) &&
+          ( !grows() || makeRoom() != Room::yes ||
+            !recorded( [ & ] { return table_.set( record ); } ) ) )
          return false;
       changed( TableView<Key, Record>::keyOf( record ) );
       return true;
    }
-   // Sees to it that the next new record finds room.
-   [[nodiscard]] Room makeRoom() {
-      return table_.count() < table_.capacity() ? Room::yes : Room::full;
+   // Sees to it that the next new record finds room, and says why if it doesn't. Costs two loads
+   // while there is room; a table that has to grow is copied first. After noMemory nothing is tried
+   // for a second: asking again is cheap, and room that comes is found within that time. expected
+   // says how many new records may come in all: a table that has to grow grows for all of them, so
+   // that readers have one new file to follow rather than many, and so that keys that come in the
+   // order of their hashes don't crowd in a part of the index.
+   [[nodiscard]] Room makeRoom( size_t expected = 1 ) {
+      return table_.hasRoom() ? Room::yes : makeMoreRoom( expected );
    }
    // False when there was no such record.
    bool erase( const Key& key ) {
@@ -209,18 +233,33 @@ class SharedTable : public TableBase {
          if( const std::optional<Record> record = inSlot( slot ) )
             erase( TableView<Key, Record>::keyOf( *record ) );
    }
-   // Brings the table, which is in a file, to another capacity; at least to its number of records.
-   // The content is kept; readers follow. Takes the time of copying it. Throws TableError.
+   // Brings the table to another capacity; at least to its number of records. The content is kept;
+   // readers follow. Takes the time of copying it. Throws TableError.
    void capacityIs( uint32_t capacity );
+   // Called in place of going on when this process finds that the file of a table that it writes has
+   // been cut short or overwritten: what is written is lost from then on.
+   void onLoss( std::function<void( const std::string& what )> handler ) {
+      onLoss_ = std::move( handler );
+   }
    void ring() override {
       if( !unrung_ )
          return;
+      if( onLoss_ && mapping_->cutShort() )
+         lost( path() + ": the file was cut short" );
       unrung_ = false;
       mapping_->ringBell();
    }
 
    // --- following -----------------------------------------------------------------------------
    bool poll( const Clock& clock, Seconds deadline ) override;
+   // Lets poll() name every key that the table has now, before it goes on with the changes from
+   // now on: how a reader that begins reads the whole table in slices.
+   void walkAll() {
+      cursor_ = table_.journalHead(); // what changes during the walk is told again by the journal
+      walkingAt_ = 0;
+   }
+   // Whether such a walk, or that of a reader that was overtaken, is still under way.
+   bool walking() const { return walkingAt_.has_value(); }
 
  private:
    using View = TableView<Key, Record>;
@@ -237,14 +276,27 @@ class SharedTable : public TableBase {
       try {
          return operation();
       } catch( const CorruptionDetected& failure ) {
-         corruptionDetected( failure.what() );
+         lost( failure.what() );
          return false;
       }
+   }
+   void lost( const std::string& what ) const {
+      corruptionDetected( what );
+      if( onLoss_ )
+         onLoss_( what );
    }
    void changed( const Key& key ) {
       unrung_ = true;
       notifiees.notify( &Handlers::handleEntry, key );
    }
+   bool grows() const { return table_.capacity() < capacityMax_; }
+   uint32_t nextCapacity( size_t expected ) const;
+   [[gnu::noinline]] Room makeMoreRoom( size_t expected );
+   [[gnu::noinline]] void growOn();
+   void grow( uint32_t capacity, uint32_t slots );
+   void moveTo( uint32_t capacity );
+   void capacityChanged();
+   void follow( std::unique_ptr<TableMapping> newer );
    void startOver();
    bool walkOn( const Clock& clock, Seconds deadline );
 
@@ -256,52 +308,147 @@ class SharedTable : public TableBase {
    bool unrung_ = false;
    std::optional<uint32_t>
       walkingAt_; // overtaken: the slot at which the walk over all keys goes on
+   std::function<void( const std::string& )> onLoss_;
+
+   uint32_t capacityMax_ = 0;
+   uint32_t growAt_ = UINT32_MAX; // records from which on the table is copied a little at a time
+   std::unique_ptr<TableGrowth<Key, Record>> growth_;
+   LastFailure shortage_;
 };
 
 template<class Key, class Record>
 void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32_t capacity ) {
    mapping_ = TableMapping::forWriting( path, spec_, capacity );
    table_ = TableWriter<Key, Record>( *mapping_ );
-   capacityIs( capacity );
+   if( capacity > table_.capacity() )
+      capacityIs( capacity );
    unrung_ = true; // the previous writer may have died before it rang
    ring();
    cursor_ = table_.journalHead();
 }
 
 template<class Key, class Record>
+void SharedTable<Key, Record>::capacityMaxIs( uint32_t capacity ) {
+   TableGeometry( spec_, capacity ); // refuses what is too much
+   capacityMax_ = capacity;
+   capacityChanged();
+}
+
+template<class Key, class Record>
 void SharedTable<Key, Record>::capacityIs( uint32_t capacity ) {
    capacity = std::max( capacity, table_.count() );
-   if( capacity == table_.capacity() )
-      return;
-   // The content moves to a new file that takes over the name. Whoever has the old one mapped reads
-   // on there until it sees that it is superseded.
-   auto moved = TableMapping::unpublished( mapping_->path(), spec_, capacity );
+   growth_.reset(); // it was for another capacity
+   if( capacity >= table_.highWater() && capacity != table_.capacity() )
+      grow( capacity, UINT32_MAX );
+   else if( capacity != table_.capacity() )
+      moveTo( capacity );
+}
+
+// Copies the records one by one, each into the next slot that is free.
+template<class Key, class Record>
+void SharedTable<Key, Record>::moveTo( uint32_t capacity ) {
+   auto moved = TableMapping::unpublished( path(), spec_, capacity );
    TableWriter<Key, Record> copy( *moved );
    bool complete = true;
-   forEach( [ & ]( const Record& record ) {
-      try {
-         complete = copy.set( record ) && complete;
-      } catch( const CorruptionDetected& ) {
-         complete = false; // there is no memory for the new file
-      }
-   } );
+   forEach( [ & ]( const Record& record ) { complete = complete && copy.set( record ); } );
    if( !complete ) // the old file stays as it is
       throw TableError( TableError::system, path() + ": no room to change its capacity" );
-   // First the mark, then the new file: killed in between, this writer leaves a mark too many,
-   // which the next one takes back, and not readers who stay with the old file for ever.
-   table_.supersededIs( true );
+   table_.supersededIs( true ); // before the name: see TableGrowth::takeOver()
    moved->publish();
    mapping_->ringBell();
    mapping_ = std::move( moved );
    table_ = std::move( copy );
+   capacityChanged();
+}
+
+// A table of many slots is copied a few at a time while records come, and has grown before it is
+// full: copying all in one go would hold the event loop.
+template<class Key, class Record>
+void SharedTable<Key, Record>::capacityChanged() {
+   const uint32_t capacity = table_.capacity();
+   growAt_ = grows() && capacity > slotsCopiedAtOnce ? capacity - capacity / 8 : UINT32_MAX;
    unrung_ = true;
+}
+
+template<class Key, class Record>
+uint32_t SharedTable<Key, Record>::nextCapacity( size_t expected ) const {
+   uint64_t next = std::max<uint64_t>( 1, table_.capacity() ) * 2;
+   while( next < table_.count() + expected && next < capacityMax_ )
+      next *= 2;
+   return static_cast<uint32_t>( std::min<uint64_t>( next, capacityMax_ ) );
+}
+
+template<class Key, class Record>
+Room SharedTable<Key, Record>::makeMoreRoom( size_t expected ) {
+   if( table_.makeRoom() )
+      return Room::yes;
+   if( mapping_->cutShort() )
+      lost( path() + ": the file was cut short" );
+   if( table_.count() < table_.capacity() )
+      return Room::noMemory;
+   if( !grows() )
+      return Room::full;
+   if( shortage_.isRecent() )
+      return Room::noMemory;
+   try {
+      grow( nextCapacity( expected ), UINT32_MAX );
+      shortage_.forget();
+   } catch( const TableError& failure ) {
+      if( !shortage_.isNoted() ) // else it was said
+         log( std::string( failure.what() ) + ": " + path() + " can't grow" );
+      shortage_.note();
+   }
+   return table_.makeRoom() ? Room::yes : Room::noMemory;
+}
+
+template<class Key, class Record>
+void SharedTable<Key, Record>::growOn() {
+   constexpr uint32_t slotsForEach = 16; // complete when half of the last eighth is left
+   if( shortage_.isRecent() )
+      return;
+   try {
+      grow( nextCapacity( 1 ), slotsForEach );
+   } catch( const TableError& ) {
+      shortage_.note(); // it is not full yet
+   }
+}
+
+// Goes on with the move to a larger table by so many slots, and ends it with the last one. Throws
+// TableError when it can't be, and all is as it was.
+template<class Key, class Record>
+void SharedTable<Key, Record>::grow( uint32_t capacity, uint32_t slots ) {
+   try {
+      if( !growth_ )
+         growth_ = std::make_unique<TableGrowth<Key, Record>>( spec_, table_, capacity );
+      growth_->copyOn( slots );
+      if( !growth_->isComplete() )
+         return;
+      growth_->takeOver( mapping_ );
+   } catch( const TableError& ) {
+      growth_.reset();
+      throw;
+   }
+   growth_.reset();
+   capacityChanged();
+}
+
+// Goes over to the file that has taken the name. One that goes on with the slots and the journal of
+// this one is read on at the same places.
+template<class Key, class Record>
+void SharedTable<Key, Record>::follow( std::unique_ptr<TableMapping> newer ) {
+   const bool goesOn = loadWord( &newer->header().predecessor ) == tableId();
+   const uint64_t cursor = cursor_;
+   attachForReading( std::move( newer ) );
+   if( goesOn )
+      cursor_ = cursor;
+   else
+      startOver();
 }
 
 template<class Key, class Record>
 void SharedTable<Key, Record>::startOver() {
    ++overruns_;
-   cursor_ = table_.journalHead(); // what changes during the walk is told again by the journal
-   walkingAt_ = 0;
+   walkAll();
    notifiees.notify( &Handlers::handleOvertaken );
 }
 
@@ -310,10 +457,8 @@ bool SharedTable<Key, Record>::poll( const Clock& clock, Seconds deadline ) {
    try {
       if( table_.superseded() ) {
          auto newer = TableMapping::forReading( path(), spec_ );
-         if( newer->tableId() != tableId() ) { // else it is about to be, or its writer died first
-            attachForReading( std::move( newer ) );
-            startOver();
-         }
+         if( newer->tableId() != tableId() ) // else it is about to be, or its writer died first
+            follow( std::move( newer ) );
       }
       do {
          if( walkingAt_ ) {

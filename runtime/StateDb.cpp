@@ -1,6 +1,8 @@
 #include "runtime/StateDb.h"
 
+#include "runtime/Descriptors.h"
 #include "runtime/Failure.h"
+#include "runtime/RetryTimer.h"
 
 #include <filesystem>
 #include <set>
@@ -22,15 +24,20 @@ std::map<std::string, EntityType>& types() {
 // What has gone or was replaced leaves the directory before anything new enters it. So the entries
 // that are in it at one time have also stood in the folder at one time: whoever publishes entries
 // with something that only one of them may have finds that kept here too.
+//
+// An entry that can't be mounted for want of something (descriptors, memory) is tried again.
 class FolderBinding {
  public:
    FolderBinding( EntityManager& manager, std::string path, Ptr<Directory> directory )
       : manager_( manager ), path_( std::move( path ) ), folder_( manager.fileOf( path_ ) ),
-        directory_( std::move( directory ) ) {}
+        directory_( std::move( directory ) ),
+        retry_( manager.clock(), [ this ] { review( "" ); } ) {}
 
    // Something happened to the entry of that name; to any, when it is empty.
    void review( const std::string& name ) {
       std::set<std::string> names = dropStale();
+      for( const auto& [ refused, why ] : refused_ )
+         names.insert( refused );
       if( !name.empty() )
          names.insert( name );
       else
@@ -40,6 +47,10 @@ class FolderBinding {
       for( const std::string& present : names )
          if( present[ 0 ] != '.' && !entries_.contains( present ) )
             mountEntry( present );
+      if( !refused_.empty() )
+         retry_.failed();
+      else
+         retry_.succeeded();
    }
 
  private:
@@ -70,22 +81,27 @@ class FolderBinding {
    void mountEntry( const std::string& name ) {
       const std::string file = folder_ + "/" + name;
       const ino_t inode = inodeOf( name );
+      const std::string refusedBefore = std::exchange( refused_[ name ], "" );
+      refused_.erase( name );
       if( inode == 0 )
          return;
-      const std::string typeName = tableTypeName( file );
-      const EntityType* const type = registeredType( typeName );
-      if( !type || !type->mount ) {
-         log( file + ": not an entry: no known entity type '" + typeName + "'" );
-         return;
-      }
       try {
+         requireSpareDescriptor( file );
+         const std::string typeName = tableTypeName( file );
+         const EntityType* const type = registeredType( typeName );
+         if( !type || !type->mount )
+            return log( file + ": not an entry: no known entity type '" + typeName + "'" );
          Mounted mounted = type->mount( manager_, path_ + "/" + name, MountMode::read );
          dropStale(); // what this one may have taken the place of; it is reported on its own
          directory_->entryIs( name, mounted.entity );
          entries_[ name ] = { inode, std::move( mounted ) };
       } catch( const TableError& failure ) {
-         if( failure.kind() != TableError::absent ) // it may have gone since we looked
+         if( failure.kind() == TableError::absent ) // it has gone since we looked
+            return;
+         if( failure.what() != refusedBefore )
             log( failure.what() );
+         if( failure.kind() == TableError::system )
+            refused_[ name ] = failure.what();
       }
    }
 
@@ -94,6 +110,8 @@ class FolderBinding {
    std::string folder_; // in the file system
    Ptr<Directory> directory_;
    std::map<std::string, Entry> entries_;
+   std::map<std::string, std::string> refused_; // for want of something: why, by name
+   RetryTimer retry_;
 };
 
 Mounted mountDirectory( EntityManager& manager, const std::string& path, MountMode ) {
@@ -155,9 +173,11 @@ void MountGroup::doMount( const std::string& path, const std::string& typeName,
 }
 
 void MountGroup::doClose() {
+   manager_.startingIs( true );
    for( const Request& request : requests_ )
       manager_.mount( request.path, request.typeName, request.mode );
    requests_.clear();
+   manager_.startingIs( false );
 }
 
 EntityManager::EntityManager( ActivityManager& loop, std::string stateDirectory )

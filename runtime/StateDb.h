@@ -80,7 +80,8 @@ class MountGroup {
  public:
    explicit MountGroup( EntityManager& manager ) : manager_( manager ) {}
    void doMount( const std::string& path, const std::string& typeName, const std::string& mode );
-   // Ends the declaration: mounts everything. Throws TableError.
+   // Ends the declaration: mounts everything. Throws TableError. While it does, starting() of the
+   // manager is true.
    void doClose();
 
  private:
@@ -106,6 +107,10 @@ class EntityManager : public Entity {
    std::string fileOf( const std::string& path ) const { return stateDirectory_ + "/" + path; }
    // Null in memory.
    FileWatcher* fileWatcher() const { return watcher_.get(); }
+
+   // Whether a mount group is being mounted: nobody has met its entities yet, and a binding may
+   // take its time to fill them.
+   VEXIL_ATTRIBUTE( bool, starting, false )
 
    std::shared_ptr<MountGroup> mountGroup() { return std::make_shared<MountGroup>( *this ); }
    void mount( const std::string& path, const std::string& typeName, MountMode mode );

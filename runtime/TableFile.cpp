@@ -56,9 +56,18 @@ uint64_t randomId() {
    return id;
 }
 
+// A file that has no name yet is called so, with the process's id and ".new" behind it: hidden from
+// directory watchers by the dot.
+std::string hiddenName( const std::string& path ) {
+   const size_t slash = path.rfind( '/' ) + 1;
+   return path.substr( 0, slash ) + "." + path.substr( slash ) + ".";
+}
+
 // Removes the unpublished files of processes that died over them. They may be large, and an agent
 // that is killed for the memory that they take would leave one more each time.
-void removeLeftovers( const std::string& folder, const std::string& hidden ) {
+void removeLeftovers( const std::string& path ) {
+   const std::filesystem::path prefix = hiddenName( path );
+   const std::string hidden = prefix.filename(), folder = prefix.parent_path();
    std::error_code error;
    for( const auto& file : std::filesystem::directory_iterator( folder, error ) ) {
       const std::string name = file.path().filename();
@@ -83,6 +92,10 @@ uint64_t layoutHashOf( const TableHeader& header ) {
 } // namespace
 
 TableGeometry::TableGeometry( const TableSpec& spec, uint32_t records ) : capacity( records ) {
+   if( capacity > maxCapacity )
+      throw TableError( TableError::mismatch, std::string( spec.typeName ) + ": a table has room for " +
+                                                 std::to_string( maxCapacity ) + " records at the most, not " +
+                                                 std::to_string( capacity ) );
    // Half full at the most, so that a probe ends after a step or two.
    indexSize = std::bit_ceil( std::max( capacity, 32u ) * 2 );
    // Half a table of changes may pile up before a reader has to look at all keys again.
@@ -192,6 +205,8 @@ void TableMapping::adoptHeader( const TableSpec& spec, uint64_t sizeOfFile ) {
             "holds '" + std::string( h.typeName, strnlen( h.typeName, sizeof h.typeName ) ) +
                "' records of " + std::to_string( h.recordSize ) + " bytes, not '" + spec.typeName +
                "' of " + std::to_string( spec.recordSize ) );
+   if( h.capacity > maxCapacity )
+      fail( TableError::damaged, path_, "its header contradicts itself" );
    geometry_ = TableGeometry( spec, h.capacity );
    tableId_ = h.tableId;
    if( h.headerSize != tableHeaderSize || h.fileSize != geometry_.fileSize )
@@ -233,23 +248,38 @@ std::unique_ptr<TableMapping> TableMapping::created( const std::string& path,
    if( ftruncate( made->fd_, static_cast<off_t>( made->geometry_.fileSize ) ) != 0 )
       systemFailure( temporary, "sizing" );
    made->map( true );
+   // The index is read and written all over from the start on.
+   if( !made->allocate( 0, made->geometry_.slotOffset ) )
+      fail( TableError::system, temporary, "there is no memory for it" );
    made->writeHeader( spec );
    return made;
 }
 
 std::unique_ptr<TableMapping>
 TableMapping::unpublished( const std::string& path, const TableSpec& spec, uint32_t capacity ) {
+   if( path.empty() )
+      return anonymous( spec, capacity );
    makeFoldersFor( path );
-   // Hidden from directory watchers by its dot.
-   const size_t slash = path.rfind( '/' ) + 1;
-   const std::string folder = path.substr( 0, slash ), hidden = "." + path.substr( slash ) + ".";
-   removeLeftovers( folder, hidden );
-   const std::string temporary = folder + hidden + std::to_string( getpid() ) + ".new";
+   removeLeftovers( path );
+   const std::string temporary = hiddenName( path ) + std::to_string( getpid() ) + ".new";
    unlink( temporary.c_str() ); // of a dead process that had the same id
    return created( path, temporary, spec, capacity );
 }
 
+// What was stored in the mapping may not have come into the file: had there been no page for it, the
+// mapping would have been replaced.
+void TableMapping::requireHeaderInFile() const {
+   TableHeader h{};
+   if( pread( fd_, &h, offsetof( TableHeader, superseded ), 0 ) !=
+          static_cast<ssize_t>( offsetof( TableHeader, superseded ) ) ||
+       h.magic != TableHeader::expectedMagic || h.layoutHash != layoutHashOf( h ) )
+      fail( TableError::system, temporary_, "its header could not be written" );
+}
+
 void TableMapping::publish() {
+   if( !inFile() )
+      return;
+   requireHeaderInFile();
    if( rename( temporary_.c_str(), path_.c_str() ) != 0 )
       systemFailure( path_, "publishing" );
    temporary_.clear();
@@ -263,6 +293,7 @@ TableMapping::forWriting( const std::string& path, const TableSpec& spec, uint32
       made->fd_ = open( path.c_str(), O_RDWR | O_CLOEXEC );
       if( made->fd_ < 0 && errno == ENOENT ) {
          auto fresh = unpublished( path, spec, capacityOfNew );
+         fresh->requireHeaderInFile();
          // link, unlike rename, fails where another writer was faster
          if( link( fresh->temporary_.c_str(), path.c_str() ) == 0 )
             return unlink( fresh->temporary_.c_str() ), fresh->temporary_.clear(),
@@ -286,13 +317,39 @@ TableMapping::forWriting( const std::string& path, const TableSpec& spec, uint32
          continue; // replaced between open and lock
       made->adoptHeader( spec, static_cast<uint64_t>( status.st_size ) );
       made->map( true );
+      if( !made->allocate( 0, made->geometry_.slotOffset ) )
+         fail( TableError::system, path, "there is no memory for its index" );
+      removeLeftovers( path );
       return made;
    }
    fail( TableError::system, path, "is neither there nor can be made" ); // a link to nowhere, say
 }
 
+bool TableMapping::allocate( uint64_t offset, uint64_t size ) const {
+   if( !inFile() || size == 0 )
+      return true;
+   const uint64_t page = 4096;
+   const uint64_t from = offset / page * page;
+   const uint64_t length = roundUp( offset + size, page ) - from;
+   // By the mapping rather than by fallocate(), which gives no huge pages where they are a matter of
+   // advice, and would leave a fault for every page.
+   while( madvise( base_ + from, length, MADV_POPULATE_WRITE ) != 0 ) {
+      if( errno == EINVAL ) // a kernel before 5.14
+         return posix_fallocate( fd_, static_cast<off_t>( from ), static_cast<off_t>( length ) ) == 0;
+      if( errno != EINTR && errno != EAGAIN )
+         return false;
+   }
+   return true;
+}
+
+bool TableMapping::cutShort() const {
+   struct stat status {};
+   return inFile() && fstat( fd_, &status ) == 0 &&
+          static_cast<uint64_t>( status.st_size ) < geometry_.fileSize;
+}
+
 void TableMapping::ringBell() const {
-   if( fd_ < 0 )
+   if( !inFile() )
       return;
    const char ring = 1;
    // The written byte means nothing; the write is what readers are told of.
@@ -315,7 +372,7 @@ bool tableHasWriter( const std::string& path ) {
 std::string tableTypeName( const std::string& path ) {
    const int fd = openForReading( path );
    if( fd < 0 )
-      return {};
+      systemFailure( path, "opening" );
    TableHeader h{};
    const bool isTable = pread( fd, &h, offsetof( TableHeader, superseded ), 0 ) ==
                            static_cast<ssize_t>( offsetof( TableHeader, superseded ) ) &&

@@ -45,6 +45,7 @@ struct TableSpec {
 // Where everything is, in bytes from the start of the file. A function of TableSpec and capacity.
 struct TableGeometry {
    TableGeometry() = default;
+   // Throws TableError when the capacity is above maxCapacity.
    TableGeometry( const TableSpec& spec, uint32_t capacity );
 
    uint32_t capacity = 0;      // records
@@ -60,6 +61,7 @@ struct TableGeometry {
 
 constexpr uint32_t tableHeaderSize = 4096;
 constexpr uint32_t maxRecordSize = 2048;
+constexpr uint32_t maxCapacity = 1u << 30; // records: an index word has 32 bits
 
 // The header page. All after layoutHash changes while the table is in use and is accessed as
 // whole words only, atomically.
@@ -82,6 +84,7 @@ struct TableHeader {
 
    alignas( 64 ) uint64_t superseded; // 1: a newer file stands at this path
    uint64_t bell;                     // its first byte is written to the file to wake readers
+   uint64_t predecessor; // id of the table whose slots and journal this one goes on with, or 0
 
    alignas( 64 ) uint64_t highWater; // slots that were ever in use: all behind are empty
    uint64_t count;                   // records
@@ -118,14 +121,22 @@ class TableMapping {
    TableMapping( const TableMapping& ) = delete;
    TableMapping& operator=( const TableMapping& ) = delete;
 
-   // Moves the file of an unpublished mapping to its path, replacing what is there.
+   // Moves the file of an unpublished mapping to its path, replacing what is there. Throws
+   // TableError, and leaves that alone, when it can't, or when the file does not hold its header.
    void publish();
-   // Wakes everything that waits on the file: one system call, nothing for anonymous memory.
+   // Sees to it that these bytes of a writable mapping have memory, and are mapped. False when there
+   // is none: a store there would end the process, or the mapping (MappingGuard.h).
+   bool allocate( uint64_t offset, uint64_t size ) const;
+   // Whether somebody has cut the file short.
+   bool cutShort() const;
+   // Wakes everything that waits on the file: one system call, nothing for anonymous memory. Throws
+   // TableError.
    void ringBell() const;
 
    const TableGeometry& geometry() const { return geometry_; }
    uint64_t tableId() const { return tableId_; }
    const std::string& path() const { return path_; }
+   bool inFile() const { return fd_ >= 0; }
    uint8_t* base() const { return base_; }
    TableHeader& header() const { return *reinterpret_cast<TableHeader*>( base_ ); }
    bool writable() const { return writable_; }
@@ -135,6 +146,7 @@ class TableMapping {
    void map( bool writable );
    void adoptHeader( const TableSpec& spec, uint64_t sizeOfFile );
    void writeHeader( const TableSpec& spec );
+   void requireHeaderInFile() const;
    static std::unique_ptr<TableMapping> created( const std::string& path,
                                                  const std::string& temporary,
                                                  const TableSpec& spec, uint32_t capacity );
@@ -152,7 +164,8 @@ class TableMapping {
 // lock and disturbs nobody.
 bool tableHasWriter( const std::string& path );
 
-// The record type that a table file's header names; empty when it is no table.
+// The record type that a table file's header names; empty when it is no table. Throws TableError
+// when the file is absent or can't be opened.
 std::string tableTypeName( const std::string& path );
 
 // Makes the folders above path that are not there, each with mode 0750 whatever the umask is. One

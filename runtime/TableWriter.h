@@ -11,35 +11,75 @@
 #include "runtime/Failure.h"
 #include "runtime/TableView.h"
 
+#include <ctime>
+#include <utility>
 #include <vector>
 
 namespace Vexil {
 
+constexpr uint32_t allocationStep = 32u << 10; // bytes of a file for which memory is got at a time
+
+// When something failed that is not tried again for a second.
+class LastFailure {
+ public:
+   void note() { at_ = now(); }
+   void forget() { at_ = never_; }
+   bool isNoted() const { return at_ != never_; }
+   bool isRecent() const { return isNoted() && now() - at_ < 1; }
+
+ private:
+   static constexpr int64_t never_ = -1;
+   static int64_t now() {
+      timespec time{};
+      clock_gettime( CLOCK_MONOTONIC_COARSE, &time ); // no system call
+      return time.tv_sec;
+   }
+   int64_t at_ = never_;
+};
+
+template<class Key, class Record>
+class TableGrowth;
+
 template<class Key, class Record>
 class TableWriter : public TableView<Key, Record> {
+   friend TableGrowth<Key, Record>;
    using View = TableView<Key, Record>;
    using typename View::KeyImage;
    using View::code_;
    using View::geometry_;
    using View::homeOf;
    using View::indexMask_;
+   using View::journalMask_;
    using View::keyWords;
    using View::recordWords;
 
  public:
    TableWriter() = default;
    // Recovers what the previous writer left.
-   explicit TableWriter( const TableMapping& mapping ) : View( mapping ), base_( mapping.base() ) {
+   explicit TableWriter( const TableMapping& mapping )
+      : View( mapping ), mapping_( &mapping ), base_( mapping.base() ) {
       VEXIL_ASSERT( mapping.writable() );
+      journalReady_ = firstJournalReady();
       if( View::journalHead() != 0 || View::highWater() != 0 || View::count() != 0 ||
           loadWord( &header().operation ) != 0 )
          recover(); // a new file is left untouched, so that it takes no memory yet
       if( View::superseded() )
          supersededIs( false ); // it still has the path: no other has taken its place
+      slotsReady_ = mapping.inFile() ? View::highWater() : geometry_.capacity;
    }
 
-   // Writes the record under its own key; false, with nothing changed, when the table is full.
-   // Throws CorruptionDetected when the file is no longer there to write to.
+   // Whether the next new record finds a slot, and memory for it.
+   bool hasRoom() const {
+      return !freeSlots_.empty() || loadWord( &View::header().highWater ) < slotsReady_;
+   }
+   // Gets memory for some more slots when there is no room. False when the table is full, or there
+   // is none; then no further attempt is made for a second.
+   bool makeRoom() {
+      return hasRoom() || ( slotsReady_ < geometry_.capacity && readyMoreSlots() );
+   }
+
+   // Writes the record under its own key; false, with nothing changed, when there is no room for a
+   // new one. Throws CorruptionDetected when the file is no longer there to write to.
    bool set( const Record& record ) {
       const Key& key = View::keyOf( record );
       const uint64_t hash = keyHash( key );
@@ -47,8 +87,10 @@ class TableWriter : public TableView<Key, Record> {
       const uint32_t at = indexPlaceOf( key, hash );
       if( const uint32_t word = loadWord( index() + at ); word != 0 )
          update( code_.slot( word ), record );
-      else if( !insert( key, hash, record ) )
+      else if( !makeRoom() )
          return false;
+      else
+         insert( key, hash, record );
       journal( key );
       finish();
       // Only what is in the file counts: what went into the zeros put in its place must not be
@@ -61,7 +103,8 @@ class TableWriter : public TableView<Key, Record> {
 
    // Removes the record of key; false when there was none. Throws as set() does.
    bool erase( const Key& key ) {
-      const uint32_t at = indexPlaceOf( key, keyHash( key ) );
+      const uint64_t hash = keyHash( key );
+      const uint32_t at = indexPlaceOf( key, hash );
       const uint32_t word = loadWord( index() + at );
       if( word == 0 ) {
          View::requireHeader();
@@ -74,6 +117,8 @@ class TableWriter : public TableView<Key, Record> {
       storeWord( words, ( loadWord( words ) & ~SlotState::live ) + SlotState::oneWrite );
       storeWord( &header().count, loadWord( &header().count ) - 1 );
       freeSlots_.push_back( slot );
+      if( slot < slotsCopied_ )
+         larger_->dropSlot( words, slot, hash );
       journal( key );
       finish();
       View::requireHeader();
@@ -142,14 +187,14 @@ class TableWriter : public TableView<Key, Record> {
       storeWord( &header().undoSlot, slot + uint64_t( 1 ) );
       note( TableOperation::update, slot );
       rewrite( words, record );
+      if( slot < slotsCopied_ )
+         larger_->takeSlot( words, slot );
    }
 
-   bool insert( const Key& key, uint64_t hash, const Record& record ) {
+   void insert( const Key& key, uint64_t hash, const Record& record ) {
       const bool reuse = !freeSlots_.empty();
       const uint32_t slot =
          reuse ? freeSlots_.back() : static_cast<uint32_t>( loadWord( &header().highWater ) );
-      if( slot >= geometry_.capacity )
-         return false;
       begin( TableOperation::insert, slot, key );
       rewrite( slotWords( slot ), record );
       if( reuse )
@@ -158,7 +203,10 @@ class TableWriter : public TableView<Key, Record> {
          storeWord( &header().highWater, slot + uint64_t( 1 ) );
       enterIntoIndex( hash, slot );
       storeWord( &header().count, loadWord( &header().count ) + 1 );
-      return true;
+      if( slot < slotsCopied_ ) {
+         larger_->takeSlot( slotWords( slot ), slot );
+         larger_->enterIntoIndex( hash, slot );
+      }
    }
 
    // The slot's part of the sequence lock: marks it, writes the record, and publishes it as live.
@@ -197,117 +245,89 @@ class TableWriter : public TableView<Key, Record> {
       return slot < geometry_.capacity ? homeOf( keyHash( keyInSlot( slot ) ) ) : at;
    }
 
+   // How many entries of the ring have memory when the table is attached: those that were ever
+   // written, and, once it has come round, all.
+   uint64_t firstJournalReady() const {
+      const uint64_t head = View::journalHead();
+      if( !mapping_->inFile() ||
+          ( head >= geometry_.journalSize &&
+            mapping_->allocate( geometry_.journalOffset,
+                                geometry_.fileSize - geometry_.journalOffset ) ) )
+         return geometry_.journalSize;
+      return head & journalMask_;
+   }
+   bool journalHasRoom( uint64_t entry ) {
+      if( entry < journalReady_ )
+         return true;
+      const uint64_t upTo = std::min<uint64_t>(
+         geometry_.journalSize, entry + allocationStep / geometry_.journalStride );
+      if( !allocated( geometry_.journalOffset + entry * geometry_.journalStride,
+                      ( upTo - entry ) * geometry_.journalStride ) )
+         return false;
+      journalReady_ = upTo;
+      return true;
+   }
+   bool readyMoreSlots() {
+      const uint64_t upTo = std::min<uint64_t>(
+         geometry_.capacity, slotsReady_ + std::max( 1u, allocationStep / geometry_.slotStride ) );
+      if( !allocated( geometry_.slotOffset + uint64_t( slotsReady_ ) * geometry_.slotStride,
+                      ( upTo - slotsReady_ ) * geometry_.slotStride ) )
+         return false;
+      slotsReady_ = static_cast<uint32_t>( upTo );
+      return true;
+   }
+   bool allocated( uint64_t offset, uint64_t size ) {
+      if( shortage_.isRecent() )
+         return false;
+      const bool done = mapping_->allocate( offset, size );
+      if( !done )
+         shortage_.note();
+      return done;
+   }
+
    void journal( const Key& key ) {
       const uint64_t head = View::journalHead();
+      if( !journalHasRoom( head & journalMask_ ) ) {
+         // What can't be told by the journal is told by overtaking its readers: for them it has come
+         // round, to the same entry.
+         storeWord( &header().journalHead, head + geometry_.journalSize );
+         return;
+      }
       auto* const entry = const_cast<uint64_t*>( View::journalEntry( head ) );
       storeWord( entry, head );
       storeValue( entry + 1, key );
       storeWord( &header().journalHead, head + 1 );
    }
 
-   // Brings the table back to a state between two operations. Readers may be at work meanwhile: no
-   // record that is whole is ever missing from the index, not even for a moment.
-   void recover() {
-      undoTornSlot();
-      const std::vector<bool> named = pruneIndex();
-      uint64_t live = 0;
-      uint32_t used = geometry_.capacity;
-      for( const uint32_t noted = View::highWater(); used > noted && !named[ used - 1 ]; )
-         --used; // not below a slot that the index names, should the number be damaged
-      storeWord( &header().highWater, used );
-      for( uint32_t slot = used; slot-- > 0; ) { // downwards, so that low slots are reused first
-         uint64_t* const words = slotWords( slot );
-         const uint64_t state = loadWord( words );
-         if( SlotState::whole( state ) && ( named[ slot ] || enterIfNew( slot ) ) ) {
-            ++live;
-            continue;
-         }
-         if( state & ( SlotState::writing | SlotState::live ) )
-            storeWord( words, ( state & ~( SlotState::writing | SlotState::live ) ) +
-                                 SlotState::oneWrite );
-         freeSlots_.push_back( slot );
-      }
-      storeWord( &header().count, live );
-      // The change may have been made but not told.
-      if( loadWord( &header().operation ) != static_cast<uint64_t>( TableOperation::none ) ) {
-         Key key;
-         std::memcpy( static_cast<void*>( &key ), header().image, sizeof key );
-         journal( key );
-         finish();
-      }
-   }
+   // TableRecovery.h
+   void recover();
+   void undoTornSlot();
+   bool isSound();
+   bool isNamed( uint32_t slot, uint64_t hash );
+   uint64_t indexWords();
+   void repair();
+   std::vector<bool> pruneIndex();
+   bool isFoundAt( uint32_t at, uint32_t slot );
+   bool enterIfNew( uint32_t slot );
 
-   void undoTornSlot() {
-      const auto operation = static_cast<TableOperation>( loadWord( &header().operation ) );
-      const uint64_t slot = loadWord( &header().operationSlot );
-      if( operation == TableOperation::none || slot >= geometry_.capacity )
-         return;
-      uint64_t* const words = slotWords( static_cast<uint32_t>( slot ) );
-      const uint64_t state = loadWord( words );
-      if( operation == TableOperation::insert &&
-          slot == loadWord( &header().highWater ) ) // written, but not yet in use
-         storeWord( &header().highWater, slot + 1 );
-      if( !( state & SlotState::writing ) )
-         return;
-      if( operation == TableOperation::update ) {
-         copyWords( header().image, words + 1 );
-         storeWord( words,
-                    ( ( state & ~SlotState::writing ) + SlotState::oneWrite ) | SlotState::live );
-      } else {
-         storeWord( words, ( state & ~SlotState::writing ) + SlotState::oneWrite );
-      }
-   }
+   // TableGrowth.h
+   void takeSlot( const uint64_t* words, uint32_t slot );
+   void dropSlot( const uint64_t* words, uint32_t slot, uint64_t hash );
+   bool takeRest( const TableWriter& smaller );
 
-   // Removes every index word that names no live record, or that a lookup of its key would not
-   // find (the second of two that a deletion left behind, one under a wrong hash); says which slots
-   // remain named.
-   std::vector<bool> pruneIndex() {
-      std::vector<bool> named( geometry_.capacity, false );
-      // From a free word on: what a removal moves then always comes from ahead of the walk.
-      uint32_t start = 0;
-      while( start <= indexMask_ && loadWord( index() + start ) != 0 )
-         ++start;
-      if( start > indexMask_ ) { // damaged: an index is never full
-         for( uint32_t at = 0; at <= indexMask_; ++at )
-            storeWord( index() + at, 0 );
-         return named;
-      }
-      for( uint32_t step = 1; step <= indexMask_; ) {
-         const uint32_t at = ( start + step ) & indexMask_;
-         const uint32_t word = loadWord( index() + at );
-         if( word == 0 ) {
-            ++step;
-            continue;
-         }
-         const uint32_t slot = code_.slot( word );
-         if( slot < geometry_.capacity && SlotState::whole( loadWord( slotWords( slot ) ) ) &&
-             isFoundAt( at, slot ) ) {
-            named[ slot ] = true;
-            ++step;
-         } else {
-            removeFromIndex( at ); // another word may have moved here: look again
-         }
-      }
-      return named;
-   }
-
-   bool isFoundAt( uint32_t at, uint32_t slot ) {
-      const Key key = keyInSlot( slot );
-      return indexPlaceOf( key, keyHash( key ) ) == at;
-   }
-
-   // Enters a live slot that the index does not name, unless its key stands in another slot.
-   bool enterIfNew( uint32_t slot ) {
-      const Key key = keyInSlot( slot );
-      const uint64_t hash = keyHash( key );
-      if( loadWord( index() + indexPlaceOf( key, hash ) ) != 0 )
-         return false;
-      enterIntoIndex( hash, slot );
-      return true;
-   }
-
+   const TableMapping* mapping_ = nullptr;
    uint8_t* base_ = nullptr;
    std::vector<uint32_t> freeSlots_; // below highWater; the last one is used next
+   uint32_t slotsReady_ = 0;         // slots below it have memory
+   uint64_t journalReady_ = 0;       // entries of the ring below it have memory
+   LastFailure shortage_;
+   // A larger table to which this one is about to be moved, and the slots, from 0 on, that it has
+   // already: they are kept the same.
+   TableWriter* larger_ = nullptr;
+   uint32_t slotsCopied_ = 0;
 };
 
 } // namespace Vexil
+
+#include "runtime/TableGrowth.h"   // the rest of it
+#include "runtime/TableRecovery.h" // the rest of it

@@ -101,10 +101,35 @@ void StaticHostSm::handleInitialized() {
    VEXIL_ASSERT( entityManager() );
    attachTables();
    publishEntry();
+   noteFoundIds();
    discardChanged();
    staticSde_->initializedIs( true );
    initialized_ = true;
    handleHost();
+}
+
+// The counters are specified to begin at 0 in each run. They depart from that and go on above the
+// highest id that is found: a restart keeps the output, where a row may still stand for an id of an
+// earlier run. Given again, the id would lead the readers of that row into another host's tunnel
+// until its own host is decided anew.
+void StaticHostSm::noteFoundIds() {
+   constexpr uint64_t highest = 0xFFFFFFFFFFFF0000; // a damaged id above it is none of ours
+   const auto note = []( uint64_t& last, uint64_t found ) {
+      if( found <= highest )
+         last = std::max( last, found );
+   };
+   staticLabelTable_->forEachKey( [ & ]( LabelId id ) { note( currLabelId_, id.value() ); } );
+   staticDestTable_->forEachKey( [ & ]( DestId id ) { note( currDestId_, id.value() ); } );
+   const auto noteOutput = [ & ]( const auto* output, uint64_t& last ) {
+      if( output ) // there is none where the source is alone
+         output->forEach( [ & ]( const auto& row ) {
+            if( row.sourceOtas().source() == sourceStatic_ )
+               note( last, row.sourceOtas().objId().value() );
+         } );
+   };
+   const Vexil::EntityManager& em = *entityManager_;
+   noteOutput( dynamic_cast<LabelOutput*>( em.entity( Path::labelOutput ).get() ), currLabelId_ );
+   noteOutput( dynamic_cast<DestOutput*>( em.entity( Path::destOutput ).get() ), currDestId_ );
 }
 
 // Takes out what an earlier run left, but for the hosts that are still configured as they were:
@@ -124,17 +149,13 @@ void StaticHostSm::discardChanged() {
       }
    } );
    staticLoadBalanceTable_->lbDelAll();
-   staticLabelTable_->forEach( [ & ]( const Label& label ) {
-      if( labels.contains( label.key() ) )
-         currLabelId_ = std::max( currLabelId_, label.key().value() );
-      else
-         staticLabelTable_->labelDel( label.key() );
+   staticLabelTable_->forEachKey( [ & ]( LabelId id ) {
+      if( !labels.contains( id ) )
+         staticLabelTable_->labelDel( id );
    } );
-   staticDestTable_->forEach( [ & ]( const Dest& dest ) {
-      if( dests.contains( dest.key() ) )
-         currDestId_ = std::max( currDestId_, dest.key().value() );
-      else
-         staticDestTable_->destDel( dest.key() );
+   staticDestTable_->forEachKey( [ & ]( DestId id ) {
+      if( !dests.contains( id ) )
+         staticDestTable_->destDel( id );
    } );
 }
 
@@ -203,8 +224,7 @@ void StaticHostSm::handleTunnel( const Bridging::TunnelId& tunnel ) {
 void StaticHostSm::handleHost() {
    TRACE( 0, __PRETTY_FUNCTION__ );
    if( !initialized_ ) {
-      TRACE( 0, "handleHost"
-                   << " not init yet!" );
+      TRACE( 0, "handleHost not init yet!" );
       return;
    }
    for( const auto& reactor : fdbConfig_ )
@@ -216,8 +236,7 @@ void StaticHostSm::handleHost() {
 void StaticHostSm::handleHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << mvpStr( mvp ) );
    if( !initialized_ ) {
-      TRACE( 0, "handleHost"
-                   << " not init yet!" );
+      TRACE( 0, "handleHost not init yet!" );
       return;
    }
    waitingForHostRoom_.erase( mvp );
@@ -229,8 +248,7 @@ void StaticHostSm::handleHost( const Bridging::MacVlanPair& mvp ) {
       tunnelHosts_.hostIs( mvp, configured->intf.tunnel() );
       tunnel = bridgingConfig_->tunnel( configured->intf.tunnel() );
       if( !tunnel )
-         TRACE( 2, "handleHost"
-                      << " " << configured->intf.str() << " is not configured" );
+         TRACE( 2, "handleHost " << configured->intf.str() << " is not configured" );
    } else {
       tunnelHosts_.hostDel( mvp );
    }
@@ -238,8 +256,7 @@ void StaticHostSm::handleHost( const Bridging::MacVlanPair& mvp ) {
    if( configured && ( tunnel || !isLabelHost ) ) {
       Host host = emptyHost( mvp );
       host.updateTimeIs( entityManager_->clock()->now() );
-      TRACE( 2, "handleHost"
-                   << " host entry " << host );
+      TRACE( 2, "handleHost host entry " << host );
       if( isLabelHost )
          programLabelHost( host, configured->mplsLabel, *tunnel );
       else
@@ -254,14 +271,12 @@ const Bridging::ConfiguredHost*
 StaticHostSm::configuredHost( const Bridging::MacVlanPair& mvp ) const {
    const auto fdb = bridgingConfig_->fdbConfig( Bridging::Fid( mvp.vlan().value() ) );
    if( !fdb ) {
-      TRACE( 2, "handleHost"
-                   << " no fdbConfig for vlan " << mvp.vlan() );
+      TRACE( 2, "handleHost no fdbConfig for vlan " << mvp.vlan() );
       return nullptr;
    }
    const Bridging::ConfiguredHost* const host = fdb->configuredHost( mvp.mac() );
    if( !host )
-      TRACE( 2, "handleHost"
-                   << " did not find host in fdb" );
+      TRACE( 2, "handleHost did not find host in fdb" );
    return host;
 }
 
@@ -269,8 +284,7 @@ void StaticHostSm::programLabelHost( Host host, Vexil::MplsLabel label,
                                      const DestDataTunnel& tunnel ) {
    const Host stored = staticInputTable_->host( host.key() );
    if( labelHostIntact( stored, label, tunnel ) ) {
-      TRACE( 8, "handleHost"
-                   << " label and tunnel intact" );
+      TRACE( 8, "handleHost label and tunnel intact" );
       return;
    }
    if( !hasRoomFor( host.key(), stored ) )
@@ -303,8 +317,7 @@ bool StaticHostSm::writeHost( const Host& stored, Host host ) {
    unchanged.updateTimeIs( stored.updateTime() );
    if( stored == unchanged )
       return true;
-   TRACE( 2, "handleHost"
-                << " host has changed, reprogramming" );
+   TRACE( 2, "handleHost host has changed, reprogramming" );
    if( staticInputTable_->hostIs( host ) )
       return true;
    waitForRoom( waitingForHostRoom_, host.key() );
@@ -315,8 +328,7 @@ void StaticHostSm::removeHost( const Bridging::MacVlanPair& mvp ) {
    const Host stored = staticInputTable_->host( mvp );
    if( stored.key() != mvp )
       return;
-   TRACE( 0, "handleHost"
-                << " deleting host " << mvpStr( mvp ) << " from L2Rib input" );
+   TRACE( 0, "handleHost deleting host " << mvpStr( mvp ) << " from L2Rib input" );
    staticInputTable_->hostDel( mvp );
    cleanupLabelDestEntries( stored );
 }
@@ -345,12 +357,11 @@ void StaticHostSm::cleanupLabelDestEntries( const Host& host ) {
    const Label label = staticLabelTable_->label( host.next().labelId() );
    if( label.key() != host.next().labelId() )
       return;
-   TRACE( 0, "cleanupLabelDestEntries"
-                << " deleting label " << label << " entry from L2Rib label input" );
+   TRACE( 0,
+          "cleanupLabelDestEntries deleting label " << label << " entry from L2Rib label input" );
    staticLabelTable_->labelDel( label.key() );
    const DestId destId = label.next().destId();
-   TRACE( 0, "cleanupLabelDestEntries"
-                << " deleting dest with id " << destId );
+   TRACE( 0, "cleanupLabelDestEntries deleting dest with id " << destId );
    staticDestTable_->destDel( destId );
 }
 
@@ -361,12 +372,10 @@ LabelId StaticHostSm::addLabelAndDest( Vexil::MplsLabel label, const DestDataTun
    Dest dest( DestId( ++currDestId_ ) );
    dest.tunnelIs( tunnel );
    const bool destWritten = staticDestTable_->destIs( dest );
-   TRACE( 2, "handleHost"
-                << " add tunnel " << dest << " to the static input tunnel table" );
+   TRACE( 2, "handleHost add tunnel " << dest << " to the static input tunnel table" );
    const Label entry( LabelId( ++currLabelId_ ), ObjTuple( dest.key() ), label );
    if( destWritten && staticLabelTable_->labelIs( entry ) ) {
-      TRACE( 2, "handleHost"
-                   << " add label " << entry << " to the static input label table" );
+      TRACE( 2, "handleHost add label " << entry << " to the static input label table" );
       return entry.key();
    }
    staticDestTable_->destDel( dest.key() ); // a file that has been cut short takes nothing
@@ -386,8 +395,7 @@ bool StaticHostSm::hasObjectRoom() const {
 void StaticHostSm::waitForRoom( Vexil::KeySet<Bridging::MacVlanPair>& list,
                                 const Bridging::MacVlanPair& mvp ) {
    const char* const what = &list == &waitingForHostRoom_ ? "hosts" : "labels and dests";
-   TRACE( 8, "handleHost"
-                << " no room for static " << what << ", " << mvpStr( mvp ) << " waits" );
+   TRACE( 8, "handleHost no room for static " << what << ", " << mvpStr( mvp ) << " waits" );
    if( waiting() == 0 )
       Vexil::log( "static source: no room for " + mvpStr( mvp ) + ", the tables of static " + what +
                   " are full; hosts wait until an entry is deleted" );

@@ -10,10 +10,10 @@
 //                    and is no longer configured so, and filled with the rest
 //
 // What holds whenever no call is under way: the host table has exactly the configured hosts that
-// there is room for, and every label and dest belongs to exactly one of them. Ids are never reused
-// within a run. A host is written after the label and dest that it points to, and gone before they
-// are; only when a label host changes, its old label and dest go first, which makes room for the
-// new ones in full tables.
+// there is room for, and every label and dest belongs to exactly one of them. Ids are never reused,
+// neither within a run nor while something of an earlier one is left. A host is written after the
+// label and dest that it points to, and gone before they are; only when a label host changes, its
+// old label and dest go first, which makes room for the new ones in full tables.
 //
 // Two things can keep a configured host out. A label host whose tunnel is not configured is treated
 // like one that is not configured itself. A host for which a table is full is left as it was, and
@@ -57,7 +57,7 @@ class StaticHostSm : public Vexil::Entity {
    const Vexil::Ptr<LabelTable>& staticLabelTable() const { return staticLabelTable_; }
    const Vexil::Ptr<DestTable>& staticDestTable() const { return staticDestTable_; }
 
-   // The last id given; 0 before the first one.
+   // The last id given; before the first one, the highest that an earlier run left.
    uint64_t currLabelId() const { return currLabelId_; }
    uint64_t currDestId() const { return currDestId_; }
    bool initialized() const { return initialized_; }
@@ -83,6 +83,7 @@ class StaticHostSm : public Vexil::Entity {
 
    void attachTables();
    void publishEntry();
+   void noteFoundIds();
    void discardChanged();
    bool isAsConfigured( const Host& host ) const;
    void handleFdbConfig( const Bridging::Fid& fid );

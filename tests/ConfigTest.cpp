@@ -26,7 +26,9 @@ class ConfigTest : public ProcessTest {
       return ctl( { "config", "apply", "-" }, document );
    }
    Json config() { return json( { "show", "config" } ); }
-   std::string file( const std::string& name ) { return state + "/bridging/config/" + name; }
+   std::string file( const std::string& name ) {
+      return state + "/bridging/config/" + Bridging::configLink + "/" + name;
+   }
    // A file with that content.
    std::string documentOf( const std::string& content ) {
       const std::string name = folder.file( "doc.json" );
@@ -42,6 +44,40 @@ class ConfigTest : public ProcessTest {
                   std::to_string( i + offset ) + "}\n";
       return R"({"hosts":[)" + hosts + "]}";
    }
+};
+
+// The agent's side, in this process: the entity, and the static source on it.
+class Following {
+ public:
+   explicit Following( const std::string& state )
+      : manager( Vexil::makeEntity<Vexil::EntityManager>( loop, state ) ) {
+      [[maybe_unused]] static const bool registered = ( L2Rib::registerEntityTypes(), true );
+      manager->mount( L2Rib::Path::bridgingConfig, "Bridging::Config", Vexil::MountMode::read );
+      config =
+         dynamic_cast<Bridging::Config*>( manager->entity( L2Rib::Path::bridgingConfig ).get() );
+      sm = Vexil::makeEntity<L2Rib::StaticHostSm>(
+         manager, Vexil::makeEntity<L2Rib::AgentSourceDir>(), config );
+   }
+   uint32_t hosts() const { return sm->staticInputTable()->count(); }
+   // "intf 5", "tunnel 5 label 1000"; "none".
+   std::string host( unsigned number, uint32_t vlan ) const {
+      const auto fdb = config->fdbConfig( Bridging::Fid( vlan ) );
+      const auto* const found =
+         fdb ? fdb->configuredHost( EthAddr( 0x020000000000 + number ) ) : nullptr;
+      if( !found )
+         return "none";
+      return found->intf.str() +
+             ( found->mplsLabel.valid() ? " label " + found->mplsLabel.str() : "" );
+   }
+   template<class Condition>
+   bool until( Condition condition ) {
+      return waitFor( [ & ] { return loop.turn( 0.01 ), condition(); }, patience );
+   }
+
+   Vexil::ActivityManager loop;
+   Vexil::Ptr<Vexil::EntityManager> manager;
+   Vexil::Ptr<Bridging::Config> config;
+   Vexil::Ptr<L2Rib::StaticHostSm> sm;
 };
 
 TEST_F( ConfigTest, CommandsSayWhatTheyDid ) {
@@ -172,26 +208,65 @@ TEST_F( ConfigTest, ApplyWritesOnlyWhatDiffers ) {
    EXPECT_EQ( shown, config() );
 }
 
-// The signal comes when the first record has been written.
-TEST_F( ConfigTest, ApplyThatIsToldToEndIsAllOrNothing ) {
-   constexpr unsigned count = 5000;
-   ASSERT_EQ( 0, ctl( { "config", "apply", documentOf( many( count, 0 ) ) } ).status );
-   unsigned offset = 0;
-   for( const int signal : { SIGTERM, SIGINT, SIGHUP } ) {
-      const ConfiguredHostTable hosts( file( ConfiguredHostTable::fileName ),
-                                       ConfiguredHostTable::Mode::read );
-      const uint64_t before = hosts.journalHead();
-      const std::string name = documentOf( many( count, ++offset ) );
+// Killed at each step of its way, and somewhere between: what is configured is what was before or
+// what was to be, of hosts and tunnels alike, and nobody who follows it sees anything else.
+TEST_F( ConfigTest, ApplyThatIsKilledIsAllOrNothing ) {
+   constexpr unsigned count = 2000;
+   const auto document = [ & ]( unsigned version ) { // all hosts change, and the tunnel
+      const std::string hosts = many( count, version );
+      return R"({"tunnels":[{"id":5,"source":"10.0.0.1","destination":"10.0.1.)" +
+             std::to_string( version ) + R"("}],"hosts":[{"vlan":20,"mac":"02:00:00:00:00:01",)" +
+             R"("label":)" + std::to_string( 100 + version ) + R"(,"tunnel":5},)" +
+             hosts.substr( hosts.find( '[' ) + 1 );
+   };
+   ASSERT_EQ( 0, apply( document( 0 ) ).status );
+   Following agent( state );
+   const auto followed = [ & ] { // the version of what the agent's side knows; -1: of several
+      const std::string tunnel = agent.config->tunnel( TunnelId( 5 ) )->destination.str();
+      const std::string version = tunnel.substr( tunnel.rfind( '.' ) + 1 );
+      return agent.host( 1, 20 ) == "tunnel 5 label " + std::to_string( 100 + std::stoi( version ) )
+                ? std::stoi( version )
+                : -1;
+   };
+   Json before = config();
+   TestSupport::Random random;
+   int taken = 0;
+   const std::string folder = state + "/bridging/config";
+   for( unsigned round = 1; round <= 60 && !HasFailure(); ++round ) {
+      const std::string name = documentOf( document( round ) );
+      const auto inForce = Bridging::configGeneration( folder );
       Program applying = start( L2RIBCTL_PATH, { "config", "apply", name } );
-      ASSERT_TRUE( waitFor( [ & ] { return hosts.journalHead() > before; }, patience ) );
-      applying.signal( signal );
-      applying.status(); // its end by the signal, unless that came too late to meet it
-      unsigned written = 0;
-      for( unsigned i = 1; i <= count; ++i )
-         written += hosts.get( { EthAddr( 0x020000000000 + i ), Bridging::VlanId( 1 + i % 7 ) } )
-                       .intf.value() == i + offset;
-      EXPECT_EQ( count, written );
+      // A folder of the next generation; one table, the other, in force, and then the end.
+      const size_t step = random.below( 5 );
+      waitFor(
+         [ & ] {
+            size_t seen = Bridging::configGeneration( folder ) != inForce ? 4 : 0;
+            std::error_code gone;
+            for( const auto& entry : std::filesystem::recursive_directory_iterator(
+                    folder, std::filesystem::directory_options::none, gone ) )
+               seen += entry.path().string().find( inForce ) == std::string::npos &&
+                       entry.path().string().find( "/.tables." ) != std::string::npos;
+            return seen > step || applying.ended();
+         },
+         patience );
+      applying.signal( SIGKILL );
+      applying.status();
+      const Json after = config();
+      ASSERT_EQ( after[ "hosts" ].size(), count + 1 );
+      if( after != before ) {
+         ASSERT_EQ( apply( document( round ) ).out,
+                    "hosts: 0 set, 0 deleted; tunnels: 0 set, 0 deleted\n" );
+         ++taken;
+      }
+      before = after;
+      const int version = before[ "tunnels" ][ 0 ][ "destination" ].get<std::string>().back();
+      EXPECT_TRUE( agent.until( [ & ] { return followed() % 10 == version - '0'; } ) );
    }
+   EXPECT_GT( taken, 5 );
+   EXPECT_LT( taken, 60 );
+   ASSERT_EQ( 0, apply( twoHosts ).status );
+   EXPECT_EQ( 3, std::distance( std::filesystem::directory_iterator( folder ), {} ) )
+      << "the lock, the link and the generation in force";
 }
 
 TEST_F( ConfigTest, RacingCommandsLoseNothing ) {
@@ -207,40 +282,6 @@ TEST_F( ConfigTest, RacingCommandsLoseNothing ) {
    EXPECT_EQ( 0, two.status() ) << two.err();
    EXPECT_EQ( 40u, config()[ "hosts" ].size() );
 }
-
-// The agent's side, in this process: the entity, and the static source on it.
-class Following {
- public:
-   explicit Following( const std::string& state )
-      : manager( Vexil::makeEntity<Vexil::EntityManager>( loop, state ) ) {
-      [[maybe_unused]] static const bool registered = ( L2Rib::registerEntityTypes(), true );
-      manager->mount( L2Rib::Path::bridgingConfig, "Bridging::Config", Vexil::MountMode::read );
-      config =
-         dynamic_cast<Bridging::Config*>( manager->entity( L2Rib::Path::bridgingConfig ).get() );
-      sm = Vexil::makeEntity<L2Rib::StaticHostSm>(
-         manager, Vexil::makeEntity<L2Rib::AgentSourceDir>(), config );
-   }
-   uint32_t hosts() const { return sm->staticInputTable()->count(); }
-   // "intf 5", "tunnel 5 label 1000"; "none".
-   std::string host( unsigned number, uint32_t vlan ) const {
-      const auto fdb = config->fdbConfig( Bridging::Fid( vlan ) );
-      const auto* const found =
-         fdb ? fdb->configuredHost( EthAddr( 0x020000000000 + number ) ) : nullptr;
-      if( !found )
-         return "none";
-      return found->intf.str() +
-             ( found->mplsLabel.valid() ? " label " + found->mplsLabel.str() : "" );
-   }
-   template<class Condition>
-   bool until( Condition condition ) {
-      return waitFor( [ & ] { return loop.turn( 0.01 ), condition(); }, patience );
-   }
-
-   Vexil::ActivityManager loop;
-   Vexil::Ptr<Vexil::EntityManager> manager;
-   Vexil::Ptr<Bridging::Config> config;
-   Vexil::Ptr<L2Rib::StaticHostSm> sm;
-};
 
 TEST_F( ConfigTest, AgentFindsAndFollowsIt ) {
    { // before there is anything
@@ -271,7 +312,7 @@ TEST_F( ConfigTest, AgentFindsAndFollowsIt ) {
       EXPECT_EQ( "intf " + std::to_string( i + 1 ), agent.host( i, 1 + i % 7 ) );
    ctl( { "config", "delete-vlan", "3" } );
    EXPECT_TRUE( agent.until( [ & ] { return agent.hosts() == 3000 - 429; } ) );
-   std::filesystem::remove( file( ConfiguredHostTable::fileName ) );
+   std::filesystem::remove( state + "/bridging/config/" + Bridging::configLink );
    EXPECT_TRUE( agent.until( [ & ] { return agent.hosts() == 0; } ) );
    ctl( { "config", "set", "4", mac( 7 ), "--interface", "7" } );
    EXPECT_TRUE( agent.until( [ & ] { return agent.host( 7, 4 ) == "intf 7"; } ) );

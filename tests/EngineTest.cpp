@@ -290,12 +290,16 @@ TEST( Review, FullOutputParksTheHostUntilAnotherGoes ) {
    lab.settle();
    EXPECT_EQ( "none", lab.outcome( mvp( 5 ) ) );
    EXPECT_TRUE( lab.engine->failedHost( mvp( 5 ) ) );
-   EXPECT_EQ( 0u, lab.output.dest->count() ) << "the object made for it goes again";
+   const uint64_t writes = lab.writes;
+   for( int tick = 0; tick < 3; ++tick )
+      lab.hammer();
+   EXPECT_EQ( writes, lab.writes ) << "objects of a host that has no room are left alone";
+   EXPECT_EQ( 1u, lab.engine->awaited().count( parkedTableFull_ ) );
    source.host->hostDel( mvp( 1 ) );
-   lab.hammer();
-   EXPECT_EQ( 4u, lab.output.host->count() );
-   EXPECT_EQ( 1u, lab.output.dest->count() );
-   EXPECT_FALSE( lab.exists( dest( 1 ) ) ) << "an id is never given twice";
+   lab.settle();
+   EXPECT_EQ( 4u, lab.output.host->count() ) << "room came";
+   EXPECT_TRUE( lab.exists( dest( 1 ) ) ) << "no id was given before";
+   EXPECT_TRUE( lab.engine->awaited().empty() );
 }
 
 TEST( Review, HammerTicksForEverAndRetriesWhatIsParked ) {
@@ -308,16 +312,19 @@ TEST( Review, HammerTicksForEverAndRetriesWhatIsParked ) {
    EXPECT_EQ( "none", lab.outcome( mvp( 1 ) ) );
    lab.hammer();
    EXPECT_EQ( lab.engine->retries(), 2u ) << "the host and its group";
-   source.set(
-      objectHost( mvp( 2 ), lb( 1 ) ) ); // fails for less long; its pass takes the two along
+   source.set( objectHost( mvp( 2 ), lb( 1 ) ) ); // fails for less long
+   lab.settle();
+   EXPECT_TRUE( lab.engine->failedHost( mvp( 2 ) ) );
    lab.hammer();
-   EXPECT_EQ( lab.engine->retries(), 2u + 2 + 3 );
-   EXPECT_EQ( lab.engine->failingSince(), start ) << "retries do not make a failure younger";
+   EXPECT_EQ( lab.engine->retries(), 2u + 3 ) << "in the pass of the second host none of them";
+   EXPECT_EQ( lab.engine->awaited().oldest(), start ) << "retries do not make a failure younger";
+   source.set( intfDest( 2, 7 ) );
+   lab.settle();
+   EXPECT_EQ( lab.engine->retries(), 2u + 3 ) << "nobody waits for this one";
    source.set( intfDest( 1, 7 ) );
-   lab.turn(); // the dest alone helps nobody: no copy exists that would be refreshed
-   lab.hammer();
-   EXPECT_EQ( "lb/1 from 0x40", lab.outcome( mvp( 1 ) ) );
-   EXPECT_EQ( lab.engine->failingSince(), Vexil::never );
+   lab.settle();
+   EXPECT_EQ( "lb/1 from 0x40", lab.outcome( mvp( 1 ) ) ) << "what it lacked has come";
+   EXPECT_EQ( lab.engine->awaited().oldest(), Vexil::never );
    EXPECT_TRUE( lab.engine->failedHost().empty() );
    EXPECT_TRUE( lab.engine->failedOtas().empty() );
    EXPECT_LT( lab.clock->nextWake(), Vexil::never );
@@ -330,33 +337,119 @@ TEST( SourceHold, HostsStayAndAreExaminedWhenItIsBackOrTheTimeIsOver ) {
    LabSource& source = lab.source( "one", a );
    source.set( intfDest( 1, 7 ) );
    source.set( objectHost( mvp( 1 ), dest( 1 ) ) );
-   source.set( inlineHost( mvp( 2 ), 2 ) );
-   source.set( inlineHost( mvp( 3 ), 3 ) );
+   for( uint64_t mac = 2; mac <= 4; ++mac )
+      source.set( inlineHost( mvp( mac ), mac ) );
    lab.settle();
    source.set( objectHost( mvp( 2 ), lb( 1 ) ) ); // parked,
    lab.settle();
-   source.set( inlineHost( mvp( 3 ), 4 ) ); // and queued, when it goes
+   source.host->hostDel( mvp( 3 ) ); // and queued, when it goes: decided like anything else
    lab.inputDir->entryDel( "one" );
-   const uint64_t writes = lab.writes;
    lab.settle();
-   lab.pass( 29 );
+   EXPECT_EQ( "none", lab.outcome( mvp( 3 ) ) );
+   lab.pass( 11 );
+   EXPECT_EQ( "none", lab.outcome( mvp( 2 ) ) );
+   const uint64_t writes = lab.writes;
+   lab.pass( 18 );
    EXPECT_EQ( writes, lab.writes );
-   EXPECT_EQ( "value 2 from 0x40", lab.outcome( mvp( 2 ) ) );
+   EXPECT_EQ( "dest/1 from 0x40", lab.outcome( mvp( 1 ) ) );
 
    LabSource& back = lab.source( "one", a, false );
    back.set( inlineHost( mvp( 2 ), 2 ) );
-   back.set( inlineHost( mvp( 3 ), 33 ) );
+   back.set( inlineHost( mvp( 4 ), 44 ) );
    lab.settle();
    EXPECT_EQ( writes, lab.writes ) << "back, but not initialized: nothing is touched";
    back.entry->initializedIs( true );
    lab.settle();
-   EXPECT_EQ( writes + 3, lab.writes ) << "one host withdrawn with its dest, one changed";
+   EXPECT_EQ( writes + 4, lab.writes ) << "one withdrawn with its dest, one new, one changed";
    EXPECT_EQ( "none", lab.outcome( mvp( 1 ) ) );
    EXPECT_EQ( 0u, lab.output.dest->count() );
 
    lab.inputDir->entryDel( "one" );
    lab.pass( 31 );
    EXPECT_EQ( 0u, lab.output.host->count() ) << "the hold time is over";
+}
+
+TEST( SourceHold, WhoSaidGoodbyeIsNotHeld ) {
+   Lab lab;
+   lab.source( "one", a ).set( inlineHost( mvp( 1 ), 1 ) );
+   lab.settle();
+   lab.sources[ "one" ].entry->initializedIs( false );
+   lab.inputDir->entryDel( "one" );
+   lab.settle();
+   EXPECT_EQ( "none", lab.outcome( mvp( 1 ) ) );
+}
+
+// Whatever happens to others, what a source left is kept to the end of its own hold, and goes then.
+TEST( SourceHold, EachSourceHasItsOwnEnd ) {
+   Lab lab;
+   lab.source( "one", a ).set( inlineHost( mvp( 1 ), 1 ) );
+   lab.source( "two", b ).set( inlineHost( mvp( 2 ), 2 ) );
+   lab.source( "three", c ).set( inlineHost( mvp( 3 ), 3 ) );
+   lab.settle();
+   lab.inputDir->entryDel( "one" );
+   lab.pass( 1 );
+   lab.inputDir->entryDel( "two" );
+   const auto all = [ & ] {
+      std::string text;
+      for( uint64_t mac = 1; mac <= 3; ++mac )
+         text += lab.outcome( mvp( mac ) ) == "none" ? "-" : std::to_string( mac );
+      return text;
+   };
+   const struct {
+      Vexil::Seconds passes;
+      std::function<void()> then;
+      const char* left;
+   } story[] = {
+      { 1, [] {}, "123" },
+      { 1, [ & ] { lab.engine->sourceSm( "three" )->handleOvertaken(); }, "123" },
+      { 1, [ & ] { lab.inputDir->entryDel( "three" ); }, "123" },
+      { 1, [ & ] { lab.source( "three", c ); }, "12-" }, // back without its host
+      { 24, [] {}, "12-" },
+      { 1.5, [] {}, "-2-" },
+      { 1, [] {}, "---" },
+   };
+   for( const auto& step : story ) {
+      lab.pass( step.passes );
+      step.then();
+      lab.settle();
+      EXPECT_EQ( step.left, all() );
+   }
+
+   // Others come and go with every turn, so that a walk over the output is always under way.
+   for( uint64_t mac = 1; mac <= 200; ++mac )
+      lab.sources[ "three" ].set( inlineHost( mvp( mac ), 3 ) );
+   lab.settle();
+   lab.inputDir->entryDel( "three" );
+   lab.settle();
+   lab.clock->nowIs( lab.clock->now() + 31 );
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.001 );
+   for( int turn = 0; turn < 2000 && lab.output.host->count() != 0; ++turn ) {
+      lab.source( "other", b );
+      lab.turn();
+      lab.sources[ "other" ].entry->initializedIs( false );
+      lab.inputDir->entryDel( "other" );
+      lab.turn();
+   }
+   EXPECT_EQ( 0u, lab.output.host->count() );
+}
+
+// Each of the three is newer than one of the others: which one is taken depends on all of them, and
+// on the ones that are there alone.
+TEST( SourceHold, EndOfAHoldIsForAllHosts ) {
+   for( const char* leaver : { "one", "two", "three" } ) {
+      Lab lab;
+      lab.source( "one", a ).set( inlineHost( mvp( 1 ), 1, 100, 0 ) );
+      lab.source( "two", b ).set( inlineHost( mvp( 1 ), 2, 100, 0x60000000 ) );
+      lab.source( "three", c ).set( inlineHost( mvp( 1 ), 3, 100, 0xc0000000 ) );
+      lab.settle();
+      lab.inputDir->entryDel( leaver );
+      lab.pass( 31 );
+      const std::string outcome = lab.outcome( mvp( 1 ) );
+      lab.newEngine();
+      lab.settle();
+      EXPECT_EQ( lab.outcome( mvp( 1 ) ), outcome ) << "without " << leaver;
+   }
 }
 
 // Entries go and come with all kinds of work queued; nothing may stop the engine.

@@ -283,7 +283,7 @@ TEST_F( FloodProcessTest, StaticSourceIsSeenLikeAnyOther ) {
                               "hosts":1,"dests":0,"groups":0,"labels":0,"flood":0})" ) );
    EXPECT_EQ( row( "show", "sources" ),
               Json::parse( R"({"name":"static","source":"0x10","initialized":true,"ready":true,
-                              "running":true,"hosts":1})" ) );
+                              "running":true,"hosts":1,"reason":null})" ) );
    EXPECT_NE( ctl( { "source", "delete", "static" } ).err.find( "inside the agent" ),
               std::string::npos );
    // Another agent on the same tables is refused, and takes nothing from the one that runs.

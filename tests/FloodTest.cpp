@@ -1,6 +1,7 @@
 // The merged flood sets: against a model, and across the tables that carry them.
 #include "L2Rib/Bindings.h"
 #include "L2Rib/FloodBindings.h"
+#include "L2Rib/SourceFloodBinding.h"
 #include "tests/EngineLab.h"
 #include "tests/TestSupport.h"
 
@@ -121,18 +122,87 @@ TEST( FloodMerge, QuantumZeroHandlesOneMemberARun ) {
    }
 }
 
+// Hosts and members of a vanished source are kept and let go together, whatever other sources do.
 TEST( FloodMerge, MembersOfAVanishedSourceGoAfterTheHold ) {
    Lab lab;
    add( lab.source( "one", a ).entry, 10, 1, member( 1 ) );
    add( lab.source( "two", b ).entry, 10, 1, member( 2 ) );
+   add( lab.source( "three", c ).entry, 10, 1, member( 3 ) );
    lab.settle();
-   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
+   lab.inputDir->entryDel( "three" );
+   lab.pass( 10 );
    lab.inputDir->entryDel( "one" );
-   lab.pass( 29 );
-   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   lab.pass( 19 );
+   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
    EXPECT_EQ( b, lab.output.flood->source() );
-   lab.pass( 2 );
-   EXPECT_EQ( 1u, members( *lab.output.flood ).size() );
+   lab.pass( 2 ); // the end of another source's hold,
+   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
+   lab.engine->sourceSm( "two" )->handleOvertaken(); // a journal that was read too late,
+   lab.settle();
+   lab.inputDir->entryDel( "two" ); // and one that is back without its member
+   lab.source( "two", b );
+   lab.settle();
+   EXPECT_EQ( std::set<std::string>{ "10/00:00:00:00:00:01:{ flood dest intf 1 }" },
+              members( *lab.output.flood ) );
+   lab.pass( 10 );
+   EXPECT_TRUE( lab.output.flood->vlanFloodSet().empty() );
+}
+
+// However many members one VLAN has, the walk over them is in slices.
+TEST( FloodMerge, EndOfAHoldIsInSlices ) {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   for( uint64_t interface = 0; interface < 2000; ++interface )
+      add( source.entry, 10, 1 + interface / 1000, member( interface ) );
+   lab.settle();
+   lab.inputDir->entryDel( "one" );
+   lab.clock->nowIs( lab.clock->now() + 31 );
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.0001 );
+   size_t before = 0;
+   while( lab.engine->withdrawalChecksLeft() != 0 || before == 0 ) {
+      lab.turn();
+      EXPECT_LE( lab.engine->floodSetBacklog().size(), before + 64 );
+      before = std::max<size_t>( lab.engine->floodSetBacklog().size(), 1 );
+   }
+   lab.settle();
+   EXPECT_TRUE( lab.output.flood->vlanFloodSet().empty() );
+}
+
+TEST( FloodMerge, MembersWithoutRoomAreParkedUntilThereIsSome ) {
+   struct Few : FloodSetOutput::MemberRoom {
+      explicit Few( const FloodSetOutput& output ) : output_( output ) {}
+      Vexil::Room makeRoom() override {
+         return freeMembers() != 0 ? Vexil::Room::yes : Vexil::Room::full;
+      }
+      uint64_t freeMembers() const override { return capacity() - members( output_ ).size(); }
+      uint32_t capacity() const override { return 3; }
+      const FloodSetOutput& output_;
+   };
+   Lab lab;
+   Few few( *lab.output.flood );
+   lab.output.flood->memberRoomIs( &few );
+   LabSource& source = lab.source( "one", a );
+   for( uint64_t interface = 1; interface <= 5; ++interface )
+      add( source.entry, 10, interface, member( interface ) );
+   lab.hammer();
+   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
+   EXPECT_EQ( 2u, lab.engine->failedFloodSet().size() );
+   EXPECT_EQ( 2u, lab.engine->awaited().count( parkedTableFull_ ) );
+   // One that is in leaves, and one that waits does: nothing waits any more but what has no room.
+   const FloodSetTriple waits = lab.engine->failedFloodSet().begin()->value;
+   source.entry->vlanFloodSet( Bridging::VlanId( 10 ) )->floodSetDel( waits.mac() );
+   for( uint64_t interface = 1; interface <= 5; ++interface )
+      if( lab.output.flood->vlanFloodSet( Bridging::VlanId( 10 ) )
+             ->floodSet( Vexil::EthAddr( interface ) ) ) {
+         source.entry->vlanFloodSet( Bridging::VlanId( 10 ) )
+            ->floodSetDel( Vexil::EthAddr( interface ) );
+         break;
+      }
+   lab.settle();
+   EXPECT_EQ( members( *source.entry ), members( *lab.output.flood ) );
+   EXPECT_TRUE( lab.engine->awaited().empty() );
 }
 
 TEST( FloodMerge, TracesWhatItDoes ) {
@@ -199,7 +269,10 @@ TEST( FloodBinding, SourceTableFillsTheEntry ) {
    const auto table = makeEntity<FloodMemberTable>( 64u );
    const auto entry = makeEntity<SourceDirEntry>( "one" );
    ASSERT_TRUE( table->set( record( 10, 1, 1 ) ) );
-   SourceFloodBinding binding( table, entry );
+   const auto clock = makeEntity<Vexil::ManualClock>();
+   SourceFloodBinding binding( clock, table, entry );
+   EXPECT_TRUE( members( *entry ).empty() ) << "nothing of it before it is read";
+   EXPECT_TRUE( binding.readOn( *clock, Vexil::never ) );
    ASSERT_TRUE( table->set( record( 10, 2, 1 ) ) );
    ASSERT_TRUE( table->set( record( 20, 1, 1 ) ) );
    EXPECT_EQ( 3u, members( *entry ).size() );
@@ -217,6 +290,46 @@ TEST( FloodBinding, SourceTableFillsTheEntry ) {
    EXPECT_EQ( 2u, members( *entry ).size() ) << "and leave nothing of what they replace";
    table->eraseAll();
    EXPECT_TRUE( members( *entry ).empty() );
+}
+
+// In slices of a few members: nothing is in the entry before all is, and the members that went
+// while the journal ran ahead of its reader go without a hold either.
+TEST( FloodBinding, ReadsInSlices ) {
+   constexpr uint32_t count = 4000;
+   TestSupport::TemporaryFolder folder;
+   FloodMemberTable writer( folder.file( "flood" ), FloodMemberTable::Mode::write, count );
+   const auto nth = []( uint32_t number ) {
+      return record( 1 + number % 3, 1 + number % 5, number );
+   };
+   for( uint32_t number = 0; number < count; ++number )
+      ASSERT_TRUE( writer.set( nth( number ) ) );
+   const auto table =
+      makeEntity<FloodMemberTable>( folder.file( "flood" ), FloodMemberTable::Mode::read );
+   const auto clock = makeEntity<Vexil::ManualClock>();
+   clock->tickIs( 0.001 ); // each look at it
+   const auto entry = makeEntity<SourceDirEntry>( "one" );
+   SourceFloodBinding binding( clock, table, entry );
+   int slices = 1;
+   for( ; !binding.readOn( *clock, clock->now() + 0.005 ); ++slices ) {
+      ASSERT_TRUE( entry->vlanFloodSet().empty() ) << "after slice " << slices;
+      ASSERT_TRUE( writer.erase( nth( slices ).triple ) ) << "what goes meanwhile is not missed";
+   }
+   EXPECT_GT( slices, 3 );
+   EXPECT_LT( slices, 100 );
+   table->poll( *clock, Vexil::never );
+   EXPECT_EQ( count - slices + 1, members( *entry ).size() );
+
+   for( uint32_t number = slices; number < count; ++number ) // more than its journal holds
+      if( number % 8 != 0 )
+         writer.erase( nth( number ).triple );
+   table->poll( *clock, Vexil::never );
+   EXPECT_TRUE( entry->floodBehind() );
+   for( slices = 0; entry->floodBehind(); ++slices ) {
+      ASSERT_LT( slices, 10000 );
+      clock->fireDue();
+   }
+   EXPECT_GT( slices, 3 );
+   EXPECT_EQ( writer.count(), members( *entry ).size() );
 }
 
 TEST( AgentSourceDir, StartsEmptyInEveryRun ) {

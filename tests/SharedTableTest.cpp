@@ -17,6 +17,28 @@ using TestSupport::bytesOf;
 using TestSupport::replace;
 using TestSupport::TemporaryFolder;
 
+struct Number {
+   uint32_t number;
+   uint32_t value;
+};
+class NumberTable : public NamedTable<NumberTable, uint32_t, Number> {
+ public:
+   using NamedTable::NamedTable;
+   static constexpr const char* typeName = "TestNumber";
+   static constexpr const char* collection = "number";
+};
+// Follows a table of numbers and counts what it is told.
+class NumberMirror : public Reactor<NumberTable> {
+ public:
+   explicit NumberMirror( const Ptr<NumberTable>& table ) : Reactor<NumberTable>( table ) {}
+   void handleEntry( const uint32_t& number ) override {
+      ++told;
+      contents[ number ] = notifier()->get( number ).value;
+   }
+   std::map<uint32_t, uint32_t> contents;
+   uint32_t told = 0;
+};
+
 // Overwrites part of a file that others may have mapped.
 void overwrite( const std::string& path, uint64_t offset, const void* data, size_t size ) {
    const int fd = open( path.c_str(), O_WRONLY );
@@ -36,8 +58,9 @@ TableError::Kind refusal( const std::string& path, Table::Mode mode, TableSpec a
    return TableError::system;
 }
 
-// Random operations, many on a full table; the writer leaves and comes back with other capacities,
-// smaller than its content too, and a reader that attached once follows it to each new file.
+// Random operations, many on a full table, which grows by itself to some limit; the writer leaves
+// and comes back with other capacities, smaller than its content too, and a reader that attached
+// once follows it to each new file.
 TEST( SharedTable, MatchesTheModelAndFollowsItsWriter ) {
    const TemporaryFolder folder;
    const std::string path = folder.file( "a/b/table" ); // folders are made
@@ -47,14 +70,16 @@ TEST( SharedTable, MatchesTheModelAndFollowsItsWriter ) {
    Mirror mirror( read( path ) );
    const Table& reader = *mirror.notifier();
    EXPECT_FALSE( reader.writable() );
-   unsigned full = 0;
+   unsigned full = 0, grown = 0;
    for( int life = 0; life < 60; ++life ) {
       Mirror own( writer ); // is told at the time of the change
       for( int step = 0; step < 600; ++step ) {
          const uint64_t told = writer->journalHead() - own.told;
+         const uint32_t capacity = writer->capacity();
          ASSERT_TRUE( ledger.operate( *writer, random.below( Ledger::keys ), random ) );
          ASSERT_EQ( writer->journalHead() - own.told, told );
          full += writer->count() == writer->capacity();
+         grown += writer->capacity() > capacity;
          if( random.percent( 1 ) )
             mirror.follow();
       }
@@ -69,11 +94,15 @@ TEST( SharedTable, MatchesTheModelAndFollowsItsWriter ) {
       writer = nullptr;
       ASSERT_FALSE( tableHasWriter( path ) );
       const uint32_t asked = random.percent( 30 ) ? reader.capacity() : 20 + random.below( 300 );
-      writer = written( path, asked );
+      writer = written( path, random.percent( 50 ) ? asked : 1 );
+      writer->capacityIs( asked );
       ASSERT_EQ( writer->capacity(), std::max( asked, reader.count() ) );
+      ledger.capacityMax = random.percent( 70 ) ? random.below( 500 ) : 0;
+      writer->capacityMaxIs( ledger.capacityMax );
       ASSERT_EQ( ledger.wrongIn( *writer ), "" );
    }
    EXPECT_GT( full, 1000u );
+   EXPECT_GT( grown, 5u );
    writer->eraseAll();
    mirror.follow();
    EXPECT_TRUE( mirror.contents.empty() );
@@ -123,13 +152,64 @@ TEST( SharedTable, RefusesWhatIsNotItsFile ) {
    EXPECT_EQ( Vexil::tableTypeName( path ), "" );
 }
 
+// A table that grows from one row to many: whoever reads at least once from each file is told every
+// change once, and a walk by slots in the middle of it meets every row that stays, once.
+TEST( SharedTable, GrowsUnderWhoReadsIt ) {
+   constexpr uint32_t rows = 200'000; // past the size up to which a table is copied in one go
+   const TemporaryFolder folder;
+   for( const std::string& path : { folder.file( "table" ), std::string() } ) {
+      const Ptr<NumberTable> writer =
+         path.empty() ? makeEntity<NumberTable>( 1u )
+                      : makeEntity<NumberTable>( path, NumberTable::Mode::write, 1u );
+      writer->capacityMaxIs( 1 << 20 );
+      const Ptr<NumberTable> reader =
+         path.empty() ? writer : makeEntity<NumberTable>( path, NumberTable::Mode::read );
+      NumberMirror mirror( reader );
+      Random random;
+      ManualClock clock;
+      const auto poll = [ & ] {
+         while( reader != writer && reader->poll( clock, 0 ) ) {
+         }
+      };
+      uint32_t slot = 0, met = 0, changes = 0;
+      for( uint32_t number = 0; number < rows; ++number ) {
+         const uint32_t capacity = writer->capacity();
+         ASSERT_TRUE( number % 2 == 0 || writer->makeRoom( 5 ) == Room::yes );
+         ASSERT_TRUE( writer->set( { number, 0 } ) );
+         ASSERT_TRUE( writer->set( { random.below( number + 1 ), number } ) );
+         changes += 2;
+         if( random.percent( 10 ) ) { // a key that the walk does not look for, and its slot
+            ASSERT_TRUE( writer->set( { rows + 1, 0 } ) && writer->erase( rows + 1 ) );
+            changes += 2;
+         }
+         if( writer->capacity() != capacity || random.below( 50 ) == 0 )
+            poll();
+         if( number > rows / 2 ) // slower than the table grows
+            if( const auto row = writer->inSlot( slot++ ) )
+               met += row->number < rows / 2;
+      }
+      for( ; slot < writer->slotCount(); ++slot )
+         if( const auto row = writer->inSlot( slot ) )
+            met += row->number < rows / 2;
+      EXPECT_EQ( met, rows / 2 );
+      poll();
+      EXPECT_EQ( reader->overruns(), 0u );
+      EXPECT_EQ( mirror.told, changes );
+      EXPECT_EQ( reader->count(), rows );
+      EXPECT_EQ( reader->capacity(), 1u << 18 );
+      for( uint32_t number = 0; number < rows; ++number )
+         ASSERT_EQ( mirror.contents[ number ], writer->get( number ).value );
+   }
+}
+
 // Bursts larger than the journal, and polls that are cut short after one batch, with more changes
 // between the parts of a walk over all keys: in the end nothing is missed, deletions included.
 TEST( SharedTable, OvertakenReaderLosesNothing ) {
-   constexpr uint32_t capacity = 3000, keys = 6000;
+   constexpr uint32_t keys = 6000;
    const TemporaryFolder folder;
    Random random;
-   const Ptr<Table> writer = written( folder.file( "table" ), capacity );
+   const Ptr<Table> writer = written( folder.file( "table" ), 20 );
+   writer->capacityMaxIs( 3000 );
    const Ptr<Table> reader = read( folder.file( "table" ) );
    Mirror mirror( reader ), truth( writer );
    ManualClock clock;

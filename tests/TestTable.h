@@ -102,6 +102,9 @@ class Ledger {
  public:
    static constexpr uint32_t keys = 300;
 
+   // The capacity up to which the table grows by itself.
+   uint32_t capacityMax = 0;
+
    // So many were begun; also the serial number of the last one.
    uint32_t operations() const { return serial_; }
    void announce( uint32_t number, bool erase ) {
@@ -144,7 +147,7 @@ class Ledger {
       const bool present = !absent( after( promises_[ number ] ) );
       if( random.percent( 45 ) )
          return erase( table, number ) == present;
-      const bool full = table.count() == table.capacity();
+      const bool full = table.count() == std::max( table.capacity(), capacityMax );
       return set( table, number ) == ( present || !full );
    }
 

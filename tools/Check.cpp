@@ -1,6 +1,7 @@
 // l2ribctl check: whether the output tables keep their invariants.
 #include "L2Rib/Status.h"
 #include "tools/OutputGraph.h"
+#include "tools/Parked.h"
 #include "tools/Show.h"
 
 #include <iostream>
@@ -175,9 +176,15 @@ int check( const Context& context ) {
    const PolicySmStatusTable ids( context.fileOf( Path::policySmStatus ),
                                   PolicySmStatusTable::Mode::read );
    Check check( graph, ids.get( SingleKey() ) );
-   const auto& faults = check.faults();
+   std::vector<std::string> faults = check.faults();
+   const SourceNames names( context );
+   const ParkedEntries parked( context );
+   for( const std::string& group : parked.forWantOfRoom( names ) )
+      faults.push_back( "not in the output for want of room: " + group );
    for( const std::string& fault : faults )
       std::cout << fault << '\n';
+   for( const std::string& entry : parked.forSources( names ) )
+      std::cout << "parked: " << entry << '\n';
    if( !faults.empty() ) {
       complain( std::to_string( faults.size() ) + ( faults.size() == 1 ? " fault" : " faults" ) +
                 " in the output" );

@@ -44,6 +44,8 @@ void addSettle( CLI::App& app, Context& context );
 void addMetrics( CLI::App& app, Context& context );
 // After addShow: "show config" is one of these.
 void addConfigCommands( CLI::App& app, Context& context );
+// "show failed", a subcommand of show.
+void addShowFailed( CLI::App& showing, Context& context );
 
 // What is wrong with an option's or argument's MAC address, or "": for its check().
 std::string checkMac( const std::string& text );

@@ -2,17 +2,21 @@
 
 #include "L2Rib/L2RibTarn.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/time.h>
+#include <thread>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 namespace Tools {
 
@@ -25,17 +29,23 @@ using Vexil::TableError;
 namespace {
 
 constexpr uint32_t smallest = 1024; // records that a new table has room for
-constexpr int patience = 10;        // seconds
+constexpr std::chrono::seconds patience( 10 );
 
 std::string fileIn( const Context& context, const std::string& name ) {
    return context.fileOf( L2Rib::Path::bridgingConfig ) + "/" + name;
 }
 
+// The folder of the generation in force.
+std::string generation( const Context& context ) {
+   const std::string folder = context.fileOf( L2Rib::Path::bridgingConfig );
+   return folder + Bridging::configGeneration( folder );
+}
+
 // Null when there is none.
 template<class Table>
-Ptr<Table> reading( const Context& context ) {
+Ptr<Table> reading( const std::string& folder ) {
    try {
-      return makeEntity<Table>( fileIn( context, Table::fileName ), Table::Mode::read );
+      return makeEntity<Table>( folder + "/" + Table::fileName, Table::Mode::read );
    } catch( const TableError& failure ) {
       if( failure.kind() != TableError::absent )
          throw;
@@ -43,17 +53,57 @@ Ptr<Table> reading( const Context& context ) {
    }
 }
 
+// All that the table has, nonsense too.
 template<class Table, class Records>
-void read( const Context& context, Records& records ) {
-   const Ptr<Table> table = reading<Table>( context );
-   if( !table )
-      return;
-   table->forEach( [ & ]( const typename Records::mapped_type& record ) {
-      if( const auto fault = Bridging::faultOf( record ) )
+void readAll( const Ptr<Table>& table, Records& records ) {
+   if( table )
+      table->forEach(
+         [ & ]( const typename Records::mapped_type& record ) { records[ record.key ] = record; } );
+}
+
+template<class Table, class Records>
+void read( const std::string& folder, Records& records ) {
+   const Ptr<Table> table = reading<Table>( folder );
+   readAll( table, records );
+   std::erase_if( records, [ & ]( const auto& record ) {
+      const auto fault = Bridging::faultOf( record.second );
+      if( fault )
          table->corruptionDetected( table->path() + ": " + fault->text );
-      else
-         records[ record.key ] = record;
+      return fault.has_value();
    } );
+}
+
+// What has to be set and deleted to make one table's records those of the other.
+template<class Records>
+struct Difference {
+   Difference( const Records& present, const Records& wanted ) {
+      for( const auto& [ key, record ] : wanted )
+         if( const auto found = present.find( key );
+             found == present.end() || found->second != record )
+            set.push_back( record );
+      for( const auto& [ key, record ] : present )
+         if( !wanted.contains( key ) )
+            deleted.push_back( key );
+   }
+   size_t size() const { return set.size() + deleted.size(); }
+
+   std::vector<typename Records::mapped_type> set;
+   std::vector<typename Records::key_type> deleted;
+};
+
+// Changes one record of a table that has room for it. False when there is no such table.
+template<class Table, class Records>
+bool changeInPlace( const Ptr<Table>& present, const Difference<Records>& difference ) {
+   if( !present || present->count() + difference.set.size() > present->capacity() )
+      return false;
+   const auto table = makeEntity<Table>( present->path(), Table::Mode::write, present->capacity() );
+   for( const auto& record : difference.set )
+      if( !table->set( record ) )
+         throw TableError( TableError::system, table->path() + ": takes no more records" );
+   for( const auto& key : difference.deleted )
+      table->erase( key );
+   table->ring();
+   return true;
 }
 
 // Has the system keep room for that many bytes of the file, so that no write into a mapping of it
@@ -67,118 +117,69 @@ void reserve( const std::string& file, uint64_t size ) {
       throw TableError( TableError::system, file + ": making room: " + std::strerror( error ) );
 }
 
-// Whether there is room for a new file beside what is there. To be known before a table is moved to
-// a larger file: that takes the old one away.
-void requireRoom( const Context& context, uint64_t size ) {
-   const std::string trial = fileIn( context, ".room" );
-   try {
-      reserve( trial, size );
-   } catch( const TableError& ) {
-      unlink( trial.c_str() );
-      throw;
-   }
-   unlink( trial.c_str() );
-}
-
-// The table with room for all that it has and all that it shall have; null when that is nothing.
+// A table with these records, in a folder where there is none; with room for as many as the one
+// that it follows.
 template<class Table, class Records>
-Ptr<Table> writing( const Context& context, const Records& wanted ) {
-   uint32_t capacityBefore = 0;
-   uint32_t capacity = smallest;
-   size_t needed = wanted.size();
-   if( const Ptr<Table> present = reading<Table>( context ) ) {
-      capacity = capacityBefore = present->capacity();
-      present->forEach( [ & ]( const typename Records::mapped_type& record ) {
-         needed += !wanted.contains( record.key );
-      } );
-   } else if( wanted.empty() ) {
-      return nullptr;
-   }
-   while( capacity < needed )
+void write( const std::string& folder, const Ptr<Table>& before, const Records& records ) {
+   uint32_t capacity = before ? std::max( before->capacity(), smallest ) : smallest;
+   while( capacity < records.size() )
       capacity *= 2;
+   const std::string file = folder + "/" + Table::fileName;
+   // Room for it is looked for under another name: a table is not even begun without.
    const uint64_t size = Vexil::TableGeometry( Table::spec(), capacity ).fileSize;
-   if( capacity != capacityBefore )
-      requireRoom( context, size );
-   const auto table =
-      makeEntity<Table>( fileIn( context, Table::fileName ), Table::Mode::write, capacity );
-   reserve( table->path(), size );
-   return table;
-}
-
-template<class Table, class Records>
-size_t setDiffering( const Ptr<Table>& table, const Records& wanted ) {
-   size_t count = 0;
-   for( const auto& [ key, record ] : wanted ) {
-      typename Records::mapped_type present;
-      if( table->get( key, present ) && present == record )
-         continue;
+   reserve( file + ".room", size );
+   unlink( ( file + ".room" ).c_str() );
+   const auto table = makeEntity<Table>( file, Table::Mode::write, capacity );
+   reserve( file, size );
+   for( const auto& [ key, record ] : records )
       if( !table->set( record ) )
-         throw TableError( TableError::system, table->path() + ": takes no more records" );
-      ++count;
-   }
-   return count;
+         throw TableError( TableError::system, file + ": takes no more records" );
 }
 
-template<class Table, class Records>
-size_t eraseOthers( const Ptr<Table>& table, const Records& wanted ) {
-   size_t count = 0;
-   if( table )
-      table->forEach( [ & ]( const typename Records::mapped_type& record ) {
-         if( !wanted.contains( record.key ) )
-            count += table->erase( record.key );
-      } );
-   return count;
+// Leads the link to that folder, in one step.
+void putInForce( const Context& context, const std::string& name ) {
+   const std::string link = fileIn( context, Bridging::configLink );
+   const std::string made = fileIn( context, ".link" );
+   unlink( made.c_str() ); // of a command that was killed
+   if( symlink( name.c_str(), made.c_str() ) != 0 || rename( made.c_str(), link.c_str() ) != 0 )
+      throw TableError( TableError::system,
+                        link + ": putting in force: " + std::strerror( errno ) );
 }
 
-// Holds back, while it lives, the signals that people and terminals end a command with. What came
-// meanwhile takes effect afterwards.
-class SignalsHeld {
- public:
-   SignalsHeld() {
-      sigset_t held;
-      sigemptyset( &held );
-      for( const int signal : { SIGINT, SIGTERM, SIGHUP, SIGPIPE } )
-         sigaddset( &held, signal );
-      sigprocmask( SIG_BLOCK, &held, &before_ );
+constexpr const char* generationPrefix = ".tables.";
+
+// Removes what is not in force: the last generation, and what commands left that were killed.
+void removeOthers( const Context& context, const std::string& inForce ) {
+   std::error_code error;
+   for( const auto& entry : std::filesystem::directory_iterator( fileIn( context, "" ), error ) ) {
+      const std::string name = entry.path().filename();
+      if( ( name.starts_with( generationPrefix ) && name != inForce ) ||
+          name == TunnelTable::fileName || name == ConfiguredHostTable::fileName )
+         std::filesystem::remove_all( entry.path(), error );
    }
-   ~SignalsHeld() { sigprocmask( SIG_SETMASK, &before_, nullptr ); }
-   SignalsHeld( const SignalsHeld& ) = delete;
-   SignalsHeld& operator=( const SignalsHeld& ) = delete;
+}
 
- private:
-   sigset_t before_;
-};
-
-// Waits for the lock in the order of arrival. The alarm ends the waiting; it is repeated, in case
-// that it comes just before the waiting begins. Returns whether the lock is held, with errno.
+// Tries for as long as another command may take.
 bool lockPatiently( int fd ) {
-   struct sigaction wake {};
-   struct sigaction before {};
-   wake.sa_handler = []( int ) {};
-   sigaction( SIGALRM, &wake, &before );
-   itimerval alarm{ { 0, 100000 }, { patience, 0 } };
-   setitimer( ITIMER_REAL, &alarm, nullptr );
-   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds( patience );
+   const auto end = std::chrono::steady_clock::now() + patience;
    int locked;
-   do
-      locked = flock( fd, LOCK_EX );
-   while( locked != 0 && errno == EINTR && std::chrono::steady_clock::now() < end );
-   const int error = errno;
-   alarm = {};
-   setitimer( ITIMER_REAL, &alarm, nullptr );
-   sigaction( SIGALRM, &before, nullptr );
-   errno = error;
+   while( ( locked = flock( fd, LOCK_EX | LOCK_NB ) ) != 0 && errno == EWOULDBLOCK &&
+          std::chrono::steady_clock::now() < end )
+      std::this_thread::sleep_for( std::chrono::milliseconds( 2 ) );
    return locked == 0;
 }
 
 } // namespace
 
 Configuration readConfiguration( const Context& context ) {
-   Configuration found;
-   // The hosts first: every tunnel that they are on was written before them.
-   read<ConfiguredHostTable>( context, found.hosts );
-   read<TunnelTable>( context, found.tunnels );
-   return found;
+   for( std::string folder = generation( context );; ) {
+      Configuration found;
+      // The hosts first: a single tunnel is written before the hosts on it.
+      read<ConfiguredHostTable>( folder, found.hosts );
+      read<TunnelTable>( folder, found.tunnels );
+      if( const std::string now = std::exchange( folder, generation( context ) ); now == folder )
+         return found;
+   }
 }
 
 ConfigEdit::ConfigEdit( const Context& context ) : context_( context ) {
@@ -195,30 +196,45 @@ ConfigEdit::ConfigEdit( const Context& context ) : context_( context ) {
    if( lock_ >= 0 )
       close( lock_ );
    throw std::runtime_error(
-      file + ( error == EINTR ? ": another command has been changing the configuration for " +
-                                   std::to_string( patience ) + " seconds; try again when it ends"
-                              : std::string( ": locking: " ) + std::strerror( error ) ) );
+      file + ( error == EWOULDBLOCK
+                  ? ": another command has been changing the configuration for " +
+                       std::to_string( patience.count() ) + " seconds; try again when it ends"
+                  : std::string( ": locking: " ) + std::strerror( error ) ) );
 }
 
 ConfigEdit::~ConfigEdit() { close( lock_ ); }
 
 ConfigEdit::Changes ConfigEdit::commit( const Configuration& wanted ) {
-   const SignalsHeld uninterrupted;
-   // Room in both for everything that is and shall be, before the first write.
-   const Ptr<TunnelTable> tunnels = writing<TunnelTable>( context_, wanted.tunnels );
-   const Ptr<ConfiguredHostTable> hosts = writing<ConfiguredHostTable>( context_, wanted.hosts );
-   Changes changes;
-   if( tunnels )
-      changes.tunnelsSet = setDiffering( tunnels, wanted.tunnels );
-   if( hosts ) {
-      changes.hostsDeleted = eraseOthers( hosts, wanted.hosts );
-      changes.hostsSet = setDiffering( hosts, wanted.hosts );
-      hosts->ring();
+   const std::string before = generation( context_ );
+   const Ptr<TunnelTable> tunnelTable = reading<TunnelTable>( before );
+   const Ptr<ConfiguredHostTable> hostTable = reading<ConfiguredHostTable>( before );
+   Configuration present;
+   readAll( tunnelTable, present.tunnels );
+   readAll( hostTable, present.hosts );
+   const Difference tunnels( present.tunnels, wanted.tunnels );
+   const Difference hosts( present.hosts, wanted.hosts );
+   const Changes changes{ tunnels.set.size(), tunnels.deleted.size(), hosts.set.size(),
+                          hosts.deleted.size() };
+   if( tunnels.size() + hosts.size() == 0 ||
+       ( tunnels.size() == 1 && hosts.size() == 0 && changeInPlace( tunnelTable, tunnels ) ) ||
+       ( hosts.size() == 1 && tunnels.size() == 0 && changeInPlace( hostTable, hosts ) ) )
+      return changes;
+
+   std::random_device random;
+   const std::string name =
+      generationPrefix + std::to_string( random() ) + std::to_string( random() );
+   const std::string folder = fileIn( context_, name );
+   try {
+      Vexil::makeFoldersFor( folder + "/" );
+      write( folder, tunnelTable, wanted.tunnels );
+      write( folder, hostTable, wanted.hosts );
+      putInForce( context_, name );
+   } catch( const TableError& ) {
+      std::error_code ignored;
+      std::filesystem::remove_all( folder, ignored );
+      throw;
    }
-   if( tunnels ) {
-      changes.tunnelsDeleted = eraseOthers( tunnels, wanted.tunnels );
-      tunnels->ring();
-   }
+   removeOthers( context_, name );
    return changes;
 }
 

@@ -2,8 +2,7 @@
 //
 // A change is made under the lock of the folder: read what is configured, decide what it shall be,
 // commit that. So no two commands overwrite each other, and whatever they refuse, they refuse
-// before anything is changed. An agent may run or not; it sees tunnels appear before the hosts on
-// them and go after them.
+// before anything is changed. An agent may run or not.
 #pragma once
 
 #include "L2Rib/ConfigBinding.h"
@@ -43,10 +42,9 @@ class ConfigEdit {
       size_t hostsDeleted = 0;
    };
    // Makes the configuration equal to wanted, which is free of faults and of hosts on tunnels that
-   // it does not have. Writes only what differs. Throws Vexil::TableError when the tables can't be
-   // had or have no room, and nothing is changed then. SIGINT, SIGTERM and SIGHUP wait until all
-   // is written. Known limit: SIGKILL in the middle leaves a part; the same commit again makes it
-   // whole, for it writes what is missing.
+   // it does not have. All of it or nothing, even when this process is killed. A single record is
+   // written in place, anything else to new tables. Throws Vexil::TableError when the tables can't
+   // be had or there is no room for them, and nothing is changed then.
    Changes commit( const Configuration& wanted );
 
  private:

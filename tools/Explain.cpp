@@ -4,7 +4,7 @@
 // the tables that the sources publish at this moment.
 #include "engine/HostRank.h"
 #include "runtime/HashMap.h"
-#include "tools/Show.h"
+#include "tools/Parked.h"
 #include "tools/SourceTables.h"
 
 #include <deque>
@@ -148,6 +148,8 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
                                           { "beats", beats } } );
    }
    answer[ "winner" ] = winner ? Json( winner->name ) : Json();
+   const std::optional<ParkedRecord> parked = parkedHost( context, key );
+   answer[ "parked" ] = parked ? toJson( *parked, SourceNames( context ) ) : Json();
    answer[ "path" ] = Json::array();
    std::string inOutput = "no source that takes part has this host";
    if( winner ) {
@@ -164,6 +166,9 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    } else if( const auto row = output.hosts.get( key ) ) {
       inOutput += "; the output still holds that of " + sourceStr( row->source() );
    }
+   if( parked )
+      inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
+                  std::to_string( parked->tries.value() ) + " tries";
    if( context.json )
       std::cout << text( answer ) << '\n';
    else

@@ -5,7 +5,7 @@
 // starts anew with each agent, as Prometheus expects it of a process.
 #include "L2Rib/Status.h"
 #include "engine/RestartState.h"
-#include "tools/Show.h"
+#include "tools/Parked.h"
 #include "tools/SourceTables.h"
 
 #include <array>
@@ -109,7 +109,12 @@ void workMetrics( Exposition& out, const AgentStatusRecord& status ) {
       .sample( status.withdrawalChecks.value(), { { "list", "withdrawalChecks" } } );
    out.metric( "l2rib_failures_parked", "gauge", "Entries that can't be programmed at present." )
       .sample( status.failedHost.value(), { { "list", "failedHost" } } )
-      .sample( status.failedOtas.value(), { { "list", "failedOtas" } } );
+      .sample( status.failedOtas.value(), { { "list", "failedOtas" } } )
+      .sample( status.failedFlood.value(), { { "list", "failedFlood" } } );
+   out.metric( "l2rib_parked", "gauge", "Entries that can't be programmed at present, by reason." );
+   for( uint32_t reason = parkedNone_ + 1; reason < parkedReasons; ++reason )
+      out.sample( status.parked[ reason ].value(),
+                  { { "reason", reasonName( static_cast<ParkedReason>( reason ) ) } } );
    const double since = status.failingSince.value();
    out.metric( "l2rib_failure_oldest_age_seconds", "gauge",
                "For how long the oldest of them has been failing, retries included; 0 if none." )

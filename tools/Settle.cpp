@@ -4,7 +4,8 @@
 // start. The agent tells in its status tables how far it has read each file, and how long its work
 // lists are: when it has read up to those heads and the lists are empty, all of it is in the
 // output. The figures of the sources are read before those of the lists, because the agent writes
-// them in that order.
+// them in that order; an agent that starts empties the former before it takes the latter, so that
+// no other run's word is believed.
 #include "L2Rib/ConfigBinding.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
@@ -12,6 +13,7 @@
 #include "engine/RestartState.h"
 #include "tools/Commands.h"
 #include "tools/Json.h"
+#include "tools/Parked.h"
 #include "tools/SourceTables.h"
 
 #include <cmath>
@@ -84,6 +86,8 @@ class Settling {
       SourceStatusRecord status;
       if( !statuses_->get( entry.name, status ) || status.source != entry.source )
          return "the agent to meet source " + name;
+      if( entry.initialized && !status.reason.view().empty() )
+         return "source " + name + " to be ready: " + status.reason.str();
       if( ( status.ready != 0 ) != ( entry.initialized != 0 ) )
          return "the agent to see source " + name +
                 ( entry.initialized ? " initialized" : " not initialized" );
@@ -99,7 +103,9 @@ class Settling {
 
    template<class Table>
    Ptr<Table> configured() const {
-      return readable<Table>( context_.fileOf( Path::bridgingConfig ) + "/" + Table::fileName );
+      const std::string folder = context_.fileOf( Path::bridgingConfig );
+      return readable<Table>( folder + Bridging::configGeneration( folder ) + "/" +
+                              Table::fileName );
    }
 
    std::string unsettledConfiguration() {
@@ -142,6 +148,7 @@ class Settling {
       waiting( figures.otasList.value(), " objects" );
       waiting( figures.floodSetBacklog.value(), " flood set members" );
       waiting( figures.withdrawalChecks.value(), " withdrawal checks" );
+      waiting( figures.parkedUntold.value(), " parked entries to list" );
       return left.str();
    }
 
@@ -156,6 +163,22 @@ class Settling {
    std::map<std::string, bool> atCall_; // the sources when the call was made
    std::map<uint64_t, uint64_t> heads_; // by the tables' ids
 };
+
+// What the agent could not program is named. Settled for good is only what waits for its source:
+// what there was no room for is not in the output although all is well with it.
+int reportParked( const Context& context ) {
+   const SourceNames names( context );
+   const ParkedEntries parked( context );
+   for( const std::string& entry : parked.forSources( names ) )
+      complain( "parked: " + entry );
+   std::string missing;
+   for( const std::string& group : parked.forWantOfRoom( names ) )
+      missing += ( missing.empty() ? "" : "; " ) + group;
+   if( missing.empty() )
+      return done;
+   complain( "not all of it found room: " + missing );
+   return answerIsNo;
+}
 
 } // namespace
 
@@ -172,7 +195,7 @@ void addSettle( CLI::App& app, Context& context ) {
             throw BadInput( "--timeout is nan; right would be a number of seconds" );
          const std::string missing = Settling( context ).waitFor( *timeout );
          if( missing.empty() )
-            return done;
+            return reportParked( context );
          complain( "not settled in time: still waiting for " + missing );
          return answerIsNo;
       };

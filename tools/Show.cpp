@@ -207,12 +207,14 @@ Json sourceList( const Context& context ) {
       SourceStatusRecord status;
       const bool known = statuses.get( SourceName::of( name ).value_or( SourceName() ), status );
       const SourceTables tables( context, entry );
-      all.push_back( { { "name", name },
-                       { "source", sourceStr( known ? status.source : entry.source ) },
-                       { "initialized", entry.initialized != 0 },
-                       { "ready", runs && known && status.ready != 0 },
-                       { "running", context.sources().running( name ) },
-                       { "hosts", countOf( tables.host ) } } );
+      all.push_back(
+         { { "name", name },
+           { "source", sourceStr( known ? status.source : entry.source ) },
+           { "initialized", entry.initialized != 0 },
+           { "ready", runs && known && status.ready != 0 },
+           { "running", context.sources().running( name ) },
+           { "hosts", countOf( tables.host ) },
+           { "reason", status.reason.view().empty() ? Json() : Json( status.reason.str() ) } } );
    };
    for( const auto& [ name, source ] : published )
       add( name, source.record );
@@ -245,7 +247,8 @@ int printSources( const Context& context, const Filters& filters, const SourceNa
       std::cout << text( sources ) << '\n';
       return done;
    }
-   printTable( sources, { "name", "source", "initialized", "ready", "running", "hosts" } );
+   printTable( sources,
+               { "name", "source", "initialized", "ready", "running", "hosts", "reason" } );
    mentionStoppedAgent( context );
    return done;
 }
@@ -272,6 +275,7 @@ Json statusJson( const Context& context, const OutputReader& output ) {
             { "otasList", status.otasList.value() },
             { "failedHost", status.failedHost.value() },
             { "failedOtas", status.failedOtas.value() },
+            { "failedFlood", status.failedFlood.value() },
             { "floodSetBacklog", status.floodSetBacklog.value() },
             { "withdrawalChecks", status.withdrawalChecks.value() },
             { "longestHold", status.longestHold.value() },
@@ -341,6 +345,7 @@ void addShow( CLI::App& app, Context& context ) {
    for( CLI::App* const kind : { hosts, dests, groups, labels, sources } )
       kind->add_option( "--source", filters->source, "only from the source of this name" );
    add( "status", "what the agent has in hand" );
+   addShowFailed( *command, context );
 }
 
 } // namespace Tools

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <iostream>
+#include <utility>
 
 namespace Tools {
 
@@ -13,27 +14,22 @@ std::string cellOf( const Json& value ) {
       return "-";
    if( value.is_boolean() )
       return value.get<bool>() ? "yes" : "no";
-   if( !value.is_string() )
-      return text( value );
-   std::string cell = value.get<std::string>();
-   std::replace_if(
-      cell.begin(), cell.end(), []( unsigned char c ) { return std::iscntrl( c ) != 0; }, '?' );
-   return cell;
+   return value.is_string() ? value.get<std::string>() : text( value );
 }
 
 } // namespace
 
-void printTable( const Json& rows, const std::vector<std::string>& columns ) {
-   std::vector<std::vector<std::string>> lines{ columns };
-   for( const Json& row : rows ) {
-      lines.emplace_back();
-      for( const std::string& column : columns )
-         lines.back().push_back( cellOf( row.at( column ) ) );
-   }
-   std::vector<size_t> widths( columns.size(), 0 );
-   for( const auto& line : lines )
-      for( size_t i = 0; i < line.size(); ++i )
+void printColumns( std::vector<std::vector<std::string>> lines ) {
+   std::vector<size_t> widths;
+   for( auto& line : lines ) {
+      widths.resize( std::max( widths.size(), line.size() ), 0 );
+      for( size_t i = 0; i < line.size(); ++i ) {
+         std::replace_if(
+            line[ i ].begin(), line[ i ].end(),
+            []( unsigned char c ) { return std::iscntrl( c ) != 0; }, '?' );
          widths[ i ] = std::max( widths[ i ], line[ i ].size() );
+      }
+   }
    for( const auto& line : lines ) {
       std::string printed;
       for( size_t i = 0; i < line.size(); ++i ) {
@@ -43,6 +39,16 @@ void printTable( const Json& rows, const std::vector<std::string>& columns ) {
       }
       std::cout << printed << '\n';
    }
+}
+
+void printTable( const Json& rows, const std::vector<std::string>& columns ) {
+   std::vector<std::vector<std::string>> lines{ columns };
+   for( const Json& row : rows ) {
+      lines.emplace_back();
+      for( const std::string& column : columns )
+         lines.back().push_back( cellOf( row.at( column ) ) );
+   }
+   printColumns( std::move( lines ) );
 }
 
 } // namespace Tools

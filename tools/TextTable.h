@@ -11,5 +11,7 @@ namespace Tools {
 // Prints the named members of each object of a list in columns of their width, under a heading.
 // null is "-", true "yes", false "no"; text is printed as it is, without control characters.
 void printTable( const Json& rows, const std::vector<std::string>& columns );
+// The same of cells that are text already, without a heading.
+void printColumns( std::vector<std::vector<std::string>> lines );
 
 } // namespace Tools

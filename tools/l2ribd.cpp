@@ -1,6 +1,7 @@
 // l2ribd: the agent framework's host process. Loads the agent library, takes the agent through its
 // stages, and turns the event loop until it is told to end.
 #include "runtime/Agent.h"
+#include "runtime/Descriptors.h"
 #include "runtime/ServiceNotifier.h"
 #include "runtime/StateDirectory.h"
 #include "runtime/Trace.h"
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -41,15 +43,47 @@ CLI::Validator numberWithin( double lowest, double highest, bool whole ) {
    return CLI::Validator( check, "NUMBER" );
 }
 
+// An agent that is told to end while it restarts goes on until that is over: what it has not looked
+// at yet would contradict what it has changed, and the next start would have to wipe the output. It
+// has that many seconds.
+constexpr Vexil::Seconds longestEnd = 5;
+
+class OrderlyEnd {
+ public:
+   OrderlyEnd( Vexil::ActivityManager& loop, Vexil::Ptr<Vexil::BaseAgent>& agent )
+      : loop_( loop ), agent_( agent ), timeIsUp_( loop.clock(), [ this ] { loop_.stop(); } ) {
+      timeIsUp_.timeMinIs( Vexil::never );
+      for( const int signal : { SIGTERM, SIGINT } )
+         loop.signalIs( signal, [ this ] { begin(); } );
+   }
+
+ private:
+   void begin() {
+      if( endOfTurnWork_ )
+         return;
+      timeIsUp_.timeMinIs( loop_.clock()->now() + longestEnd );
+      endOfTurnWork_ = loop_.atEndOfTurn( [ this ] {
+         if( agent_->progress().complete )
+            loop_.stop();
+      } );
+   }
+
+   Vexil::ActivityManager& loop_;
+   Vexil::Ptr<Vexil::BaseAgent>& agent_; // there when the loop runs
+   Vexil::TimerReactor timeIsUp_;
+   std::shared_ptr<void> endOfTurnWork_; // once it has been told
+};
+
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
    Vexil::requireStateDirectory( stateDirectory );
+   Vexil::raiseDescriptorLimit();
    Vexil::ActivityManager loop;
-   loop.signalIs( SIGTERM, [ & ] { loop.stop(); } );
-   loop.signalIs( SIGINT, [ & ] { loop.stop(); } );
+   Vexil::Ptr<Vexil::BaseAgent> agent;
+   const OrderlyEnd end( loop, agent );
    Vexil::ServiceNotifier service( loop );
    auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, stateDirectory );
-   auto agent =
+   agent =
       Vexil::startAgent( library, "L2Rib::Agent", "L2Rib", loop, manager, std::move( settings ) );
    Vexil::log( "running on " + stateDirectory );
    service.ready( [ & ] { return agent->progress(); } );

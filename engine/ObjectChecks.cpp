@@ -1,0 +1,176 @@
+// What the copiers of objects have in common: what is noted of an object that was looked at,
+// whether there is room for its copy, and whether it may stand where it is to stand, without a loop
+// and within the bound of the depth.
+#include "engine/L2RibPolicySm.h"
+#include "engine/PolicyTrace.h"
+
+namespace L2Rib {
+
+// The object, with all below it, is in the output as the engine knows the source to have it.
+void PolicySm::noteVerified( const ObjTupleAndSource& otas, bool whole ) {
+   memo_.verifiedIs( otas, { sourceSmByEnum( otas.source() )->objectVersion(), whole } );
+   failedOtasDel( otas );
+   awaited_.mended( Awaited::keyOf( otas ) );
+}
+
+// It can't be written now, for the reason in obstacle_.
+void PolicySm::noteFailed( const ObjTupleAndSource& otas, bool ok ) {
+   memo_.failedIs( otas, { sourceSmByEnum( otas.source() )->objectVersion(), ok, obstacle_ } );
+}
+
+// The object is gone from its source. Its output copy goes with its last user; only an id that was
+// given to it and never led to a row is taken back, so that nobody points to that row.
+void PolicySm::noteAbsent( const ObjTupleAndSource& otas, bool hasRow ) {
+   obstacle_ = { parkedObjectAbsent_, outputTableNone_, 0, otas };
+   memo_.forget( otas );
+   if( !hasRow )
+      forgetUnwritten( otas );
+}
+
+void PolicySm::forgetUnwritten( const ObjTupleAndSource& otas ) {
+   if( const ObjTuple ot = outputObjTuple( otas );
+       ot != Util::objTupleInvalid() && !hasOutputRow( ot ) )
+      dropMapping( otas );
+}
+
+// Whether that table, which was asked for room for one more row, has it; says in obstacle_ why not.
+bool PolicySm::hasRoom( Vexil::Room room, OutputTable name, const Vexil::TableBase& table ) {
+   if( room == Vexil::Room::yes )
+      return true;
+   obstacle_ = noRoom( name, room, table.capacity() );
+   return false;
+}
+
+// The same for the new copy of an object, before an id is given to it or anything below it is
+// touched. When there is none, the caller finds no output copy.
+bool PolicySm::hasRoomForNew( const ObjTupleAndSource& otas, Vexil::Room room, OutputTable name,
+                              const Vexil::TableBase& table ) {
+   if( hasRoom( room, name, table ) )
+      return true;
+   TRACE( 8, "processOtas no room in output for " << otas );
+   forgetUnwritten( otas );
+   noteFailed( otas, true );
+   return false;
+}
+
+// All output ids of its type have been given: the caller finds no output copy.
+void PolicySm::noteNoId( const ObjTupleAndSource& otas ) {
+   obstacle_ = { parkedNoId_, outputTableNone_, 0, otas };
+   noteFailed( otas, true );
+}
+
+// Whether an object may point to outOt, the output copy of next, once next has been processed.
+bool PolicySm::usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
+                           const ObjTuple& user ) {
+   if( outOt == Util::objTupleInvalid() )
+      return false; // obstacle_ says why
+   // A copy whose object the source has deleted stands as it was; it may lead back to us.
+   if( isWhole( next ) || !leadsTo( outOt, user ) )
+      return true;
+   obstacle_ = { parkedLoop_, outputTableNone_, 0, next };
+   return false;
+}
+
+// Whether the row of ot, once it is that deep, leaves every way through it within the bound. Those
+// who point to it already get deeper with it.
+bool PolicySm::fits( const ObjTupleAndSource& otas, const ObjTuple& ot, unsigned depth ) {
+   const auto usersOf = [ this ]( const ObjTuple& used ) { return objectUsersOf( used ); };
+   if( depth <= maxObjectDepth &&
+       ( !hasOutputRow( ot ) || depth <= depthOf( ot ) ||
+         depth + ObjectDepths::height( ot, usersOf ) <= maxObjectDepth ) )
+      return true;
+   obstacle_ = { parkedTooDeep_, outputTableNone_, maxObjectDepth, otas };
+   return false;
+}
+
+unsigned PolicySm::depthOf( const ObjTuple& ot ) {
+   return depths_.depth( ot, [ this ]( const ObjTuple& at ) { return nextsOfRow( at ); } );
+}
+
+// Whether target, which is about to point to ot, is among the output objects at or below ot. Ways
+// lead from the deeper to the less deep, so most of them need not be walked.
+bool PolicySm::leadsTo( const ObjTuple& ot, const ObjTuple& target ) {
+   if( !hasOutputRow( target ) )
+      return false; // nobody points to it yet
+   const unsigned depthOfTarget = depthOf( target );
+   Vexil::KeySet<ObjTuple> met;
+   std::vector<ObjTuple> toVisit{ ot };
+   while( !toVisit.empty() ) {
+      const ObjTuple at = toVisit.back();
+      toVisit.pop_back();
+      if( at == target )
+         return true;
+      if( depthOf( at ) <= depthOfTarget || !met.emplace( at ).second )
+         continue;
+      for( const ObjTuple& next : nextsOfRow( at ) )
+         toVisit.push_back( next );
+   }
+   return false;
+}
+
+// Whether all from a processed one downwards is as the source has it now.
+bool PolicySm::isWhole( const ObjTupleAndSource& otas ) const {
+   const ObjectMemo::Verified* const known = memo_.verified( otas );
+   return known && known->whole;
+}
+
+// An object that was brought into the output for a user that then could not be written goes again,
+// when the work under way is over and nobody else has come to use it.
+void PolicySm::releaseIfUnused( const ObjTuple& ot ) {
+   if( ot != Util::objTupleInvalid() && !usersMap( ot ) && hasOutputRow( ot ) )
+      otForZeroRefCleanupIs( ot, true );
+}
+
+bool PolicySm::hasOutputRow( const ObjTuple& ot ) const {
+   if( ot.objId() == ObjId( Constants::objIdInvalid() ) )
+      return false;
+   switch( ot.tableType() ) {
+   case tableTypeLoadBalance_:
+      return output_.lb->contains( ot.lbId() );
+   case tableTypeLabel_:
+      return output_.label->contains( ot.labelId() );
+   case tableTypeDest_:
+      return output_.dest->contains( ot.destId() );
+   default:
+      return false;
+   }
+}
+
+// What an output object points to, in order; nothing when it has no row.
+std::vector<ObjTuple> PolicySm::nextsOfRow( const ObjTuple& ot ) const {
+   std::vector<ObjTuple> nexts;
+   if( !hasOutputRow( ot ) )
+      return nexts;
+   if( ot.tableType() == tableTypeLabel_ )
+      nexts.push_back( output_.label->label( ot.labelId() ).label().next() );
+   if( ot.tableType() == tableTypeLoadBalance_ ) {
+      const LoadBalance lb = output_.lb->lb( ot.lbId() ).lb();
+      for( uint32_t i = 0; i < lb.nexts(); ++i )
+         nexts.push_back( lb.next( EcmpIndex( i ) ) );
+   }
+   return nexts;
+}
+
+// The output objects that point to an output object.
+std::vector<ObjTuple> PolicySm::objectUsersOf( const ObjTuple& ot ) const {
+   std::vector<ObjTuple> users;
+   if( const Ptr<ObjTupleUsers> otu = usersMap( ot ) )
+      for( const auto& user : otu->otUser() )
+         users.push_back( user.key );
+   return users;
+}
+
+// The file of an output table takes nothing any more, although it had room.
+void PolicySm::writeFailed( OutputTable table, const ObjTupleAndSource& otas, bool isNew ) {
+   TRACE( 8, "processOtas no room in output for " << otas );
+   obstacle_ = noRoom( table, Vexil::Room::noMemory, 0 );
+   if( isNew )
+      dropMapping( otas );
+   noteFailed( otas, true );
+}
+
+void PolicySm::noteDepth( const ObjTuple& ot, unsigned depth ) {
+   depths_.depthIs( ot, depth, [ this ]( const ObjTuple& used ) { return objectUsersOf( used ); } );
+}
+
+} // namespace L2Rib
