@@ -29,9 +29,9 @@ using ReasonText = FixedText<128>;
 struct BridgeProgramRecord {
    SingleKey key;
    uint32_t processId = 0;
-   uint32_t inSync = 0;         // whether both sides have been compared in whole since it started
-   uint32_t unwritten = 0;      // rows of these tables for which there was no room
-   Vexil::Wire64<double> since; // when it started, seconds since 1970
+   uint32_t inSync = 0;            // 1: has written what differs; 2: and compared with a whole dump
+   uint32_t unwritten = 0;         // rows of these tables for which there was no room
+   Vexil::Wire64<double> since;    // when it started, seconds since 1970
    Vexil::Wire64<double> lastSign; // when this record was written, seconds since 1970
    Vexil::Wire64<double> syncTime; // seconds from its start until it was in sync
    Vexil::Wire64<uint64_t> writes; // changes that were asked of the kernel
@@ -47,7 +47,9 @@ static_assert( Vexil::WireRecord<BridgeProgramRecord, 72> );
 struct BridgeRecord {
    Bridging::VlanId vlan;
    InterfaceName bridge;
-   InterfaceName device; // empty: there is none
+   InterfaceName device;     // empty: there is none
+   uint32_t bridgeIndex = 0; // ifindexes; 0: there is none
+   uint32_t deviceIndex = 0;
    uint32_t vni = 0;
    Vexil::IpGenAddr local;
    Vexil::Wire64<uint64_t> wanted;
@@ -59,7 +61,7 @@ struct BridgeRecord {
 
    friend bool operator==( const BridgeRecord&, const BridgeRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<BridgeRecord, 228> );
+static_assert( Vexil::WireRecord<BridgeRecord, 236> );
 
 enum BridgeHostKind : uint32_t {
    bridgeHostGroup_ = 1,     // on the VXLAN device, with the nexthop group of that id

@@ -40,6 +40,7 @@ void benchMerge( const Settings& settings, Report& report );
 void benchObjects( const Settings& settings, Report& report );
 void benchRestart( const Settings& settings, Report& report );
 void benchFlood( const Settings& settings, Report& report );
+void benchBridge( const Settings& settings, Report& report );
 
 // Nanoseconds of the monotonic clock, the same in every process.
 inline int64_t nanoseconds() {

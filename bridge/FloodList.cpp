@@ -20,11 +20,11 @@ FloodList::Member FloodList::judged( const FloodSetTriple& triple ) const {
    const Destination destination = destinationOf( triple.dest() );
    WantedForwarding wanted = forwardingOf( destination, place_ );
    switch( wanted.forwarding.kind ) {
-   case Forwarding::group:
+   case Forwarding::viaGroup:
       return { { { wanted.vteps[ 0 ], 0 } }, {} };
-   case Forwarding::remote:
-      return { { wanted.forwarding.remote_ }, {} };
-   case Forwarding::port: // the bridge floods to all its ports
+   case Forwarding::viaVtep:
+      return { { wanted.forwarding.remote }, {} };
+   case Forwarding::onPort: // the bridge floods to all its ports
       return {};
    default:
       return { {}, wanted.forwarding.reason };

@@ -94,18 +94,14 @@ std::optional<Hold> Learner::learned( const MacVlanPair& key, uint32_t port, boo
 
 void Learner::forgotten( const MacVlanPair& key ) {
    unpublished_.erase( key );
+   if( const auto winner = winner_( key ); winner && winner->source() != source_.options().value )
+      freeze( key, Duplicates::Side::elsewhere ); // the output has led the bridge there
    [[maybe_unused]] const auto never = source_.hostDel( key );
    if( const uint32_t* const port = ports_.find( key ) ) {
       const uint32_t left = *port;
       ports_.erase( key );
       useDest( left, -1 );
    }
-}
-
-void Learner::goneElsewhere( const HostAndSource& row ) {
-   const auto ours = source_.host( row.key() );
-   if( ours && ours->seqNo() < row.host().seqNo() )
-      freeze( row.key(), Duplicates::Side::elsewhere );
 }
 
 void Learner::complete() {

@@ -31,8 +31,6 @@ class Learner {
 
    std::optional<Hold> learned( const MacVlanPair& host, uint32_t port, bool fixed );
    void forgotten( const MacVlanPair& host );
-   // The output has the host from another source now.
-   void goneElsewhere( const L2Rib::HostAndSource& row );
    // All that the bridges have learned so far has been told.
    void complete();
 

@@ -9,7 +9,6 @@
 #include <linux/nexthop.h>
 #include <linux/rtnetlink.h>
 #include <optional>
-#include <span>
 #include <string_view>
 
 namespace Bridge {
@@ -18,10 +17,12 @@ namespace {
 
 // --- attributes
 
-using Attributes = std::span<const nlattr* const>;
+// The highest attribute number that is looked at here, with room to spare.
+constexpr size_t attributes = 128;
+static_assert( IFLA_MAX < attributes && IFLA_BR_MAX < attributes && IFLA_VXLAN_MAX < attributes &&
+               NDA_MAX < attributes && NHA_MAX < attributes );
 
 // The attributes of a message behind its family header, or of a nest, by their numbers.
-template<size_t Count>
 class Parsed {
  public:
    Parsed( const nlmsghdr* message, size_t familySize ) {
@@ -61,12 +62,12 @@ class Parsed {
  private:
    static int enter( const nlattr* attribute, void* self ) {
       const uint16_t type = mnl_attr_get_type( attribute );
-      if( type < Count )
+      if( type < attributes )
          static_cast<Parsed*>( self )->found_[ type ] = attribute;
       return MNL_CB_OK;
    }
 
-   std::array<const nlattr*, Count> found_{};
+   std::array<const nlattr*, attributes> found_{};
 };
 
 void putAddress( nlmsghdr* message, uint16_t type, const IpGenAddr& address ) {
@@ -86,19 +87,19 @@ std::optional<Link> linkOf( const nlmsghdr* message ) {
    const auto& family = familyOf<ifinfomsg>( message );
    if( family.ifi_family == AF_BRIDGE )
       return {};
-   const Parsed<IFLA_MAX + 1> parsed( message, sizeof family );
-   const Parsed<IFLA_INFO_MAX + 1> info( parsed.at( IFLA_LINKINFO ) );
+   const Parsed parsed( message, sizeof family );
+   const Parsed info( parsed.at( IFLA_LINKINFO ) );
    const std::string_view kind = info.text( IFLA_INFO_KIND );
    Link link;
    link.index = static_cast<uint32_t>( family.ifi_index );
    link.master = parsed.number( IFLA_MASTER );
    link.name = parsed.text( IFLA_IFNAME );
    if( kind == "bridge" ) {
-      const Parsed<IFLA_BR_MAX + 1> data( info.at( IFLA_INFO_DATA ) );
+      const Parsed data( info.at( IFLA_INFO_DATA ) );
       link.isBridge = true;
       link.vlanFiltering = data.flag( IFLA_BR_VLAN_FILTERING );
    } else if( kind == "vxlan" ) {
-      const Parsed<IFLA_VXLAN_MAX + 1> data( info.at( IFLA_INFO_DATA ) );
+      const Parsed data( info.at( IFLA_INFO_DATA ) );
       link.isVxlan = true;
       link.external = data.flag( IFLA_VXLAN_COLLECT_METADATA );
       link.vni = data.number( IFLA_VXLAN_ID );
@@ -114,7 +115,7 @@ std::optional<FdbEntry> entryOf( const nlmsghdr* message ) {
    const auto& family = familyOf<ndmsg>( message );
    if( family.ndm_family != AF_BRIDGE )
       return {};
-   const Parsed<NDA_MAX + 1> parsed( message, sizeof family );
+   const Parsed parsed( message, sizeof family );
    const nlattr* const mac = parsed.at( NDA_LLADDR, 6 );
    if( !mac || parsed.at( NDA_VLAN ) )
       return {};
@@ -138,7 +139,7 @@ std::optional<FdbEntry> entryOf( const nlmsghdr* message ) {
 // they are taken.
 Nexthop nexthopOf( const nlmsghdr* message ) {
    const auto& family = familyOf<nhmsg>( message );
-   const Parsed<NHA_MAX + 1> parsed( message, sizeof family );
+   const Parsed parsed( message, sizeof family );
    Nexthop nexthop;
    nexthop.id = parsed.number( NHA_ID );
    nexthop.protocol = family.nh_protocol;
@@ -256,7 +257,7 @@ void encodeEntry( RequestBatch& batch, const Write& write ) {
    if( write.vni != 0 )
       mnl_attr_put_u32( message, NDA_VNI, write.vni );
    if( write.kind == Write::fixedIs ) {
-      // The mark: the kernel reports whether the host is active. Nothing but a program sets it.
+      // The mark by which it is known again: the kernel reports whether the host is active.
       nlattr* const nest = mnl_attr_nest_start( message, NDA_FDB_EXT_ATTRS );
       mnl_attr_put_u8( message, NFEA_ACTIVITY_NOTIFY, FDB_NOTIFY_BIT );
       mnl_attr_nest_end( message, nest );

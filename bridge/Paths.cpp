@@ -21,7 +21,7 @@ WantedForwarding forwardingOf( const Destination& destination, const Place& plac
          forwarding.reason =
             "interface " + std::to_string( destination.ifindex ) + " is no port of the bridge";
       else
-         forwarding = { .kind = Forwarding::port, .port = port, .remote_ = {}, .reason = {} };
+         forwarding = { .kind = Forwarding::onPort, .port = port, .remote = {}, .reason = {} };
    }
    if( destination.kind != Destination::remotes )
       return wanted;
@@ -33,13 +33,13 @@ WantedForwarding forwardingOf( const Destination& destination, const Place& plac
       destination.vteps.begin(), destination.vteps.end(),
       [ & ]( const Remote& remote ) { return remote.vni == 0 || remote.vni == place.vni; } );
    if( ownVni ) {
-      forwarding = { .kind = Forwarding::group, .remote_ = {}, .reason = {} };
+      forwarding = { .kind = Forwarding::viaGroup, .remote = {}, .reason = {} };
       for( const Remote& remote : destination.vteps )
          wanted.vteps.push_back( remote.vtep );
       wanted.vteps.erase( std::unique( wanted.vteps.begin(), wanted.vteps.end() ),
                           wanted.vteps.end() );
    } else if( destination.vteps.size() == 1 ) {
-      forwarding = { .kind = Forwarding::remote, .remote_ = destination.vteps[ 0 ], .reason = {} };
+      forwarding = { .kind = Forwarding::viaVtep, .remote = destination.vteps[ 0 ], .reason = {} };
    } else {
       forwarding.reason = "a group with a VNI other than that of " + place.vxlanName;
    }
@@ -69,7 +69,7 @@ Paths::Index Paths::pathOf( const Host& host ) {
       free_.pop_back();
       paths_[ found->second ] = { key, 0, {}, {} };
       WantedForwarding wanted = resolve( found->second );
-      if( wanted.forwarding.kind == Forwarding::group )
+      if( wanted.forwarding.kind == Forwarding::viaGroup )
          wanted.forwarding.group = nexthops_.groupIs( wanted.vteps );
       paths_[ found->second ].forwarding = std::move( wanted.forwarding );
    }
@@ -82,7 +82,7 @@ void Paths::release( Index index ) {
    if( --path.users > 0 )
       return;
    notThrough( index );
-   if( path.forwarding.kind == Forwarding::group )
+   if( path.forwarding.kind == Forwarding::viaGroup )
       nexthops_.release( path.forwarding.group );
    byKey_.erase( path.key );
    dirty_.erase( index );
@@ -127,7 +127,7 @@ void Paths::objectChanged( const ObjTuple& object ) {
 
 void Paths::groupChanged( NexthopSet::Group group ) {
    for( const auto& [ key, index ] : byKey_ )
-      if( paths_[ index ].forwarding.kind == Forwarding::group &&
+      if( paths_[ index ].forwarding.kind == Forwarding::viaGroup &&
           paths_[ index ].forwarding.group == group )
          changed_.insert( index );
 }
@@ -136,7 +136,7 @@ void Paths::update() {
    for( const Index index : std::exchange( dirty_, {} ) ) {
       WantedForwarding wanted = resolve( index );
       const Forwarding& now = paths_[ index ].forwarding;
-      if( now.kind == Forwarding::group && wanted.forwarding.kind == Forwarding::group ) {
+      if( now.kind == Forwarding::viaGroup && wanted.forwarding.kind == Forwarding::viaGroup ) {
          if( nexthops_.vteps( now.group ) != wanted.vteps )
             groupChanges_.push_back( { index, now.group, std::move( wanted.vteps ) } );
          continue;
@@ -153,9 +153,9 @@ void Paths::take( Index index, WantedForwarding wanted ) {
       now = before; // until the object is back, or the host changes
       return;
    }
-   if( now.kind == Forwarding::group )
+   if( now.kind == Forwarding::viaGroup )
       now.group = nexthops_.groupIs( wanted.vteps );
-   if( before.kind == Forwarding::group )
+   if( before.kind == Forwarding::viaGroup )
       nexthops_.release( before.group );
    if( now != before )
       changed_.insert( index );
@@ -191,7 +191,7 @@ void Paths::moveGroups( NexthopSet& nexthops, const std::vector<Paths*>& all ) {
       for( GroupChange& change : std::exchange( paths->groupChanges_, {} ) )
          if( !moved.contains( change.from ) ) {
             Forwarding forwarding;
-            forwarding.kind = Forwarding::group;
+            forwarding.kind = Forwarding::viaGroup;
             paths->take( change.path, { std::move( forwarding ), std::move( change.to ) } );
          }
 }

@@ -21,14 +21,14 @@ struct Forwarding {
    enum Kind : uint8_t {
       waiting, // an object is not there for the moment: what the kernel has stays
       refused,
-      group,
-      remote,
-      port,
+      viaGroup,
+      viaVtep,
+      onPort,
    };
    Kind kind = waiting;
-   NexthopSet::Group group = NexthopSet::none; // of kind group
+   NexthopSet::Group group = NexthopSet::none; // of kind viaGroup
    uint32_t port = 0;
-   Remote remote_;
+   Remote remote;
    std::string reason;
 
    friend bool operator==( const Forwarding&, const Forwarding& ) = default;

@@ -31,7 +31,7 @@ Write entryWrite( Write::Kind kind, uint32_t device, EthAddr mac ) {
 }
 
 bool reached( const There& there, const Goal& goal ) {
-   if( goal.kind == Goal::group )
+   if( goal.kind == Goal::viaGroup )
       return there.remote == There::viaGroup && there.group == goal.id;
    return there.remote == There::viaVtep && there.vtep == goal.vtep && there.vni == goal.vni;
 }
@@ -40,7 +40,7 @@ void planRemote( const There& there, const Goal& goal, EthAddr mac, uint32_t vxl
                  std::vector<Write>& writes ) {
    if( !there.remoteForeign && reached( there, goal ) )
       return;
-   const There::Remote wanted = goal.kind == Goal::group ? There::viaGroup : There::viaVtep;
+   const There::Remote wanted = goal.kind == Goal::viaGroup ? There::viaGroup : There::viaVtep;
    if( there.remote != There::noRemote && there.remote != wanted )
       writes.push_back( entryWrite( Write::remoteDel, vxlan, mac ) );
    Write write = entryWrite( Write::remoteIs, vxlan, mac );
@@ -85,10 +85,10 @@ bool hasOurs( const There& there, uint32_t vxlan ) {
 
 std::string plan( const There& there, const Goal& goal, EthAddr mac, uint32_t vxlan,
                   std::vector<Write>& writes ) {
-   if( goal.kind == Goal::group || goal.kind == Goal::remote )
+   if( goal.kind == Goal::viaGroup || goal.kind == Goal::viaVtep )
       return planVxlan( there, goal, mac, vxlan, writes );
    std::string obstacle;
-   if( goal.kind == Goal::port )
+   if( goal.kind == Goal::onPort )
       obstacle = planPort( there, goal, mac, writes );
    else if( there.entry == There::external && there.port == vxlan )
       writes.push_back( entryWrite( Write::entryDel, vxlan, mac ) );
@@ -98,6 +98,15 @@ std::string plan( const There& there, const Goal& goal, EthAddr mac, uint32_t vx
    if( there.remote != There::noRemote && !there.remoteForeign )
       writes.push_back( entryWrite( Write::remoteDel, vxlan, mac ) );
    return obstacle;
+}
+
+There reachedGoal( const Goal& goal, uint32_t vxlan ) {
+   std::vector<Write> writes;
+   plan( There(), goal, EthAddr(), vxlan, writes );
+   There there;
+   for( const Write& write : writes )
+      carryOut( there, write );
+   return there;
 }
 
 void carryOut( There& there, const Write& write ) {

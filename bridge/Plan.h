@@ -48,10 +48,10 @@ void remoteFrom( There& there, const FdbEntry& entry, uint32_t deviceVni );
 struct Goal {
    enum Kind : uint8_t {
       nothing,
-      group,  // the VXLAN device, with the nexthop group of that id
-      remote, // the VXLAN device, with vtep and vni
-      port,   // static on that port
-      local,  // learned here: whatever the bridge has
+      viaGroup, // the VXLAN device, with the nexthop group of that id
+      viaVtep,  // the VXLAN device, with vtep and vni
+      onPort,   // static on that port
+      local,    // learned here: whatever the bridge has
    };
    Kind kind = nothing;
    uint32_t id = 0;
@@ -66,6 +66,8 @@ std::string plan( const There& there, const Goal& goal, EthAddr mac, uint32_t vx
                   std::vector<Write>& writes );
 // What is there after the write.
 void carryOut( There& there, const Write& write );
+// What is there when the goal is reached.
+There reachedGoal( const Goal& goal, uint32_t vxlan );
 // Whether anything there is ours.
 bool hasOurs( const There& there, uint32_t vxlan );
 

@@ -64,6 +64,7 @@ Program::Program( Vexil::ActivityManager& loop, const ProgramOptions& options )
    nexthops_.dumpBegins();
    kernel_.dumpNexthops( *this );
    nexthops_.dumpEnded(); // adopted before anything is wanted of them
+   place();
    followOutput();
    loop.watch( output_.fd(), [] {} );
    loop.watch( kernel_.fd(), [] {} );
@@ -96,15 +97,14 @@ bool Program::allKnown() const {
 // --- the output
 
 void Program::followOutput() {
+   if( !options_.program ) // what the winners are is looked up
+      return;
    const Source own = options_.learn ? options_.value : sourceNone_;
    output_.hosts.follow( [ this, own ]( const MacVlanPair& key, const HostAndSource* row ) {
       Managed* const bridge = managed( key.vlan() );
       if( !bridge )
          return;
-      if( learner_ && row && row->source() != own )
-         learner_->goneElsewhere( *row );
-      if( options_.program )
-         bridge->reconciler.hostIs( key.mac(), row, row && row->source() == own );
+      bridge->reconciler.hostIs( key.mac(), row, row && row->source() == own );
    } );
    const auto changed = [ this ]( const ObjTuple& object ) {
       for( auto& [ vlan, bridge ] : bridges_ )
@@ -259,7 +259,7 @@ void Program::place() {
       const Place place = topology_.placeOf( bridge.name );
       const std::string before = bridge.reconciler.place().fault;
       if( bridge.reconciler.placeIs( place ) ) {
-         bridge.known = false;
+         bridge.known = presume( bridge );
          if( std::find( dumps_.begin(), dumps_.end(), &bridge ) == dumps_.end() )
             dumps_.push_back( &bridge );
          else if( dumps_.front() == &bridge )
@@ -271,6 +271,20 @@ void Program::place() {
          Vexil::log( "VLAN " + std::to_string( vlan ) + ", " + bridge.name + ": " +
                      ( place.fault.empty() ? "complete" : place.fault ) );
    }
+}
+
+// At the start, when the devices are those of the run before.
+bool Program::presume( Managed& bridge ) {
+   if( !std::exchange( bridge.fresh, false ) || bridge.reconciler.place().vxlan == 0 )
+      return false;
+   const Place& place = bridge.reconciler.place();
+   bool any = false;
+   status_.forEachEarlier( bridge.reconciler.vlan(), place.bridge, place.vxlan,
+                           [ & ]( EthAddr mac, const Goal& goal ) {
+                              any = true;
+                              bridge.reconciler.presume( mac, reachedGoal( goal, place.vxlan ) );
+                           } );
+   return any;
 }
 
 void Program::dumpOn() {
@@ -302,7 +316,8 @@ void Program::dumpOn() {
       return;
    bridge.reconciler.dumpEnded();
    dumps_.pop_front();
-   bridge.known = std::find( dumps_.begin(), dumps_.end(), &bridge ) == dumps_.end();
+   bridge.known =
+      bridge.known || std::find( dumps_.begin(), dumps_.end(), &bridge ) == dumps_.end();
 }
 
 void Program::verify() {
@@ -348,14 +363,14 @@ void Program::write() {
       for( Paths* const paths : all )
          paths->groupChanged( group );
    const bool mayRemove = agent_.outputIsWhole();
-   bool left = false;
+   left_ = false;
    for( auto& [ vlan, bridge ] : bridges_ ) {
       bridge.reconciler.retryDue( now );
       bridge.reconciler.followPaths();
-      left = bridge.reconciler.reconcile( kernel_, *clock_, now + slice, mayRemove ) || left;
+      left_ = bridge.reconciler.reconcile( kernel_, *clock_, now + slice, mayRemove ) || left_;
    }
-   more_ = more_ || left;
-   if( !left && !more_ )
+   more_ = more_ || left_;
+   if( !more_ && dumps_.empty() ) // every entry that uses one is known
       nexthops_.sweep( kernel_ );
 }
 
@@ -366,10 +381,13 @@ void Program::settle() {
       learning_ = true;
       learner_->complete();
    }
-   if( inSync_ || !heard || more_ || ( options_.program && !outputInSync_ ) )
+   if( figures_.inSync == 1 && heard && !left_ )
+      figures_.inSync = 2;
+   if( inSync_ || !allKnown() || left_ || ( options_.program && !outputInSync_ ) )
       return;
    inSync_ = true;
-   figures_.inSync = 1;
+   nextSign_ = 0;
+   figures_.inSync = heard ? 2 : 1;
    figures_.syncTime = clock_->now() - started_;
    status_.forgetHosts( [ this ]( const MacVlanPair& key ) {
       Managed* const bridge = managed( key.vlan() );
@@ -394,6 +412,8 @@ void Program::publish() {
       record.vlan = reconciler.vlan();
       record.bridge = InterfaceName::of( bridge.name ).value_or( InterfaceName() );
       record.device = InterfaceName::of( place.vxlanName ).value_or( InterfaceName() );
+      record.bridgeIndex = place.bridge;
+      record.deviceIndex = place.vxlan;
       record.vni = place.vni;
       record.local = place.local;
       record.wanted = counts.wanted + flood.wanted();

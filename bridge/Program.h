@@ -44,7 +44,10 @@ class Program : private KernelListener, private HostListener {
    struct Managed {
       std::string name;
       Reconciler reconciler;
-      bool known = false; // its entries have been dumped since its devices are what they are
+      // Its entries have been dumped since its devices are what they are, or an earlier run has
+      // left word of them.
+      bool known = false;
+      bool fresh = true;                  // no devices have been seen yet
       uint64_t floodVersion = UINT64_MAX; // that has been told
       size_t floodRefused = 0;
    };
@@ -68,6 +71,7 @@ class Program : private KernelListener, private HostListener {
    void turn();
    void hear();
    void place();
+   bool presume( Managed& bridge );
    void dumpOn();
    void verify();
    void compare();
@@ -102,6 +106,7 @@ class Program : private KernelListener, private HostListener {
    bool dumping_ = false;
    bool outputInSync_ = false;
    bool inSync_ = false;
+   bool left_ = false;          // to write in the next turn
    bool more_ = false;          // to do in the next turn
    uint64_t groupsVersion_ = 0; // that has been told
    Vexil::Seconds started_;

@@ -109,7 +109,7 @@ void Reconciler::entryIs( const FdbEntry& entry, Origin origin ) {
       return;
    }
    Row& row = *rows_.emplace( entry.mac ).first;
-   uint8_t& seen = own ? row.remoteSeen : row.entrySeen;
+   uint32_t& seen = own ? row.remoteSeen : row.entrySeen;
    const bool again = dumping_ && seen == dump_; // written meanwhile, or one VTEP of several
    if( origin == Origin::dump && again && ( !own || entry.nexthop != 0 || entry.external ) )
       return;
@@ -214,6 +214,10 @@ void Reconciler::dumpEnded() {
    }
 }
 
+void Reconciler::presume( EthAddr mac, const There& there ) {
+   thereIs( mac, *rows_.emplace( mac ).first, there );
+}
+
 bool Reconciler::verify( Kernel& kernel ) {
    std::vector<EthAddr> macs;
    for( auto at = suspects_.begin(); at != suspects_.end() && macs.size() < hostsABatch; ++at )
@@ -277,21 +281,21 @@ std::optional<Goal> Reconciler::goalOf( const Row& row, std::string& refusal ) c
    case Forwarding::refused:
       refusal = forwarding.reason;
       return goal;
-   case Forwarding::group:
-      goal.kind = Goal::group;
+   case Forwarding::viaGroup:
+      goal.kind = Goal::viaGroup;
       goal.id = nexthops_.readyId( forwarding.group );
       if( goal.id == 0 ) {
          refusal = nexthops_.refusal( forwarding.group );
          return {};
       }
       return goal;
-   case Forwarding::remote:
-      goal.kind = Goal::remote;
-      goal.vtep = forwarding.remote_.vtep;
-      goal.vni = forwarding.remote_.vni;
+   case Forwarding::viaVtep:
+      goal.kind = Goal::viaVtep;
+      goal.vtep = forwarding.remote.vtep;
+      goal.vni = forwarding.remote.vni;
       return goal;
    default:
-      goal.kind = Goal::port;
+      goal.kind = Goal::onPort;
       goal.port = forwarding.port;
       return goal;
    }
@@ -310,8 +314,14 @@ void Reconciler::done( EthAddr mac, Row& row ) {
    if( !refusal.empty() ) {
       refuse( mac, row, refusal );
    } else if( onPath( row ) && goal ) {
-      stateIs( mac, row, State::programmed );
-      listener_.programmed( key( mac ), *goal );
+      std::vector<Write> rest;
+      const std::string obstacle = plan( row.there, *goal, mac, place_.vxlan, rest );
+      if( obstacle.empty() ) {
+         stateIs( mac, row, State::programmed );
+         listener_.programmed( key( mac ), *goal );
+      } else {
+         refuse( mac, row, obstacle );
+      }
    }
    row.repair = false;
    dropIfEmpty( mac );

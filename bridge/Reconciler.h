@@ -68,6 +68,9 @@ class Reconciler {
    void entryDel( const FdbEntry& entry );
    void dumpBegins();
    void dumpEnded();
+   // An earlier run has left this, with the same devices. It is believed until a dump or a
+   // notification says otherwise, so that changes of the output need not wait for a dump.
+   void presume( EthAddr mac, const There& there );
    // Looks up some of what is in doubt; false when there is nothing left.
    bool verify( Kernel& kernel );
    // Tells the listener again if the bridge has learned the address.

@@ -98,7 +98,7 @@ Destination destinationOf( const Dest& dest ) {
       return made;
    case objDestTypeIntf_:
       made.kind = Destination::interface;
-      made.ifindex = dest.intf().intf;
+      made.ifindex = dest.intf().intf.value();
       return made;
    case objDestTypeMpls_:
       return unsupported( "an MPLS label stack" );

@@ -41,6 +41,8 @@ StatusTables::StatusTables( const std::string& stateDirectory )
      groups_( opened<BridgeGroupTable>( stateDirectory, Path::bridgeGroups, listCapacity ) ),
      refused_( opened<BridgeRefusedTable>( stateDirectory, Path::bridgeRefused, listCapacity ) ),
      since_( wallClock() ) {
+   bridges_->forEach(
+      [ this ]( const BridgeRecord& record ) { earlier_[ record.vlan ] = record; } );
    bridges_->eraseAll();
    refused_->eraseAll();
 }
@@ -57,14 +59,28 @@ void StatusTables::write( Vexil::Ptr<Table>& table, const Record& record ) {
    ++unwritten_;
 }
 
+Goal StatusTables::goalOf( const BridgeHostRecord& record ) {
+   Goal goal;
+   goal.kind = record.kind == bridgeHostGroup_    ? Goal::viaGroup
+               : record.kind == bridgeHostRemote_ ? Goal::viaVtep
+                                                  : Goal::onPort;
+   if( goal.kind == Goal::onPort )
+      goal.port = record.id;
+   else
+      goal.id = record.id;
+   goal.vni = record.vni;
+   goal.vtep = record.vtep;
+   return goal;
+}
+
 void StatusTables::programmed( const MacVlanPair& host, const Goal& goal ) {
    refused_->erase( { host, bridgeRefusedHost_, 0 } );
    BridgeHostRecord record;
    record.key = host;
-   record.kind = goal.kind == Goal::group    ? bridgeHostGroup_
-                 : goal.kind == Goal::remote ? bridgeHostRemote_
-                                             : bridgeHostInterface_;
-   record.id = goal.kind == Goal::port ? goal.port : goal.id;
+   record.kind = goal.kind == Goal::viaGroup  ? bridgeHostGroup_
+                 : goal.kind == Goal::viaVtep ? bridgeHostRemote_
+                                              : bridgeHostInterface_;
+   record.id = goal.kind == Goal::onPort ? goal.port : goal.id;
    record.vni = goal.vni;
    record.vtep = goal.vtep;
    BridgeHostRecord present;

@@ -18,6 +18,19 @@ class StatusTables {
    // Throws Vexil::TableError, of kind busy when another l2rib-bridge writes them.
    explicit StatusTables( const std::string& stateDirectory );
 
+   // What an earlier run gave the kernel on the devices of these numbers: each( mac, goal ).
+   template<class Each>
+   void forEachEarlier( Bridging::VlanId vlan, uint32_t bridge, uint32_t device, Each each ) const {
+      const auto found = earlier_.find( vlan );
+      if( found == earlier_.end() || found->second.bridgeIndex != bridge ||
+          found->second.deviceIndex != device )
+         return;
+      hosts_->forEach( [ & ]( const L2Rib::BridgeHostRecord& record ) {
+         if( record.key.vlan() == vlan )
+            each( record.key.mac(), goalOf( record ) );
+      } );
+   }
+
    void programmed( const Bridging::MacVlanPair& host, const Goal& goal );
    void refused( const Bridging::MacVlanPair& host, const std::string& reason, unsigned tries );
    void released( const Bridging::MacVlanPair& host );
@@ -49,6 +62,9 @@ class StatusTables {
    Vexil::Ptr<L2Rib::BridgeHostTable> hosts_;
    Vexil::Ptr<L2Rib::BridgeGroupTable> groups_;
    Vexil::Ptr<L2Rib::BridgeRefusedTable> refused_;
+   static Goal goalOf( const L2Rib::BridgeHostRecord& record );
+
+   std::map<Bridging::VlanId, L2Rib::BridgeRecord> earlier_;
    double since_;
    uint32_t unwritten_ = 0;
 };
