@@ -127,6 +127,7 @@ Mounted mountPolicySmStatus( EntityManager& manager, const std::string& path, Mo
    // Attached beside the manager's own tables, because the path stands for the entity.
    const auto table = makeEntity<PolicySmStatusTable>( manager.fileOf( path ),
                                                        PolicySmStatusTable::Mode::write, 1u );
+   manager.ringAtEndOfTurn( table );
    return { status, std::make_shared<PolicySmStatusBinding>( table, status ) };
 }
 

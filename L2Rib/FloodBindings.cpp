@@ -13,17 +13,6 @@ namespace {
 using Vexil::makeEntity;
 using Vexil::Ptr;
 
-// The room that the output's table has: what an earlier run made of it stays, or readers would have
-// to go over to another file in every restart.
-uint32_t outputCapacity( const std::string& file ) {
-   constexpr uint32_t first = 4096;
-   try {
-      return std::max( first, FloodMemberTable( file, FloodMemberTable::Mode::read ).capacity() );
-   } catch( const Vexil::TableError& ) {
-      return first; // attaching it for writing makes it, or says what is wrong
-   }
-}
-
 // The mask as its table holds it. An agent that starts puts the mask together source by source:
 // readers see only what has come of it at the end of its first turn, when the bells are rung.
 class SourceMask : public FloodSourceTable {
@@ -52,19 +41,15 @@ class SourceMask : public FloodSourceTable {
    bool firstTurnOver_ = false;
 };
 
+constexpr uint32_t firstCapacity = 4096; // of the members' table, which grows
+
 // The members as their table holds them. Each carries the type of its set. Where two sources give a
 // set different types it may change with every member that is judged; the members are brought in
 // line once a turn, before the bells are rung.
 class MembersOfOutput : public FloodMemberTable {
  public:
    using FloodMemberTable::FloodMemberTable;
-   void write( const FloodMember& member ) {
-      if( set( member ) )
-         return;
-      capacityIs( capacity() * 2 );
-      const bool written = set( member );
-      VEXIL_ASSERT( written );
-   }
+   // All members of the set are looked at when the turn ends.
    void typeChanged( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
                      Ptr<const FloodSet> floodSet ) {
       const Bridging::MacVlanPair where( mac, vlan );
@@ -72,30 +57,51 @@ class MembersOfOutput : public FloodMemberTable {
       changed_.emplace( where, std::move( floodSet ) );
    }
    void ring() override {
-      for( const auto& entry : changed_ )
-         for( const auto& dest : entry.value->destSet() ) {
-            const FloodMember wanted{ FloodSetTriple( entry.key.vlan(), entry.key.mac(), dest.key ),
-                                      entry.value->floodSetType() };
-            if( get( wanted.triple ) != wanted )
-               write( wanted );
-         }
-      changed_.clear();
+      for( const auto& entry : std::exchange( changed_, {} ) )
+         bringInLine( entry.key, entry.value );
       FloodMemberTable::ring();
    }
 
  private:
+   void bringInLine( const Bridging::MacVlanPair& where, const Ptr<const FloodSet>& floodSet ) {
+      for( const auto& dest : floodSet->destSet() ) {
+         const FloodMember wanted{ FloodSetTriple( where.vlan(), where.mac(), dest.key ),
+                                   floodSet->floodSetType() };
+         if( get( wanted.triple ) != wanted && !set( wanted ) )
+            return typeChanged( where.vlan(), where.mac(), floodSet ); // it is tried again
+      }
+   }
+
    Vexil::HashMap<Bridging::MacVlanPair, Ptr<const FloodSet>> changed_;
 };
 
+// One that is damaged is filled anew from what the sources have.
+template<class Table>
+Ptr<Table> attached( const Vexil::EntityManager& manager, const std::string& path,
+                     uint32_t capacity ) {
+   const auto attach = [ & ] {
+      return makeEntity<Table>( manager.fileOf( path ), Table::Mode::write, capacity );
+   };
+   try {
+      return attach();
+   } catch( const Vexil::TableError& failure ) {
+      if( failure.kind() != Vexil::TableError::damaged )
+         throw;
+      manager.replaceFile( path, failure );
+      return attach();
+   }
+}
+
 // Writes the flood output's members through to their table. One reactor a level, kept as long as
 // what it follows is there.
-class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
+class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput>,
+                           private FloodSetOutput::MemberRoom {
  public:
-   FloodOutputBinding( const std::string& file, Ptr<FloodSetOutput> output )
-      : Reactor( nullptr ), members_( makeEntity<MembersOfOutput>(
-                               file, FloodMemberTable::Mode::write, outputCapacity( file ) ) ),
-        source_( makeEntity<SourceMask>( file + "Source", // Path::floodOutputSource
-                                         FloodSourceTable::Mode::write, 1u ) ) {
+   FloodOutputBinding( const Vexil::EntityManager& manager, const std::string& path,
+                       Ptr<FloodSetOutput> output )
+      : Reactor( nullptr ), members_( attached<MembersOfOutput>( manager, path, firstCapacity ) ),
+        source_( attached<SourceMask>( manager, path + "Source", // Path::floodOutputSource
+                                       1 ) ) {
       members_->forEach( [ & ]( const FloodMember& member ) {
          const auto set =
             output->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
@@ -110,7 +116,11 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
       notifierIs( output ); // from here on changes go the other way
       for( const auto& sets : output->vlanFloodSet() )
          handleVlanFloodSet( sets.key );
+      output->memberTableIs( members_ );
+      output->memberRoomIs( this );
+      output_ = output;
    }
+   ~FloodOutputBinding() override { output_->memberRoomIs( nullptr ); }
 
    void handleSource() override { source_->maskIs( notifier()->source() ); }
    void handleVlanFloodSet( const Bridging::VlanId& vlan ) override {
@@ -124,6 +134,12 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
    const Ptr<SourceMask>& source() const { return source_; }
 
  private:
+   Vexil::Room makeRoom() override { return members_->makeRoom(); }
+   uint64_t freeMembers() const override {
+      return uint64_t( members_->capacity() ) - members_->count();
+   }
+   uint32_t capacity() const override { return members_->capacity(); }
+
    class Set : public Vexil::Reactor<FloodSet> {
     public:
       Set( Ptr<const FloodSet> set, FloodOutputBinding& binding, const Bridging::VlanId& vlan,
@@ -131,10 +147,10 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
          : Reactor( std::move( set ) ), binding_( binding ), vlan_( vlan ), mac_( mac ) {}
       void handleDestSet( const Dest& dest ) override {
          const FloodSetTriple triple( vlan_, mac_, dest );
-         if( notifier()->destSet( dest ) )
-            binding_.members_->write( { triple, notifier()->floodSetType() } );
-         else
+         if( !notifier()->destSet( dest ) )
             binding_.members_->erase( triple );
+         else if( !binding_.members_->set( { triple, notifier()->floodSetType() } ) )
+            handleFloodSetType(); // added without asking for room
       }
       void handleFloodSetType() override {
          binding_.members_->typeChanged( vlan_, mac_, notifier() );
@@ -167,6 +183,7 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput> {
       Vexil::HashMap<Vexil::EthAddr, std::unique_ptr<Set>> sets_;
    };
 
+   Ptr<FloodSetOutput> output_;
    Ptr<MembersOfOutput> members_;
    Ptr<SourceMask> source_;
    Vexil::HashMap<Bridging::VlanId, std::unique_ptr<Vlan>> vlans_;
@@ -179,7 +196,7 @@ Vexil::Mounted mountFloodOutput( Vexil::EntityManager& manager, const std::strin
    const auto output = makeEntity<FloodSetOutput>();
    if( manager.inMemory() )
       return { output, nullptr };
-   const auto binding = std::make_shared<FloodOutputBinding>( manager.fileOf( path ), output );
+   const auto binding = std::make_shared<FloodOutputBinding>( manager, path, output );
    manager.ringAtEndOfTurn( binding->members() );
    manager.ringAtEndOfTurn( binding->source() );
    return { output, binding };

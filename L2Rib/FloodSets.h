@@ -109,7 +109,8 @@ class FloodSetOutput : public Vexil::Entity {
    };
    void memberRoomIs( MemberRoom* room ) { memberRoom_ = room; }
 
-   // Sees to it that one more member finds room; to be asked before it is entered.
+   // Sees to it that one more member finds room; to be asked before it is entered. One that is
+   // entered without is not seen by readers until there is some.
    [[nodiscard]] Vexil::Room makeRoom() {
       return memberRoom_ ? memberRoom_->makeRoom() : Vexil::Room::yes;
    }
@@ -120,6 +121,9 @@ class FloodSetOutput : public Vexil::Entity {
 
    // The mask of the Source values of all initialized sources.
    VEXIL_ATTRIBUTE_NOTIFYING( unsigned, source, handleSource, 0 );
+   // The table that the members are written to, for whoever says how large it may become; null when
+   // they are in this process alone.
+   VEXIL_ATTRIBUTE( Vexil::Ptr<Vexil::TableBase>, memberTable )
    L2RIB_CHILDREN( Bridging::VlanId, VlanFloodSet, vlanFloodSet, handleVlanFloodSet )
 
  private:

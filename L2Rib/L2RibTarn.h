@@ -39,6 +39,10 @@ L2RIB_TABLE( DestOutput,        DestId,                DestAndSource,        "de
 // clang-format on
 #undef L2RIB_TABLE
 
+// Up to this capacity the tables of the agent and of the sources grow by themselves, unless they are
+// told otherwise.
+constexpr uint32_t defaultCapacityMax = 16777216;
+
 // Where the agent's tables and entities are in the state database.
 namespace Path {
 constexpr const char* inputDir = "bridging/l2Rib/inputDir";

@@ -4,6 +4,7 @@
 #include "runtime/Failure.h"
 #include "runtime/Trace.h"
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 
@@ -12,6 +13,8 @@ namespace L2Rib {
 namespace {
 
 Vexil::TraceHandle& trace = Vexil::traceHandle( "L2RibAgent" );
+
+constexpr uint32_t outputCapacity = 16384; // where the output tables begin
 
 // The entity mounted at path, which must be of that type.
 template<class T>
@@ -22,9 +25,20 @@ Vexil::Ptr<T> mounted( Vexil::EntityManager& em, const char* path ) {
    return typed;
 }
 
+// A table that was cut short can't be adopted: what the sources say fills a new one. Whatever else
+// is wrong with a file may be somebody's mistake.
 template<class Table>
 Vexil::Ptr<Table> outputTable( Vexil::EntityManager& em, const char* path, uint32_t capacity ) {
-   return em.mountTable<Table>( path, Table::Mode::write, capacity );
+   return em.mountDerivedTable<Table>( path, capacity, { Vexil::TableError::damaged } );
+}
+
+// Gives a table the capacity that it is to begin with, or as many times double that as its rows
+// need, and lets it grow from there.
+void fit( Vexil::TableBase& table, uint32_t capacity, uint32_t capacityMax ) {
+   while( capacity < table.count() )
+      capacity *= 2;
+   table.capacityIs( std::min( capacity, capacityMax ) );
+   table.capacityMaxIs( capacityMax );
 }
 
 // Lets the host process create the agent by its type name once this library is loaded.
@@ -72,11 +86,22 @@ void Agent::doMountsComplete( Vexil::MountStatus mountStatus,
    const auto floodOutput = mounted<FloodSetOutput>( *em, Path::floodOutput );
    const auto status = mounted<PolicySmStatus>( *em, Path::policySmStatus );
 
-   const auto capacity = static_cast<uint32_t>( setting( "output-capacity", 16384 ) );
+   const bool given = settings().contains( "output-capacity" );
+   const auto wanted = static_cast<uint32_t>( setting( "output-capacity", outputCapacity ) );
+   const auto capacityMax = static_cast<uint32_t>(
+      setting( "output-capacity-max", std::max( given ? wanted : 1, defaultCapacityMax ) ) );
+   const uint32_t capacity = std::min( wanted, capacityMax );
    const auto hostOutput = outputTable<HostOutput>( *em, Path::hostOutput, capacity );
    const auto lbOutput = outputTable<LoadBalanceOutput>( *em, Path::lbOutput, capacity );
    const auto labelOutput = outputTable<LabelOutput>( *em, Path::labelOutput, capacity );
    const auto destOutput = outputTable<DestOutput>( *em, Path::destOutput, capacity );
+   for( Vexil::TableBase* const table : { static_cast<Vexil::TableBase*>( hostOutput.get() ),
+                                          static_cast<Vexil::TableBase*>( lbOutput.get() ),
+                                          static_cast<Vexil::TableBase*>( labelOutput.get() ),
+                                          static_cast<Vexil::TableBase*>( destOutput.get() ) } )
+      fit( *table, given ? capacity : table->capacity(), capacityMax );
+   if( const auto& members = floodOutput->memberTable() )
+      fit( *members, members->capacity(), capacityMax );
 
    policySmIs( em, inputDir, l2RibAgentSourceDir(), hostOutput, lbOutput, labelOutput, destOutput,
                floodOutput, status );

@@ -6,6 +6,7 @@
 #include <ctime>
 #include <string>
 #include <unistd.h>
+#include <utility>
 
 namespace L2Rib {
 
@@ -63,6 +64,8 @@ StatusPublisher::StatusPublisher( Vexil::EntityManager& manager, Vexil::Activity
         dynamic_cast<const Bridging::Config*>( manager.entity( Path::bridgingConfig ).get() ) ),
      since_( wallClock() ), parkedTimer_( loop.clock(), [] {} ) {
    VEXIL_ASSERT( config_ );
+   sources_->capacityMaxIs( defaultCapacityMax );
+   parked_->capacityMaxIs( defaultCapacityMax );
    parked_->eraseAll();
    publishAgent(); // before the sources are there: what stands in the table is the last run's
    publish();
@@ -161,10 +164,9 @@ void StatusPublisher::publishSources() {
          record.configuredHosts = markOf( config_->hostTable() );
          record.configuredTunnels = markOf( config_->tunnelTable() );
       }
-      if( sources_->get( record.name ) == record || sources_->set( record ) )
-         continue;
-      sources_->capacityIs( 2 * sources_->capacity() );
-      [[maybe_unused]] const bool written = sources_->set( record );
+      if( sources_->get( record.name ) != record && !sources_->set( record ) &&
+          !std::exchange( saidNoRoom_, true ) ) // settle and show sources wait for it meanwhile
+         Vexil::log( "no room for the status of source " + entry.key );
    }
 }
 

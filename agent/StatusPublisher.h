@@ -38,6 +38,7 @@ class StatusPublisher {
    Vexil::Ptr<ParkedTable> parked_;
    Vexil::Ptr<const Bridging::Config> config_;
    AgentStatusRecord published_;
+   bool saidNoRoom_ = false;
    Vexil::Wire64<double> since_;
    std::shared_ptr<void> endOfTurnWork_;
    Vexil::TimerReactor parkedTimer_; // brings about the turn that publishes more of what is parked

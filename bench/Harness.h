@@ -35,6 +35,7 @@ struct Settings {
 // its figures to the report.
 void benchGet( const Settings& settings, Report& report );
 void benchSet( const Settings& settings, Report& report );
+void benchGrow( const Settings& settings, Report& report );
 void benchWake( const Settings& settings, Report& report );
 void benchMerge( const Settings& settings, Report& report );
 void benchObjects( const Settings& settings, Report& report );

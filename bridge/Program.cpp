@@ -19,7 +19,6 @@ namespace {
 constexpr Vexil::Seconds slice = 0.05;
 constexpr Vexil::Seconds signInterval = 1;    // between signs of life
 constexpr Vexil::Seconds agentInterval = 0.1; // between looks at the agent, while waiting for it
-constexpr uint32_t hostCapacity = 1 << 20;
 
 // Names of abstract sockets are of one network namespace, and go with their process: two programs
 // that held each other's nexthops for leftovers would never come to an end.
@@ -131,8 +130,7 @@ void Program::startLearning() {
    source_ = std::make_unique<Client::SourcePublisher>(
       Client::SourceOptions{ .stateDirectory = options_.stateDirectory,
                              .name = options_.source,
-                             .value = options_.value,
-                             .hostCapacity = hostCapacity } );
+                             .value = options_.value } );
    learner_ = std::make_unique<Learner>(
       *source_, options_.pref, options_.duplicates, clock_,
       [ this ]( const MacVlanPair& key ) { return output_.hosts.get( key ); } );

@@ -12,8 +12,9 @@ using Bridging::MacVlanPair;
 
 namespace {
 
-constexpr uint32_t hostCapacity = 16384; // grows
-constexpr uint32_t listCapacity = 1024;  // grows
+constexpr uint32_t hostCapacity = 16384; // to begin with
+constexpr uint32_t listCapacity = 1024;
+constexpr uint32_t capacityMax = 1 << 24; // as the output's
 
 double wallClock() {
    timespec now{};
@@ -25,6 +26,7 @@ template<class Table>
 Vexil::Ptr<Table> opened( const std::string& stateDirectory, const char* path, uint32_t capacity ) {
    auto table =
       Vexil::makeEntity<Table>( stateDirectory + "/" + path, Table::Mode::write, capacity );
+   table->capacityMaxIs( capacityMax );
    return table;
 }
 
@@ -49,14 +51,8 @@ StatusTables::StatusTables( const std::string& stateDirectory )
 
 template<class Table, class Record>
 void StatusTables::write( Vexil::Ptr<Table>& table, const Record& record ) {
-   try {
-      if( table->makeRoom() == Vexil::Room::full )
-         table->capacityIs( table->capacity() * 2 );
-      if( table->set( record ) )
-         return;
-   } catch( const Vexil::TableError& ) { // no memory
-   }
-   ++unwritten_;
+   if( !table->set( record ) )
+      ++unwritten_;
 }
 
 Goal StatusTables::goalOf( const BridgeHostRecord& record ) {

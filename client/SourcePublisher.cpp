@@ -58,6 +58,10 @@ void SourcePublisher::requireUsable() const {
       refuse( "value 0x10 is that of the static configuration: choose another" );
    if( options_.hostCapacity == 0 || options_.objectCapacity == 0 || options_.floodCapacity == 0 )
       refuse( "a table's capacity is at least 1" );
+   const uint32_t largest =
+      std::max( { options_.hostCapacity, options_.objectCapacity, options_.floodCapacity } );
+   if( largest > Vexil::maxCapacity || options_.capacityMax > Vexil::maxCapacity )
+      refuse( "a table's capacity is at most " + std::to_string( Vexil::maxCapacity ) );
 }
 
 void SourcePublisher::requireFree() const {
@@ -93,18 +97,32 @@ SourceEntryRecord SourcePublisher::wantedRecord() const {
 }
 
 template<class Table, class Key>
-void SourcePublisher::open( Owned<Table, Key>& owned, const TablePath& path, uint32_t capacity ) {
-   if( !path.view().empty() )
-      owned.table = makeEntity<Table>( folder_.fileOf( path.str() ), Table::Mode::write, capacity );
+void SourcePublisher::open( Owned<Table, Key>& owned, const TablePath& path, uint32_t capacity,
+                            uint32_t capacityBefore ) {
+   if( path.view().empty() )
+      return;
+   owned.table = makeEntity<Table>( folder_.fileOf( path.str() ), Table::Mode::write, capacity );
+   if( capacityBefore != 0 && capacityBefore != capacity )
+      owned.table->capacityIs( capacity );
+   owned.table->capacityMaxIs( options_.capacityMax );
+}
+
+// What the entry says that is there; with no capacities when there is none.
+SourceEntryRecord SourcePublisher::keptRecord() const {
+   if( !folder_.published( options_.name ) )
+      return {};
+   return SourceEntryTable( folder_.entryFile( options_.name ), SourceEntryTable::Mode::read )
+      .get( wantedRecord().name );
 }
 
 void SourcePublisher::openTables() {
    const SourceEntryRecord wanted = wantedRecord();
-   open( hosts_, wanted.hostPath, options_.hostCapacity );
-   open( labels_, wanted.labelPath, options_.objectCapacity );
-   open( lbs_, wanted.lbPath, options_.objectCapacity );
-   open( dests_, wanted.destPath, options_.objectCapacity );
-   open( flood_, wanted.floodPath, options_.floodCapacity );
+   const SourceEntryRecord kept = keptRecord();
+   open( hosts_, wanted.hostPath, options_.hostCapacity, kept.hostLen );
+   open( labels_, wanted.labelPath, options_.objectCapacity, kept.labelLen );
+   open( lbs_, wanted.lbPath, options_.objectCapacity, kept.lbLen );
+   open( dests_, wanted.destPath, options_.objectCapacity, kept.destLen );
+   open( flood_, wanted.floodPath, options_.floodCapacity, 0 ); // the entry doesn't say it
 }
 
 // Goes on with the kept entry when it says what is wanted; else publishes a new one in its place,
@@ -179,6 +197,21 @@ Rejection SourcePublisher::missing( const Owned<Table, Key>& owned ) const {
           ": its hosts have inline destinations";
 }
 
+// Why a record could not be written.
+template<class Table, class Key>
+Rejection SourcePublisher::noRoom( const Owned<Table, Key>& owned ) {
+   const std::string table = std::string( "the table of " ) + owned.content;
+   switch( owned.table->makeRoom() ) {
+   case Vexil::Room::full:
+      return table + " is full: it has room for " + std::to_string( owned.table->capacity() );
+   case Vexil::Room::noMemory:
+      return table + " takes nothing more: the state directory has no memory for it";
+   case Vexil::Room::yes:
+      break;
+   }
+   return table + " takes nothing any more: its file was cut short";
+}
+
 template<class Table, class Key, class Record>
 Rejection SourcePublisher::write( Owned<Table, Key>& owned, const Rejection& bad, const Key& key,
                                   const Record& record ) {
@@ -189,10 +222,7 @@ Rejection SourcePublisher::write( Owned<Table, Key>& owned, const Rejection& bad
    Table& table = *owned.table;
    if( Record present; !table.get( key, present ) || present != record )
       if( !table.set( record ) )
-         return std::string( "the table of " ) + owned.content +
-                ( table.count() < table.capacity()
-                     ? " takes nothing any more: its file was cut short"
-                     : " is full: it has room for " + std::to_string( table.capacity() ) );
+         return noRoom( owned );
    if( begun_ )
       owned.named.emplace( key );
    return {};

@@ -19,7 +19,8 @@
 // Errors: the constructor throws PublishRefused, with nothing touched, when the source may not be
 // published, and Vexil::TableError when files can't be made or what was kept can't be read. The
 // operations never throw for what they are given: they check it (Validation.h), say in one line why
-// it can't be, and then have changed nothing. A full table is reported in the same way.
+// it can't be, and then have changed nothing. A full table is reported in the same way, and so is a
+// state directory without memory: what was refused is to be offered again later.
 //
 // Threads: all calls from one thread at a time. There is no thread and no timer in here.
 #pragma once
@@ -44,10 +45,14 @@ struct SourceOptions {
    std::string name;
    // A single bit, not 0x10, that no other published source has.
    Source value = sourceNone_;
-   // Capacities in records. The files grow as they are filled; a great capacity costs an index.
+   // Capacities in records, with which the tables begin; a great one costs an index. A table that
+   // is taken over with another one than it had begun with is brought to it; else it stays as it
+   // is.
    uint32_t hostCapacity = 65536;
    uint32_t objectCapacity = 16384; // of the dests, the groups and the labels, each
    uint32_t floodCapacity = 16384;
+   // A table that is full takes double the capacity, up to this.
+   uint32_t capacityMax = defaultCapacityMax;
    // Only a host table, for hosts with inline destinations.
    bool hostOnly = false;
 };
@@ -129,12 +134,16 @@ class SourcePublisher {
    void openEntry( bool tablesComplete );
    void eraseHostsOnObjects();
    template<class Table, class Key>
-   void open( Owned<Table, Key>& owned, const TablePath& path, uint32_t capacity );
+   void open( Owned<Table, Key>& owned, const TablePath& path, uint32_t capacity,
+              uint32_t capacityBefore );
+   SourceEntryRecord keptRecord() const;
    template<class Each>
    void forEachOwned( Each each );
 
    template<class Table, class Key>
    Rejection missing( const Owned<Table, Key>& owned ) const;
+   template<class Table, class Key>
+   static Rejection noRoom( const Owned<Table, Key>& owned );
    // Carried out unless there is no such table, or the input is bad.
    template<class Table, class Key, class Record>
    Rejection write( Owned<Table, Key>& owned, const Rejection& bad, const Key& key,

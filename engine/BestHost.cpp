@@ -166,7 +166,7 @@ bool PolicySm::programHost( const Host& bestHost, Source source, const HostAndSo
    obstructed_ = source;
    // Before any object is touched: a host that has no room leaves its objects alone.
    if( oldRow.key() != mvp &&
-       !hasRoom( output_.host->makeRoom(), outputTableHost_, *output_.host ) ) {
+       !hasRoom( output_.host->makeRoom( hostList().size() ), outputTableHost_, *output_.host ) ) {
       TRACE( 8, "processHost no room in output for " << mvpStr( mvp ) );
       foundFailedHost( mvp );
       return false;

@@ -16,12 +16,9 @@
 // are not missed either. The same happens when the writer has replaced the file.
 #pragma once
 
-#include "runtime/Clock.h"
-#include "runtime/Entity.h"
+#include "runtime/TableBase.h"
 #include "runtime/TableWriter.h"
-#include "runtime/Trace.h"
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,59 +26,13 @@
 
 namespace Vexil {
 
-// A table of so many slots is copied in one go when it has to grow: that takes some milliseconds.
+// A table of so many slots is copied in one go when it has to grow: that takes some milliseconds. A
+// larger one is copied a little at a time.
 #ifdef VEXIL_TEST_HOOKS
 inline uint32_t slotsCopiedAtOnce = 65536;
 #else
 constexpr uint32_t slotsCopiedAtOnce = 65536;
 #endif
-
-// Whether a table takes one more record.
-enum class Room {
-   yes,
-   full,    // it has the highest capacity that it may have
-   noMemory // it could grow, but there is no memory for it
-};
-
-// What the event loop and the status report need to know of a table, whatever it holds.
-class TableBase : public Entity {
- public:
-   // Delivers changes to the reactors until there are no more or the deadline has passed (at least
-   // one batch is delivered). Returns whether more are left. Never throws: corruption is recorded.
-   virtual bool poll( const Clock& clock, Seconds deadline ) = 0;
-   // Wakes the readers if something was written since the last time. Once per batch of writes.
-   virtual void ring() = 0;
-
-   virtual const std::string& path() const = 0;
-   virtual uint64_t tableId() const = 0;
-   virtual uint32_t capacity() const = 0;
-   virtual uint32_t count() const = 0;
-   // How far the writer and this entity have come in the journal. What stands before the cursor has
-   // been delivered; 0 while all keys are being walked.
-   virtual uint64_t journalHead() const = 0;
-   virtual uint64_t journalCursor() const = 0;
-   // How many of the changes have been delivered: grows with each, in a walk over all keys too.
-   virtual uint64_t changesTold() const = 0;
-   uint64_t overruns() const { return overruns_; }
-
-   // Records that the table was found corrupt: a line in the log for each new message, and a count.
-   void corruptionDetected( const std::string& message ) const {
-      ++corruptions_;
-      if( message == lastCorruption_ )
-         return;
-      lastCorruption_ = message;
-      log( "corruption detected: " + message );
-   }
-   uint64_t corruptions() const { return corruptions_; }
-
- protected:
-   uint64_t cursor_ = 0;
-   uint64_t overruns_ = 0;
-
- private:
-   mutable uint64_t corruptions_ = 0;
-   mutable std::string lastCorruption_;
-};
 
 template<class Key, class Record>
 class SharedTable : public TableBase {
@@ -101,8 +52,8 @@ class SharedTable : public TableBase {
 
    enum class Mode { read, write };
    // Mode::write: the existing file with its content recovered, brought to that capacity if it has
-   // less, or a new one. Mode::read: the existing file; capacity is not looked at. Throws
-   // TableError.
+   // less, or a new one; an empty one has memory for its first record. Mode::read: the existing
+   // file; capacity is not looked at. Throws TableError.
    SharedTable( const TableSpec& spec, const std::string& path, Mode mode, uint32_t capacity = 0 )
       : spec_( spec ) {
       if( mode == Mode::write )
@@ -196,12 +147,12 @@ class SharedTable : public TableBase {
    bool writable() const { return mapping_->writable(); }
 
    // --- writing -------------------------------------------------------------------------------
-   // How far the table may grow by itself: a full one takes double the capacity, up to this. Without
-   // it a table stays as it was made. Throws TableError above maxCapacity.
-   void capacityMaxIs( uint32_t capacity );
+   // How far the table may grow by itself: a full one takes double the capacity, up to this.
+   // Without it a table stays as it was made. Throws TableError above maxCapacity.
+   void capacityMaxIs( uint32_t capacity ) final;
    // Writes the record under its own key. False, and nothing changed, when there is no room for a
-   // new one (makeRoom() says why); false too when the file has been cut short and takes nothing any
-   // more, which is recorded. What is there can always be written again.
+   // new one (makeRoom() says why); false too when the file has been cut short and takes nothing
+   // any more, which is recorded. What is there can always be written again.
    [[nodiscard]] bool set( const Record& record ) {
       if( table_.count() >= growAt_ )
          growOn();
@@ -218,13 +169,15 @@ class SharedTable : public TableBase {
    // says how many new records may come in all: a table that has to grow grows for all of them, so
    // that readers have one new file to follow rather than many, and so that keys that come in the
    // order of their hashes don't crowd in a part of the index.
-   [[nodiscard]] Room makeRoom( size_t expected = 1 ) {
+   [[nodiscard]] Room makeRoom( size_t expected = 1 ) final {
       return table_.hasRoom() ? Room::yes : makeMoreRoom( expected );
    }
    // False when there was no such record.
    bool erase( const Key& key ) {
       if( !recorded( [ & ] { return table_.erase( key ); } ) )
          return false;
+      if( growth_ && table_.count() < growAt_ / 2 )
+         growth_.reset(); // the larger table is not needed after all
       changed( key );
       return true;
    }
@@ -235,12 +188,7 @@ class SharedTable : public TableBase {
    }
    // Brings the table to another capacity; at least to its number of records. The content is kept;
    // readers follow. Takes the time of copying it. Throws TableError.
-   void capacityIs( uint32_t capacity );
-   // Called in place of going on when this process finds that the file of a table that it writes has
-   // been cut short or overwritten: what is written is lost from then on.
-   void onLoss( std::function<void( const std::string& what )> handler ) {
-      onLoss_ = std::move( handler );
-   }
+   void capacityIs( uint32_t capacity ) final;
    void ring() override {
       if( !unrung_ )
          return;
@@ -280,11 +228,6 @@ class SharedTable : public TableBase {
          return false;
       }
    }
-   void lost( const std::string& what ) const {
-      corruptionDetected( what );
-      if( onLoss_ )
-         onLoss_( what );
-   }
    void changed( const Key& key ) {
       unrung_ = true;
       notifiees.notify( &Handlers::handleEntry, key );
@@ -308,7 +251,6 @@ class SharedTable : public TableBase {
    bool unrung_ = false;
    std::optional<uint32_t>
       walkingAt_; // overtaken: the slot at which the walk over all keys goes on
-   std::function<void( const std::string& )> onLoss_;
 
    uint32_t capacityMax_ = 0;
    uint32_t growAt_ = UINT32_MAX; // records from which on the table is copied a little at a time
@@ -322,6 +264,8 @@ void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32
    table_ = TableWriter<Key, Record>( *mapping_ );
    if( capacity > table_.capacity() )
       capacityIs( capacity );
+   if( table_.count() == 0 && !table_.makeRoom() )
+      throw TableError( TableError::system, path + ": there is no memory for its records" );
    unrung_ = true; // the previous writer may have died before it rang
    ring();
    cursor_ = table_.journalHead();
@@ -353,12 +297,11 @@ void SharedTable<Key, Record>::moveTo( uint32_t capacity ) {
    forEach( [ & ]( const Record& record ) { complete = complete && copy.set( record ); } );
    if( !complete ) // the old file stays as it is
       throw TableError( TableError::system, path() + ": no room to change its capacity" );
-   table_.supersededIs( true ); // before the name: see TableGrowth::takeOver()
-   moved->publish();
-   mapping_->ringBell();
-   mapping_ = std::move( moved );
+   table_.giveNameTo( *moved );
    table_ = std::move( copy );
+   std::swap( mapping_, moved );
    capacityChanged();
+   moved->ringBell();
 }
 
 // A table of many slots is copied a few at a time while records come, and has grown before it is

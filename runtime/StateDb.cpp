@@ -4,6 +4,7 @@
 #include "runtime/Failure.h"
 #include "runtime/RetryTimer.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 #include <sys/stat.h>
@@ -203,6 +204,14 @@ Ptr<Entity> EntityManager::entity( const std::string& path ) const {
 
 void EntityManager::entityIs( const std::string& path, Ptr<Entity> entity ) {
    mounted_[ path ] = { std::move( entity ), nullptr };
+}
+
+void EntityManager::ringAtEndOfTurn( Ptr<TableBase> table ) {
+   table->onLoss( []( const std::string& what ) {
+      log( what + ": it can't be written any more; this process ends" );
+      std::_Exit( 1 ); // without releasing anything: that would write to other tables
+   } );
+   written_.push_back( std::move( table ) );
 }
 
 void EntityManager::replaceFile( const std::string& path, const TableError& why ) const {

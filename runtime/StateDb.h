@@ -19,7 +19,9 @@
 #include "runtime/HashMap.h"
 #include "runtime/SharedTable.h"
 
+#include <algorithm>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
@@ -119,27 +121,33 @@ class EntityManager : public Entity {
    // Puts an entity of this process at a path, as if it had been mounted.
    void entityIs( const std::string& path, Ptr<Entity> entity );
 
-   // Attaches a shared table. A table that this process writes is one entity for all of it: asking
-   // for it again, in either mode, gives the same one. A reader is a new entity each time and is
-   // polled for as long as it is held. Throws TableError.
+   // Attaches a shared table. Where a file that this process writes is found to be cut short or
+   // overwritten, the log says so and the process ends with status 1, at once: what it takes for
+   // written is not there, and the next process puts that right. A table that this process writes
+   // is one entity for all of it: asking for it again, in either mode, gives the same one. A reader
+   // is a new entity each time and is polled for as long as it is held. Throws TableError.
    template<class Table>
    Ptr<Table> mountTable( const std::string& path, typename Table::Mode mode, uint32_t capacity );
 
    // Attaches, as its writer, a table whose content this process makes from something else: one
-   // that is damaged, or was left by a version with other records, is replaced, and the log says
-   // so.
+   // that can't be attached for one of these reasons (it is damaged, or was left by a version with
+   // other records) is replaced, and the log says so.
    template<class Table>
-   Ptr<Table> mountDerivedTable( const std::string& path, uint32_t capacity );
+   Ptr<Table> mountDerivedTable( const std::string& path, uint32_t capacity,
+                                 std::initializer_list<TableError::Kind> replaced = {
+                                    TableError::damaged, TableError::mismatch } );
 
-   // Lets a table that was attached otherwise have its bell rung with the others.
-   void ringAtEndOfTurn( Ptr<TableBase> table ) { written_.push_back( std::move( table ) ); }
+   // Removes the file of a table that can't be attached, for another one to be made; the log says
+   // so.
+   void replaceFile( const std::string& path, const TableError& why ) const;
+   // Lets a table that this process writes and that was attached otherwise be kept as the others:
+   // its bell is rung with theirs, and its loss ends the process.
+   void ringAtEndOfTurn( Ptr<TableBase> table );
    // Wakes the readers of every table written since the last time; the event loop does it at the
    // end of each turn.
    void ringBells();
 
  private:
-   void replaceFile( const std::string& path, const TableError& why ) const;
-
    Ptr<Clock> clock_;
    std::string stateDirectory_; // empty: in memory
    std::unique_ptr<FileWatcher> watcher_;
@@ -167,7 +175,7 @@ Ptr<Table> EntityManager::mountTable( const std::string& path, typename Table::M
    Ptr<Table> table = makeEntity<Table>( fileOf( path ), mode, capacity );
    if( mode == Table::Mode::write ) {
       entityIs( path, table );
-      written_.push_back( table );
+      ringAtEndOfTurn( table );
    } else {
       watcher_->follow( table );
    }
@@ -175,11 +183,12 @@ Ptr<Table> EntityManager::mountTable( const std::string& path, typename Table::M
 }
 
 template<class Table>
-Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity ) {
+Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity,
+                                             std::initializer_list<TableError::Kind> replaced ) {
    try {
       return mountTable<Table>( path, Table::Mode::write, capacity );
    } catch( const TableError& failure ) {
-      if( failure.kind() != TableError::mismatch && failure.kind() != TableError::damaged )
+      if( std::find( replaced.begin(), replaced.end(), failure.kind() ) == replaced.end() )
          throw;
       replaceFile( path, failure );
       return mountTable<Table>( path, Table::Mode::write, capacity );

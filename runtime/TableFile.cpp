@@ -93,9 +93,10 @@ uint64_t layoutHashOf( const TableHeader& header ) {
 
 TableGeometry::TableGeometry( const TableSpec& spec, uint32_t records ) : capacity( records ) {
    if( capacity > maxCapacity )
-      throw TableError( TableError::mismatch, std::string( spec.typeName ) + ": a table has room for " +
-                                                 std::to_string( maxCapacity ) + " records at the most, not " +
-                                                 std::to_string( capacity ) );
+      throw TableError( TableError::mismatch,
+                        std::string( spec.typeName ) + ": a table has room for " +
+                           std::to_string( maxCapacity ) + " records at the most, not " +
+                           std::to_string( capacity ) );
    // Half full at the most, so that a probe ends after a step or two.
    indexSize = std::bit_ceil( std::max( capacity, 32u ) * 2 );
    // Half a table of changes may pile up before a reader has to look at all keys again.
@@ -266,8 +267,8 @@ TableMapping::unpublished( const std::string& path, const TableSpec& spec, uint3
    return created( path, temporary, spec, capacity );
 }
 
-// What was stored in the mapping may not have come into the file: had there been no page for it, the
-// mapping would have been replaced.
+// What was stored in the mapping may not have come into the file: had there been no page for it,
+// the mapping would have been replaced.
 void TableMapping::requireHeaderInFile() const {
    TableHeader h{};
    if( pread( fd_, &h, offsetof( TableHeader, superseded ), 0 ) !=
@@ -331,11 +332,12 @@ bool TableMapping::allocate( uint64_t offset, uint64_t size ) const {
    const uint64_t page = 4096;
    const uint64_t from = offset / page * page;
    const uint64_t length = roundUp( offset + size, page ) - from;
-   // By the mapping rather than by fallocate(), which gives no huge pages where they are a matter of
-   // advice, and would leave a fault for every page.
+   // By the mapping rather than by fallocate(), which gives no huge pages where they are a matter
+   // of advice, and would leave a fault for every page.
    while( madvise( base_ + from, length, MADV_POPULATE_WRITE ) != 0 ) {
       if( errno == EINVAL ) // a kernel before 5.14
-         return posix_fallocate( fd_, static_cast<off_t>( from ), static_cast<off_t>( length ) ) == 0;
+         return posix_fallocate( fd_, static_cast<off_t>( from ), static_cast<off_t>( length ) ) ==
+                0;
       if( errno != EINTR && errno != EAGAIN )
          return false;
    }

@@ -124,8 +124,8 @@ class TableMapping {
    // Moves the file of an unpublished mapping to its path, replacing what is there. Throws
    // TableError, and leaves that alone, when it can't, or when the file does not hold its header.
    void publish();
-   // Sees to it that these bytes of a writable mapping have memory, and are mapped. False when there
-   // is none: a store there would end the process, or the mapping (MappingGuard.h).
+   // Sees to it that these bytes of a writable mapping have memory, and are mapped. False when
+   // there is none: a store there would end the process, or the mapping (MappingGuard.h).
    bool allocate( uint64_t offset, uint64_t size ) const;
    // Whether somebody has cut the file short.
    bool cutShort() const;

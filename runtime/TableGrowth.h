@@ -1,5 +1,5 @@
-// Moving a table to a larger one, at once or a few slots at a time while the writer goes on. Part of
-// TableWriter.h.
+// Moving a table to a larger one, at once or a few slots at a time while the writer goes on. Part
+// of TableWriter.h.
 //
 // Slots are copied as they are, each to the same place, so that a walk by slot numbers goes on in
 // the larger table; and so is the journal, so that its readers go on where they are. What the
@@ -43,20 +43,12 @@ class TableGrowth {
    }
    bool isComplete() const { return present_.slotsCopied_ == present_.highWater(); }
 
-   // Gives the complete copy the name of the present table, whose readers are told, and makes it the
-   // present one. Throws TableError, and then the present one stays.
+   // Gives the complete copy the name of the present table, whose readers are told, and makes it
+   // the present one. Throws TableError, and then the present one stays.
    void takeOver( std::unique_ptr<TableMapping>& mapping ) {
       require( present_.hasHeader() && larger_.takeRest( present_ ) );
       mapping_->header().predecessor = mapping->tableId();
-      // First the mark, then the new file: killed in between, this writer leaves a mark too many,
-      // which the next one takes back, and not readers who stay with the old file for ever.
-      present_.supersededIs( true );
-      try {
-         mapping_->publish();
-      } catch( ... ) {
-         present_.supersededIs( false );
-         throw;
-      }
+      present_.giveNameTo( *mapping_ );
       larger_.freeSlots_ = std::move( present_.freeSlots_ );
       std::swap( mapping, mapping_ );
       present_ = std::move( larger_ );

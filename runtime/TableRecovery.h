@@ -126,8 +126,8 @@ void TableWriter<Key, Record>::repair() {
          continue;
       }
       if( state & ( SlotState::writing | SlotState::live ) )
-         storeWord( words, ( state & ~( SlotState::writing | SlotState::live ) ) +
-                              SlotState::oneWrite );
+         storeWord( words,
+                    ( state & ~( SlotState::writing | SlotState::live ) ) + SlotState::oneWrite );
       freeSlots_.push_back( slot );
    }
    storeWord( &header().count, live );

@@ -74,9 +74,7 @@ class TableWriter : public TableView<Key, Record> {
    }
    // Gets memory for some more slots when there is no room. False when the table is full, or there
    // is none; then no further attempt is made for a second.
-   bool makeRoom() {
-      return hasRoom() || ( slotsReady_ < geometry_.capacity && readyMoreSlots() );
-   }
+   bool makeRoom() { return hasRoom() || ( slotsReady_ < geometry_.capacity && readyMoreSlots() ); }
 
    // Writes the record under its own key; false, with nothing changed, when there is no room for a
    // new one. Throws CorruptionDetected when the file is no longer there to write to.
@@ -125,8 +123,19 @@ class TableWriter : public TableView<Key, Record> {
       return true;
    }
 
-   // Tells readers to look whether another file has taken this one's place.
-   void supersededIs( bool superseded ) { storeWord( &header().superseded, superseded ); }
+   // Lets another file take this one's name, and has its readers look for it. Throws TableError,
+   // and then this one keeps it.
+   void giveNameTo( TableMapping& newer ) {
+      // First the mark, then the new file: killed in between, this writer leaves a mark too many,
+      // which the next one takes back, and not readers who stay with the old file for ever.
+      supersededIs( true );
+      try {
+         newer.publish();
+      } catch( const TableError& ) {
+         supersededIs( false );
+         throw;
+      }
+   }
 
  private:
    TableHeader& header() { return *reinterpret_cast<TableHeader*>( base_ ); }
@@ -177,6 +186,7 @@ class TableWriter : public TableView<Key, Record> {
       storeWord( &header().operationSlot, slot );
       storeWord( &header().operation, static_cast<uint64_t>( operation ) );
    }
+   void supersededIs( bool superseded ) { storeWord( &header().superseded, superseded ); }
    void finish() {
       storeWord( &header().operation, static_cast<uint64_t>( TableOperation::none ) );
    }
@@ -259,8 +269,8 @@ class TableWriter : public TableView<Key, Record> {
    bool journalHasRoom( uint64_t entry ) {
       if( entry < journalReady_ )
          return true;
-      const uint64_t upTo = std::min<uint64_t>(
-         geometry_.journalSize, entry + allocationStep / geometry_.journalStride );
+      const uint64_t upTo = std::min<uint64_t>( geometry_.journalSize,
+                                                entry + allocationStep / geometry_.journalStride );
       if( !allocated( geometry_.journalOffset + entry * geometry_.journalStride,
                       ( upTo - entry ) * geometry_.journalStride ) )
          return false;
@@ -288,8 +298,8 @@ class TableWriter : public TableView<Key, Record> {
    void journal( const Key& key ) {
       const uint64_t head = View::journalHead();
       if( !journalHasRoom( head & journalMask_ ) ) {
-         // What can't be told by the journal is told by overtaking its readers: for them it has come
-         // round, to the same entry.
+         // What can't be told by the journal is told by overtaking its readers: for them it has
+         // come round, to the same entry.
          storeWord( &header().journalHead, head + geometry_.journalSize );
          return;
       }

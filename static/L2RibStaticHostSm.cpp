@@ -17,6 +17,10 @@ constexpr const char* hostPath = "bridging/l2Rib/static/hostInput";
 constexpr const char* lbPath = "bridging/l2Rib/static/loadBalanceTable";
 constexpr const char* labelPath = "bridging/l2Rib/static/labelTable";
 constexpr const char* destPath = "bridging/l2Rib/static/destTable";
+// How often it is seen whether there is memory again for hosts that wait, in seconds.
+constexpr Vexil::Seconds memoryInterval = 1;
+
+// Where the tables begin.
 constexpr uint32_t hostCapacity = 65536;
 constexpr uint32_t objectCapacity = 1024; // of each of the other three
 
@@ -38,7 +42,10 @@ Host emptyHost( const Bridging::MacVlanPair& mvp ) {
    return host;
 }
 
-bool isFull( const Vexil::TableBase& table ) { return table.count() >= table.capacity(); }
+template<class Table>
+bool hasRoom( Table& table ) {
+   return table.makeRoom() == Vexil::Room::yes;
+}
 
 } // namespace
 
@@ -88,7 +95,9 @@ StaticHostSm::StaticHostSm( Vexil::Ptr<Vexil::EntityManager> entityManager,
                             Vexil::Ptr<const Bridging::Config> bridgingConfig )
    : entityManager_( std::move( entityManager ) ), agentSourceDir_( std::move( agentSourceDir ) ),
      bridgingConfig_( std::move( bridgingConfig ) ),
-     configReactor_( std::make_unique<BridgingConfigReactor>( bridgingConfig_, *this ) ) {
+     configReactor_( std::make_unique<BridgingConfigReactor>( bridgingConfig_, *this ) ),
+     tryAgain_( entityManager_->clock(), [ this ] { admitWaiting(); } ) {
+   tryAgain_.timeMinIs( Vexil::never );
    for( const auto& entry : bridgingConfig_->fdbConfig() )
       handleFdbConfig( entry.key );
    handleInitialized();
@@ -181,6 +190,9 @@ void StaticHostSm::attachTables() {
    staticLoadBalanceTable_ = em.mountDerivedTable<LoadBalanceTable>( lbPath, objectCapacity );
    staticLabelTable_ = em.mountDerivedTable<LabelTable>( labelPath, objectCapacity );
    staticDestTable_ = em.mountDerivedTable<DestTable>( destPath, objectCapacity );
+   staticInputTable_->capacityMaxIs( defaultCapacityMax );
+   staticLabelTable_->capacityMaxIs( defaultCapacityMax );
+   staticDestTable_->capacityMaxIs( defaultCapacityMax );
 }
 
 void StaticHostSm::publishEntry() {
@@ -385,11 +397,11 @@ LabelId StaticHostSm::addLabelAndDest( Vexil::MplsLabel label, const DestDataTun
 // --- full tables
 
 bool StaticHostSm::hasRoomFor( const Bridging::MacVlanPair& mvp, const Host& stored ) const {
-   return stored.key() == mvp || !isFull( *staticInputTable_ );
+   return stored.key() == mvp || hasRoom( *staticInputTable_ );
 }
 
 bool StaticHostSm::hasObjectRoom() const {
-   return !isFull( *staticLabelTable_ ) && !isFull( *staticDestTable_ );
+   return hasRoom( *staticLabelTable_ ) && hasRoom( *staticDestTable_ );
 }
 
 void StaticHostSm::waitForRoom( Vexil::KeySet<Bridging::MacVlanPair>& list,
@@ -398,21 +410,29 @@ void StaticHostSm::waitForRoom( Vexil::KeySet<Bridging::MacVlanPair>& list,
    TRACE( 8, "handleHost no room for static " << what << ", " << mvpStr( mvp ) << " waits" );
    if( waiting() == 0 )
       Vexil::log( "static source: no room for " + mvpStr( mvp ) + ", the tables of static " + what +
-                  " are full; hosts wait until an entry is deleted" );
+                  " are full, or there is no memory for more; hosts wait until there is room" );
    list.emplace( mvp );
+   if( tryAgain_.timeMin() == Vexil::never )
+      tryAgain_.timeMinIs( entityManager_->clock()->now() + memoryInterval );
 }
 
-// Brings in the hosts that wait, as far as there is room now; each is tried once at the most.
+// Brings in the hosts that wait, as far as there is room now; each is tried once at the most, and
+// no more of them than a turn of the event loop has time for.
 void StaticHostSm::admitWaiting() {
-   if( admitting_ )
+   if( admitting_ || waiting() == 0 )
       return;
    admitting_ = true;
-   for( size_t left = waitingForHostRoom_.size(); left > 0 && !isFull( *staticInputTable_ );
-        --left )
+   constexpr size_t most = 10'000;
+   for( size_t left = std::min( most, waitingForHostRoom_.size() );
+        left > 0 && hasRoom( *staticInputTable_ ); --left )
       handleHost( Bridging::MacVlanPair( waitingForHostRoom_.begin()->key ) );
-   for( size_t left = waitingForObjectRoom_.size(); left > 0 && hasObjectRoom(); --left )
+   for( size_t left = std::min( most, waitingForObjectRoom_.size() ); left > 0 && hasObjectRoom();
+        --left )
       handleHost( Bridging::MacVlanPair( waitingForObjectRoom_.begin()->key ) );
    admitting_ = false;
+   const Vexil::Seconds now = entityManager_->clock()->now();
+   const bool room = hasRoom( *staticInputTable_ ) && hasObjectRoom();
+   tryAgain_.timeMinIs( waiting() == 0 ? Vexil::never : room ? now : now + memoryInterval );
 }
 
 } // namespace L2Rib

@@ -16,8 +16,9 @@
 // old label and dest go first, which makes room for the new ones in full tables.
 //
 // Two things can keep a configured host out. A label host whose tunnel is not configured is treated
-// like one that is not configured itself. A host for which a table is full is left as it was, and
-// waits: as soon as an entry is deleted it is brought in.
+// like one that is not configured itself. A host for which there is no room (a table has grown to
+// its limit, or there is no memory for it to grow) is left as it was, and waits: as soon as an
+// entry is deleted, or memory is there, it is brought in.
 #pragma once
 
 #include "L2Rib/Bridging.h"
@@ -119,6 +120,7 @@ class StaticHostSm : public Vexil::Entity {
    Vexil::KeySet<Bridging::MacVlanPair> waitingForHostRoom_;
    Vexil::KeySet<Bridging::MacVlanPair> waitingForObjectRoom_; // of labels and dests
    bool admitting_ = false;
+   Vexil::TimerReactor tryAgain_; // while hosts wait
 };
 
 // Follows the configured hosts of one forwarding database.

@@ -310,7 +310,7 @@ TEST( FloodBinding, ReadsInSlices ) {
    const auto entry = makeEntity<SourceDirEntry>( "one" );
    SourceFloodBinding binding( clock, table, entry );
    int slices = 1;
-   for( ; !binding.readOn( *clock, clock->now() + 0.005 ); ++slices ) {
+   for( ; !binding.readOn( *clock, clock->now() + 0.002 ); ++slices ) {
       ASSERT_TRUE( entry->vlanFloodSet().empty() ) << "after slice " << slices;
       ASSERT_TRUE( writer.erase( nth( slices ).triple ) ) << "what goes meanwhile is not missed";
    }

@@ -152,7 +152,8 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    }
    answer[ "winner" ] = winner ? Json( winner->name ) : Json();
    const std::optional<ParkedRecord> parked = parkedHost( context, key );
-   answer[ "parked" ] = parked ? toJson( *parked, SourceNames( context ) ) : Json();
+   answer[ "parked" ] =
+      parked ? toJson( *parked, SourceNames( context ), RetryRounds( context ) ) : Json();
    answer[ "path" ] = Json::array();
    std::string inOutput = "no source that takes part has this host";
    if( winner ) {
@@ -171,7 +172,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    }
    if( parked )
       inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
-                  std::to_string( parked->tries.value() ) + " tries";
+                  triesText( answer[ "parked" ][ "tries" ].get<uint64_t>() );
    answer[ "kernel" ] = kernelJson( context, key );
    if( context.json )
       std::cout << text( answer ) << '\n';

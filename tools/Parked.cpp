@@ -137,7 +137,7 @@ bool isForWantOfRoom( ParkedReason reason ) {
    return reason == parkedTableFull_ || reason == parkedNoMemory_ || reason == parkedNoId_;
 }
 
-Json toJson( const ParkedRecord& parked, const SourceNames& names ) {
+Json toJson( const ParkedRecord& parked, const SourceNames& names, const RetryRounds& rounds ) {
    Json json = { { "kind", kindName( parked.key.kind ) } };
    if( parked.key.kind == parkedObject_ )
       json.update( toJson( parked.key.otas.ot() ) );
@@ -150,8 +150,19 @@ Json toJson( const ParkedRecord& parked, const SourceNames& names ) {
    json[ "sourceName" ] = ofSource ? names.of( parked.source ) : Json();
    json[ "reason" ] = reasonText( parked, names );
    json[ "since" ] = parked.since.value();
-   json[ "tries" ] = parked.tries.value();
+   json[ "tries" ] = rounds.triesOf( parked );
    return json;
+}
+
+RetryRounds::RetryRounds( const Context& context ) {
+   if( const auto status = readable<AgentStatusTable>( context.fileOf( Path::agentStatus ) ) )
+      figures_ = status->get( SingleKey() );
+}
+
+uint64_t RetryRounds::triesOf( const ParkedRecord& parked ) const {
+   const bool isFlood = parked.key.kind == parkedFloodMember_;
+   const uint64_t rounds = ( isFlood ? figures_.floodRetryRounds : figures_.retryRounds ).value();
+   return 1 + rounds - std::min( rounds, parked.round.value() );
 }
 
 ParkedEntries::ParkedEntries( const Context& context ) {
@@ -213,13 +224,17 @@ std::vector<std::string> ParkedEntries::forSources( const SourceNames& names ) c
    return texts;
 }
 
+std::string triesText( uint64_t tries ) {
+   return std::to_string( tries ) + ( tries == 1 ? " try" : " tries" );
+}
+
 // --- show failed
 
 namespace {
 
 // An entry a line, but those that wait for the same room in one.
 void printForPeople( const ParkedEntries& parked, const std::vector<ParkedRecord>& shown,
-                     const SourceNames& names ) {
+                     const SourceNames& names, const RetryRounds& rounds ) {
    std::vector<std::vector<std::string>> lines;
    const Groups groups = groupsForRoom( shown, names );
    for( const ParkedRecord& entry : shown ) {
@@ -231,8 +246,7 @@ void printForPeople( const ParkedEntries& parked, const std::vector<ParkedRecord
                          entry.source != sourceNone_ ? sourceText( entry.source, names ) : "-",
                          reason,
                          "since " + sinceText( entry.since.value() ) + ", " +
-                            std::to_string( entry.tries.value() ) +
-                            ( entry.tries.value() == 1 ? " try" : " tries" ) } );
+                            triesText( rounds.triesOf( entry ) ) } );
    }
    printColumns( std::move( lines ) );
    for( const auto& [ what, group ] : groups )
@@ -249,6 +263,7 @@ int showFailed( const Context& context, const std::string& what ) {
    requireOutput( Client::OutputReader( context.stateDirectory ), context );
    const SourceNames names( context );
    const ParkedEntries parked( context );
+   const RetryRounds rounds( context );
    std::vector<ParkedRecord> shown;
    for( const ParkedRecord& entry : parked.all() )
       if( what.empty() || ( what == "hosts" && entry.key.kind == parkedHost_ ) ||
@@ -257,11 +272,11 @@ int showFailed( const Context& context, const std::string& what ) {
    if( context.json ) {
       Json all = Json::array();
       for( const ParkedRecord& entry : shown )
-         all.push_back( toJson( entry, names ) );
+         all.push_back( toJson( entry, names, rounds ) );
       std::cout << text( all ) << '\n';
       return done;
    }
-   printForPeople( parked, shown, names );
+   printForPeople( parked, shown, names, rounds );
    mentionStoppedAgent( context );
    return done;
 }

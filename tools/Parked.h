@@ -2,7 +2,7 @@
 // whatever shows it.
 #pragma once
 
-#include "L2Rib/Parked.h"
+#include "L2Rib/Status.h"
 #include "tools/Show.h"
 
 #include <optional>
@@ -18,8 +18,21 @@ const char* reasonName( L2Rib::ParkedReason reason );
 // Parked because the agent has no room, memory or id for it: no source's mistake.
 bool isForWantOfRoom( L2Rib::ParkedReason reason );
 
+// All parked entries are tried in each round of retries, of which the agent keeps count.
+class RetryRounds {
+ public:
+   explicit RetryRounds( const Context& context );
+   uint64_t triesOf( const L2Rib::ParkedRecord& parked ) const;
+
+ private:
+   L2Rib::AgentStatusRecord figures_;
+};
+// "1 try", "9 tries".
+std::string triesText( uint64_t tries );
+
 // {"kind","mac","vlan" or "type","id","source","sourceName","reason","since","tries"}.
-Json toJson( const L2Rib::ParkedRecord& parked, const SourceNames& names );
+Json toJson( const L2Rib::ParkedRecord& parked, const SourceNames& names,
+             const RetryRounds& rounds );
 
 // The row of that host; none when it is not parked.
 std::optional<L2Rib::ParkedRecord> parkedHost( const Context& context,

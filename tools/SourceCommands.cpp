@@ -100,12 +100,18 @@ void addRun( CLI::App& source, Context& context ) {
       ->required();
    const CLI::Range capacities( 1, 1 << 30 );
    command
-      ->add_option( "--host-capacity", given->options.hostCapacity, "records in the host table" )
+      ->add_option( "--host-capacity", given->options.hostCapacity,
+                    "records in the host table at first" )
       ->check( capacities )
       ->capture_default_str();
    command
       ->add_option( "--object-capacity", given->options.objectCapacity,
-                    "records in each of the tables of dests, groups and labels" )
+                    "records in each of the tables of dests, groups and labels at first" )
+      ->check( capacities )
+      ->capture_default_str();
+   command
+      ->add_option( "--capacity-max", given->options.capacityMax,
+                    "records up to which a table grows" )
       ->check( capacities )
       ->capture_default_str();
    command->add_flag( "--host-only", given->options.hostOnly,

@@ -43,6 +43,16 @@ CLI::Validator numberWithin( double lowest, double highest, bool whole ) {
    return CLI::Validator( check, "NUMBER" );
 }
 
+// What each option says alone was checked when it was read.
+void requireCapacities( const Vexil::AgentSettings& settings ) {
+   const auto first = settings.find( "output-capacity" ),
+              most = settings.find( "output-capacity-max" );
+   if( first != settings.end() && most != settings.end() &&
+       std::stod( first->second ) > std::stod( most->second ) )
+      throw std::invalid_argument( "--output-capacity " + first->second +
+                                   " is more than --output-capacity-max " + most->second );
+}
+
 // An agent that is told to end while it restarts goes on until that is over: what it has not looked
 // at yet would contradict what it has changed, and the next start would have to wipe the output. It
 // has that many seconds.
@@ -123,8 +133,12 @@ int main( int argc, char** argv ) {
          ->check( range );
    };
    const CLI::Validator seconds = numberWithin( 0, 1e9, false );
-   number( "output-capacity", "records per output table (16384)",
-           numberWithin( 1, 1 << 30, true ) );
+   const CLI::Validator records = numberWithin( 1, 1 << 30, true );
+   number( "output-capacity",
+           "records per output table at first (16384, those of flood sets 4096); tables that are "
+           "there are brought to it, or stay as they are without it",
+           records );
+   number( "output-capacity-max", "records up to which an output table grows (16777216)", records );
    // One host must fit in: a slice that ends with each host, one of which fails, never gets
    // further.
    number( "review-quantum", "seconds that a review slice may take (0.05)",
@@ -137,6 +151,7 @@ int main( int argc, char** argv ) {
       app.parse( argc, argv );
       for( const std::string& setting : traces )
          Vexil::traceSettingIs( setting );
+      requireCapacities( settings );
    } catch( const CLI::CallForHelp& help ) {
       return app.exit( help );
    } catch( const CLI::ParseError& error ) {
