@@ -46,6 +46,8 @@ class Paths {
    static constexpr Index none = UINT32_MAX;
 
    Paths( NexthopSet& nexthops, OutputObjects objects );
+   Paths( const Paths& ) = delete; // what it looks objects up with calls back here
+   Paths& operator=( const Paths& ) = delete;
 
    // The path of the host, which is one more user of it.
    Index pathOf( const L2Rib::Host& host );

@@ -43,20 +43,20 @@ int onlyOne() {
 
 } // namespace
 
+Program::Managed::Managed( Program& program, uint32_t vlan, std::string name )
+   : name( std::move( name ) ),
+     reconciler( Bridging::VlanId( vlan ), program.nexthops_,
+                 { [ &program ]( DestId id ) { return program.output_.dests.get( id ); },
+                   [ &program ]( LoadBalanceId id ) { return program.output_.groups.get( id ); } },
+                 program ) {}
+
 Program::Program( Vexil::ActivityManager& loop, const ProgramOptions& options )
    : loop_( loop ), clock_( loop.clock() ), options_( options ), lock_( onlyOne() ),
      status_( options.stateDirectory ), agent_( options.stateDirectory, options.source ),
      output_( options.stateDirectory ), started_( clock_->now() ),
      nextAudit_( started_ + options.audit ), wake_( clock_, [] {} ) {
-   for( const auto& [ vlan, name ] : options_.bridges ) {
-      OutputObjects objects;
-      objects.dest = [ this ]( DestId id ) { return output_.dests.get( id ); };
-      objects.group = [ this ]( LoadBalanceId id ) { return output_.groups.get( id ); };
-      bridges_.emplace(
-         std::piecewise_construct, std::forward_as_tuple( vlan ),
-         std::forward_as_tuple( name, Reconciler( Bridging::VlanId( vlan ), nexthops_,
-                                                  std::move( objects ), *this ) ) );
-   }
+   for( const auto& [ vlan, name ] : options_.bridges )
+      bridges_.try_emplace( vlan, *this, vlan, name );
    if( options_.learn )
       startLearning();
    kernel_.dumpLinks( *this );

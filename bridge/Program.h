@@ -42,6 +42,8 @@ class Program : private KernelListener, private HostListener {
 
  private:
    struct Managed {
+      Managed( Program& program, uint32_t vlan, std::string name );
+
       std::string name;
       Reconciler reconciler;
       // Its entries have been dumped since its devices are what they are, or an earlier run has

@@ -241,8 +241,8 @@ std::map<EthAddr, std::string> present( const ModelKernel& kernel ) {
 }
 
 // A program's life: a new one meets what the last one left.
-struct Run {
-   Run( ModelKernel& kernel, Output& output )
+struct Life {
+   Life( ModelKernel& kernel, Output& output )
       : kernel( kernel ), reconciler( vlan, nexthops, output.objects(), listener ) {
       Place place;
       place.bridge = bridgeIndex;
@@ -351,7 +351,7 @@ TEST( BridgeModel, KernelFollowsOutput ) {
    for( uint64_t id = 1; id <= 4; ++id )
       output.groups[ id ] = randomMembers( random );
    ModelKernel kernel( random );
-   auto run = std::make_unique<Run>( kernel, output );
+   auto run = std::make_unique<Life>( kernel, output );
    for( int step = 0; step < 3000; ++step ) {
       const auto before = present( kernel );
       for( uint32_t changes = random.below( 4 ) + 1; changes > 0; --changes ) {
@@ -387,7 +387,7 @@ TEST( BridgeModel, KernelFollowsOutput ) {
                                                   was->second.starts_with( "group" ) )
             kernel.mustStay.insert( mac );
       if( random.percent( 10 ) ) {
-         run = std::make_unique<Run>( kernel, output );
+         run = std::make_unique<Life>( kernel, output );
          for( const auto& [ number, host ] : output.hosts )
             run->hostIs( number, &host );
       }
@@ -431,7 +431,7 @@ TEST( BridgeModel, OneDestChangeIsOneWrite ) {
    output.dests = { { 1, { vtepOf( 1 ), deviceVni } }, { 2, { vtepOf( 2 ), deviceVni } } };
    output.groups = { { 1, { 1, 2 } } };
    ModelKernel kernel( random );
-   Run run( kernel, output );
+   Life run( kernel, output );
    for( uint32_t number = 0; number < 10000; ++number ) {
       output.hosts[ number ] = Host( MacVlanPair( macOf( number ), vlan ) );
       output.hosts[ number ].nextIs( ObjTuple( LoadBalanceId( 1 ) ) );
