@@ -307,28 +307,31 @@ void NexthopSet::noteReady() {
 }
 
 void NexthopSet::sweep( Kernel& kernel ) {
-   if( !std::exchange( sweepDue_, false ) )
+   if( !sweepDue_ )
       return;
-   sweepGroups( kernel );
-   sweepVteps( kernel );
+   const bool groups = sweepGroups( kernel );
+   const bool vteps = sweepVteps( kernel );
+   sweepDue_ = !groups || !vteps;
 }
 
-void NexthopSet::remove( Kernel& kernel, const std::vector<uint32_t>& ids ) {
+bool NexthopSet::remove( Kernel& kernel, const std::vector<uint32_t>& ids ) {
    std::vector<Write> writes;
    for( const uint32_t id : ids )
       if( there_.contains( id ) )
          writes.push_back( { .kind = Write::nexthopDel, .id = id } );
    if( writes.empty() )
-      return;
+      return true;
+   bool all = true;
    const auto outcomes = kernel.apply( writes );
    for( size_t i = 0; i < writes.size(); ++i )
       if( outcomes[ i ].error == 0 || outcomes[ i ].error == ENOENT )
          there_.erase( writes[ i ].id );
       else
-         sweepDue_ = true;
+         all = false; // nobody owns it any more: the next time it goes as a leftover
+   return all;
 }
 
-void NexthopSet::sweepGroups( Kernel& kernel ) {
+bool NexthopSet::sweepGroups( Kernel& kernel ) {
    std::vector<uint32_t> ids;
    for( Group group = 0; group < groups_.size(); ++group ) {
       GroupState& state = groups_[ group ];
@@ -344,10 +347,10 @@ void NexthopSet::sweepGroups( Kernel& kernel ) {
       if( nexthop.protocol == nexthopProtocol && !nexthop.members.empty() && !own_.contains( id ) &&
           !uses_.contains( id ) )
          ids.push_back( id );
-   remove( kernel, ids );
+   return remove( kernel, ids );
 }
 
-void NexthopSet::sweepVteps( Kernel& kernel ) {
+bool NexthopSet::sweepVteps( Kernel& kernel ) {
    std::set<uint32_t> members; // of groups that are there, whoever made them
    for( const auto& [ id, nexthop ] : there_ )
       members.insert( nexthop.members.begin(), nexthop.members.end() );
@@ -364,8 +367,7 @@ void NexthopSet::sweepVteps( Kernel& kernel ) {
       if( nexthop.protocol == nexthopProtocol && nexthop.members.empty() && !own_.contains( id ) &&
           !members.contains( id ) )
          ids.push_back( id );
-   remove( kernel, ids );
-   sweepDue_ = false;
+   return remove( kernel, ids );
 }
 
 Vexil::Seconds NexthopSet::nextRetry() const {

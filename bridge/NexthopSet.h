@@ -101,9 +101,9 @@ class NexthopSet {
    void writeVteps( Kernel& kernel, Vexil::Seconds now );
    void writeGroups( Kernel& kernel, Vexil::Seconds now );
    void noteReady();
-   void sweepGroups( Kernel& kernel );
-   void sweepVteps( Kernel& kernel );
-   void remove( Kernel& kernel, const std::vector<uint32_t>& ids );
+   bool sweepGroups( Kernel& kernel );
+   bool sweepVteps( Kernel& kernel );
+   bool remove( Kernel& kernel, const std::vector<uint32_t>& ids );
 
    std::map<IpGenAddr, VtepState> vteps_;
    std::vector<GroupState> groups_;

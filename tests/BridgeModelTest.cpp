@@ -295,6 +295,8 @@ struct Life {
                 nexthops.nextRetry() < Vexil::never;
       }
       nexthops.sweep( kernel );
+      kernel.refusals = 0;
+      nexthops.sweep( kernel ); // what was refused
    }
 
    ModelKernel& kernel;

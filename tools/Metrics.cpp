@@ -198,7 +198,7 @@ void bridgeMetrics( Exposition& out, const Context& context ) {
    out.metric( "l2rib_bridge_up", "gauge", "Whether l2rib-bridge runs on these tables." )
       .sample( program->runs ? 1 : 0 );
    out.metric( "l2rib_bridge_in_sync", "gauge",
-               "Whether it has compared all of the output and the kernel since it started." )
+               "1 once it has written what differed, 2 once it has compared with a whole dump." )
       .sample( record.inSync );
    out.metric( "l2rib_bridge_kernel_writes_total", "counter", "Changes asked of the kernel." )
       .sample( record.writes.value() );
