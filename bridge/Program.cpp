@@ -4,10 +4,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace Bridge {
@@ -17,28 +20,45 @@ using namespace L2Rib;
 namespace {
 
 constexpr Vexil::Seconds slice = 0.05;
+// For how long a dump waits, after the start, for the output to be held against what an earlier run
+// has left word of.
+constexpr Vexil::Seconds longestPresumption = 1;
 constexpr Vexil::Seconds signInterval = 1;    // between signs of life
 constexpr Vexil::Seconds agentInterval = 0.1; // between looks at the agent, while waiting for it
+
+// Until when the end of a run before is awaited: one that was killed holds its locks for a moment.
+constexpr std::chrono::seconds longestEnd( 5 );
+// The lock's descriptor: a process that ends closes its files in ascending order, so when this lock
+// is free, those of the tables are too.
+constexpr int lastDescriptor = 1000;
 
 // Names of abstract sockets are of one network namespace, and go with their process: two programs
 // that held each other's nexthops for leftovers would never come to an end.
 int onlyOne() {
-   const int fd = socket( AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0 );
+   const int made = socket( AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0 );
+   const int fd = fcntl( made, F_DUPFD_CLOEXEC, lastDescriptor );
+   close( made );
    sockaddr_un address{};
    address.sun_family = AF_UNIX;
    constexpr char name[] = "\0l2rib-bridge";
    std::memcpy( address.sun_path, name, sizeof name - 1 );
    constexpr auto size =
       static_cast<socklen_t>( offsetof( sockaddr_un, sun_path ) + sizeof name - 1 );
-   if( fd >= 0 && bind( fd, reinterpret_cast<const sockaddr*>( &address ), size ) == 0 )
-      return fd;
-   const int error = errno;
-   close( fd );
-   if( error == EADDRINUSE )
-      throw std::runtime_error(
-         "another l2rib-bridge runs in this network namespace: give that one "
-         "all the bridges" );
-   throw std::system_error( error, std::generic_category(), "locking the network namespace" );
+   const auto deadline = std::chrono::steady_clock::now() + longestEnd;
+   while( bind( fd, reinterpret_cast<const sockaddr*>( &address ), size ) != 0 ) {
+      if( errno != EADDRINUSE ) {
+         const int error = errno;
+         close( fd );
+         throw std::system_error( error, std::generic_category(), "locking the network namespace" );
+      }
+      if( std::chrono::steady_clock::now() >= deadline ) {
+         close( fd );
+         throw std::runtime_error( "another l2rib-bridge runs in this network namespace: give that "
+                                   "one all the bridges" );
+      }
+      std::this_thread::sleep_for( std::chrono::milliseconds( 10 ) );
+   }
+   return fd;
 }
 
 } // namespace
@@ -289,6 +309,8 @@ void Program::dumpOn() {
    if( dumps_.empty() )
       return;
    Managed& bridge = *dumps_.front();
+   if( bridge.known && !inSync_ && clock_->now() < started_ + longestPresumption )
+      return;
    if( !dumping_ && bridge.reconciler.place().bridge == 0 ) { // gone before its turn came
       dumps_.pop_front();
       return;

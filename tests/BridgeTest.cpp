@@ -21,14 +21,11 @@ std::string groupOf( unsigned id, const std::vector<std::pair<std::string, unsig
               std::to_string( member ) + "}";
    return R"({"op":"lb","id":)" + std::to_string( id ) + R"(,"nexts":[)" + list + "]}\n";
 }
-std::string hostDel( unsigned number ) {
-   return R"({"op":"hostDel","mac":")" + mac( number ) + R"(","vlan":10})" + "\n";
-}
-std::string flood( const std::string& vtep, const char* address = "ff:ff:ff:ff:ff:ff",
-                   const char* op = "flood" ) {
-   return std::string( R"({"op":")" ) + op + R"(","vlan":10,"mac":")" + address + "\"" +
-          ( op == std::string( "flood" ) ? R"(,"type":"vxlan")" : "" ) +
-          R"(,"dest":{"vxlan":{"vtep":")" + vtep + R"(","vni":10010}}})" + "\n";
+std::string flood( const std::string& vtep, const char* address = "ff:ff:ff:ff:ff:ff" ) {
+   return std::string( R"({"op":"flood","vlan":10,"mac":")" ) + address +
+          R"(","type":"vxlan","dest":{"vxlan":{"vtep":")" + vtep + R"(","vni":10010}}})" +
+          "
+          ";
 }
 
 class BridgeTest : public ProcessTest {
