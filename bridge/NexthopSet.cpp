@@ -136,8 +136,11 @@ void NexthopSet::nexthopIs( const Nexthop& nexthop ) {
 }
 
 void NexthopSet::nexthopDel( uint32_t id ) {
-   if( there_.erase( id ) > 0 )
-      dirty_ = true;
+   if( there_.erase( id ) == 0 )
+      return;
+   dirty_ = true;
+   if( uses_.contains( id ) )
+      deleted_.insert( id );
 }
 
 void NexthopSet::dumpBegins() {

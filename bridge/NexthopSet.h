@@ -66,6 +66,9 @@ class NexthopSet {
    void reconcile( Kernel& kernel, Vexil::Seconds now );
    // Removes what nobody wants and no entry uses. Only when all entries are known.
    void sweep( Kernel& kernel );
+   // Numbers of groups that were deleted by somebody else since the last call. The kernel deletes
+   // the entries that use a group with it, and does not tell.
+   std::set<uint32_t> takeDeleted() { return std::exchange( deleted_, {} ); }
    // Groups that have become ready, or ceased to be, since the last call.
    std::set<Group> takeChanged() { return std::exchange( changed_, {} ); }
    // When something refused is due again, or never.
@@ -113,6 +116,7 @@ class NexthopSet {
    std::set<uint32_t> unseen_;         // during a dump
    std::unordered_map<uint32_t, int64_t> uses_;
    std::set<Group> changed_;
+   std::set<uint32_t> deleted_;
    uint32_t lastId_ = 0;
    bool dirty_ = false;
    bool sweepDue_ = false;

@@ -342,6 +342,9 @@ void Program::dumpOn() {
 
 void Program::verify() {
    const Vexil::Seconds deadline = clock_->now() + slice;
+   const std::set<uint32_t> deleted = nexthops_.takeDeleted();
+   for( auto& [ vlan, bridge ] : bridges_ )
+      bridge.reconciler.groupsDeleted( deleted );
    for( auto& [ vlan, bridge ] : bridges_ )
       while( bridge.reconciler.verify( kernel_ ) )
          if( clock_->now() >= deadline ) {

@@ -192,6 +192,14 @@ void Reconciler::relearn( EthAddr mac ) {
       noteLearned( mac, *row );
 }
 
+void Reconciler::groupsDeleted( const std::set<uint32_t>& groups ) {
+   if( groups.empty() )
+      return;
+   for( auto at = rows_.begin(); at != rows_.end(); ++at )
+      if( groups.contains( at->value.there.group ) )
+         suspects_.emplace( at->key );
+}
+
 void Reconciler::touchAll() {
    for( auto at = rows_.begin(); at != rows_.end(); ++at )
       touch( at->key );

@@ -75,6 +75,8 @@ class Reconciler {
    bool verify( Kernel& kernel );
    // Tells the listener again if the bridge has learned the address.
    void relearn( EthAddr mac );
+   // Entries that use the groups of these numbers are looked up.
+   void groupsDeleted( const std::set<uint32_t>& groups );
    // What was written last has an unknown outcome: everything is compared again.
    void touchAll();
 

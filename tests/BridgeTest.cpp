@@ -23,9 +23,7 @@ std::string groupOf( unsigned id, const std::vector<std::pair<std::string, unsig
 }
 std::string flood( const std::string& vtep, const char* address = "ff:ff:ff:ff:ff:ff" ) {
    return std::string( R"({"op":"flood","vlan":10,"mac":")" ) + address +
-          R"(","type":"vxlan","dest":{"vxlan":{"vtep":")" + vtep + R"(","vni":10010}}})" +
-          "
-          ";
+          R"(","type":"vxlan","dest":{"vxlan":{"vtep":")" + vtep + R"(","vni":10010}}})" + "\n";
 }
 
 class BridgeTest : public ProcessTest {
@@ -55,6 +53,13 @@ class BridgeTest : public ProcessTest {
    }
    void expectForwarding( const Namespace& space, const Forwarding& wanted ) {
       expectSoon( wanted, [ & ] { return space.forwarding(); } );
+   }
+   // A frame from that address enters the bridge by p1.
+   static void frameFrom( const Namespace& space, unsigned number ) {
+      space.run( "ip link set q1 address " + mac( number ) +
+                    "; ip addr replace 10.9.9.1/24 dev q1; ip neigh flush dev q1; "
+                    "ping -q -c 1 -W 0.1 10.9.9.2 || true",
+                 true );
    }
    Json row() { return json( { "show", "bridge" } )[ "bridges" ][ 0 ]; }
    std::map<std::string, std::string> refused() {
@@ -229,7 +234,7 @@ TEST_F( BridgeTest, LearnsAndMoves ) {
    };
    space.run( "bridge fdb add " + mac( 2 ) + " dev p1 master dynamic" );
    expectSoon( std::string( "bridge 0" ), [ & ] { return won( 2 ); } );
-   space.run( "bridge fdb replace " + mac( 1 ) + " dev p1 master dynamic" ); // moves here
+   frameFrom( space, 1 ); // it moves here
    expectSoon( std::string( "bridge 4" ), [ & ] { return won( 1 ); } );
    expectForwarding( space, { { mac( 1 ), "p1" }, { mac( 2 ), "p1" } } );
    kill( bridge );
@@ -245,7 +250,7 @@ TEST_F( BridgeTest, LearnsAndMoves ) {
    // Elsewhere by a preference that no number beats: it is put back, and after six moves frozen.
    publish( evpn, host( 1, 200, R"("seqNo":5,)" + next( "lb", 1 ) ) );
    for( int round = 0; round < 6; ++round ) {
-      space.run( "bridge fdb replace " + mac( 1 ) + " dev p1 master dynamic" );
+      frameFrom( space, 1 );
       expectForwarding( space, { { mac( 1 ), "vx10 192.0.2.11" } } );
    }
    expectSoon( true, [ & ] {
