@@ -15,7 +15,7 @@ using Vexil::TableError;
 
 namespace {
 
-constexpr Vexil::Seconds slice = 0.01; // of reading, a turn
+constexpr Vexil::Seconds readingSlice = 0.01; // a turn
 
 // The text of a TableError without the folder of the file that it begins with.
 std::string shortened( std::string_view text ) {
@@ -34,6 +34,12 @@ SourceEntryBinding::SourceEntryBinding( EntityManager& manager, Ptr<SourceEntryT
      readFlood_( manager.clock(), [ this ] { copyRecord(); } ) {
    readFlood_.timeMinIs( Vexil::never );
    copyRecord();
+}
+
+SourceEntryBinding::~SourceEntryBinding() {
+   SourceEntryRecord record;
+   if( entry_->initialized() && table_->get( name_, record ) && !record.initialized )
+      entry_->initializedIs( false );
 }
 
 void SourceEntryBinding::handleEntry( const SourceName& ) {
@@ -56,7 +62,7 @@ void SourceEntryBinding::copyRecord() {
    if( entry_->initialized() || !attachTables( record ) )
       return;
    const Vexil::Seconds until =
-      manager_.starting() ? Vexil::never : manager_.clock()->now() + slice;
+      manager_.starting() ? Vexil::never : manager_.clock()->now() + readingSlice;
    if( flood_ && !flood_->readOn( *manager_.clock(), until ) )
       return readFlood_.timeMinIs( 0 );
    entry_->initializedIs( true );

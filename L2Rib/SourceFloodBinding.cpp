@@ -27,15 +27,10 @@ SourceFloodBinding::SourceFloodBinding( Ptr<Vexil::Clock> clock, Ptr<FloodMember
    requireAllSoFar();
 }
 
-void SourceFloodBinding::requireAllSoFar() {
-   requiredOf_ = table_->tableId();
-   required_ = table_->journalHead();
-}
+void SourceFloodBinding::requireAllSoFar() { required_ = table_->journalHead(); }
 
-// A table that has taken the required one's place holds all that this one held.
 bool SourceFloodBinding::hasAll() const {
-   return !table_->walking() &&
-          ( table_->tableId() != requiredOf_ || table_->journalCursor() >= required_ );
+   return !table_->walking() && table_->journalCursor() >= required_;
 }
 
 bool SourceFloodBinding::readOn( const Vexil::Clock& clock, Vexil::Seconds deadline ) {
@@ -62,8 +57,10 @@ void SourceFloodBinding::handleEntry( const FloodMemberKey& triple ) {
       memberDel( triple );
 }
 
-// Every member that the table has is named next.
+// Every member that the table has is named next, all that was required among them. Its journal may
+// be another one.
 void SourceFloodBinding::handleOvertaken() {
+   required_ = 0;
    if( reading_ )
       return read_.clear();
    entry_->floodBehindIs( true );

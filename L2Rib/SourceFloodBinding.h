@@ -51,8 +51,7 @@ class SourceFloodBinding : public Vexil::Reactor<FloodMemberTable> {
    Vexil::Ptr<SourceDirEntry> entry_;
    bool reading_ = true;
    VlanSets read_;
-   uint64_t requiredOf_ = 0; // the table's id, and its journal's head
-   uint64_t required_ = 0;
+   uint64_t required_ = 0; // the place in the table's journal that readOn() is to reach
    std::optional<FloodSetTriple> swept_; // the last member that was looked up
    Vexil::TimerReactor sweep_;
 };

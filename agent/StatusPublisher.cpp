@@ -49,6 +49,7 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
 // status has a writer, which is how others tell that an agent runs.
 Vexil::Ptr<SourceStatusTable> emptySourceStatus( Vexil::EntityManager& manager ) {
    auto table = manager.mountDerivedTable<SourceStatusTable>( Path::sourceStatus, 64 );
+   table->capacityMaxIs( 65536 );
    table->eraseAll();
    return table;
 }

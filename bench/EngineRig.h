@@ -47,9 +47,14 @@ class EngineRig {
       entry_->destTableTarnPathIs( inputPath( "dest" ) );
       entry_->initializedIs( initialized );
       sourceDir_->entryIs( "one", entry_ );
+      const int64_t start = nanoseconds();
       engine_ = Vexil::makeEntity<PolicySm>( em_, sourceDir_, Vexil::makeEntity<AgentSourceDir>(),
                                              output );
+      construction_ = static_cast<double>( nanoseconds() - start ) * 1e-9;
    }
+   // How long it took to make the engine, which adopts the output that it finds; in seconds.
+   double construction() const { return construction_; }
+   void sourceDel() { sourceDir_->entryDel( "one" ); }
 
    L2Rib::PolicySm& engine() { return *engine_; }
    L2Rib::SourceDirEntry& entry() { return *entry_; }
@@ -71,7 +76,7 @@ class EngineRig {
    double turnUntilIdle() {
       return turnUntil( [ this ] {
          return engine_->restartState() == L2Rib::running_ && engine_->hostList().empty() &&
-                engine_->otasList().empty();
+                engine_->otasList().empty() && engine_->withdrawalChecksLeft() == 0;
       } );
    }
    uint64_t outputWrites() const {
@@ -91,6 +96,7 @@ class EngineRig {
    Vexil::Ptr<Vexil::Directory> sourceDir_;
    Vexil::Ptr<L2Rib::SourceDirEntry> entry_;
    Vexil::Ptr<L2Rib::PolicySm> engine_;
+   double construction_ = 0;
 };
 
 // The rig's source, on the writing side.

@@ -40,6 +40,7 @@ void benchWake( const Settings& settings, Report& report );
 void benchMerge( const Settings& settings, Report& report );
 void benchObjects( const Settings& settings, Report& report );
 void benchRestart( const Settings& settings, Report& report );
+void benchHold( const Settings& settings, Report& report );
 void benchFlood( const Settings& settings, Report& report );
 void benchBridge( const Settings& settings, Report& report );
 

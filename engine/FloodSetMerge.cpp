@@ -23,7 +23,8 @@ void PolicySm::processFloodSetBacklog() {
    TRACE( 0, __PRETTY_FUNCTION__ << " floodSet length: " << floodSetBacklog().size() );
    floodSetTimer_->timeMinIs( Vexil::never );
    const Seconds deadline = clock_->now() + floodReviewQuantum();
-   if( !floodSetBookmarkValid() && awaited_.retryDue( Awaited::floodBacklog, freeRows() ) ) {
+   if( !floodSetBookmarkValid() &&
+       awaited_.retryDue( Awaited::floodBacklog, output_.freeRows() ) ) {
       floodRetried_ = true;
       retries_ += failedFloodSet_.size();
       for( const auto& failed : failedFloodSet_ )
@@ -42,9 +43,9 @@ void PolicySm::processFloodSetBacklog() {
                        awaited_.mended( Awaited::keyOf( triple ) );
                  } );
    floodSetBookmarkValidIs( !slice.atEnd );
-   const bool again =
-      slice.atEnd && awaited_.passEnded( Awaited::floodBacklog,
-                                         std::exchange( floodRetried_, false ), freeRows() );
+   const bool again = slice.atEnd && awaited_.passEnded( Awaited::floodBacklog,
+                                                         std::exchange( floodRetried_, false ),
+                                                         output_.freeRows() );
    if( !slice.atEnd ) {
       TRACE( 0, __PRETTY_FUNCTION__ << " processed " << slice.count << " from backlog" );
       floodSetBookmarkIs( slice.bookmark );

@@ -15,22 +15,20 @@
 //
 // One source file a concern: L2RibPolicySm.cpp (construction), BestHost.cpp, ObjectMapping.cpp,
 // Users.cpp, Review.cpp, Restart.cpp, FloodSetMerge.cpp, Sources.cpp. The bookkeeping is in classes
-// of its own, each with one question: Awaited, ObjectMemo, ObjectDepths, OutputUsers, OutputSweep,
-// VanishedSources.
+// of its own, each with one question: Awaited, ObjectMemo, ObjectDepths, OutputTables, OutputUsers,
+// OutputSweep, VanishedSources.
 //
 // All of it runs on the event-loop thread.
 #pragma once
 
-#include "L2Rib/FloodSets.h"
-#include "L2Rib/L2RibTarn.h"
 #include "L2Rib/ObjTupleManager.h"
 #include "L2Rib/SourceDir.h"
-#include "L2Rib/Status.h"
 #include "engine/Awaited.h"
 #include "engine/L2RibPolicySourceSm.h"
 #include "engine/ObjectDepths.h"
 #include "engine/ObjectMemo.h"
 #include "engine/OutputSweep.h"
+#include "engine/OutputTables.h"
 #include "engine/OutputUsers.h"
 #include "engine/RestartState.h"
 #include "engine/VanishedSources.h"
@@ -51,15 +49,7 @@ class PolicySm : public Vexil::Entity {
    template<class T>
    using Ptr = Vexil::Ptr<T>;
 
-   // Where the engine reads and writes; all given by the caller, who keeps the tables' writer.
-   struct Tables {
-      Ptr<HostOutput> host;
-      Ptr<LoadBalanceOutput> lb;
-      Ptr<LabelOutput> label;
-      Ptr<DestOutput> dest;
-      Ptr<FloodSetOutput> flood;
-      Ptr<PolicySmStatus> status;
-   };
+   using Tables = OutputTables;
 
    PolicySm( Ptr<Vexil::EntityManager> entityManager, Ptr<const Vexil::Directory> sourceDir,
              Ptr<const AgentSourceDir> agentSourceDir, const Tables& output );
@@ -248,7 +238,6 @@ class PolicySm : public Vexil::Entity {
    bool requireNext( const ObjTuple& next );
    bool scanHosts( Seconds end );
    void cleanUpZeroRefs( Seconds end );
-   void deleteRow( const ObjTuple& ot );
 
    // What a group's copy comes to: its new row, and the relations that were added on the way.
    struct Members {
@@ -279,7 +268,6 @@ class PolicySm : public Vexil::Entity {
                     const Label& newOutLabel );
    void undo( const Members& members );
    void writeFailed( OutputTable table, const ObjTupleAndSource& otas, bool isNew );
-   void noteDepth( const ObjTuple& ot, unsigned depth );
    void releaseOldNexts( const LoadBalance& oldOutLb, const ObjTupleSet& newNexts,
                          const ObjTuple& outOtForLb );
    void noteAbsent( const ObjTupleAndSource& otas, bool hasRow );
@@ -291,13 +279,8 @@ class PolicySm : public Vexil::Entity {
    void noteNoId( const ObjTupleAndSource& otas );
    bool usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt, const ObjTuple& user );
    bool fits( const ObjTupleAndSource& otas, const ObjTuple& ot, unsigned depth );
-   bool leadsTo( const ObjTuple& ot, const ObjTuple& target );
-   unsigned depthOf( const ObjTuple& ot );
    bool isWhole( const ObjTupleAndSource& otas ) const;
    void releaseIfUnused( const ObjTuple& ot );
-   bool hasOutputRow( const ObjTuple& ot ) const;
-   std::vector<ObjTuple> nextsOfRow( const ObjTuple& ot ) const;
-   std::vector<ObjTuple> objectUsersOf( const ObjTuple& ot ) const;
    DestId newDestId( const ObjTupleAndSource& otas );
    LoadBalanceId newLbId( const ObjTupleAndSource& otas );
    LabelId newLabelId( const ObjTupleAndSource& otas );
@@ -314,7 +297,6 @@ class PolicySm : public Vexil::Entity {
    bool reviewOtas( Seconds deadline );
    bool reviewOtas( const ObjTupleAndSource& otas );
    void endPass();
-   Awaited::FreeRows freeRows() const;
    bool hasFloodRoom( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac, const Dest& dest );
 
    void handleHoldTimer();
@@ -328,8 +310,9 @@ class PolicySm : public Vexil::Entity {
    std::map<TableType, Ptr<ObjTupleManager>> tupleManager_;
    OutputUsers users_;
    ObjectMemo memo_;
-   ObjectDepths depths_;
+   ObjectDepths depths_{ output_, users_ };
    std::vector<ObjTupleAndSource> inProcess_; // the path of processOtas calls under way
+   ObjectMemo::Version version_;              // of their source, when the outermost one began
    Obstacle obstacle_;                        // why the entry at work can't be programmed
    Source obstructed_ = sourceNone_;          // whose host it is
    Awaited awaited_;

@@ -8,14 +8,14 @@ namespace L2Rib {
 
 // The object, with all below it, is in the output as the engine knows the source to have it.
 void PolicySm::noteVerified( const ObjTupleAndSource& otas, bool whole ) {
-   memo_.verifiedIs( otas, { sourceSmByEnum( otas.source() )->objectVersion(), whole } );
+   memo_.verifiedIs( otas, { version_, whole } );
    failedOtasDel( otas );
    awaited_.mended( Awaited::keyOf( otas ) );
 }
 
 // It can't be written now, for the reason in obstacle_.
 void PolicySm::noteFailed( const ObjTupleAndSource& otas, bool ok ) {
-   memo_.failedIs( otas, { sourceSmByEnum( otas.source() )->objectVersion(), ok, obstacle_ } );
+   memo_.failedIs( otas, { version_, ok, obstacle_ } );
 }
 
 // The object is gone from its source. Its output copy goes with its last user; only an id that was
@@ -29,7 +29,7 @@ void PolicySm::noteAbsent( const ObjTupleAndSource& otas, bool hasRow ) {
 
 void PolicySm::forgetUnwritten( const ObjTupleAndSource& otas ) {
    if( const ObjTuple ot = outputObjTuple( otas );
-       ot != Util::objTupleInvalid() && !hasOutputRow( ot ) )
+       ot != Util::objTupleInvalid() && !output_.contains( ot ) )
       dropMapping( otas );
 }
 
@@ -65,46 +65,17 @@ bool PolicySm::usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt,
    if( outOt == Util::objTupleInvalid() )
       return false; // obstacle_ says why
    // A copy whose object the source has deleted stands as it was; it may lead back to us.
-   if( isWhole( next ) || !leadsTo( outOt, user ) )
+   if( isWhole( next ) || !depths_.leadsTo( outOt, user ) )
       return true;
    obstacle_ = { parkedLoop_, outputTableNone_, 0, next };
    return false;
 }
 
-// Whether the row of ot, once it is that deep, leaves every way through it within the bound. Those
-// who point to it already get deeper with it.
+// Whether the row of ot, the copy of that input object, may be that deep.
 bool PolicySm::fits( const ObjTupleAndSource& otas, const ObjTuple& ot, unsigned depth ) {
-   const auto usersOf = [ this ]( const ObjTuple& used ) { return objectUsersOf( used ); };
-   if( depth <= maxObjectDepth &&
-       ( !hasOutputRow( ot ) || depth <= depthOf( ot ) ||
-         depth + ObjectDepths::height( ot, usersOf ) <= maxObjectDepth ) )
+   if( depths_.fits( ot, depth ) )
       return true;
    obstacle_ = { parkedTooDeep_, outputTableNone_, maxObjectDepth, otas };
-   return false;
-}
-
-unsigned PolicySm::depthOf( const ObjTuple& ot ) {
-   return depths_.depth( ot, [ this ]( const ObjTuple& at ) { return nextsOfRow( at ); } );
-}
-
-// Whether target, which is about to point to ot, is among the output objects at or below ot. Ways
-// lead from the deeper to the less deep, so most of them need not be walked.
-bool PolicySm::leadsTo( const ObjTuple& ot, const ObjTuple& target ) {
-   if( !hasOutputRow( target ) )
-      return false; // nobody points to it yet
-   const unsigned depthOfTarget = depthOf( target );
-   Vexil::KeySet<ObjTuple> met;
-   std::vector<ObjTuple> toVisit{ ot };
-   while( !toVisit.empty() ) {
-      const ObjTuple at = toVisit.back();
-      toVisit.pop_back();
-      if( at == target )
-         return true;
-      if( depthOf( at ) <= depthOfTarget || !met.emplace( at ).second )
-         continue;
-      for( const ObjTuple& next : nextsOfRow( at ) )
-         toVisit.push_back( next );
-   }
    return false;
 }
 
@@ -117,47 +88,8 @@ bool PolicySm::isWhole( const ObjTupleAndSource& otas ) const {
 // An object that was brought into the output for a user that then could not be written goes again,
 // when the work under way is over and nobody else has come to use it.
 void PolicySm::releaseIfUnused( const ObjTuple& ot ) {
-   if( ot != Util::objTupleInvalid() && !usersMap( ot ) && hasOutputRow( ot ) )
+   if( ot != Util::objTupleInvalid() && !usersMap( ot ) && output_.contains( ot ) )
       otForZeroRefCleanupIs( ot, true );
-}
-
-bool PolicySm::hasOutputRow( const ObjTuple& ot ) const {
-   if( ot.objId() == ObjId( Constants::objIdInvalid() ) )
-      return false;
-   switch( ot.tableType() ) {
-   case tableTypeLoadBalance_:
-      return output_.lb->contains( ot.lbId() );
-   case tableTypeLabel_:
-      return output_.label->contains( ot.labelId() );
-   case tableTypeDest_:
-      return output_.dest->contains( ot.destId() );
-   default:
-      return false;
-   }
-}
-
-// What an output object points to, in order; nothing when it has no row.
-std::vector<ObjTuple> PolicySm::nextsOfRow( const ObjTuple& ot ) const {
-   std::vector<ObjTuple> nexts;
-   if( !hasOutputRow( ot ) )
-      return nexts;
-   if( ot.tableType() == tableTypeLabel_ )
-      nexts.push_back( output_.label->label( ot.labelId() ).label().next() );
-   if( ot.tableType() == tableTypeLoadBalance_ ) {
-      const LoadBalance lb = output_.lb->lb( ot.lbId() ).lb();
-      for( uint32_t i = 0; i < lb.nexts(); ++i )
-         nexts.push_back( lb.next( EcmpIndex( i ) ) );
-   }
-   return nexts;
-}
-
-// The output objects that point to an output object.
-std::vector<ObjTuple> PolicySm::objectUsersOf( const ObjTuple& ot ) const {
-   std::vector<ObjTuple> users;
-   if( const Ptr<ObjTupleUsers> otu = usersMap( ot ) )
-      for( const auto& user : otu->otUser() )
-         users.push_back( user.key );
-   return users;
 }
 
 // The file of an output table takes nothing any more, although it had room.
@@ -167,10 +99,6 @@ void PolicySm::writeFailed( OutputTable table, const ObjTupleAndSource& otas, bo
    if( isNew )
       dropMapping( otas );
    noteFailed( otas, true );
-}
-
-void PolicySm::noteDepth( const ObjTuple& ot, unsigned depth ) {
-   depths_.depthIs( ot, depth, [ this ]( const ObjTuple& used ) { return objectUsersOf( used ); } );
 }
 
 } // namespace L2Rib

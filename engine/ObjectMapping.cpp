@@ -122,10 +122,11 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
    VEXIL_ASSERT( otas.tableType() != tableTypeInvalid_ );
    const Ptr<PolicySourceSm> sm = sourceSmByEnum( otas.source() );
    VEXIL_ASSERT( sm );
-   const auto version = sm->objectVersion();
-   if( memo_.isVerified( otas, version ) )
+   if( inProcess_.empty() )
+      version_ = sm->objectVersion();
+   if( memo_.isVerified( otas, version_ ) )
       return true;
-   if( const auto* known = forceCreate ? memo_.failed( otas, version ) : nullptr ) {
+   if( const auto* known = forceCreate ? memo_.failed( otas, version_ ) : nullptr ) {
       TRACE( 8, "processOtas failed already, and nothing has changed: " << otas );
       obstacle_ = known->obstacle;
       return known->ok;
@@ -243,7 +244,7 @@ bool PolicySm::processLabel( const ObjTupleAndSource& otas, bool forceCreate ) {
    const ObjTuple outOt = outputObjTuple( next );
    const ObjTuple labelTuple( outLabelId );
    if( !ok || !usableNext( next, outOt, labelTuple ) ||
-       !fits( otas, labelTuple, depthOf( outOt ) + 1 ) ) {
+       !fits( otas, labelTuple, depths_.depth( outOt ) + 1 ) ) {
       TRACE( 8, "processLabel failed to process" << next << ( ok ? "" : " (cascading)" ) );
       releaseIfUnused( outOt );
       foundFailedOtas( otas );
@@ -273,7 +274,7 @@ bool PolicySm::writeLabel( const ObjTupleAndSource& otas, const LabelAndSource& 
       releaseIfUnused( outOt );
       return false;
    }
-   noteDepth( labelTuple, depthOf( outOt ) + 1 );
+   depths_.depthIs( labelTuple, depths_.depth( outOt ) + 1 );
    if( outOt == oldNext )
       return true;
    VEXIL_ASSERT( newOutLabel.next() != Util::objTupleInvalid() );
@@ -346,12 +347,12 @@ bool PolicySm::processMembers( const ObjTupleAndSource& otas, const LoadBalance&
       const bool ok = processOtas( next, true );
       const ObjTuple outOt = outputObjTuple( next );
       if( !ok || !usableNext( next, outOt, outOtForLb ) ||
-          !fits( otas, outOtForLb, depthOf( outOt ) + 1 ) ) {
+          !fits( otas, outOtForLb, depths_.depth( outOt ) + 1 ) ) {
          TRACE( 8, "processLb failed to process " << next << ( ok ? "" : " (cascading)" ) );
          releaseIfUnused( outOt );
          return false;
       }
-      members.deepest = std::max( members.deepest, depthOf( outOt ) );
+      members.deepest = std::max( members.deepest, depths_.depth( outOt ) );
       members.whole = members.whole && isWhole( next );
       if( !isUser( outOt, outOtForLb, Util::mvpInvalid() ) ) {
          addUser( outOt, outOtForLb, Util::mvpInvalid() );
@@ -378,7 +379,7 @@ bool PolicySm::writeLb( const ObjTupleAndSource& otas, const LoadBalanceAndSourc
       undo( members );
       return false;
    }
-   noteDepth( outOtForLb, members.deepest + 1 );
+   depths_.depthIs( outOtForLb, members.deepest + 1 );
    if( !isNew )
       releaseOldNexts( oldRow.lb(), members.newNexts, outOtForLb );
    return true;

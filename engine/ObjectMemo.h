@@ -1,8 +1,8 @@
 // What is remembered of input objects between two looks at them: is this one, with all below it, up
 // to date at this version of its source's tables, or known to fail?
 //
-// The version is that of the changes that the engine has been told of. It stands still while a
-// slice is at work, so each object is looked at once in it, however many ways lead there and
+// The version is that of the changes that the engine has been told of. It is taken once for an
+// object and all below it, so each of these is looked at once, however many ways lead there and
 // however fast the source writes meanwhile: a change that comes later is told later, and queues the
 // object again. A million hosts behind one group cost one lookup each.
 #pragma once

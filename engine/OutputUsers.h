@@ -71,6 +71,14 @@ class OutputUsers {
       const Ptr<ObjTupleUsers> found = record( ot );
       return !found || found->empty();
    }
+   // The output objects that point to an output object.
+   std::vector<ObjTuple> objectUsersOf( const ObjTuple& ot ) const {
+      std::vector<ObjTuple> users;
+      if( const Ptr<ObjTupleUsers> found = record( ot ) )
+         for( const auto& user : found->otUser() )
+            users.push_back( user.key );
+      return users;
+   }
    // All relations between a user and what it uses.
    uint64_t relations() const { return relations_; }
 

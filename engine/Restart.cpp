@@ -90,14 +90,11 @@ void PolicySm::handleInitialized() {
 
 void PolicySm::adoptHosts() {
    hostForSourceCheck_.reserve( output_.host->count() );
-   forEachKeyAhead<Bridging::MacVlanPair>(
-      *output_.host,
-      [ this ]( const Bridging::MacVlanPair& mvp ) { hostForSourceCheck_.prefetch( mvp ); },
-      [ this ]( const Bridging::MacVlanPair& mvp ) {
-         TRACE( 9, "handleInitialized adding " << mvpStr( mvp )
-                                               << " to source check and initial sync list" );
-         hostForSourceCheckIs( mvp, true );
-      } );
+   output_.host->forEachKeyByHash( [ this ]( const Bridging::MacVlanPair& mvp ) {
+      TRACE( 9, "handleInitialized adding " << mvpStr( mvp )
+                                            << " to source check and initial sync list" );
+      hostForSourceCheckIs( mvp, true );
+   } );
    hostForInitialSync_ = hostForSourceCheck_.copy();
 }
 
@@ -377,7 +374,7 @@ bool PolicySm::checkFloating( Seconds end ) {
 
 bool PolicySm::existsForSourceCheck( const ObjTuple& ot ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " for " << ot );
-   return hasOutputRow( ot );
+   return output_.contains( ot );
 }
 
 // Notes that the tables are inconsistent when a row points to an object that isn't there.
@@ -407,11 +404,15 @@ void PolicySm::handleTablesInconsistent() {
                   ? "the output tables contradict each other: they are emptied and built anew"
                   : "a host of the output can't be programmed any more: the output is emptied and "
                     "built anew" );
-   output_.host->forEach( [ this ]( const HostAndSource& row ) {
-      if( row.next() != Util::objTupleInvalid() )
-         delOtForInconsistency( row.next() );
-      output_.host->hostDel( row.key() );
-   } );
+   forEachKeyAhead<Bridging::MacVlanPair>(
+      *output_.host,
+      [ this ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchIndex( mvp.hash() ); },
+      [ this ]( const Bridging::MacVlanPair& mvp ) {
+         const ObjTuple next = output_.host->host( mvp ).next();
+         if( next != Util::objTupleInvalid() )
+            delOtForInconsistency( next );
+         output_.host->hostDel( mvp );
+      } );
    output_.label->labelDelAll();
    output_.lb->lbDelAll();
    output_.dest->destDelAll();
@@ -427,22 +428,6 @@ void PolicySm::handleTablesInconsistent() {
    restartStateIs( running_ );
 }
 
-void PolicySm::deleteRow( const ObjTuple& ot ) {
-   switch( ot.tableType() ) {
-   case tableTypeLoadBalance_:
-      output_.lb->lbDel( ot.lbId() );
-      break;
-   case tableTypeLabel_:
-      output_.label->labelDel( ot.labelId() );
-      break;
-   case tableTypeDest_:
-      output_.dest->destDel( ot.destId() );
-      break;
-   default: // a next of no known table type has no row
-      break;
-   }
-}
-
 // Deletes an object after everything below it. Found rows may point to one another in a loop, or in
 // a chain of any length: the path from ot to the object at work is kept in objTupleForLoopCheck,
 // and what is still to be done on a stack of our own.
@@ -456,7 +441,7 @@ void PolicySm::delOtForInconsistency( const ObjTuple& ot ) {
       const Step step = toDo.back();
       toDo.pop_back();
       if( step.nextsDone ) {
-         deleteRow( step.ot );
+         output_.erase( step.ot );
          objTupleForLoopCheckDel( step.ot );
          continue;
       }
@@ -467,7 +452,7 @@ void PolicySm::delOtForInconsistency( const ObjTuple& ot ) {
       }
       objTupleForLoopCheckIs( step.ot, true );
       toDo.push_back( { step.ot, true } );
-      const std::vector<ObjTuple> nexts = nextsOfRow( step.ot );
+      const std::vector<ObjTuple> nexts = output_.nextsOf( step.ot );
       for( auto next = nexts.rbegin(); next != nexts.rend(); ++next ) // the first one on top
          toDo.push_back( { *next, false } );
    }

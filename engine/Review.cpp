@@ -98,7 +98,7 @@ void moveAll( Set& from, Set& to ) {
 // The start of a pass: what failed before is tried again, if there is a reason to. Returns whether
 // it is.
 bool PolicySm::parkedToLists() {
-   if( !awaited_.retryDue( Awaited::review, freeRows() ) )
+   if( !awaited_.retryDue( Awaited::review, output_.freeRows() ) )
       return false;
    retries_ += failedHost_.size() + failedOtas_.size();
    memo_.failedDelAll();
@@ -140,21 +140,8 @@ bool PolicySm::reviewOtas( const ObjTupleAndSource& otas ) {
 
 // What came for a parked entry during the pass is looked at in a pass of its own.
 void PolicySm::endPass() {
-   if( awaited_.passEnded( Awaited::review, std::exchange( retried_, false ), freeRows() ) )
+   if( awaited_.passEnded( Awaited::review, std::exchange( retried_, false ), output_.freeRows() ) )
       reviewTimer_.timeMinIs( 0 );
-}
-
-Awaited::FreeRows PolicySm::freeRows() const {
-   const auto free = []( const auto& table ) {
-      return uint64_t( table.capacity() ) - table.count();
-   };
-   Awaited::FreeRows rows{};
-   rows[ outputTableHost_ ] = free( *output_.host );
-   rows[ outputTableLoadBalance_ ] = free( *output_.lb );
-   rows[ outputTableLabel_ ] = free( *output_.label );
-   rows[ outputTableDest_ ] = free( *output_.dest );
-   rows[ outputTableFlood_ ] = output_.flood->freeMembers();
-   return rows;
 }
 
 void PolicySm::handleHammerReviewTimer() {

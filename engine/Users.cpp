@@ -84,7 +84,7 @@ bool PolicySm::isInProcess( const ObjTuple& ot ) const {
 void PolicySm::handleZeroRefCleanupCheck( const ObjTuple& ot ) {
    VEXIL_ASSERT( ot != Util::objTupleInvalid() );
    if( !users_.isUnused( ot ) ||
-       !hasOutputRow( ot ) ) // it may have gone with another one meanwhile
+       !output_.contains( ot ) ) // it may have gone with another one meanwhile
       return;
    TRACE( 0,
           "handleZeroRefCleanupCheck no users left for " << ot << " handling deferred delete now" );

@@ -119,6 +119,12 @@ class SharedTable : public TableBase {
          corruptionDetected( failure.what() );
       }
    }
+   // The same nearly in the order of the keys' hashes, for whoever fills a keyed collection from a
+   // table that this process writes: it then finds each place beside the one before.
+   template<class Each>
+   void forEachKeyByHash( Each each ) const {
+      recorded( [ & ] { return table_.forEachKeyByHash( each ), true; } );
+   }
    // The same in steps, for a walk in slices: slots 0 to slotCount() - 1.
    uint32_t slotCount() const {
       const uint32_t slots = table_.highWater();

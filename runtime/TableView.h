@@ -212,6 +212,22 @@ class TableView {
       return true;
    }
 
+   // Calls each( key ) for every key, nearly in the order of their hashes, which is that of the
+   // keyed collections. For the table's own writer, between its operations.
+   template<class Each>
+   void forEachKeyByHash( Each each ) const {
+      constexpr uint32_t distance = 16; // places ahead: the slots are anywhere in memory
+      Key key;
+      for( uint32_t at = 0; at <= indexMask_; ++at ) {
+         if( const uint32_t next = loadWord( index() + ( ( at + distance ) & indexMask_ ) );
+             next != 0 && code_.slot( next ) < geometry_.capacity )
+            __builtin_prefetch( slotAt( code_.slot( next ) ) );
+         if( const uint32_t word = loadWord( index() + at );
+             word != 0 && readKey( code_.slot( word ), key ) )
+            each( key );
+      }
+   }
+
    // What a reader of the journal finds.
    enum class Journal {
       drained,  // it has seen every change

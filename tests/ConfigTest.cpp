@@ -52,7 +52,9 @@ class Following {
    explicit Following( const std::string& state )
       : manager( Vexil::makeEntity<Vexil::EntityManager>( loop, state ) ) {
       [[maybe_unused]] static const bool registered = ( L2Rib::registerEntityTypes(), true );
-      manager->mount( L2Rib::Path::bridgingConfig, "Bridging::Config", Vexil::MountMode::read );
+      const auto group = manager->mountGroup(); // as at an agent's start
+      group->doMount( L2Rib::Path::bridgingConfig, "Bridging::Config", "r" );
+      group->doClose();
       config =
          dynamic_cast<Bridging::Config*>( manager->entity( L2Rib::Path::bridgingConfig ).get() );
       sm = Vexil::makeEntity<L2Rib::StaticHostSm>(

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <set>
@@ -268,6 +269,8 @@ class Lab {
          else
             ADD_FAILURE() << "write " << writes << ": " << what;
       }
+      if( atWrite )
+         atWrite();
       if( writes == killAt )
          throw Killed();
    }
@@ -289,7 +292,8 @@ class Lab {
    PolicySm::Tables output;
    std::map<std::string, LabSource> sources;
    uint64_t writes = 0;
-   uint64_t killAt = 0; // the write that ends in Killed; 0: none
+   uint64_t killAt = 0;           // the write that ends in Killed; 0: none
+   std::function<void()> atWrite; // what others do meanwhile
    std::map<ObjTuple, ObjTupleAndSource> inputOf;
    std::string danglesInRestart;
 

@@ -302,6 +302,28 @@ TEST( Review, FullOutputParksTheHostUntilAnotherGoes ) {
    EXPECT_TRUE( lab.engine->awaited().empty() );
 }
 
+// Slices that end with every host, one of which fails each time: the others get their turn all the
+// same, and so do the objects.
+TEST( Review, FailingHostStarvesNobody ) {
+   Lab lab;
+   LabSource& source = lab.source( "one", a );
+   source.set( intfDest( 1, 1 ) );
+   source.set( objectHost( mvp( 1 ), dest( 1 ) ) );
+   source.set( objectHost( mvp( 2 ), lb( 9 ) ) );
+   lab.settle();
+   lab.engine->reviewQuantumIs( 0 );
+   lab.clock->tickIs( 0.0001 );
+   source.set( objectHost( mvp( 2 ), lb( 8 ) ) );
+   source.set( inlineHost( mvp( 3 ), 3 ) );
+   source.set( intfDest( 1, 2 ) );
+   for( int turn = 0; turn < 10; ++turn )
+      lab.turn();
+   EXPECT_EQ( "value 3 from 0x40", lab.outcome( mvp( 3 ) ) );
+   EXPECT_EQ( 2u, lab.output.dest->dest( DestId( 1 ) ).dest().intf().intf.value() );
+   EXPECT_TRUE( lab.engine->otasList().empty() );
+   EXPECT_TRUE( lab.engine->failedHost( mvp( 2 ) ) );
+}
+
 TEST( Review, HammerTicksForEverAndRetriesWhatIsParked ) {
    Lab lab;
    LabSource& source = lab.source( "one", a );

@@ -340,18 +340,60 @@ TEST( ObjectsDeath, BrokenInvariantsStopTheProcessWithTheirText ) {
    }
 }
 
-// Every group points 16 times to the next one: 16^20 ways lead from top to bottom.
+// Every group points 16 times to the next one: 16^20 ways lead from top to bottom. The source goes
+// on changing another row meanwhile.
 TEST_F( Objects, SharedMembersAreLookedAtOnce ) {
    for( uint64_t id = 1; id < 20; ++id )
       source.set( group( id, std::vector<ObjTuple>( 16, lb( id + 1 ) ) ) );
    source.set( group( 20, { dest( 1 ) } ) );
    source.set( intfDest( 1, 1 ) );
    source.set( objectHost( mvp( 1 ), lb( 1 ) ) );
+   lab.atWrite = [ & ] { source.set( intfDest( 2, lab.writes ) ); };
    lab.settle();
    EXPECT_EQ( 21u, objectCount( lab ) );
+   source.set( group( 20, { dest( 1 ), dest( 1 ) } ) );
+   lab.settle();
    source.host->hostDel( mvp( 1 ) );
    lab.settle();
    EXPECT_EQ( 0u, objectCount( lab ) );
+}
+
+// The bound of the depth holds on every way, though each change is small enough by itself: through
+// copies of objects that the source has deleted, and from below.
+TEST_F( Objects, BoundOfTheDepthHoldsOnEveryWay ) {
+   const auto chain = [ & ]( uint64_t first, uint64_t last, const ObjTuple& end ) {
+      for( uint64_t id = first; id < last; ++id )
+         source.set( push( id, 1, label( id + 1 ) ) );
+      source.set( push( last, 1, end ) );
+   };
+   const auto depth = [ & ]( uint64_t mac ) {
+      const std::string text = resolved( lab, mvp( mac ) );
+      return 1 + std::count( text.begin(), text.end(), '(' );
+   };
+   source.set( intfDest( 1, 1 ) );
+   chain( 1, 40, dest( 1 ) );
+   chain( 41, 80, dest( 1 ) );
+   source.set( objectHost( mvp( 1 ), label( 1 ) ) );
+   source.set( objectHost( mvp( 2 ), label( 41 ) ) );
+   lab.settle();
+   EXPECT_EQ( 41, depth( 1 ) );
+   source.set( push( 40, 1, label( 41 ) ) ); // from below
+   lab.hammer();
+   EXPECT_EQ( 41, depth( 1 ) );
+   source.set( push( 40, 1, label( 62 ) ) );
+   lab.hammer();
+   EXPECT_EQ( 60, depth( 1 ) );
+   for( uint64_t id = 1; id <= 40; ++id )
+      source.label->labelDel( LabelId( id ) );
+   source.set( push( 90, 1, label( 1 ) ) ); // onto what the source has deleted
+   chain( 92, 99, label( 1 ) );
+   source.set( objectHost( mvp( 3 ), label( 90 ) ) );
+   source.set( objectHost( mvp( 4 ), label( 92 ) ) );
+   lab.hammer();
+   EXPECT_EQ( 61, depth( 3 ) );
+   EXPECT_EQ( "none", resolved( lab, mvp( 4 ) ) );
+   EXPECT_EQ( 1u, lab.engine->failedHost().size() );
+   EXPECT_EQ( lab.relationsOfRows(), lab.relationsOfUsers() );
 }
 
 TEST_F( Objects, CorruptRecordsReadAsAbsent ) {

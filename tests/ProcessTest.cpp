@@ -1,7 +1,10 @@
 // The whole system as its users run it: agent, sources and readers in processes of their own, on a
 // private state directory.
+#include "L2Rib/L2RibTarn.h"
+#include "L2Rib/Parked.h"
 #include "tests/ProcessSupport.h"
 
+#include <algorithm>
 #include <filesystem>
 
 namespace {
@@ -249,6 +252,94 @@ TEST_F( ProcessTest, ExampleDaemonFindsItsHostsInTheOutput ) {
    Program example( folder, { EXAMPLE_PATH, state } );
    EXPECT_EQ( example.status(), 0 ) << example.err();
    EXPECT_EQ( example.count( "host: " ), 3u ) << example.out();
+}
+
+// What can't be programmed is named wherever one looks: first as the agent has it, then with every
+// reason, as an agent that has ended left it.
+TEST_F( ProcessTest, WhatIsParkedIsNamed ) {
+   startAgent();
+   Program evpn = source( "evpn", "0x40" );
+   std::string hosts;
+   for( unsigned number = 1; number <= 12; ++number )
+      hosts += host( number, 100, R"("next":{"type":"dest","id":99})" );
+   publish( evpn, initialized( true ) + hosts );
+   const Result settled = ctl( { "settle" } );
+   const std::string reason = "dest 99 of source evpn does not exist";
+   EXPECT_EQ( settled.status, 0 );
+   EXPECT_NE( settled.err.find( "host " + mac( 10 ) + " VLAN 10 of evpn: " + reason ),
+              std::string::npos )
+      << settled.err;
+   EXPECT_EQ( settled.err.find( mac( 11 ) ), std::string::npos );
+   EXPECT_NE( settled.err.find( "and 2 more" ), std::string::npos );
+   const Json failed = json( { "show", "failed", "hosts" } );
+   ASSERT_EQ( failed.size(), 12u );
+   Json first = failed[ 0 ];
+   EXPECT_GT( first[ "since" ], 1e9 );
+   EXPECT_GE( first[ "tries" ], 1 );
+   first.erase( "since" );
+   first.erase( "tries" );
+   EXPECT_EQ( first, Json( { { "kind", "host" },
+                             { "mac", mac( 1 ) },
+                             { "vlan", 10 },
+                             { "source", "0x40" },
+                             { "sourceName", "evpn" },
+                             { "reason", reason } } ) );
+   EXPECT_EQ( json( { "explain", mac( 1 ), "10" } )[ "parked" ][ "reason" ], reason );
+   EXPECT_NE( ctl( { "explain", mac( 1 ), "10" } ).out.find( "parked: " + reason ),
+              std::string::npos );
+   EXPECT_NE( ctl( { "metrics" } ).out.find( "l2rib_parked{reason=\"objectAbsent\"} 12\n" ),
+              std::string::npos );
+   EXPECT_EQ( ctl( { "check" } ).status, 0 );
+   publish( evpn, R"({"op":"dest","id":99,"intf":{"id":3}})"
+                  "\n" );
+   EXPECT_TRUE( json( { "show", "failed" } ).empty() );
+   EXPECT_EQ( ctl( { "show", "failed" } ).out, "nothing is parked\n" );
+
+   agent->signal( SIGTERM );
+   EXPECT_EQ( agent->status(), 0 );
+   using namespace L2Rib;
+   {
+      ParkedTable table( state + "/" + Path::parked, ParkedTable::Mode::write, 64 );
+      const ObjTupleAndSource other( ObjTuple( LoadBalanceId( 7 ) ), Source( 0x400 ) );
+      const auto add = [ & ]( ParkedKind kind, uint64_t number, ParkedReason why, uint32_t limit ) {
+         ParkedRecord row;
+         row.key = {
+            kind, { Vexil::EthAddr( 0x020000000000 + number ), Bridging::VlanId( 20 ) }, {} };
+         if( kind == parkedObject_ )
+            row.key = { kind, {}, { ObjTuple( LabelId( number ) ), Source( 0x40 ) } };
+         row.source = kind == parkedFloodMember_ ? sourceNone_ : Source( 0x40 );
+         row.reason = why;
+         row.table = kind == parkedFloodMember_ ? outputTableFlood_ : outputTableHost_;
+         row.limit = limit;
+         row.blocker = other;
+         row.since = 1e9;
+         ASSERT_TRUE( table.set( row ) );
+      };
+      add( parkedHost_, 1, parkedTableFull_, 16384 );
+      add( parkedHost_, 2, parkedTableFull_, 16384 );
+      add( parkedHost_, 3, parkedNoMemory_, 0 );
+      add( parkedHost_, 4, parkedObjectAbsent_, 0 );
+      add( parkedObject_, 5, parkedLoop_, 0 );
+      add( parkedObject_, 6, parkedTooDeep_, 64 );
+      add( parkedFloodMember_, 7, parkedTableFull_, 4096 );
+   }
+   const std::string shown = ctl( { "show", "failed" } ).out;
+   for( const char* line :
+        { "2 hosts, host output full (16384), since 2001-09-09 ",
+          "  no memory for the host output  ", "  group 7 of source 0x400 does not exist  ",
+          "label 5  ", "  groups form a loop  ", "  deeper than 64  ",
+          "  flood output full (4096)  " } )
+      EXPECT_NE( shown.find( line ), std::string::npos ) << line << " is missing in\n" << shown;
+   EXPECT_EQ( std::count( shown.begin(), shown.end(), '\n' ), 6 ) << shown;
+   EXPECT_EQ( json( { "show", "failed" } ).size(), 7u );
+   EXPECT_EQ( json( { "show", "failed", "objects" } ).size(), 2u );
+   const Result check = ctl( { "check" } );
+   EXPECT_EQ( check.status, 1 );
+   EXPECT_NE( check.out.find( "want of room: 2 hosts, host output full (16384)\n" ),
+              std::string::npos )
+      << check.out;
+   EXPECT_NE( check.out.find( "parked: object label 5 of evpn: groups form a loop\n" ),
+              std::string::npos );
 }
 
 } // namespace

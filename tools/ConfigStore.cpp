@@ -99,22 +99,11 @@ bool changeInPlace( const Ptr<Table>& present, const Difference<Records>& differ
    const auto table = makeEntity<Table>( present->path(), Table::Mode::write, present->capacity() );
    for( const auto& record : difference.set )
       if( !table->set( record ) )
-         throw TableError( TableError::system, table->path() + ": takes no more records" );
+         throw TableError( TableError::system, table->path() + ": there is no room for a record" );
    for( const auto& key : difference.deleted )
       table->erase( key );
    table->ring();
    return true;
-}
-
-// Has the system keep room for that many bytes of the file, so that no write into a mapping of it
-// is the one that finds the memory or the disk full.
-void reserve( const std::string& file, uint64_t size ) {
-   const int fd = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
-   const int error = fd < 0 ? errno : posix_fallocate( fd, 0, static_cast<off_t>( size ) );
-   if( fd >= 0 )
-      close( fd );
-   if( error != 0 )
-      throw TableError( TableError::system, file + ": making room: " + std::strerror( error ) );
 }
 
 // A table with these records, in a folder where there is none; with room for as many as the one
@@ -125,15 +114,10 @@ void write( const std::string& folder, const Ptr<Table>& before, const Records& 
    while( capacity < records.size() )
       capacity *= 2;
    const std::string file = folder + "/" + Table::fileName;
-   // Room for it is looked for under another name: a table is not even begun without.
-   const uint64_t size = Vexil::TableGeometry( Table::spec(), capacity ).fileSize;
-   reserve( file + ".room", size );
-   unlink( ( file + ".room" ).c_str() );
    const auto table = makeEntity<Table>( file, Table::Mode::write, capacity );
-   reserve( file, size );
    for( const auto& [ key, record ] : records )
       if( !table->set( record ) )
-         throw TableError( TableError::system, file + ": takes no more records" );
+         throw TableError( TableError::system, file + ": there is no room for its records" );
 }
 
 // Leads the link to that folder, in one step.

@@ -151,9 +151,8 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
                                           { "beats", beats } } );
    }
    answer[ "winner" ] = winner ? Json( winner->name ) : Json();
-   const std::optional<ParkedRecord> parked = parkedHost( context, key );
-   answer[ "parked" ] =
-      parked ? toJson( *parked, SourceNames( context ), RetryRounds( context ) ) : Json();
+   const std::optional<ParkedEntry> parked = parkedHost( context, key );
+   answer[ "parked" ] = parked ? toJson( *parked, SourceNames( context ) ) : Json();
    answer[ "path" ] = Json::array();
    std::string inOutput = "no source that takes part has this host";
    if( winner ) {
@@ -172,7 +171,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    }
    if( parked )
       inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
-                  triesText( answer[ "parked" ][ "tries" ].get<uint64_t>() );
+                  std::to_string( parked->tries ) + " tries";
    answer[ "kernel" ] = kernelJson( context, key );
    if( context.json )
       std::cout << text( answer ) << '\n';

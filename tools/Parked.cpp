@@ -84,6 +84,18 @@ std::string counted( size_t count, const char* kind ) {
    return std::to_string( count ) + " " + what + ( count == 1 ? "" : "s" );
 }
 
+AgentStatusRecord figuresOf( const Context& context ) {
+   const auto table = readable<AgentStatusTable>( context.fileOf( Path::agentStatus ) );
+   return table ? table->get( SingleKey() ) : AgentStatusRecord();
+}
+
+// The figures are read after the record.
+ParkedEntry entryOf( const ParkedRecord& record, const AgentStatusRecord& figures ) {
+   const uint64_t rounds = record.key.kind == parkedFloodMember_ ? figures.floodRetryRounds.value()
+                                                                 : figures.retryRounds.value();
+   return { record, 1 + rounds - std::min( rounds, record.round.value() ) };
+}
+
 // Entries of one kind that wait for the same room.
 struct Group {
    size_t count = 0;
@@ -91,9 +103,9 @@ struct Group {
 };
 using Groups = std::map<std::pair<ParkedKind, std::string>, Group>;
 
-Groups groupsForRoom( const std::vector<ParkedRecord>& all, const SourceNames& names ) {
+Groups groupsForRoom( const std::vector<ParkedEntry>& all, const SourceNames& names ) {
    Groups groups;
-   for( const ParkedRecord& parked : all )
+   for( const ParkedEntry& parked : all )
       if( isForWantOfRoom( parked.reason ) ) {
          Group& group = groups[ { parked.key.kind, reasonText( parked, names ) } ];
          group.since =
@@ -137,7 +149,7 @@ bool isForWantOfRoom( ParkedReason reason ) {
    return reason == parkedTableFull_ || reason == parkedNoMemory_ || reason == parkedNoId_;
 }
 
-Json toJson( const ParkedRecord& parked, const SourceNames& names, const RetryRounds& rounds ) {
+Json toJson( const ParkedEntry& parked, const SourceNames& names ) {
    Json json = { { "kind", kindName( parked.key.kind ) } };
    if( parked.key.kind == parkedObject_ )
       json.update( toJson( parked.key.otas.ot() ) );
@@ -150,39 +162,24 @@ Json toJson( const ParkedRecord& parked, const SourceNames& names, const RetryRo
    json[ "sourceName" ] = ofSource ? names.of( parked.source ) : Json();
    json[ "reason" ] = reasonText( parked, names );
    json[ "since" ] = parked.since.value();
-   json[ "tries" ] = rounds.triesOf( parked );
+   json[ "tries" ] = parked.tries;
    return json;
 }
 
-RetryRounds::RetryRounds( const Context& context ) {
-   if( const auto status = readable<AgentStatusTable>( context.fileOf( Path::agentStatus ) ) )
-      figures_ = status->get( SingleKey() );
-}
-
-uint64_t RetryRounds::triesOf( const ParkedRecord& parked ) const {
-   const bool isFlood = parked.key.kind == parkedFloodMember_;
-   const uint64_t rounds = ( isFlood ? figures_.floodRetryRounds : figures_.retryRounds ).value();
-   return 1 + rounds - std::min( rounds, parked.round.value() );
-}
-
 ParkedEntries::ParkedEntries( const Context& context ) {
-   const auto table = readable<ParkedTable>( context.fileOf( Path::parked ) );
-   if( !table )
-      return;
-   table->forEach( [ this ]( const ParkedRecord& parked ) { all_.push_back( parked ); } );
-   if( const auto status = readable<AgentStatusTable>( context.fileOf( Path::agentStatus ) ) ) {
-      const AgentStatusRecord figures = status->get( SingleKey() );
-      for( uint32_t reason = 0; reason < parkedReasons; ++reason )
-         ( isForWantOfRoom( ParkedReason( reason ) ) ? unlistedForRoom_ : unlistedForSources_ ) +=
-            figures.parked[ reason ].value();
+   std::vector<ParkedRecord> records;
+   if( const auto table = readable<ParkedTable>( context.fileOf( Path::parked ) ) )
+      table->forEach( [ & ]( const ParkedRecord& record ) { records.push_back( record ); } );
+   const AgentStatusRecord figures = figuresOf( context );
+   for( uint32_t reason = 0; reason < parkedReasons; ++reason )
+      unlisted( ParkedReason( reason ) ) += figures.parked[ reason ].value();
+   for( const ParkedRecord& record : records ) {
+      all_.push_back( entryOf( record, figures ) );
+      uint64_t& left = unlisted( record.reason );
+      left -= std::min<uint64_t>( left, 1 );
    }
-   for( const ParkedRecord& parked : all_ ) {
-      uint64_t& unlisted =
-         isForWantOfRoom( parked.reason ) ? unlistedForRoom_ : unlistedForSources_;
-      unlisted -= std::min<uint64_t>( unlisted, 1 );
-   }
-   std::sort( all_.begin(), all_.end(), []( const ParkedRecord& a, const ParkedRecord& b ) {
-      const auto order = []( const ParkedRecord& parked ) {
+   std::sort( all_.begin(), all_.end(), []( const ParkedEntry& a, const ParkedEntry& b ) {
+      const auto order = []( const ParkedEntry& parked ) {
          return std::tuple( parked.key.kind, parked.key.mvp.vlan(), parked.key.mvp.mac(),
                             parked.key.otas );
       };
@@ -190,12 +187,12 @@ ParkedEntries::ParkedEntries( const Context& context ) {
    } );
 }
 
-std::optional<ParkedRecord> parkedHost( const Context& context, const Bridging::MacVlanPair& key ) {
+std::optional<ParkedEntry> parkedHost( const Context& context, const Bridging::MacVlanPair& key ) {
    const auto table = readable<ParkedTable>( context.fileOf( Path::parked ) );
-   ParkedRecord parked;
-   if( !table || !table->get( { parkedHost_, key, {} }, parked ) )
+   ParkedRecord record;
+   if( !table || !table->get( { parkedHost_, key, {} }, record ) )
       return std::nullopt;
-   return parked;
+   return entryOf( record, figuresOf( context ) );
 }
 
 std::vector<std::string> ParkedEntries::forWantOfRoom( const SourceNames& names ) const {
@@ -211,7 +208,7 @@ std::vector<std::string> ParkedEntries::forSources( const SourceNames& names ) c
    constexpr size_t most = 10;
    std::vector<std::string> texts;
    size_t count = 0;
-   for( const ParkedRecord& parked : all_ ) {
+   for( const ParkedEntry& parked : all_ ) {
       if( isForWantOfRoom( parked.reason ) || ++count > most )
          continue;
       const bool ofSource = parked.source != sourceNone_;
@@ -224,29 +221,25 @@ std::vector<std::string> ParkedEntries::forSources( const SourceNames& names ) c
    return texts;
 }
 
-std::string triesText( uint64_t tries ) {
-   return std::to_string( tries ) + ( tries == 1 ? " try" : " tries" );
-}
-
 // --- show failed
 
 namespace {
 
 // An entry a line, but those that wait for the same room in one.
-void printForPeople( const ParkedEntries& parked, const std::vector<ParkedRecord>& shown,
-                     const SourceNames& names, const RetryRounds& rounds ) {
+void printForPeople( const ParkedEntries& parked, const std::vector<ParkedEntry>& shown,
+                     const SourceNames& names ) {
    std::vector<std::vector<std::string>> lines;
    const Groups groups = groupsForRoom( shown, names );
-   for( const ParkedRecord& entry : shown ) {
+   for( const ParkedEntry& entry : shown ) {
       const std::string reason = reasonText( entry, names );
       const auto group = groups.find( { entry.key.kind, reason } );
       if( group != groups.end() && group->second.count > 1 )
          continue;
-      lines.push_back( { kindName( entry.key.kind ), subjectText( entry ),
-                         entry.source != sourceNone_ ? sourceText( entry.source, names ) : "-",
-                         reason,
-                         "since " + sinceText( entry.since.value() ) + ", " +
-                            triesText( rounds.triesOf( entry ) ) } );
+      lines.push_back(
+         { kindName( entry.key.kind ), subjectText( entry ),
+           entry.source != sourceNone_ ? sourceText( entry.source, names ) : "-", reason,
+           "since " + sinceText( entry.since.value() ) + ", " + std::to_string( entry.tries ) +
+              ( entry.tries == 1 ? " try" : " tries" ) } );
    }
    printColumns( std::move( lines ) );
    for( const auto& [ what, group ] : groups )
@@ -263,20 +256,19 @@ int showFailed( const Context& context, const std::string& what ) {
    requireOutput( Client::OutputReader( context.stateDirectory ), context );
    const SourceNames names( context );
    const ParkedEntries parked( context );
-   const RetryRounds rounds( context );
-   std::vector<ParkedRecord> shown;
-   for( const ParkedRecord& entry : parked.all() )
+   std::vector<ParkedEntry> shown;
+   for( const ParkedEntry& entry : parked.all() )
       if( what.empty() || ( what == "hosts" && entry.key.kind == parkedHost_ ) ||
           ( what == "objects" && entry.key.kind == parkedObject_ ) )
          shown.push_back( entry );
    if( context.json ) {
       Json all = Json::array();
-      for( const ParkedRecord& entry : shown )
-         all.push_back( toJson( entry, names, rounds ) );
+      for( const ParkedEntry& entry : shown )
+         all.push_back( toJson( entry, names ) );
       std::cout << text( all ) << '\n';
       return done;
    }
-   printForPeople( parked, shown, names, rounds );
+   printForPeople( parked, shown, names );
    mentionStoppedAgent( context );
    return done;
 }

@@ -2,7 +2,7 @@
 // whatever shows it.
 #pragma once
 
-#include "L2Rib/Status.h"
+#include "L2Rib/Parked.h"
 #include "tools/Show.h"
 
 #include <optional>
@@ -18,25 +18,16 @@ const char* reasonName( L2Rib::ParkedReason reason );
 // Parked because the agent has no room, memory or id for it: no source's mistake.
 bool isForWantOfRoom( L2Rib::ParkedReason reason );
 
-// All parked entries are tried in each round of retries, of which the agent keeps count.
-class RetryRounds {
- public:
-   explicit RetryRounds( const Context& context );
-   uint64_t triesOf( const L2Rib::ParkedRecord& parked ) const;
-
- private:
-   L2Rib::AgentStatusRecord figures_;
+// A parked entry, and how often it has been tried.
+struct ParkedEntry : L2Rib::ParkedRecord {
+   uint64_t tries = 1;
 };
-// "1 try", "9 tries".
-std::string triesText( uint64_t tries );
 
 // {"kind","mac","vlan" or "type","id","source","sourceName","reason","since","tries"}.
-Json toJson( const L2Rib::ParkedRecord& parked, const SourceNames& names,
-             const RetryRounds& rounds );
+Json toJson( const ParkedEntry& parked, const SourceNames& names );
 
 // The row of that host; none when it is not parked.
-std::optional<L2Rib::ParkedRecord> parkedHost( const Context& context,
-                                               const Bridging::MacVlanPair& key );
+std::optional<ParkedEntry> parkedHost( const Context& context, const Bridging::MacVlanPair& key );
 
 // All parked entries: hosts by VLAN and MAC, then objects, then flood members. The agent lists as
 // many as it has room for; how many there are it knows in any case.
@@ -45,7 +36,7 @@ class ParkedEntries {
    // None when no agent has written the table.
    explicit ParkedEntries( const Context& context );
 
-   const std::vector<L2Rib::ParkedRecord>& all() const { return all_; }
+   const std::vector<ParkedEntry>& all() const { return all_; }
    // What waits for room, summed up: "33828 hosts, host output full (16384)", a text for each kind
    // and reason; empty when nothing does.
    std::vector<std::string> forWantOfRoom( const SourceNames& names ) const;
@@ -54,7 +45,11 @@ class ParkedEntries {
    std::vector<std::string> forSources( const SourceNames& names ) const;
 
  private:
-   std::vector<L2Rib::ParkedRecord> all_;
+   uint64_t& unlisted( L2Rib::ParkedReason reason ) {
+      return isForWantOfRoom( reason ) ? unlistedForRoom_ : unlistedForSources_;
+   }
+
+   std::vector<ParkedEntry> all_;
    uint64_t unlistedForRoom_ = 0;
    uint64_t unlistedForSources_ = 0;
 };

@@ -194,6 +194,14 @@ int printFlood( const Context& context, const Json& flood ) {
 
 // --- sources and status
 
+// Why a source is not ready although it is initialized; null when there is nothing to say.
+Json reasonOf( bool runs, bool known, const SourceEntryRecord& entry,
+               const SourceStatusRecord& status ) {
+   if( runs && !known && entry.initialized )
+      return "the agent has not attached its entry";
+   return !runs || status.reason.view().empty() ? Json() : Json( status.reason.str() );
+}
+
 // The sources as the agent sees them, those inside the agent too, beside what is published. None is
 // ready for an agent that does not run.
 Json sourceList( const Context& context ) {
@@ -206,14 +214,13 @@ Json sourceList( const Context& context ) {
       SourceStatusRecord status;
       const bool known = statuses.get( SourceName::of( name ).value_or( SourceName() ), status );
       const SourceTables tables( context, entry );
-      all.push_back(
-         { { "name", name },
-           { "source", sourceStr( known ? status.source : entry.source ) },
-           { "initialized", entry.initialized != 0 },
-           { "ready", runs && known && status.ready != 0 },
-           { "running", context.sources().running( name ) },
-           { "hosts", countOf( tables.host ) },
-           { "reason", status.reason.view().empty() ? Json() : Json( status.reason.str() ) } } );
+      all.push_back( { { "name", name },
+                       { "source", sourceStr( known ? status.source : entry.source ) },
+                       { "initialized", entry.initialized != 0 },
+                       { "ready", runs && known && status.ready != 0 },
+                       { "running", context.sources().running( name ) },
+                       { "hosts", countOf( tables.host ) },
+                       { "reason", reasonOf( runs, known, entry, status ) } } );
    };
    for( const auto& [ name, source ] : published )
       add( name, source.record );

@@ -1,0 +1,77 @@
+// hold: for how long one piece of the engine's work on all hosts keeps the event loop from turning.
+// What is done in one go is named so; everything else comes in slices of 50 ms.
+#include "bench/EngineRig.h"
+#include "bench/Harness.h"
+#include "bench/Machine.h"
+#include "bench/Report.h"
+
+#include <filesystem>
+
+namespace Bench {
+
+namespace {
+
+// Milliseconds.
+struct HoldResult {
+   double adoption, replay, restart, overrun, endOfHold, wipe;
+};
+
+double milliseconds( int64_t since ) { return static_cast<double>( nanoseconds() - since ) * 1e-6; }
+
+void fill( const std::string& directory, uint32_t hosts ) {
+   runInProcess( "source", [ & ] {
+      RigSource source( directory, hosts, 1024 );
+      for( const uint32_t number : shuffled( hosts, 1 ) )
+         source.hostIs( number );
+   } );
+   runInProcess( "engine", [ & ] { EngineRig( directory, hosts, 1024, true ).turnUntilIdle(); } );
+}
+
+void measure( const std::string& directory, uint32_t hosts, HoldResult& result ) {
+   EngineRig rig( directory, hosts, 1024, false ); // the rows found are those of a source to come
+   result.adoption = rig.construction() * 1e3;
+   int64_t start = nanoseconds();
+   rig.entry().initializedIs( true );
+   result.replay = milliseconds( start );
+   result.restart = rig.turnUntilIdle() * 1e3;
+   rig.requireHosts( hosts );
+   rig.engine().sourceSm( "one" )->handleOvertaken();
+   result.overrun = rig.turnUntilIdle() * 1e3;
+   rig.engine().sourceHoldTimeIs( 0 );
+   rig.sourceDel();
+   result.endOfHold =
+      rig.turnUntil( [ & ] { return rig.engine().hostOutput()->count() == 0; } ) * 1e3;
+}
+
+void measureWipe( const std::string& directory, uint32_t hosts, HoldResult& result ) {
+   fill( directory, hosts );
+   EngineRig rig( directory, hosts, 1024, true );
+   rig.turnUntilIdle();
+   const int64_t start = nanoseconds();
+   rig.engine().handleTablesInconsistent();
+   result.wipe = milliseconds( start );
+}
+
+} // namespace
+
+void benchHold( const Settings& settings, Report& report ) {
+   const uint32_t hosts = settings.size( 1'000'000 );
+   const std::string name = "hold/" + std::to_string( hosts );
+   if( !settings.wants( name ) )
+      return;
+   const std::string directory = settings.directory + "/hold";
+   Shared<HoldResult> result;
+   fill( directory, hosts );
+   runInProcess( "engine", [ & ] { measure( directory, hosts, *result ); } );
+   std::filesystem::remove_all( directory );
+   runInProcess( "wipe", [ & ] { measureWipe( directory, hosts, *result ); } );
+   std::filesystem::remove_all( directory );
+   report.figure( name, "adoption, in one go", result->adoption, "ms" );
+   report.figure( name, "replay of a source, in one go", result->replay, "ms" );
+   report.figure( name, "wipe, in one go", result->wipe, "ms" );
+   report.figure( name, "slices of a restart", result->restart, "ms" );
+   report.figure( name, "slices after an overrun", result->overrun, "ms" );
+   report.figure( name, "slices after a hold", result->endOfHold, "ms" );
+}
+
+} // namespace Bench
