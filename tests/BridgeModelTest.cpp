@@ -450,6 +450,45 @@ TEST( BridgeModel, OneDestChangeIsOneWrite ) {
    EXPECT_EQ( present( kernel ).at( macOf( 5 ) ), "group 192.0.2.2 192.0.2.9" );
 }
 
+// Which devices serve a VLAN, and what is wrong with those that can't.
+TEST( BridgeModel, DevicesOfABridge ) {
+   Topology topology;
+   const auto fault = [ & ] { return topology.placeOf( "br10" ).fault; };
+   EXPECT_EQ( fault(), "no bridge br10" );
+   Link bridge{ .index = 2, .name = "br10", .local = {} };
+   topology.linkIs( bridge );
+   EXPECT_EQ( fault(), "br10 is no bridge" );
+   bridge.isBridge = bridge.vlanFiltering = true;
+   topology.linkIs( bridge );
+   EXPECT_EQ( fault(), "vlan_filtering is on, which is not supported" );
+   bridge.vlanFiltering = false;
+   topology.linkIs( bridge );
+   EXPECT_EQ( fault(), "no VXLAN port" );
+   Link vxlan{ .index = 3, .master = 2, .name = "vx10", .isVxlan = true, .vni = 5, .local = {} };
+   vxlan.external = true;
+   topology.linkIs( vxlan );
+   EXPECT_EQ( fault(), "vx10 is in external mode, which is not supported" );
+   vxlan.external = false;
+   topology.linkIs( vxlan );
+   topology.linkIs( { .index = 4, .master = 2, .name = "eth0", .local = {} } );
+   Place wanted{ .bridge = 2,
+                 .vxlan = 3,
+                 .vxlanName = "vx10",
+                 .vni = 5,
+                 .local = {},
+                 .ports = { 4 },
+                 .fault = {} };
+   EXPECT_EQ( topology.placeOf( "br10" ), wanted );
+   vxlan.index = 7;
+   topology.linkIs( vxlan );
+   EXPECT_EQ( fault(), "more than one VXLAN port, one is supported" );
+   topology.linkDel( 7 );
+   topology.dumpBegins();
+   topology.linkIs( bridge );
+   topology.dumpEnded();
+   EXPECT_EQ( fault(), "no VXLAN port" );
+}
+
 // Sequence numbers of hosts that come, go, return, and move to and fro.
 TEST( BridgeModel, LearnedHostsAndTheirNumbers ) {
    const TestSupport::TemporaryFolder folder;

@@ -116,9 +116,11 @@ class Namespace {
       if( !entry.contains( "nhid" ) )
          return " " + entry[ "dst" ].get<std::string>() +
                 ( entry.contains( "vni" ) ? " vni " + entry[ "vni" ].dump() : "" );
-      std::set<std::string> vteps;
-      for( const Json& member : nexthops.at( entry[ "nhid" ] )[ "group" ] )
-         vteps.insert( nexthops.at( member[ "id" ] )[ "gateway" ].get<std::string>() );
+      std::set<std::string> vteps; // none while they change between the two lists
+      if( const auto group = nexthops.find( entry[ "nhid" ] ); group != nexthops.end() )
+         for( const Json& member : group->second.value( "group", Json::array() ) )
+            if( const auto vtep = nexthops.find( member[ "id" ] ); vtep != nexthops.end() )
+               vteps.insert( vtep->second.value( "gateway", "" ) );
       std::string text;
       for( const std::string& vtep : vteps )
          text += " " + vtep;
