@@ -212,7 +212,7 @@ void Reconciler::dumpBegins() {
 }
 
 void Reconciler::dumpEnded() {
-   dumping_ = false;
+   dumping_ = presumed_ = false;
    flood_.dumpEnded();
    for( auto at = rows_.begin(); at != rows_.end(); ++at ) {
       const Row& row = at->value;
@@ -223,6 +223,7 @@ void Reconciler::dumpEnded() {
 }
 
 void Reconciler::presume( EthAddr mac, const There& there ) {
+   presumed_ = true;
    thereIs( mac, *rows_.emplace( mac ).first, there );
 }
 
@@ -248,6 +249,7 @@ bool Reconciler::verify( Kernel& kernel ) {
          row->entrySeen = row->remoteSeen = dump_;
          const There* const there = found.find( mac );
          thereIs( mac, *row, there ? *there : There() );
+         dirty_.emplace( mac );
          dropIfEmpty( mac );
       }
    }
@@ -362,6 +364,11 @@ void Reconciler::planGoal( EthAddr mac, Row& row, Batch& batch, bool mayRemove )
    }
    const size_t before = batch.writes.size();
    const std::string obstacle = plan( row.there, *goal, mac, place_.vxlan, batch.writes );
+   if( presumed_ && row.entrySeen == 0 && batch.writes.size() > before ) {
+      batch.writes.resize( before );
+      suspects_.emplace( mac );
+      return;
+   }
    if( batch.writes.size() > before )
       batch.items.push_back( { mac, batch.writes.size() } );
    else if( obstacle.empty() )

@@ -68,8 +68,9 @@ class Reconciler {
    void entryDel( const FdbEntry& entry );
    void dumpBegins();
    void dumpEnded();
-   // An earlier run has left this, with the same devices. It is believed until a dump or a
-   // notification says otherwise, so that changes of the output need not wait for a dump.
+   // An earlier run has left this, with the same devices. Until the next dump has ended it is
+   // believed where nothing has to be written; what has to be is looked up first. So changes of the
+   // output need not wait for the dump.
    void presume( EthAddr mac, const There& there );
    // Looks up some of what is in doubt; false when there is nothing left.
    bool verify( Kernel& kernel );
@@ -165,8 +166,9 @@ class Reconciler {
    Vexil::KeySet<EthAddr> suspects_;
    Vexil::HashMap<EthAddr, Hold> held_;
    Vexil::HashMap<EthAddr, Retry> retries_;
-   uint32_t dump_ = 0;
+   uint32_t dump_ = 1; // the number of the last one; 0 in a row: never seen
    bool dumping_ = false;
+   bool presumed_ = false;
    Counts counts_;
 };
 

@@ -284,7 +284,8 @@ TEST_F( BridgeTest, FramesFlowThroughKills ) {
    join( there, "2", "2" );
    join( other, "3", "2" ); // the same address behind another VTEP
    other.run( "bridge fdb add " + mac( 1 ) + " dev vx10 self dst 192.0.2.1; bridge fdb add " +
-              mac( 1 ) + " dev vx10 master static" );
+              mac( 1 ) + " dev vx10 master static; ip neigh add 10.0.0.1 lladdr " + mac( 1 ) +
+              " dev br10" );
    // The other side is programmed by an agent of its own, and left as it is.
    const std::string second = folder.file( "second" );
    {
