@@ -411,7 +411,8 @@ void Reconciler::carryOut( Kernel& kernel, const Batch& batch, Vexil::Seconds no
 bool Reconciler::reconcile( Kernel& kernel, const Vexil::Clock& clock, Vexil::Seconds deadline,
                             bool mayRemove ) {
    const Vexil::Seconds now = clock.now();
-   flood_.reconcile( kernel, now, mayRemove );
+   if( !presumed_ ) // whose members are whose is not known before
+      flood_.reconcile( kernel, now, mayRemove );
    if( mayRemove ) {
       for( auto at = deferred_.begin(); at != deferred_.end(); ++at )
          dirty_.emplace( at->key );
