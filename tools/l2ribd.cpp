@@ -3,8 +3,8 @@
 #include "runtime/Agent.h"
 #include "runtime/Descriptors.h"
 #include "runtime/ServiceNotifier.h"
-#include "runtime/StateDirectory.h"
 #include "runtime/Trace.h"
+#include "tools/StateDirectory.h"
 
 #include <CLI/CLI.hpp>
 
@@ -86,7 +86,7 @@ class OrderlyEnd {
 
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
-   Vexil::requireStateDirectory( stateDirectory );
+   const Tools::StateDirectory sole( stateDirectory );
    Vexil::raiseDescriptorLimit();
    Vexil::ActivityManager loop;
    Vexil::Ptr<Vexil::BaseAgent> agent;
