@@ -1,5 +1,5 @@
-// What the agent demands of its state directory beyond what every daemon does, and its sole right to
-// it.
+// What the agent demands of its state directory beyond what every daemon does, and its sole right
+// to it.
 #pragma once
 
 #include <string>
