@@ -51,6 +51,10 @@ class PolicySmStatusTable
    static constexpr const char* collection = "status";
 };
 
+// The restart state of an agent that has its output in step with the sources
+// (PolicySmRestartState). In every state below it the output may be emptied and filled again.
+constexpr uint32_t restartStateRunning = 6;
+
 // The agent's figures, written at the end of each turn in which one changed. The process that holds
 // the writer's lock of this table is the running agent.
 struct AgentStatusRecord {

@@ -42,6 +42,7 @@ void benchObjects( const Settings& settings, Report& report );
 void benchRestart( const Settings& settings, Report& report );
 void benchHold( const Settings& settings, Report& report );
 void benchFlood( const Settings& settings, Report& report );
+void benchBridge( const Settings& settings, Report& report );
 
 // Nanoseconds of the monotonic clock, the same in every process.
 inline int64_t nanoseconds() {

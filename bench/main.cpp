@@ -12,8 +12,9 @@
 namespace {
 
 constexpr void ( *workloads[] )( const Bench::Settings&, Bench::Report& ) = {
-   Bench::benchGet,     Bench::benchSet,     Bench::benchGrow, Bench::benchWake, Bench::benchMerge,
-   Bench::benchObjects, Bench::benchRestart, Bench::benchHold, Bench::benchFlood };
+   Bench::benchGet,   Bench::benchSet,     Bench::benchGrow,    Bench::benchWake,
+   Bench::benchMerge, Bench::benchObjects, Bench::benchRestart, Bench::benchHold,
+   Bench::benchFlood, Bench::benchBridge };
 
 enum class Form { table, json, tsv };
 

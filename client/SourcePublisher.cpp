@@ -316,6 +316,17 @@ void SourcePublisher::clear() {
    } );
 }
 
+std::optional<Host> SourcePublisher::host( const Bridging::MacVlanPair& key ) const {
+   Host present;
+   if( hosts_.table->get( key, present ) )
+      return present;
+   return {};
+}
+
+ReadMark SourcePublisher::hostMark() const {
+   return { hosts_.table->tableId(), hosts_.table->journalHead() };
+}
+
 Rejection SourcePublisher::begin() {
    if( begun_ )
       return "begin within begin: end the first one before";

@@ -26,11 +26,13 @@
 #pragma once
 
 #include "L2Rib/L2RibTarn.h"
+#include "L2Rib/Status.h"
 #include "client/SourceFolder.h"
 #include "client/Validation.h"
 #include "runtime/HashMap.h"
 
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -92,6 +94,12 @@ class SourcePublisher {
    [[nodiscard]] Rejection floodDel( const FloodSetTriple& triple );
    // Empties all tables.
    void clear();
+
+   // What is published under that key, by this run or by the one before.
+   std::optional<Host> host( const Bridging::MacVlanPair& key ) const;
+   // What has been written of the hosts so far. The agent has read it when its SourceStatusRecord
+   // has a mark of the same table and at least that cursor.
+   ReadMark hostMark() const;
 
    // Whether the tables hold a complete copy; until then the agent does not look at them, and once
    // it is off again the agent takes the source's hosts for unknown. A new source starts with off.

@@ -4,6 +4,7 @@
 // the tables that the sources publish at this moment.
 #include "engine/HostRank.h"
 #include "runtime/HashMap.h"
+#include "tools/Bridge.h"
 #include "tools/Parked.h"
 #include "tools/SourceTables.h"
 
@@ -111,6 +112,8 @@ void printForPeople( const Json& answer, const std::string& inOutput ) {
    std::cout << inOutput << '\n';
    for( const Json& step : answer[ "path" ] )
       std::cout << "   " << text( step ) << '\n';
+   if( !answer[ "kernel" ].is_null() )
+      std::cout << kernelText( answer[ "kernel" ] ) << '\n';
 }
 
 int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
@@ -159,6 +162,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    if( parked )
       inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
                   triedText( *parked );
+   answer[ "kernel" ] = kernelJson( context, key );
    if( context.json )
       std::cout << text( answer ) << '\n';
    else

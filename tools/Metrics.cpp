@@ -5,6 +5,7 @@
 // starts anew with each agent, as Prometheus expects it of a process.
 #include "L2Rib/Status.h"
 #include "engine/RestartState.h"
+#include "tools/Bridge.h"
 #include "tools/Parked.h"
 #include "tools/SourceTables.h"
 
@@ -194,6 +195,46 @@ void sourceMetrics( Exposition& out, const Context& context, const AgentStatusRe
       out.sample( table.table->capacity(), { { "source", source }, { "table", table.name } } );
 }
 
+// Of l2rib-bridge; none where it never ran.
+void bridgeMetrics( Exposition& out, const Context& context ) {
+   const std::optional<BridgeProgram> program = bridgeProgram( context );
+   if( !program )
+      return;
+   const BridgeProgramRecord& record = program->record;
+   out.metric( "l2rib_bridge_up", "gauge", "Whether l2rib-bridge runs on these tables." )
+      .sample( program->runs ? 1 : 0 );
+   out.metric( "l2rib_bridge_in_sync", "gauge",
+               "1 once it has written what differed, 2 once it has compared with a whole dump." )
+      .sample( record.inSync );
+   out.metric( "l2rib_bridge_kernel_writes_total", "counter", "Changes asked of the kernel." )
+      .sample( record.writes.value() );
+   out.metric( "l2rib_bridge_audits_total", "counter", "Comparisons with a whole dump." )
+      .sample( record.audits.value() );
+   out.metric( "l2rib_bridge_notifications_lost_total", "counter",
+               "Times that notifications of the kernel were lost." )
+      .sample( record.lost.value() );
+   out.metric( "l2rib_bridge_nexthops_repaired_total", "counter",
+               "Nexthops that were written again because they had gone or changed." )
+      .sample( record.nexthopsRepaired.value() );
+   const std::vector<BridgeRecord> rows = bridgeRecords( context );
+   const auto each = [ & ]( const char* name, const char* type, const char* help, auto field ) {
+      out.metric( name, type, help );
+      for( const BridgeRecord& row : rows )
+         out.sample( ( row.*field ).value(), { { "bridge", row.bridge.str() } } );
+   };
+   each( "l2rib_bridge_wanted_entries", "gauge", "Hosts and flood members to be programmed.",
+         &BridgeRecord::wanted );
+   each( "l2rib_bridge_programmed_entries", "gauge", "Those that the kernel has.",
+         &BridgeRecord::programmed );
+   each( "l2rib_bridge_refused_entries", "gauge", "Those that it can't have at present.",
+         &BridgeRecord::refused );
+   each( "l2rib_bridge_learned_hosts", "gauge", "Hosts that the bridge has learned.",
+         &BridgeRecord::learned );
+   each( "l2rib_bridge_repaired_total", "counter",
+         "Entries that were written again because they had gone or changed.",
+         &BridgeRecord::repaired );
+}
+
 int printMetrics( const Context& context ) {
    const OutputReader output( context.stateDirectory );
    requireOutput( output, context );
@@ -205,6 +246,7 @@ int printMetrics( const Context& context ) {
    workMetrics( out, status );
    sourceMetrics( out, context, status );
    outputMetrics( out, context, output );
+   bridgeMetrics( out, context );
    std::cout << out.text();
    return done;
 }

@@ -73,7 +73,8 @@ bool agentRuns( const Context& context ) {
    return Vexil::tableHasWriter( context.fileOf( Path::agentStatus ) );
 }
 
-// "2026-01-31 12:00:00", local time, of seconds since 1970.
+} // namespace
+
 std::string timeText( double seconds ) {
    const auto whole = static_cast<time_t>( seconds );
    tm parts{};
@@ -82,8 +83,6 @@ std::string timeText( double seconds ) {
       return "unknown";
    return std::string( buffer, strftime( buffer, sizeof buffer, "%F %T", &parts ) );
 }
-
-} // namespace
 
 void mentionStoppedAgent( const Context& context ) {
    if( !agentRuns( context ) )
@@ -353,6 +352,7 @@ void addShow( CLI::App& app, Context& context ) {
       kind->add_option( "--source", filters->source, "only from the source of this name" );
    add( "status", "what the agent has in hand" );
    addShowFailed( *command, context );
+   addShowBridge( *command, context );
 }
 
 } // namespace Tools

@@ -30,6 +30,9 @@ Json toJson( const L2Rib::HostAndSource& row, const SourceNames& names );
 // Throws Vexil::TableError with a text that says so when no agent ever ran on the state directory.
 void requireOutput( const L2Rib::Client::OutputReader& output, const Context& context );
 
+// "2026-01-31 12:00:00", local time, of seconds since 1970.
+std::string timeText( double seconds );
+
 // For people: says so on standard error when no agent is running.
 void mentionStoppedAgent( const Context& context );
 

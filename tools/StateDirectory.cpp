@@ -1,10 +1,10 @@
 #include "tools/StateDirectory.h"
 
 #include "L2Rib/L2RibTarn.h"
+#include "runtime/StateDirectory.h"
 #include "runtime/TableFile.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
@@ -14,8 +14,7 @@
 namespace Tools {
 
 StateDirectory::StateDirectory( std::string directory ) : directory_( std::move( directory ) ) {
-   Vexil::makeFoldersFor( directory_ + "/" );
-   requireOwned();
+   Vexil::requireStateDirectory( directory_ );
    requireAlone();
    requireWritable();
 }
@@ -24,24 +23,6 @@ StateDirectory::~StateDirectory() { close( lock_ ); }
 
 void StateDirectory::refuse( const std::string& reason ) const {
    throw std::runtime_error( "state directory " + directory_ + ": " + reason );
-}
-
-void StateDirectory::requireOwned() const {
-   struct stat status {};
-   if( stat( directory_.c_str(), &status ) != 0 )
-      refuse( std::strerror( errno ) );
-   if( !S_ISDIR( status.st_mode ) )
-      refuse( "it is no directory" );
-   if( status.st_uid != 0 && status.st_uid != geteuid() )
-      refuse( "it belongs to user " + std::to_string( status.st_uid ) +
-              ", who could replace the tables; it has to belong to root or to user " +
-              std::to_string( geteuid() ) + ", who runs l2ribd" );
-   if( status.st_mode & ( S_IWGRP | S_IWOTH ) ) {
-      char mode[ 8 ];
-      std::snprintf( mode, sizeof mode, "%04o", status.st_mode & 07777u );
-      refuse( std::string( "other users may write it (mode " ) + mode +
-              "); right would be 0750: chmod go-w " + directory_ );
-   }
 }
 
 // A lock of the process, unlike those of the tables: of such a one the system says who has it.

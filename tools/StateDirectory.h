@@ -1,4 +1,5 @@
-// What the daemon demands of its state directory, and its sole right to it.
+// What the agent demands of its state directory beyond what every daemon does, and its sole right
+// to it.
 #pragma once
 
 #include <string>
@@ -21,7 +22,6 @@ class StateDirectory {
 
  private:
    [[noreturn]] void refuse( const std::string& reason ) const;
-   void requireOwned() const;
    void requireAlone();
    void requireWritable() const;
 

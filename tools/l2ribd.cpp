@@ -2,8 +2,8 @@
 // stages, and turns the event loop until it is told to end.
 #include "runtime/Agent.h"
 #include "runtime/Descriptors.h"
+#include "runtime/ServiceNotifier.h"
 #include "runtime/Trace.h"
-#include "tools/ServiceNotifier.h"
 #include "tools/StateDirectory.h"
 
 #include <CLI/CLI.hpp>
@@ -91,7 +91,7 @@ int runAgent( const std::string& stateDirectory, const std::string& library,
    Vexil::ActivityManager loop;
    Vexil::Ptr<Vexil::BaseAgent> agent;
    const OrderlyEnd end( loop, agent );
-   Tools::ServiceNotifier service( loop );
+   Vexil::ServiceNotifier service( loop );
    auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, stateDirectory );
    agent =
       Vexil::startAgent( library, "L2Rib::Agent", "L2Rib", loop, manager, std::move( settings ) );

@@ -12,11 +12,11 @@
 #include <functional>
 #include <string>
 
-namespace Tools {
+namespace Vexil {
 
 class ServiceNotifier {
  public:
-   explicit ServiceNotifier( Vexil::ActivityManager& loop );
+   explicit ServiceNotifier( ActivityManager& loop );
    ~ServiceNotifier();
    ServiceNotifier( const ServiceNotifier& ) = delete;
    ServiceNotifier& operator=( const ServiceNotifier& ) = delete;
@@ -24,7 +24,7 @@ class ServiceNotifier {
    // The daemon serves from now on. Its progress is asked for and told, as the status text, several
    // times a second until it is complete. The watchdog is fed from the event loop, twice as often
    // as it needs: a loop that hangs feeds it no more.
-   void ready( std::function<Vexil::BaseAgent::Progress()> progress );
+   void ready( std::function<BaseAgent::Progress()> progress );
    void stopping();
 
  private:
@@ -33,14 +33,14 @@ class ServiceNotifier {
    void tellProgress();
    void feedWatchdog();
 
-   Vexil::ActivityManager& loop_;
+   ActivityManager& loop_;
    std::string socketName_; // as in a socket address; empty: nobody listens
    int socket_ = -1;
-   Vexil::Seconds watchdogPeriod_ = Vexil::never;
-   std::function<Vexil::BaseAgent::Progress()> progress_;
+   Seconds watchdogPeriod_ = never;
+   std::function<BaseAgent::Progress()> progress_;
    std::string told_;
-   Vexil::TimerReactor progressTimer_;
-   Vexil::TimerReactor watchdogTimer_;
+   TimerReactor progressTimer_;
+   TimerReactor watchdogTimer_;
 };
 
-} // namespace Tools
+} // namespace Vexil

@@ -1,4 +1,4 @@
-#include "tools/ServiceNotifier.h"
+#include "runtime/ServiceNotifier.h"
 
 #include "runtime/Trace.h"
 
@@ -11,11 +11,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-namespace Tools {
+namespace Vexil {
 
 namespace {
 
-constexpr Vexil::Seconds progressInterval = 0.25;
+constexpr Seconds progressInterval = 0.25;
 
 std::optional<unsigned long long> numberIn( const char* variable ) {
    const char* const text = std::getenv( variable );
@@ -26,23 +26,23 @@ std::optional<unsigned long long> numberIn( const char* variable ) {
    const unsigned long long number = std::strtoull( text, &end, 10 );
    if( *end == '\0' && errno == 0 && *text != '-' )
       return number;
-   Vexil::log( std::string( variable ) + "=" + text + ": no number; it is not looked at" );
+   log( std::string( variable ) + "=" + text + ": no number; it is not looked at" );
    return std::nullopt;
 }
 
 } // namespace
 
-ServiceNotifier::ServiceNotifier( Vexil::ActivityManager& loop )
+ServiceNotifier::ServiceNotifier( ActivityManager& loop )
    : loop_( loop ), progressTimer_( loop.clock(), [ this ] { tellProgress(); } ),
      watchdogTimer_( loop.clock(), [ this ] { feedWatchdog(); } ) {
-   progressTimer_.timeMinIs( Vexil::never );
-   watchdogTimer_.timeMinIs( Vexil::never );
+   progressTimer_.timeMinIs( never );
+   watchdogTimer_.timeMinIs( never );
    const char* const name = std::getenv( "NOTIFY_SOCKET" );
    if( !name || !*name )
       return;
    if( ( *name != '/' && *name != '@' ) ||
        std::strlen( name ) >= sizeof( sockaddr_un::sun_path ) ) {
-      Vexil::log( std::string( "NOTIFY_SOCKET=" ) + name + ": no socket of a kind that is known" );
+      log( std::string( "NOTIFY_SOCKET=" ) + name + ": no socket of a kind that is known" );
       return;
    }
    socketName_ = name;
@@ -53,7 +53,7 @@ ServiceNotifier::ServiceNotifier( Vexil::ActivityManager& loop )
        microseconds && *microseconds > 0 &&
        numberIn( "WATCHDOG_PID" ).value_or( static_cast<unsigned long long>( getpid() ) ) ==
           static_cast<unsigned long long>( getpid() ) )
-      watchdogPeriod_ = static_cast<Vexil::Seconds>( *microseconds ) * 1e-6 / 2;
+      watchdogPeriod_ = static_cast<Seconds>( *microseconds ) * 1e-6 / 2;
 }
 
 ServiceNotifier::~ServiceNotifier() {
@@ -74,7 +74,7 @@ bool ServiceNotifier::send( const std::string& lines, int flags ) const {
           errno != EAGAIN;
 }
 
-void ServiceNotifier::ready( std::function<Vexil::BaseAgent::Progress()> progress ) {
+void ServiceNotifier::ready( std::function<BaseAgent::Progress()> progress ) {
    if( socket_ < 0 )
       return;
    progress_ = std::move( progress );
@@ -84,7 +84,7 @@ void ServiceNotifier::ready( std::function<Vexil::BaseAgent::Progress()> progres
 }
 
 void ServiceNotifier::stopping() {
-   progressTimer_.timeMinIs( Vexil::never );
+   progressTimer_.timeMinIs( never );
    send( "STOPPING=1\nSTATUS=stopping", MSG_DONTWAIT );
 }
 
@@ -99,10 +99,10 @@ void ServiceNotifier::tellProgress() {
 }
 
 void ServiceNotifier::feedWatchdog() {
-   if( watchdogPeriod_ == Vexil::never )
+   if( watchdogPeriod_ == never )
       return;
    send( "WATCHDOG=1", MSG_DONTWAIT );
    watchdogTimer_.timeMinIs( loop_.clock()->now() + watchdogPeriod_ );
 }
 
-} // namespace Tools
+} // namespace Vexil

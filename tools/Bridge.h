@@ -1,0 +1,29 @@
+// What l2rib-bridge tells of itself, from its tables, whether it runs or not.
+#pragma once
+
+#include "L2Rib/BridgeStatus.h"
+#include "tools/Show.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Tools {
+
+struct BridgeProgram {
+   bool runs = false;
+   L2Rib::BridgeProgramRecord record;
+};
+// None where it never ran.
+std::optional<BridgeProgram> bridgeProgram( const Context& context );
+// By VLAN.
+std::vector<L2Rib::BridgeRecord> bridgeRecords( const Context& context );
+
+// What the kernel was given for that host, or why it was not:
+// {"bridge","device","nexthop","vteps"}, with "vtep" and "vni", with "interface", or with
+// "refused". null where l2rib-bridge never ran or has no bridge for the VLAN.
+Json kernelJson( const Context& context, const Bridging::MacVlanPair& key );
+// The same in a line for people.
+std::string kernelText( const Json& kernel );
+
+} // namespace Tools
