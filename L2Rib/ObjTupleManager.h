@@ -19,7 +19,6 @@ class ObjTupleManager : public Vexil::Entity {
    ObjTupleManager( TableType tableType, uint64_t lowest, uint64_t highest )
       : tableType_( tableType ), next_( lowest ), highest_( highest ) {}
 
-
    // The output object of an input object, and the other way round; the invalid value when there is
    // no such mapping. Constant time.
    ObjTuple inputToOutput( const ObjTupleAndSource& otas ) const {

@@ -199,7 +199,7 @@ TEST_F( BridgeTest, WhatGoesComesBack ) {
    space.run( "ip link set p1 nomaster; ip link set p1 master br10" ); // they go with it
    bridge->signal( SIGCONT );
    expectForwarding( space, wanted );
-   EXPECT_GT( json( { "show", "bridge" } )[ "program" ][ "lost" ], 0 );
+   expectSoon( true, [ & ] { return json( { "show", "bridge" } )[ "program" ][ "lost" ] > 0; } );
 
    space.run( "ip link del vx10" );
    expectSoon( Json( "no VXLAN port" ), [ & ] { return row()[ "fault" ]; } );
