@@ -91,11 +91,46 @@ class AgentSourceDirBinding : public Vexil::Reactor<AgentSourceDir> {
    std::map<std::string, std::unique_ptr<EntryFile>> entries_;
 };
 
-Mounted mountAgentSourceDir( EntityManager& manager, const std::string& path, MountMode ) {
+// Follows the entries that another process, the agent, has there.
+class AgentSourceDirReader : public Vexil::Reactor<Vexil::Directory> {
+ public:
+   AgentSourceDirReader( Mounted folder, Ptr<AgentSourceDir> directory )
+      : Reactor( static_cast<Vexil::Directory*>( folder.entity.get() ) ),
+        binding_( std::move( folder.binding ) ), directory_( std::move( directory ) ) {
+      for( const auto& entry : notifier()->entry() )
+         handleEntry( entry.key );
+   }
+   void handleEntry( const std::string& name ) override {
+      directory_->sourceDel( name );
+      const Ptr<Vexil::Entity> found = notifier()->entry( name );
+      if( auto* const entry = dynamic_cast<SourceDirEntry*>( found.get() ) )
+         directory_->sourceIs( name, entry );
+   }
+
+ private:
+   std::shared_ptr<void> binding_; // of the folder
+   Ptr<AgentSourceDir> directory_;
+};
+
+Mounted mountAgentSourceDir( EntityManager& manager, const std::string& path, MountMode mode ) {
    const auto directory = makeEntity<AgentSourceDir>();
    if( manager.inMemory() )
       return { directory, nullptr };
+   if( mode != MountMode::write )
+      return { directory,
+               std::make_shared<AgentSourceDirReader>(
+                  Vexil::registeredType( "Vexil::Directory" )->mount( manager, path, mode ),
+                  directory ) };
    return { directory, std::make_shared<AgentSourceDirBinding>( manager, path, directory ) };
+}
+
+void copyTo( PolicySmStatus& status, const PolicySmStatusTable& table ) {
+   PolicySmStatusRecord found;
+   if( !table.get( SingleKey(), found ) )
+      return;
+   status.maxDestIdIs( found.maxDestId );
+   status.maxLbIdIs( found.maxLbId );
+   status.maxLabelIdIs( found.maxLabelId );
 }
 
 // Writes each new highest id through to the file.
@@ -103,11 +138,7 @@ class PolicySmStatusBinding : public Vexil::Reactor<PolicySmStatus> {
  public:
    PolicySmStatusBinding( Ptr<PolicySmStatusTable> table, Ptr<PolicySmStatus> status )
       : Reactor( nullptr ), table_( std::move( table ) ) {
-      if( PolicySmStatusRecord found; table_->get( SingleKey(), found ) ) {
-         status->maxDestIdIs( found.maxDestId );
-         status->maxLbIdIs( found.maxLbId );
-         status->maxLabelIdIs( found.maxLabelId );
-      }
+      copyTo( *status, *table_ );
       notifierIs( status ); // from here on changes go the other way
    }
    void handleMaxIds() override {
@@ -120,13 +151,32 @@ class PolicySmStatusBinding : public Vexil::Reactor<PolicySmStatus> {
    Ptr<PolicySmStatusTable> table_;
 };
 
-Mounted mountPolicySmStatus( EntityManager& manager, const std::string& path, MountMode ) {
+// Follows the file that another process writes.
+class PolicySmStatusReader : public Vexil::Reactor<PolicySmStatusTable> {
+ public:
+   PolicySmStatusReader( const Ptr<PolicySmStatusTable>& table, Ptr<PolicySmStatus> status )
+      : Reactor( table ), table_( table ), status_( std::move( status ) ) {
+      handleEntry( SingleKey() );
+   }
+   void handleEntry( const SingleKey& ) override { copyTo( *status_, *table_ ); }
+
+ private:
+   Ptr<PolicySmStatusTable> table_;
+   Ptr<PolicySmStatus> status_;
+};
+
+Mounted mountPolicySmStatus( EntityManager& manager, const std::string& path, MountMode mode ) {
    const auto status = makeEntity<PolicySmStatus>();
    if( manager.inMemory() )
       return { status, nullptr };
    // Attached beside the manager's own tables, because the path stands for the entity.
-   const auto table = makeEntity<PolicySmStatusTable>( manager.fileOf( path ),
-                                                       PolicySmStatusTable::Mode::write, 1u );
+   if( mode != MountMode::write ) {
+      const auto table =
+         makeEntity<PolicySmStatusTable>( manager.fileOf( path ), PolicySmStatusTable::Mode::read );
+      manager.fileWatcher()->follow( table );
+      return { status, std::make_shared<PolicySmStatusReader>( table, status ) };
+   }
+   const auto table = manager.makeDerivedTable<PolicySmStatusTable>( path, 1u );
    manager.ringAtEndOfTurn( table );
    return { status, std::make_shared<PolicySmStatusBinding>( table, status ) };
 }
@@ -152,6 +202,12 @@ Ptr<SourceDirEntry> AgentSourceDir::sourceIs( const std::string& name ) {
    source_.emplace( name, made );
    notifiees.notify( &Handlers::handleSource, name );
    return made;
+}
+
+void AgentSourceDir::sourceIs( const std::string& name, Ptr<SourceDirEntry> entry ) {
+   if( !source_.emplace( name, std::move( entry ) ).second )
+      return;
+   notifiees.notify( &Handlers::handleSource, name );
 }
 
 void AgentSourceDir::sourceDel( const std::string& name ) {

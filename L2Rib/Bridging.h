@@ -106,6 +106,7 @@ class FdbConfig : public Vexil::Entity {
       if( configuredHost_.erase( mac ) )
          notifiees.notify( &Handlers::handleConfiguredHost, mac );
    }
+   VEXIL_DELETE_ALL( configuredHost )
 
  private:
    Vexil::HashMap<Vexil::EthAddr, ConfiguredHost> configuredHost_;
@@ -146,6 +147,7 @@ class Config : public Vexil::Entity {
       if( fdbConfig_.erase( fid ) )
          notifiees.notify( &Handlers::handleFdbConfig, fid );
    }
+   VEXIL_DELETE_ALL( fdbConfig )
 
    // What a packet into each dynamic tunnel interface is wrapped in.
    const Vexil::HashMap<TunnelId, L2Rib::DestDataTunnel>& tunnel() const { return tunnel_; }
@@ -162,6 +164,7 @@ class Config : public Vexil::Entity {
       if( tunnel_.erase( id ) )
          notifiees.notify( &Handlers::handleTunnel, id );
    }
+   VEXIL_DELETE_ALL( tunnel )
 
  private:
    Vexil::HashMap<Fid, Vexil::Ptr<FdbConfig>> fdbConfig_;

@@ -13,58 +13,9 @@
 namespace Bridging {
 
 using Vexil::EntityManager;
-using Vexil::IpGenAddr;
 using Vexil::makeEntity;
 using Vexil::Ptr;
 using Vexil::TableError;
-
-// --- what is acceptable
-
-std::optional<ConfigFault> faultOf( const ConfiguredHostRecord& record ) {
-   const uint32_t vlan = record.key.vlan().value();
-   const Vexil::EthAddr mac = record.key.mac();
-   if( vlan < 1 || vlan > 4094 )
-      return ConfigFault{ "vlan", "VLAN " + std::to_string( vlan ) +
-                                     " does not exist; right would be 1 to 4094" };
-   if( mac == Vexil::EthAddr() || ( mac.bytes()[ 0 ] & 1 ) != 0 )
-      return ConfigFault{ "mac", "MAC address " + mac.str() + " is " +
-                                    ( mac == Vexil::EthAddr() ? "zero" : "a multicast address" ) +
-                                    "; right would be a unicast address" };
-   if( record.onTunnel > 1 )
-      return ConfigFault{ "interface", "interface of kind " + std::to_string( record.onTunnel ) };
-   if( record.intf.value() == 0 )
-      return ConfigFault{ record.onTunnel ? "tunnel" : "interface",
-                          std::string( record.onTunnel ? "tunnel" : "interface" ) +
-                             " 0 does not exist; right would be 1 or more" };
-   if( record.onTunnel ? !record.label.valid() : record.label != Vexil::MplsLabel::none )
-      return ConfigFault{ "label", "label " + std::to_string( record.label.value() ) +
-                                      ( record.onTunnel
-                                           ? " is past 20 bits; right would be 0 to 1048575"
-                                           : " on a plain interface; right would be a tunnel" ) };
-   return std::nullopt;
-}
-
-std::optional<ConfigFault> faultOf( const TunnelRecord& record ) {
-   const L2Rib::DestDataTunnel& data = record.data;
-   const auto known = []( const IpGenAddr& address ) {
-      return address.family() == IpGenAddr::familyIpv4 || address.family() == IpGenAddr::familyIpv6;
-   };
-   if( record.key == TunnelId() )
-      return ConfigFault{ "id", "tunnel 0 does not exist; right would be 1 or more" };
-   if( !known( data.source ) )
-      return ConfigFault{ "source", "source address " + data.source.str() };
-   if( data.destination.family() != data.source.family() )
-      return ConfigFault{ "destination", "destination " + data.destination.str() + " and source " +
-                                            data.source.str() +
-                                            "; right would be two addresses of one family" };
-   for( const auto& [ field, value ] : { std::pair( "tos", data.tos ), { "ttl", data.ttl } } )
-      if( value > 255 )
-         return ConfigFault{ field, std::string( field ) + " " + std::to_string( value ) +
-                                       "; right would be 0 to 255" };
-   return std::nullopt;
-}
-
-// --- the binding
 
 std::string configGeneration( const std::string& folder ) {
    std::error_code none;
@@ -256,7 +207,7 @@ class ConfigBinding {
    static bool usable( const Ptr<Table>& table, const Key& key, Record& record ) {
       if( !table || !table->get( key, record ) )
          return false;
-      const std::optional<ConfigFault> fault = faultOf( record );
+      const L2Rib::MaybeFault fault = faultIn( record );
       if( fault )
          table->corruptionDetected( table->path() + ": " + fault->text );
       return !fault;
@@ -310,7 +261,6 @@ Vexil::Mounted mountConfig( EntityManager& manager, const std::string& path, Vex
    if( manager.inMemory() )
       return { config, nullptr };
    const std::string folder = manager.fileOf( path );
-   Vexil::makeFoldersFor( folder + "/" );
    const auto binding = std::make_shared<ConfigBinding>( manager, path, config );
    // Watched before the first look, so that nothing falls between.
    manager.fileWatcher()->watchFolder( folder,

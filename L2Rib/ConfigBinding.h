@@ -18,10 +18,10 @@
 #pragma once
 
 #include "L2Rib/Bridging.h"
+#include "L2Rib/Fault.h"
 #include "runtime/SharedTable.h"
 #include "runtime/StateDb.h"
 
-#include <optional>
 #include <string>
 
 namespace Bridging {
@@ -35,6 +35,9 @@ struct ConfiguredHostRecord {
    friend bool operator==( const ConfiguredHostRecord&, const ConfiguredHostRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<ConfiguredHostRecord, 28> );
+// Whether or not its tunnel exists.
+L2Rib::MaybeFault formatFaultIn( const ConfiguredHostRecord& record );
+L2Rib::MaybeFault faultIn( const ConfiguredHostRecord& record );
 
 struct TunnelRecord {
    TunnelId key;
@@ -43,6 +46,7 @@ struct TunnelRecord {
    friend bool operator==( const TunnelRecord&, const TunnelRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<TunnelRecord, 56> );
+L2Rib::MaybeFault faultIn( const TunnelRecord& record );
 
 class ConfiguredHostTable
    : public Vexil::NamedTable<ConfiguredHostTable, MacVlanPair, ConfiguredHostRecord> {
@@ -66,15 +70,6 @@ constexpr const char* configLink = "current";
 // What to append to the configuration's folder for that of the generation in force: "/NAME", or
 // nothing where there is no link.
 std::string configGeneration( const std::string& folder );
-
-// What is wrong with a record from outside, whether or not its tunnel exists.
-struct ConfigFault {
-   const char*
-      field;         // "vlan", "mac", "interface", "label", "tunnel"; "id", "destination" and so on
-   std::string text; // what it is, and what would be right
-};
-std::optional<ConfigFault> faultOf( const ConfiguredHostRecord& record );
-std::optional<ConfigFault> faultOf( const TunnelRecord& record );
 
 // Mounts the configuration under a path of the state database; read-only, whatever the mode. In
 // memory it stays as it is made, empty.

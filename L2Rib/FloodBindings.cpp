@@ -10,8 +10,12 @@ namespace L2Rib {
 
 namespace {
 
+using Vexil::EntityManager;
 using Vexil::makeEntity;
 using Vexil::Ptr;
+
+// Path::floodOutputSource
+std::string sourcePathOf( const std::string& path ) { return path + "Source"; }
 
 // The mask as its table holds it. An agent that starts puts the mask together source by source:
 // readers see only what has come of it at the end of its first turn, when the bells are rung.
@@ -75,33 +79,15 @@ class MembersOfOutput : public FloodMemberTable {
    Vexil::HashMap<Bridging::MacVlanPair, Ptr<const FloodSet>> changed_;
 };
 
-// One that is damaged is filled anew from what the sources have.
-template<class Table>
-Ptr<Table> attached( const Vexil::EntityManager& manager, const std::string& path,
-                     uint32_t capacity ) {
-   const auto attach = [ & ] {
-      return makeEntity<Table>( manager.fileOf( path ), Table::Mode::write, capacity );
-   };
-   try {
-      return attach();
-   } catch( const Vexil::TableError& failure ) {
-      if( failure.kind() != Vexil::TableError::damaged )
-         throw;
-      manager.replaceFile( path, failure );
-      return attach();
-   }
-}
-
 // Writes the flood output's members through to their table. One reactor a level, kept as long as
 // what it follows is there.
 class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput>,
                            private FloodSetOutput::MemberRoom {
  public:
-   FloodOutputBinding( const Vexil::EntityManager& manager, const std::string& path,
-                       Ptr<FloodSetOutput> output )
-      : Reactor( nullptr ), members_( attached<MembersOfOutput>( manager, path, firstCapacity ) ),
-        source_( attached<SourceMask>( manager, path + "Source", // Path::floodOutputSource
-                                       1 ) ) {
+   FloodOutputBinding( EntityManager& manager, const std::string& path, Ptr<FloodSetOutput> output )
+      : Reactor( nullptr ),
+        members_( manager.makeDerivedTable<MembersOfOutput>( path, firstCapacity ) ),
+        source_( manager.makeDerivedTable<SourceMask>( sourcePathOf( path ), 1u ) ) {
       members_->forEach( [ & ]( const FloodMember& member ) {
          const auto set =
             output->vlanFloodSetIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
@@ -189,13 +175,75 @@ class FloodOutputBinding : public Vexil::Reactor<FloodSetOutput>,
    Vexil::HashMap<Bridging::VlanId, std::unique_ptr<Vlan>> vlans_;
 };
 
+// Keeps the entity in step with the tables that the agent writes.
+class FloodOutputReader : public Vexil::Reactor<FloodMemberTable> {
+ public:
+   FloodOutputReader( EntityManager& manager, const std::string& path, Ptr<FloodSetOutput> output )
+      : Reactor( nullptr ), output_( std::move( output ) ),
+        members_( followed<FloodMemberTable>( manager, path ) ),
+        mask_( followed<FloodSourceTable>( manager, sourcePathOf( path ) ), output_ ) {
+      members_->forEachKey( [ this ]( const FloodMemberKey& triple ) { handleEntry( triple ); } );
+      notifierIs( members_ );
+   }
+
+   void handleEntry( const FloodMemberKey& triple ) override {
+      FloodMember member;
+      if( !members_->get( triple, member ) )
+         return memberDel( triple );
+      const auto set = output_->vlanFloodSetIs( triple.vlan() )->floodSetIs( triple.mac() );
+      set->floodSetTypeIs( member.floodSetType );
+      set->destSetIs( triple.dest(), true );
+   }
+   // What the table still has is named next.
+   void handleOvertaken() override { output_->vlanFloodSetDelAll(); }
+
+ private:
+   // The mask of sources.
+   class Mask : public Vexil::Reactor<FloodSourceTable> {
+    public:
+      Mask( const Ptr<FloodSourceTable>& table, Ptr<FloodSetOutput> output )
+         : Reactor( table ), table_( table ), output_( std::move( output ) ) {
+         handleEntry( 1 );
+      }
+      void handleEntry( const uint32_t& ) override { output_->sourceIs( table_->get( 1 ).source ); }
+
+    private:
+      Ptr<FloodSourceTable> table_;
+      Ptr<FloodSetOutput> output_;
+   };
+
+   template<class Table>
+   static Ptr<Table> followed( EntityManager& manager, const std::string& path ) {
+      const auto table = makeEntity<Table>( manager.fileOf( path ), Table::Mode::read );
+      manager.fileWatcher()->follow( table );
+      return table;
+   }
+   void memberDel( const FloodSetTriple& triple ) {
+      const auto sets = output_->vlanFloodSet( triple.vlan() );
+      const auto set = sets ? sets->floodSet( triple.mac() ) : nullptr;
+      if( !set )
+         return;
+      set->destSetDel( triple.dest() );
+      if( set->destSet().empty() )
+         sets->floodSetDel( triple.mac() );
+      if( sets->floodSet().empty() )
+         output_->vlanFloodSetDel( triple.vlan() );
+   }
+
+   Ptr<FloodSetOutput> output_;
+   Ptr<FloodMemberTable> members_;
+   Mask mask_;
+};
+
 } // namespace
 
-Vexil::Mounted mountFloodOutput( Vexil::EntityManager& manager, const std::string& path,
-                                 Vexil::MountMode ) {
+Vexil::Mounted mountFloodOutput( EntityManager& manager, const std::string& path,
+                                 Vexil::MountMode mode ) {
    const auto output = makeEntity<FloodSetOutput>();
    if( manager.inMemory() )
       return { output, nullptr };
+   if( mode != Vexil::MountMode::write )
+      return { output, std::make_shared<FloodOutputReader>( manager, path, output ) };
    const auto binding = std::make_shared<FloodOutputBinding>( manager, path, output );
    manager.ringAtEndOfTurn( binding->members() );
    manager.ringAtEndOfTurn( binding->source() );

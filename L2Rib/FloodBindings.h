@@ -18,6 +18,7 @@ struct FloodSourceRecord {
    friend bool operator==( const FloodSourceRecord&, const FloodSourceRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<FloodSourceRecord, 8> );
+MaybeFault formatFaultIn( const FloodSourceRecord& record );
 
 class FloodSourceTable : public Vexil::NamedTable<FloodSourceTable, uint32_t, FloodSourceRecord> {
  public:
@@ -26,8 +27,9 @@ class FloodSourceTable : public Vexil::NamedTable<FloodSourceTable, uint32_t, Fl
    static constexpr const char* collection = "source";
 };
 
-// Mounts the flood output for writing: the entity holds what an earlier run left, and every change
-// of it is in the tables when the change returns. The member table grows when it is full.
+// Mounts the flood output. For reading: the entity follows the tables, which are there. For
+// writing: the entity holds what an earlier run left, and every change of it is in the tables when
+// the change returns. The member table grows when it is full.
 Vexil::Mounted mountFloodOutput( Vexil::EntityManager& manager, const std::string& path,
                                  Vexil::MountMode mode );
 

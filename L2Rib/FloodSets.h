@@ -30,7 +30,9 @@ class FloodSet : public Vexil::Entity {
 
    const Vexil::KeySet<Dest>& destSet() const { return destSet_; }
    bool destSet( const Dest& dest ) const { return destSet_.contains( dest ); }
-   void destSetIs( const Dest& dest, bool ) {
+   void destSetIs( const Dest& dest, bool member ) {
+      if( !member )
+         return destSetDel( dest );
       if( destSet_.emplace( dest ).second )
          notifiees.notify( &Handlers::handleDestSet, dest );
    }
@@ -38,10 +40,8 @@ class FloodSet : public Vexil::Entity {
       if( destSet_.erase( dest ) )
          notifiees.notify( &Handlers::handleDestSet, dest );
    }
-   void clear() {
-      for( auto at = destSet_.begin(); at != destSet_.end(); ++at )
-         destSetDel( Dest( at->key ) );
-   }
+   VEXIL_DELETE_ALL( destSet )
+   void clear() { destSetDelAll(); }
 
  private:
    Vexil::KeySet<Dest> destSet_;
@@ -70,6 +70,7 @@ class FloodSet : public Vexil::Entity {
       if( name##_.erase( key ) )                                                                   \
          notifiees.notify( &Handlers::handler, key );                                              \
    }                                                                                               \
+   VEXIL_DELETE_ALL( name )                                                                        \
                                                                                                    \
  private:                                                                                          \
    Vexil::HashMap<Key, Vexil::Ptr<Child>> name##_;                                                 \
@@ -85,10 +86,7 @@ class VlanFloodSet : public Vexil::Entity {
    Vexil::Notifiees<Handlers> notifiees;
 
    L2RIB_CHILDREN( Vexil::EthAddr, FloodSet, floodSet, handleFloodSet )
-   void clear() {
-      for( auto at = floodSet_.begin(); at != floodSet_.end(); ++at )
-         floodSetDel( Vexil::EthAddr( at->key ) );
-   }
+   void clear() { floodSetDelAll(); }
 };
 
 // The merged flood sets, by VLAN; written by the engine alone.

@@ -22,6 +22,11 @@ enum CiDestType : int32_t {
       0,               // one opaque 64-bit number, the payload; what a host with an object carries
    destTypeVxlan_ = 1, // a list of VTEPs
 };
+inline constexpr Vexil::EnumName<CiDestType> ciDestTypeNames[] = {
+   { destTypeDefault_, "destTypeDefault" }, { destTypeVxlan_, "destTypeVxlan" } };
+constexpr std::span<const Vexil::EnumName<CiDestType>> enumNames( CiDestType ) {
+   return ciDestTypeNames;
+}
 
 // The destination that a host carries inline. The kind is chosen at construction.
 class CiDest {
@@ -60,14 +65,18 @@ class CiDest {
    // number of VTEPs and then by their addresses, slot by slot. Asserts on an unknown kind; throws
    // RangeFailure when it would have to look past the last slot.
    int cmp( const CiDest& other ) const;
-   // "value 12", "vteps [ 10.0.0.1 10.0.0.2 ]".
+   // "value 12", "vteps [ 10.0.0.1 10.0.0.2 ]"; what is not of the kind, or past the slots, stands
+   // behind it.
    std::string str() const;
+   uint64_t hash() const;
 
-   // Slots past the count hold no value and do not count.
+   // Slots past the count hold no value and do not count. The order is any total one, to sort by:
+   // hosts are ranked by cmp().
    friend bool operator==( const CiDest& a, const CiDest& b ) {
       return a.destType_ == b.destType_ && a.payload_ == b.payload_ &&
              a.vtepCount_ == b.vtepCount_ && std::ranges::equal( a.vteps(), b.vteps() );
    }
+   friend std::strong_ordering operator<=>( const CiDest& a, const CiDest& b );
 
  private:
    friend RecordLayout;
@@ -82,6 +91,11 @@ enum EntryType : uint32_t {
    entryTypeNone_ = 0,
    entryTypeStatic_ = 4, // written by the static source
 };
+inline constexpr Vexil::EnumName<EntryType> entryTypeNames[] = {
+   { entryTypeNone_, "entryTypeNone" }, { entryTypeStatic_, "entryTypeStatic" } };
+constexpr std::span<const Vexil::EnumName<EntryType>> enumNames( EntryType ) {
+   return entryTypeNames;
+}
 
 // One MAC/VLAN entry of one source. It is reached through `next`, an object of the same source, or,
 // when next is invalid, through the inline ciDest. A default-constructed host has the invalid key
@@ -113,9 +127,13 @@ class Host {
    void ciDestIs( const CiDest& ciDest ) { ciDest_ = ciDest; }
 
    // "{ (02:00:00:00:00:01/10) seqNo 1 pref 100 entryType 1 updateTime 0 next dest/7 }", with
-   // "inline value 12" in place of the next where there is none.
+   // "inline value 12" in place of the next where there is none, and behind it where there are
+   // both.
    std::string str() const;
+   uint64_t hash() const;
    friend bool operator==( const Host&, const Host& ) = default;
+   // By key, then the other fields: to sort by, not to rank.
+   friend std::strong_ordering operator<=>( const Host& a, const Host& b );
 
  private:
    friend RecordLayout;
@@ -141,9 +159,11 @@ class HostAndSource {
    const ObjTuple& next() const { return host_.next(); }
    Source source() const { return source_; }
 
-   // The host's text, then " from 0x40".
+   // The host's text, then " from 0x40"; before it the row's key where it is another one.
    std::string str() const;
+   uint64_t hash() const { return Vexil::hashFields( key_, host_, source_ ); }
    friend bool operator==( const HostAndSource&, const HostAndSource& ) = default;
+   friend auto operator<=>( const HostAndSource&, const HostAndSource& ) = default;
 
  private:
    friend RecordLayout;
@@ -152,11 +172,11 @@ class HostAndSource {
    Source source_ = sourceNone_;
 };
 
-namespace Util {
-constexpr Bridging::MacVlanPair mvpInvalid() { return Bridging::MacVlanPair(); }
-} // namespace Util
-
 // "(02:00:00:00:00:01/10)"; "(MVP INVALID)" for Util::mvpInvalid().
 inline std::string mvpStr( const Bridging::MacVlanPair& mvp ) { return mvp.str(); }
 
 } // namespace L2Rib
+
+namespace Util {
+constexpr Bridging::MacVlanPair mvpInvalid() { return {}; }
+} // namespace Util

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "L2Rib/Wire.h"
+#include "runtime/EnumText.h"
 #include "runtime/Failure.h"
 #include "runtime/Hash.h"
 
@@ -22,12 +23,16 @@ namespace L2Rib {
 using Vexil::operator<<;
 
 // A 64-bit id that does not mix with ids of other kinds. 0 is invalid. From an ObjId to the id of a
-// kind it goes through ObjTuple, which knows the kind and checks it; back again, too.
+// kind it goes through ObjTuple, which knows the kind and checks it.
 template<class Tag>
 class ObjectId {
  public:
    constexpr ObjectId() = default;
    explicit constexpr ObjectId( uint64_t value ) : value_( value ) {}
+   // The ObjId of an id of a kind, which is not known from then on.
+   template<class Kind>
+   requires std::same_as<Tag, struct ObjIdTag>
+   explicit constexpr ObjectId( ObjectId<Kind> id ) : value_( id.value() ) {}
 
    constexpr uint64_t value() const { return value_.value(); }
    constexpr uint64_t hash() const { return Vexil::mix64( value() ); }
@@ -47,6 +52,8 @@ using LabelId = ObjectId<struct LabelIdTag>;
 
 namespace Constants {
 constexpr ObjId objIdInvalid() { return ObjId(); }
+// The top of the output's id space, above this one, is never handed out.
+constexpr ObjId highestOutputId() { return ObjId( 0xFFFFFFFFFFFF0000 ); }
 } // namespace Constants
 
 // Which kind of object an ObjId names, and so which table holds it.
@@ -56,12 +63,18 @@ enum TableType : uint32_t {
    tableTypeLabel_ = 2,
    tableTypeDest_ = 3,
 };
-// "lb", "label", "dest", "invalid", or the number of a type that no one knows; and back.
-std::string tableTypeStr( TableType tableType );
-std::optional<TableType> tableTypeParse( std::string_view text );
-inline std::ostream& operator<<( std::ostream& to, TableType tableType ) {
-   return to << tableTypeStr( tableType );
+inline constexpr Vexil::EnumName<TableType> tableTypeNames[] = {
+   { tableTypeInvalid_, "tableTypeInvalid" },
+   { tableTypeLoadBalance_, "tableTypeLoadBalance" },
+   { tableTypeLabel_, "tableTypeLabel" },
+   { tableTypeDest_, "tableTypeDest" },
+};
+constexpr std::span<const Vexil::EnumName<TableType>> enumNames( TableType ) {
+   return tableTypeNames;
 }
+// What people and JSON call an object of that type: "lb", "label", "dest", "invalid", or the number
+// of a type that no one knows.
+std::string tableTypeStr( TableType tableType );
 
 // Which input source an entry came from: a single bit, so that a set of sources is a mask. The
 // greater value is the stronger source where all else is equal. What a source is called stands in
@@ -80,10 +93,19 @@ enum Source : uint32_t {
    sourceBit30_ = 0x40000000,
    sourceBit31_ = 0x80000000,
 };
+inline constexpr Vexil::EnumName<Source> sourceNames[] = {
+   { sourceNone_, "sourceNone" },   { sourceBit0_, "sourceBit0" },
+   { sourceBit3_, "sourceBit3" },   { sourceStatic_, "sourceStatic" },
+   { sourceBit6_, "sourceBit6" },   { sourceBit8_, "sourceBit8" },
+   { sourceBit9_, "sourceBit9" },   { sourceBit28_, "sourceBit28" },
+   { sourceBit29_, "sourceBit29" }, { sourceBit30_, "sourceBit30" },
+   { sourceBit31_, "sourceBit31" },
+};
+constexpr std::span<const Vexil::EnumName<Source>> enumNames( Source ) { return sourceNames; }
 constexpr bool isSingleBit( Source source ) {
    return std::has_single_bit( static_cast<uint32_t>( source ) );
 }
-// Hexadecimal, such as "0x40"; fit for a mask of sources too. And back.
+// Hexadecimal, such as "0x40", as people know sources; fit for a mask of sources too. And back.
 std::string sourceStr( Source source );
 std::optional<Source> sourceParse( std::string_view text );
 inline std::ostream& operator<<( std::ostream& to, Source source ) {
@@ -205,14 +227,14 @@ class ObjTupleAndSource {
    Source source_ = sourceNone_;
 };
 
-namespace Util {
-constexpr DestId destIdInvalid() { return DestId(); }
-constexpr LoadBalanceId lbIdInvalid() { return LoadBalanceId(); }
-constexpr LabelId labelIdInvalid() { return LabelId(); }
-constexpr ObjTuple objTupleInvalid() { return ObjTuple(); }
-constexpr ObjTupleAndSource otasInvalid() { return ObjTupleAndSource(); }
-// The key of a Dest that lives only inside a flood set and never in a dest table: all ones.
-constexpr DestId destIdNotInTarn() { return DestId( UINT64_MAX ); }
-} // namespace Util
-
 } // namespace L2Rib
+
+namespace Util {
+constexpr L2Rib::DestId destIdInvalid() { return {}; }
+constexpr L2Rib::LoadBalanceId lbIdInvalid() { return {}; }
+constexpr L2Rib::LabelId labelIdInvalid() { return {}; }
+constexpr L2Rib::ObjTuple objTupleInvalid() { return {}; }
+constexpr L2Rib::ObjTupleAndSource otasInvalid() { return {}; }
+// The key of a Dest that lives only inside a flood set and never in a dest table: all ones.
+constexpr L2Rib::DestId destIdNotInTarn() { return L2Rib::DestId( UINT64_MAX ); }
+} // namespace Util

@@ -1,13 +1,19 @@
 #include "L2Rib/L2Rib.h"
 
+#include <bit>
 #include <charconv>
+#include <cmath>
+#include <compare>
+#include <tuple>
 
 namespace L2Rib {
 
 namespace {
 
-// The shortest text that reads back as the same number; 0 is "0".
+// The shortest text that reads back as the same number; 0 is "0". Of what is no number, the bits.
 std::string doubleStr( double value ) {
+   if( std::isnan( value ) )
+      return "nan " + std::to_string( std::bit_cast<uint64_t>( value ) );
    char text[ 32 ];
    return std::string( text, std::to_chars( text, text + sizeof text, value ).ptr );
 }
@@ -19,6 +25,19 @@ std::string listStr( const Items& items ) {
    for( const auto& item : items )
       text += " " + item.str();
    return text;
+}
+
+template<class Item>
+std::strong_ordering listOrder( std::span<const Item> a, std::span<const Item> b ) {
+   return std::lexicographical_compare_three_way( a.begin(), a.end(), b.begin(), b.end() );
+}
+
+template<class Item>
+uint64_t listHash( std::span<const Item> items ) {
+   uint64_t hash = items.size();
+   for( const Item& item : items )
+      hash = Vexil::hashCombine( hash, item.hash() );
+   return hash;
 }
 
 template<class Value>
@@ -42,14 +61,6 @@ std::string tableTypeStr( TableType tableType ) {
       return "dest";
    }
    return std::to_string( static_cast<uint32_t>( tableType ) );
-}
-
-std::optional<TableType> tableTypeParse( std::string_view text ) {
-   for( const TableType type :
-        { tableTypeInvalid_, tableTypeLoadBalance_, tableTypeLabel_, tableTypeDest_ } )
-      if( text == tableTypeStr( type ) )
-         return type;
-   return std::nullopt;
 }
 
 std::string sourceStr( Source source ) {
@@ -98,25 +109,57 @@ int CiDest::cmp( const CiDest& other ) const {
 }
 
 std::string CiDest::str() const {
-   switch( destType_ ) {
-   case destTypeDefault_:
-      return "value " + std::to_string( payload() );
-   case destTypeVxlan_:
-      return "vteps [" + listStr( vteps() ) + " ]";
-   }
-   return "(destType " + std::to_string( static_cast<int32_t>( destType_ ) ) + ")";
+   const std::string value = "value " + std::to_string( payload() );
+   std::string list = "vteps [" + listStr( vteps() ) + " ]";
+   if( vtepCount_ > vtep_.size() )
+      list += " of " + std::to_string( vtepCount_ );
+   if( destType_ == destTypeDefault_ )
+      return value + ( vtepCount_ == 0 ? "" : " " + list );
+   if( destType_ == destTypeVxlan_ )
+      return list + ( payload() == 0 ? "" : " " + value );
+   return "(destType " + std::to_string( static_cast<int32_t>( destType_ ) ) + " " + value + " " +
+          list + ")";
+}
+
+std::strong_ordering operator<=>( const CiDest& a, const CiDest& b ) {
+   const auto scalars = []( const CiDest& dest ) {
+      return std::tuple( dest.destType_, dest.payload(), dest.vtepCount_ );
+   };
+   const std::strong_ordering order = scalars( a ) <=> scalars( b );
+   return order != 0 ? order : listOrder( a.vteps(), b.vteps() );
+}
+
+uint64_t CiDest::hash() const {
+   return Vexil::hashFields( destType_, payload_, vtepCount_, listHash( vteps() ) );
+}
+
+std::strong_ordering operator<=>( const Host& a, const Host& b ) {
+   const auto fields = []( const Host& host ) {
+      return std::tuple( host.key_, host.seqNo_.value(), host.pref_, host.updateTime_,
+                         host.entryType_, host.next_ );
+   };
+   const std::strong_ordering order = fields( a ) <=> fields( b );
+   return order != 0 ? order : a.ciDest_ <=> b.ciDest_;
+}
+
+uint64_t Host::hash() const {
+   return Vexil::hashFields( key_, seqNo_.value(), pref_, updateTime_, entryType_, next_, ciDest_ );
 }
 
 std::string Host::str() const {
    return "{ " + key_.str() + " seqNo " + seqNo_.str() + " pref " + std::to_string( pref_ ) +
           " entryType " + std::to_string( static_cast<uint32_t>( entryType_ ) ) + " updateTime " +
           doubleStr( updateTime() ) +
-          ( next_ != Util::objTupleInvalid() ? " next " + next_.str()
-                                             : " inline " + ciDest_.str() ) +
+          ( next_ != Util::objTupleInvalid() ? " next " + next_.str() : "" ) +
+          ( next_ == Util::objTupleInvalid() || ciDest_ != CiDest() ? " inline " + ciDest_.str()
+                                                                    : "" ) +
           " }";
 }
 
-std::string HostAndSource::str() const { return host_.str() + " from " + sourceStr( source_ ); }
+std::string HostAndSource::str() const {
+   return ( key_ == host_.key() ? "" : key_.str() + " " ) + host_.str() + " from " +
+          sourceStr( source_ );
+}
 
 // --- Objects
 
@@ -168,6 +211,14 @@ void LoadBalance::nextsIs( uint32_t nexts ) {
    nexts_ = nexts;
 }
 
+std::strong_ordering operator<=>( const LoadBalance& a, const LoadBalance& b ) {
+   const std::strong_ordering order =
+      std::tuple( a.key_, a.nexts_ ) <=> std::tuple( b.key_, b.nexts_ );
+   return order != 0 ? order : listOrder( a.used(), b.used() );
+}
+
+uint64_t LoadBalance::hash() const { return Vexil::hashFields( key_, nexts_, listHash( used() ) ); }
+
 std::string LoadBalance::str() const {
    return "{ lb/" + key_.str() + " nexts " + std::to_string( nexts_ ) + ":" + listStr( used() ) +
           " }";
@@ -202,7 +253,8 @@ std::string floodSetTypeStr( FloodSetType floodSetType ) {
 }
 
 std::optional<FloodSetType> floodSetTypeParse( std::string_view text ) {
-   for( const FloodSetType type : { floodSetTypeVxlan_, floodSetTypeIntf_, floodSetTypeAny_ } )
+   for( const FloodSetType type :
+        { floodSetTypeInvalid_, floodSetTypeVxlan_, floodSetTypeIntf_, floodSetTypeAny_ } )
       if( text == floodSetTypeStr( type ) )
          return type;
    return std::nullopt;

@@ -34,13 +34,19 @@ enum FloodSetType : uint32_t {
    floodSetTypeIntf_ = 2,  // local interfaces
    floodSetTypeAny_ = 3,   // no restriction
 };
-// "vxlan", "intf", "any", "invalid", or the number of a type that no one knows.
-std::string floodSetTypeStr( FloodSetType floodSetType );
-// Of "vxlan", "intf" and "any"; nullopt for anything else, "invalid" too.
-std::optional<FloodSetType> floodSetTypeParse( std::string_view text );
-inline std::ostream& operator<<( std::ostream& to, FloodSetType floodSetType ) {
-   return to << floodSetTypeStr( floodSetType );
+inline constexpr Vexil::EnumName<FloodSetType> floodSetTypeNames[] = {
+   { floodSetTypeInvalid_, "floodSetTypeInvalid" },
+   { floodSetTypeVxlan_, "floodSetTypeVxlan" },
+   { floodSetTypeIntf_, "floodSetTypeIntf" },
+   { floodSetTypeAny_, "floodSetTypeAny" },
+};
+constexpr std::span<const Vexil::EnumName<FloodSetType>> enumNames( FloodSetType ) {
+   return floodSetTypeNames;
 }
+// What people and JSON call it: "vxlan", "intf", "any", "invalid", or the number of a type that no
+// one knows. And back: of the four names; nullopt for anything else.
+std::string floodSetTypeStr( FloodSetType floodSetType );
+std::optional<FloodSetType> floodSetTypeParse( std::string_view text );
 
 // One member of one flood set: the destination, with the VLAN and the flood address whose set it is
 // in. The destination's key is Util::destIdNotInTarn(), or the engine refuses it.

@@ -7,7 +7,7 @@
 // from the one that was asked for, when there is none.
 #pragma once
 
-#include "L2Rib/L2Rib.h"
+#include "L2Rib/Fault.h"
 #include "runtime/SharedTable.h"
 
 namespace L2Rib {
@@ -39,8 +39,8 @@ L2RIB_TABLE( DestOutput,        DestId,                DestAndSource,        "de
 // clang-format on
 #undef L2RIB_TABLE
 
-// Up to this capacity the tables of the agent and of the sources grow by themselves, unless they are
-// told otherwise.
+// Up to this capacity the tables of the agent and of the sources grow by themselves, unless they
+// are told otherwise.
 constexpr uint32_t defaultCapacityMax = 16777216;
 
 // Where the agent's tables and entities are in the state database.

@@ -1,5 +1,6 @@
 #include "L2Rib/NetTypes.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
 #include <cstdio>
@@ -45,12 +46,17 @@ std::optional<IpGenAddr> IpGenAddr::parse( std::string_view text ) {
 }
 
 std::string IpGenAddr::str() const {
-   if( family_ == familyUnset )
+   if( *this == IpGenAddr() )
       return "(unset)";
+   const auto isRest = []( uint8_t byte ) { return byte == 0; };
    char text[ INET6_ADDRSTRLEN ];
-   if( !inet_ntop( static_cast<int>( family_ ), byte_.data(), text, sizeof text ) )
-      return "(family " + std::to_string( family_ ) + ")";
-   return text;
+   if( family_ == familyIpv6 ||
+       ( family_ == familyIpv4 && std::all_of( byte_.begin() + 4, byte_.end(), isRest ) ) )
+      return inet_ntop( static_cast<int>( family_ ), byte_.data(), text, sizeof text );
+   std::string odd = "(family " + std::to_string( family_ ) + " bytes ";
+   for( const uint8_t byte : byte_ )
+      odd += { "0123456789abcdef"[ byte >> 4 ], "0123456789abcdef"[ byte & 15 ] };
+   return odd + ")";
 }
 
 std::string MplsLabel::str() const { return *this == none ? "none" : std::to_string( value_ ); }

@@ -71,9 +71,10 @@ class IpGenAddr {
 
    constexpr uint32_t family() const { return family_; }
    constexpr const std::array<uint8_t, 16>& bytes() const { return byte_; }
-   // As parse() takes it; "(unset)" when there is none, "(family N)" for a family that no one
-   // knows.
+   // As parse() takes it; "(unset)" when there is none; "(family 2 bytes 0a00...01)" when it is
+   // none of these. Different addresses have different texts.
    std::string str() const;
+   uint64_t hash() const { return hashBytes( this, sizeof *this ); }
 
    friend constexpr bool operator==( const IpGenAddr&, const IpGenAddr& ) = default;
    friend constexpr auto operator<=>( const IpGenAddr&, const IpGenAddr& ) = default;
@@ -130,6 +131,8 @@ class Seqno32 {
 };
 
 } // namespace Vexil
+
+using Vexil::Seqno32;
 
 namespace Bridging {
 

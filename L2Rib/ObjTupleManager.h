@@ -36,9 +36,11 @@ class ObjTupleManager : public Vexil::Entity {
    }
    size_t size() const { return outputToInput_.size(); }
 
-   // Maps an input object that has no mapping to the next output id. The invalid tuple, and no
-   // mapping, when all ids have been given.
+   // Maps an input object to the next output id; one that is mapped keeps what it has. The invalid
+   // tuple, and no mapping, when all ids have been given.
    ObjTuple newOutputOt( const ObjTupleAndSource& otas ) {
+      if( const ObjTuple* const present = inputToOutput_.find( otas ) )
+         return *present;
       if( next_ > highest_ )
          return Util::objTupleInvalid();
       const ObjTuple ot( ObjId( next_ ), tableType_ );
@@ -70,12 +72,8 @@ class ObjTupleManager : public Vexil::Entity {
 // A set of objects.
 class ObjTupleSet {
  public:
-   void newOt( const ObjTuple& ot, bool ) { ot_.emplace( ot ); }
-   bool ot( const ObjTuple& ot ) const { return ot_.contains( ot ); }
-   const Vexil::KeySet<ObjTuple>& ot() const { return ot_; }
-
- private:
-   Vexil::KeySet<ObjTuple> ot_;
+   VEXIL_KEY_SET( ObjTuple, ot )
+   void newOt( const ObjTuple& ot, bool member ) { otIs( ot, member ); }
 };
 
 } // namespace L2Rib

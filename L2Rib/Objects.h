@@ -27,6 +27,12 @@ enum DestType : uint32_t {
    objDestTypeTunnel_ = 3,
    objDestTypeVxlan_ = 4,
 };
+inline constexpr Vexil::EnumName<DestType> destTypeNames[] = {
+   { objDestTypeNone_, "objDestTypeNone" },   { objDestTypeIntf_, "objDestTypeIntf" },
+   { objDestTypeMpls_, "objDestTypeMpls" },   { objDestTypeTunnel_, "objDestTypeTunnel" },
+   { objDestTypeVxlan_, "objDestTypeVxlan" },
+};
+constexpr std::span<const Vexil::EnumName<DestType>> enumNames( DestType ) { return destTypeNames; }
 
 // The payloads of a Dest. Whoever fills one leaves unused parts zero: dests are compared and hashed
 // by all of their bytes.
@@ -175,10 +181,12 @@ class LoadBalance {
 
    // "{ lb/7 nexts 2: dest/1 label/3 }". A count past the slots stands as it is, the list ends.
    std::string str() const;
+   uint64_t hash() const;
    // Slots past the count hold no value and do not count.
    friend bool operator==( const LoadBalance& a, const LoadBalance& b ) {
       return a.key_ == b.key_ && a.nexts_ == b.nexts_ && std::ranges::equal( a.used(), b.used() );
    }
+   friend std::strong_ordering operator<=>( const LoadBalance& a, const LoadBalance& b );
 
  private:
    friend RecordLayout;
@@ -205,7 +213,9 @@ class Label {
 
    // "{ label/3 push 1000 next dest/1 }".
    std::string str() const;
+   uint64_t hash() const { return Vexil::hashFields( key_, next_, label_ ); }
    friend bool operator==( const Label&, const Label& ) = default;
+   friend auto operator<=>( const Label&, const Label& ) = default;
 
  private:
    friend RecordLayout;
@@ -228,7 +238,9 @@ class DestAndSource {
 
    // The dest's text, then " copy of dest/1 from 0x40"; the other two likewise.
    std::string str() const;
+   uint64_t hash() const { return Vexil::hashFields( dest_, sourceOtas_ ); }
    friend bool operator==( const DestAndSource&, const DestAndSource& ) = default;
+   friend auto operator<=>( const DestAndSource&, const DestAndSource& ) = default;
 
  private:
    friend RecordLayout;
@@ -249,7 +261,9 @@ class LoadBalanceAndSource {
    const ObjTupleAndSource& sourceOtas() const { return sourceOtas_; }
 
    std::string str() const;
+   uint64_t hash() const { return Vexil::hashFields( lb_, sourceOtas_ ); }
    friend bool operator==( const LoadBalanceAndSource&, const LoadBalanceAndSource& ) = default;
+   friend auto operator<=>( const LoadBalanceAndSource&, const LoadBalanceAndSource& ) = default;
 
  private:
    friend RecordLayout;
@@ -269,7 +283,9 @@ class LabelAndSource {
    const ObjTupleAndSource& sourceOtas() const { return sourceOtas_; }
 
    std::string str() const;
+   uint64_t hash() const { return Vexil::hashFields( label_, sourceOtas_ ); }
    friend bool operator==( const LabelAndSource&, const LabelAndSource& ) = default;
+   friend auto operator<=>( const LabelAndSource&, const LabelAndSource& ) = default;
 
  private:
    friend RecordLayout;

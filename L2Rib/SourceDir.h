@@ -7,6 +7,7 @@
 // entity's attributes, another file under the name is another entity.
 #pragma once
 
+#include "L2Rib/Fault.h"
 #include "L2Rib/FloodSets.h"
 #include "L2Rib/L2Rib.h"
 #include "L2Rib/L2RibTarn.h"
@@ -34,6 +35,15 @@ struct AttachedTables {
 class SourceDirEntry : public Vexil::Entity {
  public:
    struct Handlers {
+      virtual void handleSource() {}
+      virtual void handleHostTableTarnPath() {}
+      virtual void handleLbTableTarnPath() {}
+      virtual void handleLabelTableTarnPath() {}
+      virtual void handleDestTableTarnPath() {}
+      virtual void handleHostTableLen() {}
+      virtual void handleLbTableLen() {}
+      virtual void handleLabelTableLen() {}
+      virtual void handleDestTableLen() {}
       virtual void handleInitialized() {}
       virtual void handleVlanFloodSet( const Bridging::VlanId& ) {}
    };
@@ -43,17 +53,17 @@ class SourceDirEntry : public Vexil::Entity {
    const std::string& name() const { return name_; }
 
    // A single bit; sourceNone_ until the entry is usable.
-   VEXIL_ATTRIBUTE( Source, source, sourceNone_ );
+   VEXIL_ATTRIBUTE_NOTIFYING( Source, source, handleSource, sourceNone_ );
    // Paths in the state database. Empty: the source has no such table.
-   VEXIL_ATTRIBUTE( std::string, hostTableTarnPath );
-   VEXIL_ATTRIBUTE( std::string, lbTableTarnPath );
-   VEXIL_ATTRIBUTE( std::string, labelTableTarnPath );
-   VEXIL_ATTRIBUTE( std::string, destTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, hostTableTarnPath, handleHostTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, lbTableTarnPath, handleLbTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, labelTableTarnPath, handleLabelTableTarnPath );
+   VEXIL_ATTRIBUTE_NOTIFYING( std::string, destTableTarnPath, handleDestTableTarnPath );
    // Capacities in records.
-   VEXIL_ATTRIBUTE( uint32_t, hostTableLen, 0 );
-   VEXIL_ATTRIBUTE( uint32_t, lbTableLen, 0 );
-   VEXIL_ATTRIBUTE( uint32_t, labelTableLen, 0 );
-   VEXIL_ATTRIBUTE( uint32_t, destTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, hostTableLen, handleHostTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, lbTableLen, handleLbTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, labelTableLen, handleLabelTableLen, 0 );
+   VEXIL_ATTRIBUTE_NOTIFYING( uint32_t, destTableLen, handleDestTableLen, 0 );
    // Set by the source when its tables hold a complete first copy.
    VEXIL_ATTRIBUTE_NOTIFYING( bool, initialized, handleInitialized, false );
    // Set before initialized is, where the entry comes from a file: whoever finds the entry
@@ -95,7 +105,10 @@ class AgentSourceDir : public Vexil::Entity {
    }
    // Creates the entry of that name, or returns the one that is there.
    Vexil::Ptr<SourceDirEntry> sourceIs( const std::string& name );
+   // Enters an entry that is made elsewhere; nothing when there is one of that name.
+   void sourceIs( const std::string& name, Vexil::Ptr<SourceDirEntry> entry );
    void sourceDel( const std::string& name );
+   VEXIL_DELETE_ALL( source )
 
  private:
    Vexil::HashMap<std::string, Vexil::Ptr<SourceDirEntry>> source_;
@@ -146,6 +159,7 @@ struct SourceEntryRecord {
    friend bool operator==( const SourceEntryRecord&, const SourceEntryRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<SourceEntryRecord, 728> );
+MaybeFault formatFaultIn( const SourceEntryRecord& entry );
 
 // An entry file: holds exactly the record of its own name.
 class SourceEntryTable : public Vexil::NamedTable<SourceEntryTable, SourceName, SourceEntryRecord> {
@@ -174,6 +188,8 @@ struct FloodMember {
    friend bool operator==( const FloodMember&, const FloodMember& ) = default;
 };
 static_assert( Vexil::WireRecord<FloodMember, 76> );
+MaybeFault formatFaultIn( const FloodMember& member );
+MaybeFault faultIn( const FloodMember& member );
 
 class FloodMemberTable : public Vexil::NamedTable<FloodMemberTable, FloodMemberKey, FloodMember> {
  public:

@@ -10,12 +10,6 @@ namespace {
 
 constexpr Vexil::Seconds slice = 0.01; // of the sweep, a turn
 
-bool sound( const FloodMember& member ) {
-   const uint32_t vlan = member.triple.vlan().value();
-   return vlan >= 1 && vlan <= 4094 && member.triple.dest().key() == Util::destIdNotInTarn() &&
-          member.floodSetType >= floodSetTypeVxlan_ && member.floodSetType <= floodSetTypeAny_;
-}
-
 } // namespace
 
 SourceFloodBinding::SourceFloodBinding( Ptr<Vexil::Clock> clock, Ptr<FloodMemberTable> table,
@@ -105,12 +99,6 @@ SourceFloodBinding::memberAfter( const std::optional<FloodSetTriple>& member ) c
 }
 
 void SourceFloodBinding::memberIs( const FloodMember& member ) {
-   if( !sound( member ) ) {
-      table_->corruptionDetected( table_->path() + ": flood member " + member.triple.str() +
-                                  " has no known type, no such VLAN, or a key of its own" );
-      memberDel( member.triple );
-      return;
-   }
    const auto set = setsIs( member.triple.vlan() )->floodSetIs( member.triple.mac() );
    const bool otherType = set->floodSetType() != member.floodSetType;
    set->floodSetTypeIs( member.floodSetType );

@@ -41,6 +41,7 @@ struct PolicySmStatusRecord {
    LabelId maxLabelId;
 };
 static_assert( Vexil::WireRecord<PolicySmStatusRecord, 28> );
+MaybeFault formatFaultIn( const PolicySmStatusRecord& status );
 
 class PolicySmStatusTable
    : public Vexil::NamedTable<PolicySmStatusTable, SingleKey, PolicySmStatusRecord> {
@@ -86,6 +87,7 @@ struct AgentStatusRecord {
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<AgentStatusRecord, 224> );
+MaybeFault formatFaultIn( const AgentStatusRecord& status );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
  public:
@@ -117,13 +119,14 @@ struct SourceStatusRecord {
    // Of the source "static": the configuration that its tables are made from.
    ReadMark configuredHosts;
    ReadMark configuredTunnels;
-   // Why it is not ready although it is initialized; empty when there is no reason, cut off when it
-   // is longer.
+   // Why it is not ready although it is initialized, or what of it is corrupt; empty when there is
+   // no reason, cut off when it is longer.
    FixedText<128> reason;
+   Vexil::Wire64<uint64_t> corruptions; // found in its tables, so far
 
    friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
 };
-static_assert( Vexil::WireRecord<SourceStatusRecord, 312> );
+static_assert( Vexil::WireRecord<SourceStatusRecord, 320> );
 
 class SourceStatusTable
    : public Vexil::NamedTable<SourceStatusTable, SourceName, SourceStatusRecord> {

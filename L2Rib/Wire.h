@@ -6,6 +6,8 @@
 // into an object of its type and back.
 #pragma once
 
+#include "runtime/Hash.h"
+
 #include <array>
 #include <bit>
 #include <compare>
@@ -38,10 +40,14 @@ requires( sizeof( T ) == 8 && std::is_trivially_copyable_v<T> ) class Wire64 {
    friend constexpr bool operator==( Wire64 a, Wire64 b ) {
       return std::bit_cast<uint64_t>( a.word_ ) == std::bit_cast<uint64_t>( b.word_ );
    }
-   friend constexpr std::strong_ordering operator<=>( Wire64 a,
-                                                      Wire64 b ) requires std::integral<T> {
-      return a.value() <=> b.value();
+   // Numbers in their order; a floating-point field by its bits, which is an order too, no more.
+   friend constexpr std::strong_ordering operator<=>( Wire64 a, Wire64 b ) {
+      if constexpr( std::integral<T> )
+         return a.value() <=> b.value();
+      else
+         return std::bit_cast<uint64_t>( a.word_ ) <=> std::bit_cast<uint64_t>( b.word_ );
    }
+   constexpr uint64_t hash() const { return mix64( std::bit_cast<uint64_t>( word_ ) ); }
 
  private:
    using Words = std::array<uint32_t, 2>;

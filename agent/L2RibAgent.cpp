@@ -25,11 +25,10 @@ Vexil::Ptr<T> mounted( Vexil::EntityManager& em, const char* path ) {
    return typed;
 }
 
-// A table that was cut short can't be adopted: what the sources say fills a new one. Whatever else
-// is wrong with a file may be somebody's mistake.
+// A table that can't be read can't be adopted: what the sources say fills a new one.
 template<class Table>
 Vexil::Ptr<Table> outputTable( Vexil::EntityManager& em, const char* path, uint32_t capacity ) {
-   return em.mountDerivedTable<Table>( path, capacity, { Vexil::TableError::damaged } );
+   return em.mountDerivedTable<Table>( path, capacity );
 }
 
 // Gives a table the capacity that it is to begin with, or as many times double that as its rows

@@ -4,6 +4,7 @@
 #include "runtime/Trace.h"
 
 #include <ctime>
+#include <initializer_list>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -27,6 +28,11 @@ ReadMark markOf( const Vexil::TableBase* table ) {
 }
 ReadMark markOf( const Vexil::Ptr<const Vexil::TableBase>& table ) { return markOf( table.get() ); }
 
+// The message with the name of the file in place of its path.
+std::string withoutFolder( const std::string& message, const std::string& path ) {
+   return message.starts_with( path ) ? message.substr( path.rfind( '/' ) + 1 ) : message;
+}
+
 SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    SourceStatusRecord record;
    record.name = SourceName::of( sm.name() ).value_or( SourceName() );
@@ -39,9 +45,19 @@ SourceStatusRecord statusOf( const PolicySourceSm& sm ) {
    record.flood = markOf( sm.source()->floodTable() );
    if( sm.source()->floodBehind() )
       record.flood.cursor = Vexil::Wire64<uint64_t>();
-   if( !record.ready )
-      record.reason = FixedText<128>::of( sm.source()->notReadyReason().substr( 0, 127 ) )
-                         .value_or( FixedText<128>() );
+   std::string reason = record.ready ? "" : sm.source()->notReadyReason();
+   uint64_t corruptions = 0;
+   for( const Vexil::TableBase* const table : std::initializer_list<const Vexil::TableBase*>{
+           sm.hostTable(), sm.lbTable(), sm.labelTable(), sm.destTable(),
+           sm.source()->floodTable().get() } ) {
+      if( !table || table->corruptions() == 0 )
+         continue;
+      corruptions += table->corruptions();
+      if( reason.empty() )
+         reason = "corrupt: " + withoutFolder( table->lastCorruption(), table->path() );
+   }
+   record.corruptions = corruptions;
+   record.reason = FixedText<128>::of( reason.substr( 0, 127 ) ).value_or( FixedText<128>() );
    return record;
 }
 

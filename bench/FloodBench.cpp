@@ -69,12 +69,16 @@ SourceEntryRecord entryOf( uint32_t source, bool initialized ) {
    record.source = static_cast<Source>( 0x100u << source );
    record.initialized = initialized;
    record.floodPath = TablePath::of( "bridging/l2Rib/input/" + nameOf( source ) ).value();
+   record.hostPath = TablePath::of( record.floodPath.str() + "Hosts" ).value();
    return record;
 }
 
 // Each in an order of its own.
 void fillTables( const std::string& stateDirectory, uint32_t vlans ) {
    for( uint32_t source = 0; source < sourceCount; ++source ) {
+      // No source is ready without hosts, be they none.
+      HostInput( stateDirectory + "/" + entryOf( source, false ).hostPath.str(),
+                 HostInput::Mode::write, 64 );
       FloodMemberTable table( stateDirectory + "/" + entryOf( source, false ).floodPath.str(),
                               FloodMemberTable::Mode::write, vlans * perVlan );
       for( const uint32_t number : shuffled( vlans * perVlan, 1 + source ) )

@@ -292,15 +292,15 @@ Rejection SourcePublisher::hostDel( const Bridging::MacVlanPair& key ) {
 }
 
 Rejection SourcePublisher::destDel( DestId id ) {
-   return erase( dests_, checkedId( tableTypeDest_, id.value() ), id );
+   return erase( dests_, checked( ObjTuple( id ) ), id );
 }
 
 Rejection SourcePublisher::lbDel( LoadBalanceId id ) {
-   return erase( lbs_, checkedId( tableTypeLoadBalance_, id.value() ), id );
+   return erase( lbs_, checked( ObjTuple( id ) ), id );
 }
 
 Rejection SourcePublisher::labelDel( LabelId id ) {
-   return erase( labels_, checkedId( tableTypeLabel_, id.value() ), id );
+   return erase( labels_, checked( ObjTuple( id ) ), id );
 }
 
 Rejection SourcePublisher::floodDel( const FloodSetTriple& triple ) {

@@ -1,11 +1,7 @@
-// What a source may publish: the checks that keep nonsense out of the tables.
-//
-// The agent takes what stands in a source's table for what the source means, and stops at an
-// invariant that is broken. So everything is checked before it is written. References are not: a
-// host may name an object that follows later, and waits for it in the agent.
+// How the client library says that something can't be done.
 #pragma once
 
-#include "L2Rib/SourceDir.h"
+#include "L2Rib/Fault.h"
 
 #include <optional>
 #include <string>
@@ -15,13 +11,13 @@ namespace L2Rib::Client {
 // Why something can't be done, in one line that says what would be right; nothing when it was done.
 using Rejection = std::optional<std::string>;
 
-Rejection checked( const Bridging::MacVlanPair& key );
-Rejection checked( const Host& host );
-Rejection checked( const Dest& dest );
-Rejection checked( const LoadBalance& lb );
-Rejection checked( const Label& label );
-Rejection checked( const FloodMember& member );
-// An id that an object may have: neither 0 nor all ones. The kind is for the text.
-Rejection checkedId( TableType kind, uint64_t id );
+// The agent takes what stands in a source's table for what the source means, and stops at an
+// invariant that is broken. So everything is checked before it is written, by the rules that the
+// agent has. References are not: a host may name an object that follows later.
+template<class Record>
+Rejection checked( const Record& record ) {
+   const MaybeFault fault = faultIn( record );
+   return fault ? Rejection( fault->text ) : Rejection();
+}
 
 } // namespace L2Rib::Client

@@ -19,6 +19,10 @@ void PolicySm::floodSetTimerIs( Ptr<Vexil::Clock> clock ) {
 
 void PolicySm::setFloodSetTimer() { floodSetTimer_->timeMinIs( 0 ); }
 
+void PolicySm::expectFloodMembers( size_t count ) {
+   floodSetBacklog_.reserve( floodSetBacklog_.size() + count );
+}
+
 void PolicySm::processFloodSetBacklog() {
    TRACE( 0, __PRETTY_FUNCTION__ << " floodSet length: " << floodSetBacklog().size() );
    floodSetTimer_->timeMinIs( Vexil::never );

@@ -176,6 +176,8 @@ class PolicySm : public Vexil::Entity {
    // Lets the backlog be worked at the next turn of the event loop.
    void setFloodSetTimer();
    void processFloodSetBacklog();
+   // That many members are about to be queued: a hint that makes a replay faster.
+   void expectFloodMembers( size_t count );
    // Judges one member anew: it is in the output exactly when a ready source has it.
    void handleFloodSetDest( const Bridging::VlanId& vlan, const Vexil::EthAddr& mac,
                             const Dest& dest );

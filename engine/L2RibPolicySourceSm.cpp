@@ -99,6 +99,13 @@ class PolicySourceSm::VlanFloodSetReactor : public Vexil::Reactor<VlanFloodSet> 
       for( const auto& entry : floodSet_ )
          entry.value->handleDestSet();
    }
+   // Members, of all its flood sets.
+   size_t size() const {
+      size_t members = 0;
+      for( const auto& entry : floodSet_ )
+         members += entry.value->notifier()->destSet().size();
+      return members;
+   }
    void floodSetIs( const Vexil::EthAddr& mac, Vexil::Ptr<const FloodSet> floodSet ) {
       if( !floodSet )
          Vexil::nullMutatorFailure( "L2Rib::PolicySourceSm::VlanFloodSetReactor", "floodSet" );
@@ -153,6 +160,10 @@ void PolicySourceSm::handleSourceInitialized() {
       handleLabel();
    if( hostTable_ )
       handleHost();
+   size_t members = 0;
+   for( const auto& entry : vlanFloodSet_ )
+      members += entry.value->size();
+   policySm_->expectFloodMembers( members );
    for( const auto& entry : vlanFloodSet_ )
       entry.value->handleDestSet();
    policySm_->setFloodSetOutputType();
@@ -231,13 +242,7 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
 
 Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const {
    VEXIL_ASSERT( hostTable_ );
-   Host h = hostTable_->get( mvp, hash );
-   if( !isSound( h.next() ) ) [[unlikely]] {
-      hostTable_->corruptionDetected( hostTable_->path() + ": host " + mvpStr( mvp ) +
-                                      " has a next that can be no object" );
-      h = Host();
-   }
-   return h;
+   return hostTable_->get( mvp, hash );
 }
 
 void PolicySourceSm::handleHost( const Bridging::MacVlanPair& mvp ) {

@@ -12,32 +12,11 @@ namespace L2Rib {
 
 namespace {
 
-// An object as a source published it, checked for what no honest source writes: such a record is
-// reported as corruption of its table and reads as absent.
-Dest checked( const DestTable&, const Dest& dest ) { return dest; }
-
-Label checked( const LabelTable& table, const Label& label ) {
-   if( isSound( label.next() ) )
-      return label;
-   table.corruptionDetected( table.path() + ": label " + label.key().str() +
-                             " has a next that can be no object" );
-   return Label();
-}
-
-LoadBalance checked( const LoadBalanceTable& table, const LoadBalance& lb ) {
-   const auto nexts = lb.used();
-   if( lb.nexts() <= nexts.size() && std::ranges::all_of( nexts, isSound ) )
-      return lb;
-   table.corruptionDetected( table.path() + ": group " + lb.key().str() +
-                             " has too many nexts or one that can be no object" );
-   return LoadBalance();
-}
-
 // The input object of that id; a record with the invalid key when the source has none.
 template<class Table, class Id>
 auto inputObject( const Table* table, const Id& id ) {
    using Record = decltype( table->get( id ) );
-   return table ? checked( *table, table->get( id ) ) : Record();
+   return table ? table->get( id ) : Record();
 }
 
 } // namespace

@@ -25,8 +25,7 @@ namespace L2Rib {
 
 namespace {
 
-// The top of the id space is never handed out.
-constexpr uint64_t highestOutputId = 0xFFFFFFFFFFFF0000;
+constexpr uint64_t highestOutputId = Constants::highestOutputId().value();
 
 // Above every id that was ever given, found in the table or told by the status.
 uint64_t firstFreeId( uint64_t found, uint64_t told ) {
@@ -391,8 +390,10 @@ void PolicySm::restoreMapping( const ObjTupleAndSource& sourceOtas, const ObjTup
    VEXIL_ASSERT( restartState() == otSourceCheck_ );
    VEXIL_ASSERT( outputOt.tableType() == sourceOtas.tableType() );
    // Two rows that stand for one input object contradict each other as well.
-   if( outputObjTuple( sourceOtas ) != Util::objTupleInvalid() )
+   if( const ObjTuple other = outputObjTuple( sourceOtas ); other != Util::objTupleInvalid() ) {
+      TRACE( 0, "restoreMapping " << sourceOtas << " already has a copy, " << other << "!!!" );
       detectedInconsistentTablesIs( true );
+   }
    tupleManager( outputOt.tableType() )->restoreMapping( sourceOtas, outputOt );
 }
 
@@ -408,9 +409,7 @@ void PolicySm::handleTablesInconsistent() {
       *output_.host,
       [ this ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchIndex( mvp.hash() ); },
       [ this ]( const Bridging::MacVlanPair& mvp ) {
-         const ObjTuple next = output_.host->host( mvp ).next();
-         if( next != Util::objTupleInvalid() )
-            delOtForInconsistency( next );
+         delOtForInconsistency( output_.host->host( mvp ).next() ); // none, where it is inline
          output_.host->hostDel( mvp );
       } );
    output_.label->labelDelAll();

@@ -20,8 +20,8 @@ Ptr<BaseAgent> startAgent( const std::string& library, const std::string& typeNa
    agent->entityManagerIs( manager );
    agent->activityManagerIs( &loop );
    agent->settingsIs( std::move( settings ) );
-   agent->doInit(); // closes its mount group, which mounts everything or throws
-   agent->doMountsComplete( MountStatus::success, manager );
+   agent->doInit(); // closes its mount group, which mounts everything
+   agent->doMountsComplete( manager->mountStatus(), manager );
    return agent;
 }
 

@@ -49,8 +49,8 @@ class BaseAgent : public Entity {
 };
 
 // Loads the library, creates the agent of that type name and takes it through its stages. The
-// library stays loaded. Throws std::runtime_error when it can't be loaded or has no such agent, and
-// TableError when a mount fails.
+// library stays loaded. Throws std::runtime_error when it can't be loaded or has no such agent;
+// what the agent throws in its stages goes on to the caller.
 Ptr<BaseAgent> startAgent( const std::string& library, const std::string& typeName,
                            const std::string& agentName, ActivityManager& loop,
                            Ptr<EntityManager> manager, AgentSettings settings );

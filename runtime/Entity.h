@@ -1,6 +1,8 @@
 // Entities, references to them, and reactors.
 //
-// An entity is shared by counting its references; the holder of the last one destroys it. A reactor
+// An entity is shared by counting its references; the holder of the last one destroys it. Its
+// creator has the first one (makeEntity), before the constructor runs: so the constructor may hand
+// out references to the entity. A reactor
 // is attached to one entity (its notifier) and is called for each change of it, at the time of the
 // change: with no argument for a single-valued attribute, with the key for an entry of a
 // collection. An entity class names what it reports in a struct Handlers of virtual functions:
@@ -41,7 +43,7 @@ class Entity {
    }
 
  private:
-   mutable uint32_t references_ = 0;
+   mutable uint32_t references_ = 1; // the creator's
 };
 
 // A strong reference; may be null.
@@ -75,12 +77,18 @@ class Ptr {
    friend bool operator==( const Ptr& a, const T* b ) { return a.entity_ == b; }
 
  private:
+   template<class Made, class... Arguments>
+   friend Ptr<Made> makeEntity( Arguments&&... arguments );
+
    T* entity_ = nullptr;
 };
 
-template<class T, class... Arguments>
-Ptr<T> makeEntity( Arguments&&... arguments ) {
-   return Ptr<T>( new T( std::forward<Arguments>( arguments )... ) );
+// Makes an entity; the result is the creator's reference to it.
+template<class Made, class... Arguments>
+Ptr<Made> makeEntity( Arguments&&... arguments ) {
+   Ptr<Made> made;
+   made.entity_ = new Made( std::forward<Arguments>( arguments )... );
+   return made;
 }
 
 // The reactors attached to one entity. A reactor may detach itself or others, attach others, or
@@ -145,11 +153,13 @@ class Reactor : public E::Handlers {
 
 } // namespace Vexil
 
-// One attribute of an entity: x() reads it, xIs( value ) writes it.
+// One attribute of an entity: x() reads it, xIs( value ) writes it, xDel() gives it back the value
+// that it began with.
 #define VEXIL_ATTRIBUTE( Type, name, ... )                                                         \
  public:                                                                                           \
    const Type& name() const { return name##_; }                                                    \
    void name##Is( const Type& value ) { name##_ = value; }                                         \
+   void name##Del() { name##_ = Type{ __VA_ARGS__ }; }                                             \
                                                                                                    \
  private:                                                                                          \
    Type name##_{ __VA_ARGS__ };                                                                    \
@@ -166,19 +176,25 @@ class Reactor : public E::Handlers {
       name##_ = value;                                                                             \
       notifiees.notify( &Handlers::handler );                                                      \
    }                                                                                               \
+   void name##Del() { name##Is( Type{ __VA_ARGS__ } ); }                                           \
                                                                                                    \
  private:                                                                                          \
    Type name##_{ __VA_ARGS__ };                                                                    \
                                                                                                    \
  public:
 
-// A keyed set of an entity: x() the set, x( key ) membership, xIs( key, true ), xDel( key ),
-// xDelAll().
+// A keyed collection of bools, where a key that is absent reads as false: x() the keys that are
+// true, x( key ) the value, xIs( key, value ), xDel( key ), xDelAll().
 #define VEXIL_KEY_SET( Key, name )                                                                 \
  public:                                                                                           \
    const ::Vexil::KeySet<Key>& name() const { return name##_; }                                    \
    bool name( const Key& key ) const { return name##_.contains( key ); }                           \
-   void name##Is( const Key& key, bool ) { name##_.emplace( key ); }                               \
+   void name##Is( const Key& key, bool value ) {                                                   \
+      if( value )                                                                                  \
+         name##_.emplace( key );                                                                   \
+      else                                                                                         \
+         name##_.erase( key );                                                                     \
+   }                                                                                               \
    void name##Del( const Key& key ) { name##_.erase( key ); }                                      \
    void name##DelAll() { name##_.clear(); }                                                        \
                                                                                                    \
@@ -186,3 +202,12 @@ class Reactor : public E::Handlers {
    ::Vexil::KeySet<Key> name##_;                                                                   \
                                                                                                    \
  public:
+
+// The deletion of all entries of a keyed collection x, one by one by xDel( key ), each with its
+// notification.
+#define VEXIL_DELETE_ALL( name )                                                                   \
+ public:                                                                                           \
+   void name##DelAll() {                                                                           \
+      for( auto at = name##_.begin(); at != name##_.end(); ++at )                                  \
+         name##Del( std::decay_t<decltype( at->key )>( at->key ) );                                \
+   }

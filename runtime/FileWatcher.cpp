@@ -100,6 +100,10 @@ int FileWatcher::addFolder( const std::string& folder ) {
 
 void FileWatcher::watchFolder( const std::string& folder, FolderChanged changed ) {
    const int watch = addFolder( folder );
+   if( watch < 0 && errno == ENOENT ) {
+      lost_.push_back( { folder, std::move( changed ) } );
+      return lookForLost_.timeMinIs( loop_.clock()->now() + lookAgainAfter );
+   }
    if( watch < 0 )
       throw TableError( TableError::system,
                         folder + ": watching the folder: " + std::strerror( errno ) );
@@ -134,7 +138,7 @@ void FileWatcher::lookForLost() {
          stillLost.push_back( folder );
          continue;
       }
-      log( folder.path + ": the folder is there again" );
+      log( folder.path + ": the folder is there" );
       folders_.emplace( watch, folder );
       folder.changed( "" );
    }

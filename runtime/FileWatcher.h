@@ -36,8 +36,8 @@ class FileWatcher {
 
    // Calls changed( name ) when the entry of that name appears in the folder, is replaced or
    // disappears, and with an empty name when any of them may have changed. Names that begin with a
-   // dot are not reported. A folder that is removed or renamed is empty from then on; the one that
-   // takes its place is watched within a second. Throws TableError when there is no such folder.
+   // dot are not reported. A folder that is not there, or is removed or renamed, is empty until
+   // there is one, which is watched within a second. Throws TableError when it can't be watched.
    using FolderChanged = std::function<void( const std::string& name )>;
    void watchFolder( const std::string& folder, FolderChanged changed );
 
@@ -65,7 +65,7 @@ class FileWatcher {
    int inotify_ = -1;
    std::vector<Followed> tables_;
    std::multimap<int, Folder> folders_; // by inotify watch
-   std::vector<Folder> lost_;           // those that are gone
+   std::vector<Folder> lost_;           // those that are not there
    TimerReactor goOn_;                  // a poll that ran out of its quantum
    TimerReactor lookForLost_;           // while there are any
    std::shared_ptr<void> endOfTurnWork_;

@@ -60,4 +60,12 @@ uint64_t keyHash( const Key& key ) {
    }
 }
 
+// The hash of a record that is made of these fields, in this order.
+template<class... Fields>
+uint64_t hashFields( const Fields&... fields ) {
+   uint64_t hash = sizeof...( fields );
+   ( ( hash = hashCombine( hash, keyHash( fields ) ) ), ... );
+   return hash;
+}
+
 } // namespace Vexil

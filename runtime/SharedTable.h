@@ -14,8 +14,12 @@
 // handleOvertaken() of its reactors, once, and handleEntry() for every key that is in the table. A
 // reactor that remembers keys re-examines those that it knows when it is overtaken: so deletions
 // are not missed either. The same happens when the writer has replaced the file.
+//
+// A record whose format is broken (Fault.h) is recorded as corruption and not handed out: a lookup
+// finds nothing, a walk over the records ends. The next writer drops it when it attaches the table.
 #pragma once
 
+#include "runtime/Fault.h"
 #include "runtime/TableBase.h"
 #include "runtime/TableWriter.h"
 
@@ -85,8 +89,9 @@ class SharedTable : public TableBase {
       return record;
    }
    bool get( const Key& key, uint64_t hash, Record& record ) const {
-      return recorded( [ & ] { return table_.get( key, hash, record ); } );
+      return recorded( [ & ] { return table_.get( key, hash, record ); } ) && isSound( record );
    }
+   // Whether there is a record of that key; not whether its format is sound.
    bool contains( const Key& key ) const {
       return recorded( [ & ] { return table_.contains( key ); } );
    }
@@ -100,12 +105,25 @@ class SharedTable : public TableBase {
    void forEach( Each each ) const {
       try {
          Record record;
-         for( uint32_t slot = 0; slot < slotCount(); ++slot )
-            if( table_.readSlot( slot, record ) )
-               each( std::as_const( record ) );
+         for( uint32_t slot = 0; slot < slotCount(); ++slot ) {
+            if( !table_.readSlot( slot, record ) )
+               continue;
+            if( !isSound( record ) )
+               return;
+            each( std::as_const( record ) );
+         }
       } catch( const CorruptionDetected& failure ) {
          corruptionDetected( failure.what() );
       }
+   }
+   // Calls each( record, fault ) for every record whose format is broken, with what is wrong.
+   template<class Each>
+   void forEachBroken( Each each ) const {
+      if( spec_.formatFault )
+         forEachStored( [ & ]( const Record& record ) {
+            if( const auto fault = spec_.formatFault( &record ) )
+               each( record, *fault );
+         } );
    }
    // Calls each( key ) for every key likewise.
    template<class Each>
@@ -134,7 +152,7 @@ class SharedTable : public TableBase {
    }
    std::optional<Record> inSlot( uint32_t slot ) const {
       Record record;
-      if( recorded( [ & ] { return table_.readSlot( slot, record ); } ) )
+      if( recorded( [ & ] { return table_.readSlot( slot, record ); } ) && isSound( record ) )
          return record;
       return std::nullopt;
    }
@@ -188,9 +206,7 @@ class SharedTable : public TableBase {
       return true;
    }
    void eraseAll() {
-      for( uint32_t slot = 0; slot < slotCount(); ++slot )
-         if( const std::optional<Record> record = inSlot( slot ) )
-            erase( TableView<Key, Record>::keyOf( *record ) );
+      forEachKey( [ this ]( const Key& key ) { erase( key ); } );
    }
    // Brings the table to another capacity; at least to its number of records. The content is kept;
    // readers follow. Takes the time of copying it. Throws TableError.
@@ -224,6 +240,22 @@ class SharedTable : public TableBase {
       cursor_ = table_.journalHead();
    }
    void attachForWriting( const std::string& path, uint32_t capacity );
+   void dropBroken();
+   bool isSound( const Record& record ) const { return !spec_.formatFault || !isBroken( record ); }
+   bool isBroken( const Record& record ) const {
+      const auto fault = spec_.formatFault( &record );
+      if( fault ) [[unlikely]]
+         corruptionDetected( path() + ": " + *fault );
+      return fault.has_value();
+   }
+   // Every record, whatever is in it.
+   template<class Each>
+   void forEachStored( Each each ) const {
+      Record record;
+      for( uint32_t slot = 0; slot < slotCount(); ++slot )
+         if( recorded( [ & ] { return table_.readSlot( slot, record ); } ) )
+            each( std::as_const( record ) );
+   }
    // What the operation returns; false when it finds corruption, which is recorded.
    template<class Operation>
    bool recorded( Operation operation ) const {
@@ -268,6 +300,7 @@ template<class Key, class Record>
 void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32_t capacity ) {
    mapping_ = TableMapping::forWriting( path, spec_, capacity );
    table_ = TableWriter<Key, Record>( *mapping_ );
+   dropBroken();
    if( capacity > table_.capacity() )
       capacityIs( capacity );
    if( table_.count() == 0 && !table_.makeRoom() )
@@ -275,6 +308,15 @@ void SharedTable<Key, Record>::attachForWriting( const std::string& path, uint32
    unrung_ = true; // the previous writer may have died before it rang
    ring();
    cursor_ = table_.journalHead();
+}
+
+// Recovery has brought each record into the index under its own key.
+template<class Key, class Record>
+void SharedTable<Key, Record>::dropBroken() {
+   forEachBroken( [ this ]( const Record& record, const std::string& fault ) {
+      corruptionDetected( path() + ": " + fault + "; it is dropped" );
+      table_.erase( View::keyOf( record ) );
+   } );
 }
 
 template<class Key, class Record>
@@ -300,7 +342,7 @@ void SharedTable<Key, Record>::moveTo( uint32_t capacity ) {
    auto moved = TableMapping::unpublished( path(), spec_, capacity );
    TableWriter<Key, Record> copy( *moved );
    bool complete = true;
-   forEach( [ & ]( const Record& record ) { complete = complete && copy.set( record ); } );
+   forEachStored( [ & ]( const Record& record ) { complete = complete && copy.set( record ); } );
    if( !complete ) // the old file stays as it is
       throw TableError( TableError::system, path() + ": no room to change its capacity" );
    table_.giveNameTo( *moved );
@@ -432,14 +474,20 @@ bool SharedTable<Key, Record>::poll( const Clock& clock, Seconds deadline ) {
    return false;
 }
 
-// Some more of the walk over all keys; returns whether the deadline cut it short.
+// Some more of the walk over all keys; returns whether the deadline cut it short. Corruption ends
+// the walk.
 template<class Key, class Record>
 bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
-   for( uint32_t& slot = *walkingAt_; slot < slotCount(); ) {
-      if( const std::optional<Record> record = inSlot( slot++ ) )
-         notifiees.notify( &Handlers::handleEntry, View::keyOf( *record ) );
-      if( slot % batch == 0 && clock.now() >= deadline )
-         return true;
+   try {
+      Key key;
+      for( uint32_t& slot = *walkingAt_; slot < slotCount(); ) {
+         if( table_.readKey( slot++, key ) )
+            notifiees.notify( &Handlers::handleEntry, key );
+         if( slot % batch == 0 && clock.now() >= deadline )
+            return true;
+      }
+   } catch( const CorruptionDetected& failure ) {
+      corruptionDetected( failure.what() );
    }
    walkingAt_.reset();
    return false;
@@ -453,19 +501,36 @@ bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
 //       static constexpr const char* typeName = "House::Doors";
 //       static constexpr const char* collection = "door";
 //    };
+//
+// Where there is a formatFaultIn( const Door& ) beside the record, it is the rule of the table.
 template<class Self, class Key, class Record>
 class NamedTable : public SharedTable<Key, Record> {
  public:
    using Mode = typename SharedTable<Key, Record>::Mode;
 
    static TableSpec spec() {
-      return { Self::typeName, Self::collection, sizeof( Key ), sizeof( Record ) };
+      TableSpec spec{ Self::typeName, Self::collection, sizeof( Key ), sizeof( Record ) };
+      if constexpr( requires( const Record& record ) { formatFaultIn( record ); } )
+         spec.formatFault = formatFault;
+      return spec;
    }
    explicit NamedTable( uint32_t capacity ) : SharedTable<Key, Record>( spec(), capacity ) {}
    NamedTable( const std::string& file, Mode mode, uint32_t capacity = 0 )
       : SharedTable<Key, Record>( spec(), file, mode, capacity ) {}
    NamedTable( const std::string& file, uint32_t capacity, const Record& first )
       : SharedTable<Key, Record>( spec(), file, capacity, first ) {}
+
+ private:
+   static std::optional<std::string> formatFault( const void* bytes ) {
+      const auto& record = *static_cast<const Record*>( bytes );
+      const std::optional<Fault> fault = formatFaultIn( record );
+      if( !fault ) [[likely]]
+         return std::nullopt;
+      std::string key;
+      if constexpr( requires( const Key& k ) { k.str(); } )
+         key = TableView<Key, Record>::keyOf( record ).str() + ": ";
+      return key + fault->text;
+   }
 };
 
 } // namespace Vexil

@@ -115,12 +115,14 @@ class FolderBinding {
    RetryTimer retry_;
 };
 
-Mounted mountDirectory( EntityManager& manager, const std::string& path, MountMode ) {
+// Mounted as a directory whose entries come, it is there from then on; else it is waited for.
+Mounted mountDirectory( EntityManager& manager, const std::string& path, MountMode mode ) {
    const auto directory = makeEntity<Directory>();
    if( manager.inMemory() )
       return { directory, nullptr };
    const std::string folder = manager.fileOf( path );
-   makeFoldersFor( folder + "/" );
+   if( mode == MountMode::readDirectory )
+      makeFoldersFor( folder + "/" );
    const auto binding = std::make_shared<FolderBinding>( manager, path, directory );
    // Watched before the first look, so that nothing falls between.
    manager.fileWatcher()->watchFolder(
@@ -176,7 +178,12 @@ void MountGroup::doMount( const std::string& path, const std::string& typeName,
 void MountGroup::doClose() {
    manager_.startingIs( true );
    for( const Request& request : requests_ )
-      manager_.mount( request.path, request.typeName, request.mode );
+      try {
+         manager_.mount( request.path, request.typeName, request.mode );
+      } catch( const TableError& failure ) {
+         log( "mounting " + request.path + ": " + failure.what() );
+         manager_.mountStatus_ = MountStatus::failed;
+      }
    requests_.clear();
    manager_.startingIs( false );
 }
@@ -206,17 +213,24 @@ void EntityManager::entityIs( const std::string& path, Ptr<Entity> entity ) {
    mounted_[ path ] = { std::move( entity ), nullptr };
 }
 
+void EntityManager::setAside( const std::string& path, const TableError& failure ) const {
+   if( failure.kind() != TableError::mismatch && failure.kind() != TableError::damaged )
+      throw failure;
+   const std::string file = fileOf( path ), aside = file + ".unreadable";
+   std::error_code error;
+   std::filesystem::remove_all( aside, error ); // of an earlier time
+   std::filesystem::rename( file, aside, error );
+   if( error )
+      throw TableError( TableError::system, file + ": setting it aside: " + error.message() );
+   log( std::string( failure.what() ) + ": it is made anew, the old one is " + aside );
+}
+
 void EntityManager::ringAtEndOfTurn( Ptr<TableBase> table ) {
    table->onLoss( []( const std::string& what ) {
       log( what + ": it can't be written any more; this process ends" );
       std::_Exit( 1 ); // without releasing anything: that would write to other tables
    } );
    written_.push_back( std::move( table ) );
-}
-
-void EntityManager::replaceFile( const std::string& path, const TableError& why ) const {
-   log( std::string( why.what() ) + ": it is replaced" );
-   std::filesystem::remove( fileOf( path ) );
 }
 
 void EntityManager::ringBells() {

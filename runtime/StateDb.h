@@ -19,9 +19,7 @@
 #include "runtime/HashMap.h"
 #include "runtime/SharedTable.h"
 
-#include <algorithm>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
@@ -70,6 +68,7 @@ class Directory : public Entity {
    }
    void entryIs( const std::string& name, Ptr<Entity> entity );
    void entryDel( const std::string& name );
+   VEXIL_DELETE_ALL( entry )
 
  private:
    HashMap<std::string, Ptr<Entity>> entry_;
@@ -82,8 +81,8 @@ class MountGroup {
  public:
    explicit MountGroup( EntityManager& manager ) : manager_( manager ) {}
    void doMount( const std::string& path, const std::string& typeName, const std::string& mode );
-   // Ends the declaration: mounts everything. Throws TableError. While it does, starting() of the
-   // manager is true.
+   // Ends the declaration: mounts everything; while it does, starting() of the manager is true.
+   // What can't be mounted is said in the log, and fails the manager's mount status.
    void doClose();
 
  private:
@@ -115,7 +114,10 @@ class EntityManager : public Entity {
    VEXIL_ATTRIBUTE( bool, starting, false )
 
    std::shared_ptr<MountGroup> mountGroup() { return std::make_shared<MountGroup>( *this ); }
+   // Throws TableError.
    void mount( const std::string& path, const std::string& typeName, MountMode mode );
+   // Of all mount groups that were closed.
+   MountStatus mountStatus() const { return mountStatus_; }
    // The entity mounted at path; null when there is none.
    Ptr<Entity> entity( const std::string& path ) const;
    // Puts an entity of this process at a path, as if it had been mounted.
@@ -129,17 +131,15 @@ class EntityManager : public Entity {
    template<class Table>
    Ptr<Table> mountTable( const std::string& path, typename Table::Mode mode, uint32_t capacity );
 
-   // Attaches, as its writer, a table whose content this process makes from something else: one
-   // that can't be attached for one of these reasons (it is damaged, or was left by a version with
-   // other records) is replaced, and the log says so.
+   // Attaches, as its writer, a table whose content this process makes from something else. A file
+   // that can't be read (damaged, of another version, no file at all) is set aside under the name
+   // with ".unreadable" behind it, and made anew; the log says so.
    template<class Table>
-   Ptr<Table> mountDerivedTable( const std::string& path, uint32_t capacity,
-                                 std::initializer_list<TableError::Kind> replaced = {
-                                    TableError::damaged, TableError::mismatch } );
+   Ptr<Table> mountDerivedTable( const std::string& path, uint32_t capacity );
+   // The same for a table behind an entity, which has the path to itself.
+   template<class Table>
+   Ptr<Table> makeDerivedTable( const std::string& path, uint32_t capacity );
 
-   // Removes the file of a table that can't be attached, for another one to be made; the log says
-   // so.
-   void replaceFile( const std::string& path, const TableError& why ) const;
    // Lets a table that this process writes and that was attached otherwise be kept as the others:
    // its bell is rung with theirs, and its loss ends the process.
    void ringAtEndOfTurn( Ptr<TableBase> table );
@@ -148,10 +148,15 @@ class EntityManager : public Entity {
    void ringBells();
 
  private:
+   friend MountGroup;
+   // Throws the failure again when it is no reason to set the file aside.
+   void setAside( const std::string& path, const TableError& failure ) const;
+
    Ptr<Clock> clock_;
    std::string stateDirectory_; // empty: in memory
    std::unique_ptr<FileWatcher> watcher_;
    std::map<std::string, Mounted> mounted_;
+   MountStatus mountStatus_ = MountStatus::success;
    std::vector<Ptr<TableBase>> written_;
    std::shared_ptr<void> bellWork_;
 };
@@ -183,15 +188,22 @@ Ptr<Table> EntityManager::mountTable( const std::string& path, typename Table::M
 }
 
 template<class Table>
-Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity,
-                                             std::initializer_list<TableError::Kind> replaced ) {
+Ptr<Table> EntityManager::mountDerivedTable( const std::string& path, uint32_t capacity ) {
    try {
       return mountTable<Table>( path, Table::Mode::write, capacity );
    } catch( const TableError& failure ) {
-      if( std::find( replaced.begin(), replaced.end(), failure.kind() ) == replaced.end() )
-         throw;
-      replaceFile( path, failure );
+      setAside( path, failure );
       return mountTable<Table>( path, Table::Mode::write, capacity );
+   }
+}
+
+template<class Table>
+Ptr<Table> EntityManager::makeDerivedTable( const std::string& path, uint32_t capacity ) {
+   try {
+      return makeEntity<Table>( fileOf( path ), Table::Mode::write, capacity );
+   } catch( const TableError& failure ) {
+      setAside( path, failure );
+      return makeEntity<Table>( fileOf( path ), Table::Mode::write, capacity );
    }
 }
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
 
@@ -50,15 +51,20 @@ class TableBase : public Entity {
    virtual uint64_t changesTold() const = 0;
    uint64_t overruns() const { return overruns_; }
 
-   // Records that the table was found corrupt: a line in the log for each new message, and a count.
+   // Records that the table was found corrupt: counts, and says each message once in the log. Of a
+   // table with many, the log has the first ones.
    void corruptionDetected( const std::string& message ) const {
       ++corruptions_;
-      if( message == lastCorruption_ )
-         return;
       lastCorruption_ = message;
-      log( "corruption detected: " + message );
+      if( told_.size() > mostTold || !told_.insert( message ).second )
+         return;
+      log( "corruption detected: " + ( told_.size() <= mostTold
+                                          ? message
+                                          : path() + ": more of it, which is only counted" ) );
    }
    uint64_t corruptions() const { return corruptions_; }
+   // The latest message; empty when there was none.
+   const std::string& lastCorruption() const { return lastCorruption_; }
 
  protected:
    // The file can't be written any more.
@@ -73,8 +79,11 @@ class TableBase : public Entity {
    std::function<void( const std::string& )> onLoss_;
 
  private:
+   static constexpr size_t mostTold = 8;
+
    mutable uint64_t corruptions_ = 0;
    mutable std::string lastCorruption_;
+   mutable std::set<std::string> told_;
 };
 
 } // namespace Vexil

@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -40,6 +41,8 @@ struct TableSpec {
    const char* collection; // at most 15 characters
    uint32_t keySize;       // bytes; the key is the first member of the record
    uint32_t recordSize;    // bytes, at most maxRecordSize
+   // What is wrong with the format of a record: its key and a text; null where there are no rules.
+   std::optional<std::string> ( *formatFault )( const void* record ) = nullptr;
 };
 
 // Where everything is, in bytes from the start of the file. A function of TableSpec and capacity.

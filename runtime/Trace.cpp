@@ -1,5 +1,6 @@
 #include "runtime/Trace.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <ctime>
@@ -69,6 +70,36 @@ uint32_t parseLevels( std::string_view text, std::string_view setting ) {
    }
 }
 
+// "handleHost" of "void L2Rib::PolicySm::handleHost(const Bridging::MacVlanPair&)"; the function
+// around it for a lambda.
+std::string_view nameOf( std::string_view signature ) {
+   const std::string_view before = signature.substr( 0, signature.find( '(' ) );
+   return before.substr( before.find_last_of( ": " ) + 1 ); // npos + 1 is 0
+}
+
+// How many bytes the character at the beginning of text has, when it may stand in a line as it is:
+// well-formed UTF-8 (RFC 3629, section 4) and no control character. Else 0.
+size_t printable( std::string_view text ) {
+   const auto byte = [ & ]( size_t at ) -> unsigned {
+      return at < text.size() ? static_cast<unsigned char>( text[ at ] ) : 0;
+   };
+   const auto continues = [ & ]( size_t from, size_t to ) {
+      for( size_t at = from; at <= to; ++at )
+         if( ( byte( at ) & 0xc0 ) != 0x80 )
+            return false;
+      return true;
+   };
+   const unsigned first = byte( 0 );
+   if( first < 0x80 )
+      return first >= ' ' && first != 0x7f;
+   if( first >= 0xc2 && first <= 0xdf ) // U+0080 to U+009f are control characters
+      return continues( 1, 1 ) && !( first == 0xc2 && byte( 1 ) < 0xa0 ) ? 2 : 0;
+   const unsigned two = first << 8 | byte( 1 );
+   if( ( first & 0xf0 ) == 0xe0 ) // not longer than need be, no surrogates
+      return two >= 0xe0a0 && ( two < 0xeda0 || two > 0xedff ) && continues( 1, 2 ) ? 3 : 0;
+   return two >= 0xf090 && two <= 0xf48f && continues( 1, 3 ) ? 4 : 0;
+}
+
 } // namespace
 
 TraceHandle& traceHandle( std::string_view name ) {
@@ -89,23 +120,41 @@ void traceSettingIs( std::string_view setting ) {
    traceHandle( setting.substr( 0, equals ) ).levelsIs( mask );
 }
 
-void TraceHandle::emit( unsigned level, const char* file, unsigned line,
+void TraceHandle::emit( unsigned level, const char* file, unsigned line, std::string_view function,
                         const std::string& text ) const {
    std::string_view stem = file;
    stem.remove_prefix( stem.rfind( '/' ) + 1 ); // npos + 1 is 0: a bare name stays whole
    stem = stem.substr( 0, stem.rfind( '.' ) );
    log( name_ + " " + std::to_string( level ) + " " + std::string( stem ) + ":" +
-        std::to_string( line ) + " " + text );
+        std::to_string( line ) + " " + std::string( nameOf( function ) ) + "() " + text );
+}
+
+std::string escaped( std::string_view text ) {
+   std::string out;
+   out.reserve( text.size() );
+   for( size_t at = 0; at < text.size(); ) {
+      const size_t length = printable( text.substr( at ) );
+      if( length > 0 ) {
+         out += text.substr( at, length );
+      } else {
+         char code[ 5 ];
+         snprintf( code, sizeof code, "\\x%02x", static_cast<unsigned char>( text[ at ] ) );
+         out += code;
+      }
+      at += std::max<size_t>( length, 1 );
+   }
+   return out;
 }
 
 void log( std::string_view text ) {
+   const std::string line = escaped( text );
    if( sink() ) {
-      sink()( text );
+      sink()( line );
       return;
    }
    // One write a line, so that lines of several processes on one terminal stay whole.
    std::string out = wallClockStamp();
-   out.append( " " ).append( text ).append( "\n" );
+   out.append( " " ).append( line ).append( "\n" );
    if( ::write( STDERR_FILENO, out.data(), out.size() ) < 0 )
       return; // nowhere left to say so
 }

@@ -7,8 +7,11 @@
 //    namespace { Vexil::TraceHandle& trace = Vexil::traceHandle( "L2RibPolicySm" ); }
 //    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
 //
-// Every line is stamped with the wall-clock time, the handle, the level, and the source file's
-// name (without folder and ending) and line.
+// Every line is stamped with the wall-clock time, the handle, the level, the source file's name
+// (without folder and ending) and line, and the function's name.
+//
+// What is logged may stem from another process. Whatever could end a line or move a terminal's
+// cursor is written as an escape: one call is one line.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +32,9 @@ class TraceHandle {
    bool enabled( unsigned level ) const { return ( levels_ >> level ) & 1; }
    // Bit n enables level n.
    void levelsIs( uint32_t mask ) { levels_ = mask; }
-   void emit( unsigned level, const char* file, unsigned line, const std::string& text ) const;
+   // function is its whole signature, as the compiler gives it; the line has its name alone.
+   void emit( unsigned level, const char* file, unsigned line, std::string_view function,
+              const std::string& text ) const;
 
  private:
    std::string name_;
@@ -46,6 +51,9 @@ void traceSettingIs( std::string_view setting );
 // Writes one line to the log (standard error unless a sink is set).
 void log( std::string_view text );
 
+// The text with every control character, and every byte that is no UTF-8, as "\\xNN".
+std::string escaped( std::string_view text );
+
 // Takes over all log and trace lines, whole, without line ends; an empty sink restores standard
 // error. For tests and for daemons with a log of their own.
 using LogSink = std::function<void( std::string_view line )>;
@@ -58,6 +66,6 @@ void logSinkIs( LogSink sink );
       if( trace.enabled( level ) ) [[unlikely]] {                                                  \
          std::ostringstream traceText_;                                                            \
          traceText_ << __VA_ARGS__;                                                                \
-         trace.emit( level, __FILE__, __LINE__, traceText_.str() );                                \
+         trace.emit( level, __FILE__, __LINE__, __PRETTY_FUNCTION__, traceText_.str() );           \
       }                                                                                            \
    } while( false )

@@ -95,9 +95,7 @@ StaticHostSm::StaticHostSm( Vexil::Ptr<Vexil::EntityManager> entityManager,
                             Vexil::Ptr<const Bridging::Config> bridgingConfig )
    : entityManager_( std::move( entityManager ) ), agentSourceDir_( std::move( agentSourceDir ) ),
      bridgingConfig_( std::move( bridgingConfig ) ),
-     configReactor_( std::make_unique<BridgingConfigReactor>( bridgingConfig_, *this ) ),
-     tryAgain_( entityManager_->clock(), [ this ] { admitWaiting(); } ) {
-   tryAgain_.timeMinIs( Vexil::never );
+     configReactor_( std::make_unique<BridgingConfigReactor>( bridgingConfig_, *this ) ) {
    for( const auto& entry : bridgingConfig_->fdbConfig() )
       handleFdbConfig( entry.key );
    handleInitialized();
@@ -108,6 +106,9 @@ StaticHostSm::~StaticHostSm() = default;
 void StaticHostSm::handleInitialized() {
    TRACE( 0, __PRETTY_FUNCTION__ );
    VEXIL_ASSERT( entityManager() );
+   tryAgain_ = std::make_unique<Vexil::TimerReactor>( entityManager_->clock(),
+                                                      [ this ] { admitWaiting(); } );
+   tryAgain_->timeMinIs( Vexil::never );
    attachTables();
    publishEntry();
    noteFoundIds();
@@ -412,8 +413,8 @@ void StaticHostSm::waitForRoom( Vexil::KeySet<Bridging::MacVlanPair>& list,
       Vexil::log( "static source: no room for " + mvpStr( mvp ) + ", the tables of static " + what +
                   " are full, or there is no memory for more; hosts wait until there is room" );
    list.emplace( mvp );
-   if( tryAgain_.timeMin() == Vexil::never )
-      tryAgain_.timeMinIs( entityManager_->clock()->now() + memoryInterval );
+   if( tryAgain_->timeMin() == Vexil::never )
+      tryAgain_->timeMinIs( entityManager_->clock()->now() + memoryInterval );
 }
 
 // Brings in the hosts that wait, as far as there is room now; each is tried once at the most, and
@@ -432,7 +433,7 @@ void StaticHostSm::admitWaiting() {
    admitting_ = false;
    const Vexil::Seconds now = entityManager_->clock()->now();
    const bool room = hasRoom( *staticInputTable_ ) && hasObjectRoom();
-   tryAgain_.timeMinIs( waiting() == 0 ? Vexil::never : room ? now : now + memoryInterval );
+   tryAgain_->timeMinIs( waiting() == 0 ? Vexil::never : room ? now : now + memoryInterval );
 }
 
 } // namespace L2Rib

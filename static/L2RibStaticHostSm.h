@@ -120,7 +120,7 @@ class StaticHostSm : public Vexil::Entity {
    Vexil::KeySet<Bridging::MacVlanPair> waitingForHostRoom_;
    Vexil::KeySet<Bridging::MacVlanPair> waitingForObjectRoom_; // of labels and dests
    bool admitting_ = false;
-   Vexil::TimerReactor tryAgain_; // while hosts wait
+   std::unique_ptr<Vexil::TimerReactor> tryAgain_; // while hosts wait
 };
 
 // Follows the configured hosts of one forwarding database.

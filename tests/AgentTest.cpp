@@ -75,9 +75,68 @@ TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
    Vexil::traceSettingIs( "L2RibAgent=9" );
    EXPECT_EQ( seen, "no engine, static source" );
    ASSERT_EQ( traced.size(), 3u );
-   EXPECT_EQ( traced[ 0 ].rfind( "virtual void L2Rib::Agent::doInit() em is ", 0 ), 0u );
-   EXPECT_EQ( traced[ 1 ].rfind( "virtual void L2Rib::Agent::doMountsComplete(", 0 ), 0u );
-   EXPECT_EQ( traced[ 2 ], "doMountsComplete Loading L2RibTestPlugins" );
+   EXPECT_EQ( traced[ 0 ].rfind( "doInit() virtual void L2Rib::Agent::doInit() em is ", 0 ), 0u );
+   EXPECT_EQ(
+      traced[ 1 ].rfind( "doMountsComplete() virtual void L2Rib::Agent::doMountsComplete(", 0 ),
+      0u );
+   EXPECT_EQ( traced[ 2 ], "loadPlugins() doMountsComplete Loading L2RibTestPlugins" );
+}
+
+// For reading: nothing is made, nothing locked, and the entity follows what another process writes.
+TEST( Mounts, ForReadingOnlyRead ) {
+   const TestSupport::TemporaryFolder folder;
+   Vexil::ActivityManager loop;
+   const auto writer = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
+   const auto mounted = [ & ]( const Vexil::Ptr<Vexil::EntityManager>& manager,
+                               const std::string& mode ) {
+      const auto group = manager->mountGroup();
+      group->doMount( Path::agentInputDir, "L2Rib::AgentSourceDir", mode );
+      group->doMount( Path::floodOutput, "L2Rib::FloodSetOutput", mode );
+      group->doMount( Path::policySmStatus, "L2Rib::PolicySmStatus", mode );
+      group->doClose();
+      return manager->mountStatus();
+   };
+   const auto entity = []<class T>( const Vexil::Ptr<Vexil::EntityManager>& manager,
+                                    const char* path, T* ) {
+      return dynamic_cast<T*>( manager->entity( path ).get() );
+   };
+   const auto tooEarly = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
+   Vexil::logSinkIs( []( std::string_view ) {} );
+   EXPECT_EQ( mounted( tooEarly, "r" ), Vexil::MountStatus::failed );
+   Vexil::logSinkIs( nullptr );
+   EXPECT_FALSE( std::filesystem::exists( folder.file( "state/bridging" ) ) );
+
+   ASSERT_EQ( mounted( writer, "w" ), Vexil::MountStatus::success );
+   auto* const sources = entity( writer, Path::agentInputDir, (AgentSourceDir*)nullptr );
+   sources->sourceIs( "inside" )->initializedIs( true );
+   const auto reader = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
+   ASSERT_EQ( mounted( reader, "r" ), Vexil::MountStatus::success );
+   auto* const status = entity( writer, Path::policySmStatus, (PolicySmStatus*)nullptr );
+   auto* const flood = entity( writer, Path::floodOutput, (FloodSetOutput*)nullptr );
+   auto* const seenStatus = entity( reader, Path::policySmStatus, (PolicySmStatus*)nullptr );
+   auto* const seenFlood = entity( reader, Path::floodOutput, (FloodSetOutput*)nullptr );
+   auto* const seenSources = entity( reader, Path::agentInputDir, (AgentSourceDir*)nullptr );
+   EXPECT_TRUE( seenSources->source( "inside" ) );
+   const Bridging::VlanId vlan( 10 );
+   const Dest dest( Util::destIdNotInTarn() );
+   const auto follow = [ & ]( auto came ) {
+      return TestSupport::waitFor( [ & ] { return loop.turn( 0 ), came(); }, 60 );
+   };
+   status->maxLbIdIs( LoadBalanceId( 7 ) );
+   flood->sourceIs( 0x50 );
+   flood->vlanFloodSetIs( vlan )
+      ->floodSetIs( Vexil::EthAddr( 1 ) )
+      ->floodSetTypeIs( floodSetTypeAny_ );
+   flood->vlanFloodSet( vlan )->floodSet( Vexil::EthAddr( 1 ) )->destSetIs( dest, true );
+   EXPECT_TRUE( follow( [ & ] {
+      const auto sets = seenFlood->vlanFloodSet( vlan );
+      return seenStatus->maxLbId() == LoadBalanceId( 7 ) && seenFlood->source() == 0x50 && sets &&
+             sets->floodSet( Vexil::EthAddr( 1 ) )->destSet( dest );
+   } ) );
+   flood->vlanFloodSetDel( vlan );
+   sources->sourceDel( "inside" );
+   EXPECT_TRUE( follow(
+      [ & ] { return seenFlood->vlanFloodSet().empty() && seenSources->source().empty(); } ) );
 }
 
 TEST( AgentDeathTest, FailedMountIsFatal ) {

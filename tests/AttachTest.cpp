@@ -96,7 +96,8 @@ TEST_F( AttachTest, SourceWithoutItsTablesIsNotReadyAndLosesNothing ) {
                   fs::copy_options::overwrite_existing );
    republish( "evpn" );
    EXPECT_EQ( agent->status(), -SIGABRT );
-   EXPECT_NE( agent->err().find( "assertion failed: labelTable," ), std::string::npos ) << agent->err();
+   EXPECT_NE( agent->err().find( "assertion failed: labelTable," ), std::string::npos )
+      << agent->err();
 }
 
 // More entries than there are descriptors. The agent starts, keeps what it needs for its own

@@ -68,11 +68,13 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
    ASSERT_TRUE( row( 3, ObjTuple( group.key() ) ) );
    ASSERT_TRUE( row( 4, ObjTuple( group.key() ), sourceBit8_ ) );
    ASSERT_TRUE( ids.set( { SingleKey(), DestId( 1 ), LoadBalanceId( 1 ), LabelId( 3 ) } ) );
-   for( const uint64_t interface : { 1, 2 } ) {
+   for( const uint64_t interface : { 1, 2, 3 } ) {
       Dest dest( Util::destIdNotInTarn() );
       dest.intfIs( { interface } );
       ASSERT_TRUE( flood.set( { FloodSetTriple( VlanId( 10 ), Vexil::EthAddr( 1 ), dest ),
-                                interface == 1 ? floodSetTypeAny_ : FloodSetType( 77 ) } ) );
+                                interface == 1   ? floodSetTypeAny_
+                                : interface == 2 ? floodSetTypeVxlan_
+                                                 : FloodSetType( 77 ) } ) );
    }
    const Result result = ctl( { "check" } );
    EXPECT_EQ( result.status, 1 );
@@ -81,9 +83,9 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
           "host (02:00:00:00:00:04/10) of 0x100 points to lb/1, which is of 0x40",
           "label/9 has an id that was never given: the highest is 3",
           "label/1 points to label/1, which leads back to it", "label/9 points to label/9, which",
-          "label/3 points to lb/1, which leads back to it", "dest/1 is of no known type",
+          "label/3 points to lb/1, which leads back to it", "dest/1: a dest of no known type",
           "label/9 and label/1 are copies of the same label/1 from 0x40",
-          "label/9 is not reached from any host", "dest intf 2 } is of no known type",
+          "label/9 is not reached from any host", "dest intf 3 }: a flood set of no known type",
           "dest intf 2 } has another type than its set", "11 faults" } )
       EXPECT_NE( ( result.out + result.err ).find( fault ), std::string::npos ) << fault;
    const auto drawn = [ & ]( const Words& command ) {

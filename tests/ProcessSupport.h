@@ -71,6 +71,7 @@ class Program {
       in_ = -1;
    }
    void signal( int number ) { kill( pid_, number ); }
+   pid_t id() const { return pid_; }
    bool ended() {
       if( !ended_ )
          ended_ = waitpid( pid_, &status_, WNOHANG ) == pid_;

@@ -296,7 +296,7 @@ class Kill : public ::testing::Test {
 
    void copyOriginal() {
       fs::remove_all( copy );
-      fs::copy( original, copy, fs::copy_options::recursive );
+      fs::copy( original, copy, fs::copy_options::recursive | fs::copy_options::copy_symlinks );
    }
    // An output id stands for the same input object for ever.
    void noteIds( const Output& output ) {

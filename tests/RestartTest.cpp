@@ -182,11 +182,6 @@ TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
         [ & ] { lab.output.dest->destDel( outDestBelow.destId() ); } },
       { "a group's next is missing", " does not exist!!!",
         [ & ] { lab.output.dest->destDel( outDest.destId() ); } },
-      { "a next of no table type", " does not exist!!!",
-        [ & ] {
-           put( Label( outLabel.labelId(), ObjTuple( ObjId( 1 ), TableType( 7 ) ), {} ),
-                label( 1 ) );
-        } },
       { "a group without nexts", "handleSourceCheck no next pointers on LB!!",
         [ & ] { put( LoadBalance( outLb.lbId() ), lb( 1 ) ); } },
       { "an object without users", "handleSourceCheck  no users for dest/900",

@@ -34,7 +34,6 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
       { R"({"op":"host",)" + key + inlineDest + R"(,"seqNo":-1})", "\"seqNo\" is -1" },
       { R"({"op":"host","mac":"2:0:0:0:0:1","vlan":1,)" + inlineDest + "}",
         "a MAC address such as" },
-      { R"({"op":"host","mac":"00:00:00:00:00:00","vlan":1,)" + inlineDest + "}", "no host's" },
       { R"({"op":"host","mac":"02:00:00:00:00:01","vlan":0,)" + inlineDest + "}", "1 to 4094" },
       { R"({"op":"hostDel","mac":"02:00:00:00:00:01","vlan":4095})", "1 to 4094" },
       { R"({"op":"host",)" + key + R"("inline":{"vteps":["10.0.0.2","10.0.0.1"]}})", "ascending" },
@@ -61,6 +60,8 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
       { R"({"op":"label","id":1,"label":1})", "\"next\" is missing" },
       { R"({"op":"flood",)" + key + R"("type":"all","dest":{"intf":{"id":1}}})",
         "\"vxlan\", \"intf\" or" },
+      { R"({"op":"flood",)" + key + R"("type":"invalid","dest":{"intf":{"id":1}}})",
+        "no known type: it is vxlan" },
       { R"({"op":"initialized","value":1})", "true or false" },
       { R"({"op":"end"})", "end without begin" },
    };
@@ -88,13 +89,23 @@ TEST_F( SourceRunTest, BadLinesAreReportedAndChangeNothing ) {
       EXPECT_EQ( entry[ table ], 0 ) << table;
    EXPECT_FALSE( entry[ "initialized" ] );
 
+   // Reserved are 0, and all ones for a dest, alone.
+   EXPECT_EQ( ctl( { "source", "run", "edge", "--value", "8" },
+                   R"({"op":"host","mac":"00:00:00:00:00:00","vlan":1,)" + inlineDest + "}\n" +
+                      R"({"op":"lb","id":18446744073709551615,"nexts":[{"type":"label","id":)" +
+                      "18446744073709551615}]}\n" )
+                 .status,
+              0 );
+
    // What depends on the table: a full one, and one that a host-only source has not.
-   const Result full = ctl( { "source", "run", "full", "--value", "1", "--host-capacity", "1" },
-                            host( 1, 1, inlineDest ) + host( 2, 1, inlineDest ) + syncOp );
+   const Result full = ctl(
+      { "source", "run", "full", "--value", "1", "--host-capacity", "1", "--capacity-max", "2" },
+      host( 1, 1, inlineDest ) + host( 2, 1, inlineDest ) + host( 3, 1, inlineDest ) + syncOp );
    EXPECT_EQ( full.status, 3 );
-   EXPECT_NE( full.err.find( "line 2: host: the table of hosts is full" ), full.err.npos )
+   EXPECT_NE( full.err.find( "line 3: host: the table of hosts is full: it has room for 2" ),
+              full.err.npos )
       << full.err;
-   EXPECT_EQ( full.out, "{\"synced\":1}\n" );
+   EXPECT_EQ( full.out, "{\"synced\":2}\n" );
    const Result only = ctl( { "source", "run", "only", "--value", "2", "--host-only" },
                             objects + host( 1, 1, group ) );
    EXPECT_EQ( std::count( only.err.begin(), only.err.end(), '\n' ), 4 ) << only.err;

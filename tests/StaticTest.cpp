@@ -39,7 +39,13 @@ class StaticLab {
         dest( put<DestTable>( "destTable", dests ) ), hostWatch( host, *this ),
         labelWatch( label, *this ), destWatch( dest, *this ) {}
 
-   void start() { sm = makeEntity<StaticHostSm>( manager, sources, config ); }
+   void start( bool tablesGrow = false ) {
+      sm = makeEntity<StaticHostSm>( manager, sources, config );
+      for( Vexil::TableBase* const table :
+           std::initializer_list<Vexil::TableBase*>{ host.get(), label.get(), dest.get() } )
+         if( !tablesGrow )
+            table->capacityMaxIs( table->capacity() );
+   }
    // Changes the configuration: "intf MAC ID", "label MAC LABEL TUNNEL", "both MAC LABEL ID" (a
    // label on a plain interface), "del MAC", each followed by the VLAN unless it is 10; "tunnel ID
    // TO", "tunnelDel ID", "vlanDel VLAN"; and "again", which changes nothing.
@@ -328,6 +334,11 @@ TEST( StaticHosts, WaitForRoom ) {
    EXPECT_EQ( "1=9 3=1:3>1", lab.text() );
    lab.run( "intf 2 2,del 2,del 1" );
    EXPECT_EQ( "3=1:3>1", lab.text() ) << "who is no longer configured does not wait";
+
+   StaticLab growing( 1, 1, 1 );
+   growing.start( true );
+   growing.run( "tunnel 1 1,label 1 1 1,label 2 2 1,label 3 3 1,intf 4 4" );
+   EXPECT_EQ( "1=1:1>1 2=2:2>1 3=3:3>1 4=4", growing.text() );
 }
 
 TEST( StaticHosts, TraceWhatTheyDo ) {

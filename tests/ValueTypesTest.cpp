@@ -1,5 +1,8 @@
 // The value types: text, order, equality, hashes, and the bytes that other processes see.
+#include "L2Rib/FloodSets.h"
 #include "L2Rib/L2Rib.h"
+#include "L2Rib/ObjTupleManager.h"
+#include "L2Rib/SourceDir.h"
 #include "runtime/Clock.h"
 
 #include <gtest/gtest.h>
@@ -10,6 +13,13 @@
 #include <map>
 #include <random>
 #include <sstream>
+#include <vector>
+
+// The names are those of whoever uses the types from a namespace of their own.
+static_assert( Util::mvpInvalid() == Bridging::MacVlanPair() &&
+               Util::otasInvalid() == L2Rib::ObjTupleAndSource() );
+static_assert( L2Rib::ObjId( L2Rib::LoadBalanceId( 7 ) ) == L2Rib::ObjId( 7 ) );
+static_assert( Seqno32( 1 ) < Seqno32( 2 ) );
 
 using namespace Bridging;
 using namespace Vexil;
@@ -78,19 +88,19 @@ TEST( ValueTypes, TextForms ) {
 31
 none
 (unset)
-(family 77)
+(family 77 bytes 00000000000000000000000000000000)
 dest/12 from 0x40
 (invalid)
 (invalid)
 99/5
 0x80000000
 0x0
-any
-label
+floodSetTypeAny
+tableTypeLabel
 { (02:00:00:00:00:01/10) seqNo 0 pref 0 entryType 0 updateTime 1700000000.25 next lb/7 }
 { (02:00:00:00:00:01/10) seqNo 0 pref 0 entryType 0 updateTime 0 inline vteps [ 10.0.0.1 10.0.0.2 ] } from 0x10
 value 2147483648
-(destType -2)
+(destType -2 value 0 vteps [ ])
 { dest/2 tunnel 10.0.0.1 to 10.0.0.2 tos 0 ttl 64 }
 { dest/3 mpls intf 12 labels [ 100 200 ] }
 { dest/4 intf 12 } copy of dest/12 from 0x40
@@ -111,15 +121,26 @@ TEST( ValueTypes, ParseTakesItsOwnTextAndNothingElse ) {
    for( const std::string& bad : { std::string(), std::string( "10.0.0" ), std::string( 99, '1' ),
                                    std::string( "10.0.0.1\0", 9 ), std::string( "::1%lo" ) } )
       EXPECT_FALSE( IpGenAddr::parse( bad ) ) << bad;
-   EXPECT_EQ( floodSetTypeParse( "vxlan" ), floodSetTypeVxlan_ );
-   EXPECT_FALSE( floodSetTypeParse( "invalid" ) );
+   for( const FloodSetType type : { floodSetTypeInvalid_, floodSetTypeVxlan_, floodSetTypeAny_ } )
+      EXPECT_EQ( floodSetTypeParse( floodSetTypeStr( type ) ), type );
    for( const Source source : { sourceNone_, sourceStatic_, sourceBit31_ } )
       EXPECT_EQ( sourceParse( sourceStr( source ) ), source );
    for( const char* bad : { "", "40", "0x", "0x40 ", "0xg", "0x100000000", "0x-1" } )
       EXPECT_FALSE( sourceParse( bad ) ) << bad;
-   for( const TableType type : { tableTypeInvalid_, tableTypeLoadBalance_, tableTypeDest_ } )
-      EXPECT_EQ( tableTypeParse( tableTypeStr( type ) ), type );
-   EXPECT_FALSE( tableTypeParse( "9" ) );
+   const auto bothWays = []<class Enum>( Enum, uint32_t last ) {
+      for( uint32_t value = 0; value <= last; ++value )
+         EXPECT_EQ( enumParse<Enum>( enumText( Enum( value ) ) ), Enum( value ) );
+      for( const char* bad : { "", "destType", " 0", "00", "99999999999" } )
+         EXPECT_FALSE( enumParse<Enum>( bad ) ) << bad;
+   };
+   bothWays( TableType(), 5 );
+   bothWays( CiDestType(), 5 );
+   bothWays( DestType(), 5 );
+   bothWays( EntryType(), 5 );
+   bothWays( FloodSetType(), 5 );
+   bothWays( Source(), 70 );
+   EXPECT_EQ( enumText( sourceBit6_ ), "sourceBit6" );
+   EXPECT_EQ( enumText( destTypeVxlan_ ), "destTypeVxlan" );
 }
 
 // A slice asks whether its time is over: never told so too early, and not late by long either,
@@ -185,12 +206,22 @@ void checkKey( Make make ) {
       ASSERT_EQ( ( a < b ) + ( b < a ) + ( a == b ), 1 ) << a << " " << b;
       ASSERT_TRUE( !( a < b && b < c ) || a < c ) << a << " " << b << " " << c;
       ASSERT_TRUE( a != b || a.hash() == b.hash() ) << a;
+      ASSERT_EQ( a == b, a.str() == b.str() ) << a << " " << b;
       const auto [ at, isNew ] = seen.emplace( a.hash(), a );
       ASSERT_EQ( at->second, a ) << "one hash for two keys";
       buckets[ a.hash() >> 58 ] += isNew;
    }
    for( const size_t inBucket : buckets )
       EXPECT_LT( inBucket, 2 * seen.size() / 64 + 16 ) << "crowded high bits";
+}
+
+// Fields with small numbers, as honest and other processes leave them; most are zero.
+template<class Record>
+Record sparse( std::mt19937& random ) {
+   Record record;
+   for( int i = 0; i < 4; ++i )
+      record = withWord( record, random() % ( sizeof record / 4 ) * 4, random() % 4 );
+   return record;
 }
 
 TEST( ValueTypes, OrderEqualityAndHashAgree ) {
@@ -209,6 +240,82 @@ TEST( ValueTypes, OrderEqualityAndHashAgree ) {
    checkKey<LabelId>( []( auto& r ) { return LabelId( uint64_t( r() % 999 ) << r() % 2 * 32 ); } );
    checkKey<FloodSetTriple>(
       [ & ]( auto& r ) { return FloodSetTriple( vlan( r ), mac( r ), dest( r ) ); } );
+   checkKey<CiDest>( sparse<CiDest> );
+   checkKey<Host>( sparse<Host> );
+   checkKey<LoadBalance>( sparse<LoadBalance> );
+   checkKey<Label>( sparse<Label> );
+   checkKey<HostAndSource>( sparse<HostAndSource> );
+   checkKey<LoadBalanceAndSource>( sparse<LoadBalanceAndSource> );
+   checkKey<LabelAndSource>( sparse<LabelAndSource> );
+}
+
+// A change of an attribute or of one key is told once; setting what is there tells nothing.
+TEST( Entities, TellWhatChanged ) {
+   struct Told : Reactor<SourceDirEntry> {
+      using Reactor::Reactor;
+      void handleSource() override { ++count; }
+      void handleHostTableTarnPath() override { ++count; }
+      void handleDestTableLen() override { ++count; }
+      int count = 0;
+   };
+   const auto entry = makeEntity<SourceDirEntry>( "evpn" );
+   Told told( entry );
+   for( int again = 0; again < 2; ++again ) {
+      entry->sourceIs( sourceBit6_ );
+      entry->hostTableTarnPathIs( "a/b" );
+      entry->destTableLenIs( 7 );
+   }
+   EXPECT_EQ( told.count, 3 );
+   entry->sourceDel();
+   EXPECT_EQ( entry->source(), sourceNone_ );
+   EXPECT_EQ( told.count, 4 );
+
+   struct Members : Reactor<FloodSet> {
+      using Reactor::Reactor;
+      void handleDestSet( const Dest& ) override { ++count; }
+      int count = 0;
+   };
+   const auto set = makeEntity<FloodSet>();
+   Members members( set );
+   for( const bool value : { false, true, true, false, false } ) {
+      set->destSetIs( Dest( DestId( 1 ) ), value );
+      EXPECT_EQ( set->destSet( Dest( DestId( 1 ) ) ), value );
+   }
+   EXPECT_EQ( members.count, 2 );
+   for( const uint64_t id : { 1, 2, 3 } )
+      set->destSetIs( Dest( DestId( id ) ), true );
+   set->destSetDelAll();
+   EXPECT_TRUE( set->destSet().empty() );
+   EXPECT_EQ( members.count, 8 );
+
+   ObjTupleSet objects;
+   objects.newOt( ObjTuple( DestId( 1 ) ), true );
+   objects.newOt( ObjTuple( DestId( 1 ) ), false );
+   EXPECT_FALSE( objects.ot( ObjTuple( DestId( 1 ) ) ) );
+}
+
+// An entity that enters itself somewhere while it is being made lives on.
+TEST( Entities, MayReferToThemselvesFromTheStart ) {
+   struct Child : Entity {
+      explicit Child( std::vector<Ptr<Child>>& all ) {
+         const Ptr<Child> self( this );
+         EXPECT_EQ( referenceCount(), 2u );
+         all.push_back( self );
+      }
+   };
+   std::vector<Ptr<Child>> all;
+   const auto made = makeEntity<Child>( all );
+   EXPECT_EQ( made->referenceCount(), 2u );
+}
+
+TEST( ObjTupleManager, AnObjectThatIsMappedKeepsItsId ) {
+   ObjTupleManager manager( tableTypeDest_, 5, 6 );
+   const ObjTupleAndSource otas( ObjTuple( DestId( 1 ) ), sourceBit6_ );
+   EXPECT_EQ( manager.newOutputOt( otas ), ObjTuple( DestId( 5 ) ) );
+   EXPECT_EQ( manager.newOutputOt( otas ), ObjTuple( DestId( 5 ) ) );
+   manager.delOutputOt( ObjTuple( DestId( 5 ) ) );
+   EXPECT_EQ( manager.newOutputOt( otas ), ObjTuple( DestId( 6 ) ) );
+   EXPECT_EQ( manager.size(), 1u );
 }
 
 // Tables of running systems hash with these: a new value is a new table format.

@@ -21,22 +21,12 @@ class Check {
    // One line a fault.
    const std::vector<std::string>& faults() {
       checkHosts();
-      for( const auto& [ id, row ] : graph_.dests ) {
+      for( const auto& [ id, row ] : graph_.dests )
          checkObject( row, ObjTuple( id ), ids_.maxDestId );
-         const DestType type = row.dest().destType();
-         if( type == objDestTypeNone_ || type > objDestTypeVxlan_ )
-            fault( ObjTuple( id ), "is of no known type" );
-      }
-      for( const auto& [ id, row ] : graph_.groups ) {
+      for( const auto& [ id, row ] : graph_.groups )
          checkObject( row, ObjTuple( id ), ids_.maxLbId );
-         if( row.lb().nexts() == 0 || row.lb().nexts() > EcmpIndex::max + 1 )
-            fault( ObjTuple( id ), "has " + std::to_string( row.lb().nexts() ) + " nexts" );
-      }
-      for( const auto& [ id, row ] : graph_.labels ) {
+      for( const auto& [ id, row ] : graph_.labels )
          checkObject( row, ObjTuple( id ), ids_.maxLabelId );
-         if( !row.label().label().valid() )
-            fault( ObjTuple( id ), "pushes a label past 20 bits" );
-      }
       checkUse();
       checkLoops();
       checkFlood();
@@ -47,6 +37,12 @@ class Check {
    template<class Subject>
    void fault( const Subject& subject, const std::string& what ) {
       faults_.push_back( subject.str() + " " + what );
+   }
+   // What is wrong with the row alone.
+   template<class Row>
+   void checkRow( const std::string& subject, const Row& row ) {
+      if( const MaybeFault found = faultIn( row ) )
+         faults_.push_back( subject + ": " + found->text );
    }
 
    // Whatever a source's row points to is the same source's.
@@ -61,22 +57,9 @@ class Check {
    void checkHosts() {
       for( const HostAndSource& row : graph_.hosts ) {
          const std::string subject = "host " + row.key().str();
-         if( row.host().key() != row.key() )
-            faults_.push_back( subject + " holds the host " + row.host().key().str() );
-         if( !isSingleBit( row.source() ) )
-            faults_.push_back( subject + " has the source " + sourceStr( row.source() ) +
-                               ", which is no single bit" );
-         const CiDest& dest = row.host().ciDest();
-         if( row.next() != Util::objTupleInvalid() ) {
+         checkRow( subject, row );
+         if( row.next() != Util::objTupleInvalid() )
             checkNext( subject, row.source(), row.next() );
-            if( dest != CiDest() )
-               faults_.push_back( subject + " has both a next and an inline destination" );
-         } else if( dest.destType() != destTypeDefault_ && dest.destType() != destTypeVxlan_ ) {
-            faults_.push_back( subject + " has an inline destination of no known type" );
-         } else if( dest.vtepCount() > CiVtepIndex::max + 1 ||
-                    ( dest.vtepCount() == 2 && !( dest.vteps()[ 0 ] < dest.vteps()[ 1 ] ) ) ) {
-            faults_.push_back( subject + " has VTEPs that are too many or out of order" );
-         }
       }
    }
 
@@ -84,11 +67,10 @@ class Check {
    template<class Row, class Id>
    void checkObject( const Row& row, const ObjTuple& object, Id maxId ) {
       objects_.push_back( object );
-      if( object.objId().value() == 0 || object.objId().value() > maxId.value() )
+      checkRow( object.str(), row );
+      if( object.objId().value() > maxId.value() )
          fault( object, "has an id that was never given: the highest is " + maxId.str() );
       const ObjTupleAndSource& input = row.sourceOtas();
-      if( input.tableType() != object.tableType() || !isSingleBit( input.source() ) )
-         fault( object, "is the copy of something else: " + input.str() );
       const auto [ first, fresh ] = copies_.emplace( input, object );
       if( !fresh )
          fault( object, "and " + first->second.str() + " are copies of the same " + input.str() );
@@ -146,10 +128,7 @@ class Check {
       for( const FloodMember& member : graph_.flood ) {
          const FloodSetTriple& triple = member.triple;
          const std::string subject = "flood member " + triple.str();
-         if( triple.dest().key() != Util::destIdNotInTarn() )
-            faults_.push_back( subject + " has an id of its own" );
-         if( member.floodSetType < floodSetTypeVxlan_ || member.floodSetType > floodSetTypeAny_ )
-            faults_.push_back( subject + " is of no known type" );
+         checkRow( subject, member );
          const auto [ first, fresh ] = types.emplace(
             Bridging::MacVlanPair( triple.mac(), triple.vlan() ), member.floodSetType );
          if( !fresh && first->second != member.floodSetType )
@@ -164,6 +143,22 @@ class Check {
    std::vector<std::string> faults_;
 };
 
+// The rows that no reader of the tables is given.
+std::vector<std::string> brokenRows( const Client::OutputReader& output ) {
+   std::vector<std::string> broken;
+   const auto look = [ & ]( const char* name, const auto& table ) {
+      table->forEachBroken( [ & ]( const auto&, const std::string& fault ) {
+         broken.push_back( name + ( " " + fault ) );
+      } );
+   };
+   look( "host", output.hosts.table() );
+   look( "dest", output.dests.table() );
+   look( "lb", output.groups.table() );
+   look( "label", output.labels.table() );
+   look( "flood member", output.flood.table() );
+   return broken;
+}
+
 int check( const Context& context ) {
    const Client::OutputReader output( context.stateDirectory );
    requireOutput( output, context );
@@ -177,6 +172,8 @@ int check( const Context& context ) {
                                   PolicySmStatusTable::Mode::read );
    Check check( graph, ids.get( SingleKey() ) );
    std::vector<std::string> faults = check.faults();
+   for( const std::string& broken : brokenRows( output ) )
+      faults.push_back( broken );
    const SourceNames names( context );
    const ParkedEntries parked( context );
    for( const std::string& group : parked.forWantOfRoom( names ) )

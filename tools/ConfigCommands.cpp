@@ -19,7 +19,6 @@
 
 namespace Tools {
 
-using Bridging::ConfigFault;
 using Bridging::ConfiguredHostRecord;
 using Bridging::MacVlanPair;
 using Bridging::TunnelId;
@@ -38,7 +37,7 @@ int refuse( int status, const std::string& text ) {
 // --- what the commands do
 
 int setHost( const Context& context, const ConfiguredHostRecord& host ) {
-   if( const std::optional<ConfigFault> fault = faultOf( host ) )
+   if( const auto fault = faultIn( host ) )
       return refuse( inputRejected, fault->text );
    ConfigEdit edit( context );
    Configuration wanted = edit.current();
@@ -65,7 +64,7 @@ int deleteHosts( const Context& context, const std::string& what, Predicate pred
 }
 
 int setTunnel( const Context& context, const TunnelRecord& tunnel ) {
-   if( const std::optional<ConfigFault> fault = faultOf( tunnel ) )
+   if( const auto fault = faultIn( tunnel ) )
       return refuse( inputRejected, fault->text );
    ConfigEdit edit( context );
    Configuration wanted = edit.current();

@@ -183,7 +183,7 @@ class DocumentReader {
    void accept( const PlacedJson& json, ObjectReader& object, const Record& record,
                 const std::string& name, Records& records, Places& places ) {
       const bool sound = object.sound();
-      if( const auto fault = faultOf( record ); fault && sound )
+      if( const auto fault = faultIn( record ); fault && sound )
          object.complain( object.placeOf( fault->field ), fault->text );
       const auto [ first, isNew ] = places.emplace( record.key, json.offset );
       if( sound && !isNew )

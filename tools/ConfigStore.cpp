@@ -66,7 +66,7 @@ void read( const std::string& folder, Records& records ) {
    const Ptr<Table> table = reading<Table>( folder );
    readAll( table, records );
    std::erase_if( records, [ & ]( const auto& record ) {
-      const auto fault = Bridging::faultOf( record.second );
+      const auto fault = faultIn( record.second );
       if( fault )
          table->corruptionDetected( table->path() + ": " + fault->text );
       return fault.has_value();

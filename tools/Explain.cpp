@@ -27,13 +27,6 @@ struct Candidate {
    Host host;
 };
 
-// Whether the comparator may look at it. The tables are other processes', and may hold anything.
-bool rankable( const Host& host ) {
-   return isSound( host.next() ) && ( host.ciDest().destType() == destTypeDefault_ ||
-                                      ( host.ciDest().destType() == destTypeVxlan_ &&
-                                        host.ciDest().vtepCount() <= CiVtepIndex::max + 1 ) );
-}
-
 // The sources that have the host, in the order in which the engine asks them.
 std::vector<Candidate> candidates( const Context& context, const MacVlanPair& key ) {
    Vexil::HashMap<std::string, SourceEntryRecord> entries;
@@ -46,10 +39,7 @@ std::vector<Candidate> candidates( const Context& context, const MacVlanPair& ke
       Host host;
       if( !tables.host || !tables.host->get( key, host ) )
          continue;
-      if( rankable( host ) )
-         found.push_back( { name, entry.source, entry.initialized != 0, host } );
-      else
-         complain( "source " + name + ": its host is damaged and left out" );
+      found.push_back( { name, entry.source, entry.initialized != 0, host } );
    }
    return found;
 }
@@ -168,7 +158,7 @@ int explain( const Context& context, const std::string& mac, uint32_t vlan ) {
    }
    if( parked )
       inOutput += "\nparked: " + answer[ "parked" ][ "reason" ].get<std::string>() + ", " +
-                  std::to_string( parked->tries ) + " tries";
+                  triedText( *parked );
    if( context.json )
       std::cout << text( answer ) << '\n';
    else

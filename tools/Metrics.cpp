@@ -164,10 +164,16 @@ void outputMetrics( Exposition& out, const Context& context, const OutputReader&
 void sourceMetrics( Exposition& out, const Context& context, const AgentStatusRecord& status ) {
    out.metric( "l2rib_sources", "gauge", "Sources that the agent knows." ).sample( status.sources );
    out.metric( "l2rib_source_ready", "gauge", "Whether a source takes part in the selection." );
-   SourceStatusTable( context.fileOf( Path::sourceStatus ), SourceStatusTable::Mode::read )
-      .forEach( [ & ]( const SourceStatusRecord& source ) {
-         out.sample( source.ready ? 1 : 0, { { "source", source.name.str() } } );
-      } );
+   const SourceStatusTable statuses( context.fileOf( Path::sourceStatus ),
+                                     SourceStatusTable::Mode::read );
+   statuses.forEach( [ & ]( const SourceStatusRecord& source ) {
+      out.sample( source.ready ? 1 : 0, { { "source", source.name.str() } } );
+   } );
+   out.metric( "l2rib_source_corruptions_total", "counter",
+               "How often the agent read what no honest writer leaves in a source's tables." );
+   statuses.forEach( [ & ]( const SourceStatusRecord& source ) {
+      out.sample( source.corruptions.value(), { { "source", source.name.str() } } );
+   } );
    std::vector<std::pair<std::string, NamedTable>> tables;
    for( const auto& [ name, source ] : context.sources().allSources() ) {
       const SourceTables found( context, source.record );

@@ -149,6 +149,11 @@ bool isForWantOfRoom( ParkedReason reason ) {
    return reason == parkedTableFull_ || reason == parkedNoMemory_ || reason == parkedNoId_;
 }
 
+std::string triedText( const ParkedEntry& parked ) {
+   return "since " + sinceText( parked.since.value() ) + ", " + std::to_string( parked.tries ) +
+          ( parked.tries == 1 ? " try" : " tries" );
+}
+
 Json toJson( const ParkedEntry& parked, const SourceNames& names ) {
    Json json = { { "kind", kindName( parked.key.kind ) } };
    if( parked.key.kind == parkedObject_ )
@@ -235,11 +240,9 @@ void printForPeople( const ParkedEntries& parked, const std::vector<ParkedEntry>
       const auto group = groups.find( { entry.key.kind, reason } );
       if( group != groups.end() && group->second.count > 1 )
          continue;
-      lines.push_back(
-         { kindName( entry.key.kind ), subjectText( entry ),
-           entry.source != sourceNone_ ? sourceText( entry.source, names ) : "-", reason,
-           "since " + sinceText( entry.since.value() ) + ", " + std::to_string( entry.tries ) +
-              ( entry.tries == 1 ? " try" : " tries" ) } );
+      lines.push_back( { kindName( entry.key.kind ), subjectText( entry ),
+                         entry.source != sourceNone_ ? sourceText( entry.source, names ) : "-",
+                         reason, triedText( entry ) } );
    }
    printColumns( std::move( lines ) );
    for( const auto& [ what, group ] : groups )

@@ -23,6 +23,9 @@ struct ParkedEntry : L2Rib::ParkedRecord {
    uint64_t tries = 1;
 };
 
+// "since 14:02:11, 9 tries"; the date too, when it was another day.
+std::string triedText( const ParkedEntry& parked );
+
 // {"kind","mac","vlan" or "type","id","source","sourceName","reason","since","tries"}.
 Json toJson( const ParkedEntry& parked, const SourceNames& names );
 

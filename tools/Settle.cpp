@@ -86,7 +86,7 @@ class Settling {
       SourceStatusRecord status;
       if( !statuses_->get( entry.name, status ) || status.source != entry.source )
          return "the agent to meet source " + name;
-      if( entry.initialized && !status.reason.view().empty() )
+      if( entry.initialized && !status.ready && !status.reason.view().empty() )
          return "source " + name + " to be ready: " + status.reason.str();
       if( ( status.ready != 0 ) != ( entry.initialized != 0 ) )
          return "the agent to see source " + name +

@@ -86,7 +86,7 @@ class OrderlyEnd {
 
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
-   Tools::requireStateDirectory( stateDirectory );
+   const Tools::StateDirectory sole( stateDirectory );
    Vexil::raiseDescriptorLimit();
    Vexil::ActivityManager loop;
    Vexil::Ptr<Vexil::BaseAgent> agent;
