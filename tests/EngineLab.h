@@ -7,9 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -72,6 +74,20 @@ inline Label push( uint64_t id, uint32_t value, const ObjTuple& next ) {
    return Label( LabelId( id ), next, Vexil::MplsLabel( value ) );
 }
 
+inline Dest floodDest( uint64_t interface ) {
+   Dest made{ Util::destIdNotInTarn() };
+   made.intfIs( { interface } );
+   return made;
+}
+template<class Owner>
+void floodIs( Owner& owner, uint32_t vlan, uint64_t mac, const Dest& dest,
+              FloodSetType type = floodSetTypeAny_ ) {
+   const auto set =
+      owner.vlanFloodSetIs( Bridging::VlanId( vlan ) )->floodSetIs( Vexil::EthAddr( mac ) );
+   set->floodSetTypeIs( type );
+   set->destSetIs( dest, true );
+}
+
 // A source inside the test: its tables and its directory entry.
 struct LabSource {
    std::string name;
@@ -87,17 +103,81 @@ struct LabSource {
    void set( const LoadBalance& value ) { ASSERT_TRUE( lb->lbIs( value ) ); }
    void set( const Label& value ) { ASSERT_TRUE( label->labelIs( value ) ); }
    void set( const Dest& value ) { ASSERT_TRUE( dest->destIs( value ) ); }
+   template<class... Rows>
+   requires( sizeof...( Rows ) > 1 ) void set( const Rows&... rows ) { ( set( rows ), ... ); }
+   // Members of the flood set of a VLAN and a MAC, each named by its interface.
+   void flood( uint32_t vlan, uint64_t mac, std::initializer_list<uint64_t> interfaces ) {
+      for( const uint64_t interface : interfaces )
+         floodIs( *entry, vlan, mac, floodDest( interface ) );
+   }
 };
 
-// The engine's trace, all levels, as long as it lives.
+// The members of all flood sets of an owner, the output or a source's entry:
+// "VLAN/MAC:interface" each. Unless it may, none has an empty set or VLAN.
+template<class Owner>
+std::set<std::string> members( const Owner& owner, bool mayBeEmpty = false ) {
+   std::set<std::string> all;
+   for( const auto& sets : owner.vlanFloodSet() ) {
+      EXPECT_TRUE( mayBeEmpty || !sets.value->floodSet().empty() ) << "an empty VLAN " << sets.key;
+      for( const auto& set : sets.value->floodSet() ) {
+         EXPECT_TRUE( mayBeEmpty || !set.value->destSet().empty() ) << "an empty set " << sets.key;
+         for( const auto& found : set.value->destSet() )
+            all.insert( sets.key.str() + "/" + set.key.str() + ":" + found.key.str() );
+      }
+   }
+   return all;
+}
+
+inline const Dest& bare( const Dest& row ) { return row; }
+inline const Label& bare( const Label& row ) { return row; }
+inline const LoadBalance& bare( const LoadBalance& row ) { return row; }
+inline Dest bare( const DestAndSource& row ) { return row.dest(); }
+inline Label bare( const LabelAndSource& row ) { return row.label(); }
+inline LoadBalance bare( const LoadBalanceAndSource& row ) { return row.lb(); }
+
+// What an object comes to, written out to its leaves: the same for a source's object and for its
+// output copy, whatever their ids. nullopt when something is missing or the chain has no end.
+template<class Tables>
+std::optional<std::string> expansion( const Tables& tables, const ObjTuple& ot,
+                                      unsigned depth = 1 ) {
+   std::string text;
+   std::vector<ObjTuple> nexts;
+   if( ot.tableType() == tableTypeDest_ ) {
+      const Dest found = bare( tables.dest->dest( ot.destId() ) );
+      if( found.key() == ot.destId() )
+         return "intf " + std::to_string( found.intf().intf.value() );
+   } else if( ot.tableType() == tableTypeLabel_ ) {
+      const Label found = bare( tables.label->label( ot.labelId() ) );
+      if( found.key() == ot.labelId() )
+         nexts = { found.next() };
+      text = "push " + found.label().str();
+   } else if( ot.tableType() == tableTypeLoadBalance_ ) {
+      const LoadBalance found = bare( tables.lb->lb( ot.lbId() ) );
+      if( found.key() == ot.lbId() )
+         nexts.assign( found.used().begin(), found.used().end() );
+      text = "group";
+   }
+   if( nexts.empty() || depth > 64 )
+      return std::nullopt;
+   text += " (";
+   for( const ObjTuple& next : nexts ) {
+      const auto below = expansion( tables, next, depth + 1 );
+      if( !below )
+         return std::nullopt;
+      text += " " + *below;
+   }
+   return text + " )";
+}
+
+// The trace of the engine, or of another part, all levels, as long as it lives.
 class TraceLines {
  public:
-   TraceLines() {
+   explicit TraceLines( const std::string& part = "L2RibPolicySm" ) : part_( part ) {
       Vexil::logSinkIs( [ this ]( std::string_view line ) { lines_.emplace_back( line ); } );
-      Vexil::traceSettingIs( "L2RibPolicySm=0-9" );
+      Vexil::traceSettingIs( part_ + "=0-9" );
    }
    ~TraceLines() {
-      Vexil::traceHandle( "L2RibPolicySm" ).levelsIs( 0 );
+      Vexil::traceHandle( part_ ).levelsIs( 0 );
       Vexil::logSinkIs( {} );
    }
    // Whether there are lines with these texts, in this order; other lines may stand between them.
@@ -109,9 +189,15 @@ class TraceLines {
          ASSERT_LT( at, lines_.size() ) << "no line, or not in this order: " << expected;
       }
    }
+   // In how many lines the text stands.
+   long count( const std::string& text ) const {
+      return std::ranges::count_if(
+         lines_, [ & ]( const std::string& line ) { return line.find( text ) != line.npos; } );
+   }
    void clear() { lines_.clear(); }
 
  private:
+   const std::string part_;
    std::vector<std::string> lines_;
 };
 
@@ -175,9 +261,7 @@ class Lab {
       if( danglesInRestart.empty() )
          return;
       // Rows may dangle while a contradictory output is emptied, and then nothing is left of it.
-      EXPECT_EQ( 0u, output.host->count() + output.lb->count() + output.label->count() +
-                        output.dest->count() )
-         << danglesInRestart;
+      EXPECT_EQ( 0u, output.host->count() + objectCount() ) << danglesInRestart;
       danglesInRestart.clear();
    }
    // Turns until nothing is left to do now; parked failures stay parked.
@@ -200,7 +284,19 @@ class Lab {
       settle();
    }
 
+   size_t objectCount() const {
+      return output.dest->count() + output.lb->count() + output.label->count();
+   }
    HostAndSource row( const MacVlanPair& key ) const { return output.host->host( key ); }
+   // What a host's row comes to, written out to the leaves of its objects; "none" without a row.
+   std::string resolved( const MacVlanPair& key ) const {
+      const HostAndSource found = row( key );
+      if( found.key() != key )
+         return "none";
+      return found.next() == Util::objTupleInvalid()
+                ? found.host().ciDest().str()
+                : expansion( output, found.next() ).value_or( "dangling" );
+   }
    // "value 7 from 0x40" or "dest/1 from 0x40"; "none".
    std::string outcome( const MacVlanPair& key ) const {
       const HostAndSource found = row( key );
@@ -226,19 +322,19 @@ class Lab {
    }
 
    // Every relation that the rows of the output imply: (used, user).
-   using Relations = std::set<std::pair<std::string, std::string>>;
+   using Relations = std::set<std::pair<ObjTuple, std::string>>;
    Relations relationsOfRows() const {
       Relations all;
       output.host->forEach( [ & ]( const HostAndSource& found ) {
          if( found.next() != Util::objTupleInvalid() )
-            all.emplace( found.next().str(), mvpStr( found.key() ) );
+            all.emplace( found.next(), mvpStr( found.key() ) );
       } );
       output.label->forEach( [ & ]( const LabelAndSource& found ) {
-         all.emplace( found.label().next().str(), ObjTuple( found.key() ).str() );
+         all.emplace( found.label().next(), ObjTuple( found.key() ).str() );
       } );
       output.lb->forEach( [ & ]( const LoadBalanceAndSource& found ) {
          for( const ObjTuple& next : found.lb().used() )
-            all.emplace( next.str(), ObjTuple( found.key() ).str() );
+            all.emplace( next, ObjTuple( found.key() ).str() );
       } );
       return all;
    }
@@ -247,9 +343,9 @@ class Lab {
       for( const auto& entry : engine->usersMap() ) {
          EXPECT_FALSE( entry.value->empty() ) << entry.key << " has a record and no users";
          for( const auto& user : entry.value->otUser() )
-            all.emplace( entry.key.str(), user.key.str() );
+            all.emplace( entry.key, user.key.str() );
          for( const auto& user : entry.value->mvpUser() )
-            all.emplace( entry.key.str(), mvpStr( user.key ) );
+            all.emplace( entry.key, mvpStr( user.key ) );
       }
       EXPECT_EQ( engine->userCount(), all.size() );
       return all;
@@ -261,9 +357,9 @@ class Lab {
       if( !engine )
          return; // a write of the test's own
       for( const auto& [ used, user ] : relationsOfRows() ) {
-         if( existsByText( used ) )
+         if( exists( used ) )
             continue;
-         const std::string what = user + " points to missing " + used;
+         const std::string what = user + " points to missing " + used.str();
          if( engine->restartState() != running_ )
             danglesInRestart = what;
          else
@@ -312,14 +408,6 @@ class Lab {
     private:
       Lab& lab_;
    };
-
-   bool existsByText( const std::string& text ) const {
-      const uint64_t id = std::stoull( text.substr( text.find( '/' ) + 1 ) );
-      return exists( text[ 0 ] == 'd' ? dest( id ) : text[ 1 ] == 'b' ? lb( id ) : label( id ) );
-   }
-   static ObjTuple dest( uint64_t id ) { return ObjTuple( DestId( id ) ); }
-   static ObjTuple lb( uint64_t id ) { return ObjTuple( LoadBalanceId( id ) ); }
-   static ObjTuple label( uint64_t id ) { return ObjTuple( LabelId( id ) ); }
 
    template<class Table>
    Ptr<Table> table( const std::string& path ) {

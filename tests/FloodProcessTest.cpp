@@ -178,28 +178,42 @@ TEST_F( FloodProcessTest, RandomSetsAgreeWithTheModel ) {
    EXPECT_EQ( watch.status(), 0 );
 }
 
-TEST_F( FloodProcessTest, MembersOfAVanishedSourceAreHeld ) {
+TEST_F( FloodProcessTest, HostsAndMembersOfAVanishedSourceAreHeld ) {
    startAgent( { "--source-hold", "1000" } );
-   const auto content = []( unsigned last ) {
-      return flood( 10, allHosts, vtep( 1 ) ) + flood( 10, allHosts, vtep( last ) ) +
-             initialized( true );
+   const auto kept = [ this ]( unsigned other ) { // a host and a member, and another of each
+      keep( "evpn", "0x40",
+            host( 1, 100, inlineDest ) + host( other, 100, inlineDest ) +
+               flood( 10, allHosts, vtep( 1 ) ) + flood( 10, allHosts, vtep( other ) ) +
+               initialized( true ) );
+      settle();
    };
-   keep( "evpn", "0x40", content( 2 ) );
+   const auto vanish = [ this ] { EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 ); };
+   const auto expectThere = [ this ]( unsigned other ) {
+      EXPECT_EQ( json( { "show", "hosts", "--source", "0x40" } ).size(), 2u );
+      EXPECT_EQ( winner( other ), "evpn" );
+      EXPECT_EQ( membersOf( shown() ), ( Members{ memberStr( 10, allHosts, vtep( 1 ) ),
+                                                  memberStr( 10, allHosts, vtep( other ) ) } ) );
+   };
+   kept( 2 );
+   vanish();
    settle();
-   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
-   settle();
-   EXPECT_EQ( membersOf( shown() ).size(), 2u );
+   expectThere( 2 );
    EXPECT_EQ( shown()[ "source" ], "0x10" ) << "only that of static";
-   keep( "evpn", "0x40", content( 3 ) ); // it is back, and no longer has the second one
-   settle();
-   EXPECT_EQ( membersOf( shown() ), ( Members{ memberStr( 10, allHosts, vtep( 1 ) ),
-                                               memberStr( 10, allHosts, vtep( 3 ) ) } ) );
+   // The whole folder of entries goes, and a source makes it anew: it no longer has the second
+   // ones.
+   std::filesystem::remove_all( state + "/bridging/l2Rib/inputDir" );
+   kept( 3 );
+   expectThere( 3 );
    stopAgent();
    startAgent( { "--source-hold", "0.1" } );
    settle();
-   EXPECT_EQ( membersOf( shown() ).size(), 2u );
-   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
-   EXPECT_TRUE( waitFor( [ & ] { return membersOf( shown() ).empty(); }, patience ) );
+   expectThere( 3 );
+   vanish();
+   EXPECT_TRUE( waitFor(
+      [ this ] {
+         return json( { "show", "hosts" } ).empty() && membersOf( shown() ).empty();
+      },
+      patience ) );
    settle();
    EXPECT_TRUE( shown()[ "vlans" ].empty() );
 }

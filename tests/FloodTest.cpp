@@ -5,107 +5,13 @@
 #include "tests/EngineLab.h"
 #include "tests/TestSupport.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
 
 namespace L2Rib::Test {
 namespace {
 
-constexpr uint32_t a = 0x40, b = 0x100, c = 0x80000000;
-
-Dest member( uint64_t interface ) {
-   Dest made = intfDest( 0, interface );
-   made.keyIs( Util::destIdNotInTarn() );
-   return made;
-}
-
-void add( const Ptr<SourceDirEntry>& entry, uint32_t vlan, uint64_t mac, const Dest& dest,
-          FloodSetType type = floodSetTypeAny_ ) {
-   const auto set =
-      entry->vlanFloodSetIs( Bridging::VlanId( vlan ) )->floodSetIs( Vexil::EthAddr( mac ) );
-   set->floodSetTypeIs( type );
-   set->destSetIs( dest, true );
-}
-
-// "VLAN/MAC:interface" of each member.
-template<class Owner>
-std::set<std::string> members( const Owner& owner ) {
-   std::set<std::string> all;
-   for( const auto& sets : owner.vlanFloodSet() ) {
-      EXPECT_FALSE( sets.value->floodSet().empty() ) << "an empty VLAN " << sets.key;
-      for( const auto& set : sets.value->floodSet() ) {
-         EXPECT_FALSE( set.value->destSet().empty() ) << "an empty set " << sets.key;
-         for( const auto& found : set.value->destSet() )
-            all.insert( sets.key.str() + "/" + set.key.str() + ":" + found.key.str() );
-      }
-   }
-   return all;
-}
-
-TEST( FloodMerge, OutputIsTheUnionOfTheReadySources ) {
-   for( uint64_t stream = 0; stream < 6 && !HasFailure(); ++stream ) {
-      TestSupport::Random random( stream );
-      Lab lab;
-      lab.clock->tickIs( 0.0001 );
-      for( const auto& [ name, value ] :
-           std::map<std::string, uint32_t>{ { "red", a }, { "green", b }, { "blue", c } } )
-         lab.source( name, value );
-      for( int round = 0; round < 120; ++round ) {
-         // Now a slice for every member, now all in one.
-         lab.engine->floodReviewQuantumIs( random.percent( 70 ) ? 0 : 10 );
-         for( uint32_t changes = random.below( 30 ); changes > 0; --changes ) {
-            auto at = lab.sources.begin();
-            std::advance( at, random.below( 3 ) );
-            const auto entry = at->second.entry;
-            const uint32_t vlan = 1 + random.below( 4 );
-            const Bridging::VlanId vlanId( vlan );
-            const uint64_t mac = 1 + random.below( 3 );
-            const Dest dest = member( random.below( 6 ) );
-            const auto sets = entry->vlanFloodSet( vlanId );
-            const auto set = sets ? sets->floodSet( Vexil::EthAddr( mac ) ) : nullptr;
-            switch( random.below( 12 ) ) {
-            case 0:
-               entry->vlanFloodSetDel( vlanId ); // a whole VLAN at once
-               break;
-            case 1:
-               if( sets )
-                  sets->floodSetDel( Vexil::EthAddr( mac ) ); // a whole address at once
-               break;
-            case 2:
-            case 3:
-            case 4:
-               if( set )
-                  set->destSetDel( dest );
-               break;
-            case 5:
-               if( random.percent( 30 ) )
-                  entry->initializedIs( !entry->initialized() );
-               break;
-            default:
-               add( entry, vlan, mac, dest );
-            }
-            if( random.percent( 40 ) )
-               lab.turn();
-         }
-         lab.settle();
-         std::set<std::string> expected;
-         unsigned mask = 0;
-         for( const auto& [ name, source ] : lab.sources ) {
-            if( !source.entry->initialized() )
-               continue;
-            mask |= source.entry->source();
-            for( const auto& sets : source.entry->vlanFloodSet() )
-               for( const auto& set : sets.value->floodSet() )
-                  for( const auto& found : set.value->destSet() )
-                     expected.insert( sets.key.str() + "/" + set.key.str() + ":" +
-                                      found.key.str() );
-         }
-         EXPECT_EQ( expected, members( *lab.output.flood ) ) << "round " << round;
-         EXPECT_EQ( mask, lab.output.flood->source() );
-      }
-   }
-}
+constexpr uint32_t a = 0x40, b = 0x100;
 
 TEST( FloodMerge, QuantumZeroHandlesOneMemberARun ) {
    Lab lab;
@@ -114,7 +20,7 @@ TEST( FloodMerge, QuantumZeroHandlesOneMemberARun ) {
    LabSource& source = lab.source( "one", a );
    lab.settle();
    for( uint64_t interface = 0; interface < 10; ++interface )
-      add( source.entry, 10, 1, member( interface ) );
+      source.flood( 10, 1, { interface } );
    for( size_t run = 1; run <= 10; ++run ) {
       lab.turn();
       EXPECT_EQ( run, members( *lab.output.flood ).size() );
@@ -122,39 +28,12 @@ TEST( FloodMerge, QuantumZeroHandlesOneMemberARun ) {
    }
 }
 
-// Hosts and members of a vanished source are kept and let go together, whatever other sources do.
-TEST( FloodMerge, MembersOfAVanishedSourceGoAfterTheHold ) {
-   Lab lab;
-   add( lab.source( "one", a ).entry, 10, 1, member( 1 ) );
-   add( lab.source( "two", b ).entry, 10, 1, member( 2 ) );
-   add( lab.source( "three", c ).entry, 10, 1, member( 3 ) );
-   lab.settle();
-   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
-   lab.inputDir->entryDel( "three" );
-   lab.pass( 10 );
-   lab.inputDir->entryDel( "one" );
-   lab.pass( 19 );
-   EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
-   EXPECT_EQ( b, lab.output.flood->source() );
-   lab.pass( 2 ); // the end of another source's hold,
-   EXPECT_EQ( 2u, members( *lab.output.flood ).size() );
-   lab.engine->sourceSm( "two" )->handleOvertaken(); // a journal that was read too late,
-   lab.settle();
-   lab.inputDir->entryDel( "two" ); // and one that is back without its member
-   lab.source( "two", b );
-   lab.settle();
-   EXPECT_EQ( std::set<std::string>{ "10/00:00:00:00:00:01:{ flood dest intf 1 }" },
-              members( *lab.output.flood ) );
-   lab.pass( 10 );
-   EXPECT_TRUE( lab.output.flood->vlanFloodSet().empty() );
-}
-
 // However many members one VLAN has, the walk over them is in slices.
 TEST( FloodMerge, EndOfAHoldIsInSlices ) {
    Lab lab;
    LabSource& source = lab.source( "one", a );
    for( uint64_t interface = 0; interface < 2000; ++interface )
-      add( source.entry, 10, 1 + interface / 1000, member( interface ) );
+      source.flood( 10, 1 + interface / 1000, { interface } );
    lab.settle();
    lab.inputDir->entryDel( "one" );
    lab.clock->nowIs( lab.clock->now() + 31 );
@@ -185,7 +64,7 @@ TEST( FloodMerge, MembersWithoutRoomAreParkedUntilThereIsSome ) {
    lab.output.flood->memberRoomIs( &few );
    LabSource& source = lab.source( "one", a );
    for( uint64_t interface = 1; interface <= 5; ++interface )
-      add( source.entry, 10, interface, member( interface ) );
+      source.flood( 10, interface, { interface } );
    lab.hammer();
    EXPECT_EQ( 3u, members( *lab.output.flood ).size() );
    EXPECT_EQ( 2u, lab.engine->failedFloodSet().size() );
@@ -205,64 +84,13 @@ TEST( FloodMerge, MembersWithoutRoomAreParkedUntilThereIsSome ) {
    EXPECT_TRUE( lab.engine->awaited().empty() );
 }
 
-TEST( FloodMerge, TracesWhatItDoes ) {
-   std::vector<std::string> lines;
-   Lab lab;
-   lab.engine->floodReviewQuantumIs( 0 );
-   lab.clock->tickIs( 0.0001 );
-   const auto entry = lab.source( "one", a ).entry;
-   add( entry, 10, 1, member( 1 ) );
-   add( entry, 10, 1, member( 2 ) );
-   Vexil::traceSettingIs( "L2RibPolicySm=0" );
-   Vexil::logSinkIs( [ & ]( std::string_view line ) { lines.emplace_back( line ); } );
-   lab.settle();
-   entry->vlanFloodSetDel( Bridging::VlanId( 10 ) );
-   lab.settle();
-   // An empty VLAN that something else left goes with the next removal, whatever that is of.
-   lab.output.flood->vlanFloodSetIs( Bridging::VlanId( 20 ) );
-   lab.engine->handleFloodSetDest( Bridging::VlanId( 20 ), Vexil::EthAddr(), member( 3 ) );
-   lab.engine->setFloodSetOutputType();
-   Vexil::logSinkIs( nullptr );
-   Vexil::traceHandle( "L2RibPolicySm" ).levelsIs( 0 );
-   EXPECT_TRUE( lab.output.flood->vlanFloodSet().empty() );
-   const std::string judge = "void L2Rib::PolicySm::handleFloodSetDest(const Bridging::VlanId&, "
-                             "const Vexil::EthAddr&, const L2Rib::Dest&)";
-   const std::string work = "void L2Rib::PolicySm::processFloodSetBacklog()";
-   for( const auto& [ times, text ] : std::vector<std::pair<long, std::string>>{
-           { 2, work + " floodSet length: 2" },
-           { 2, work + " processed 1 from backlog" },
-           { 4, judge + " vlan: 10 mac: 00:00:00:00:00:01 dest: { flood dest intf " },
-           { 2, judge + " deleting { flood dest intf " },
-           { 1, judge + " deleting output FloodSet for 10/00:00:00:00:00:01" },
-           { 1, judge + " deleting output VlanFloodSet for 10" },
-           { 1, judge + " deleting output VlanFloodSet for 20" },
-           { 1, "setFloodSetOutputType adding one (0x40) to type." },
-           { 1, "setFloodSetOutputType new source is 40, old is 40" } } )
-      EXPECT_EQ( times, std::count_if( lines.begin(), lines.end(),
-                                       [ & ]( const std::string& line ) {
-                                          return line.find( text ) != line.npos;
-                                       } ) )
-         << text;
-}
-
-TEST( FloodMergeDeath, BrokenMembersStopTheProcess ) {
-   const auto publish = []( const Dest& dest, FloodSetType type ) {
-      Lab lab;
-      add( lab.source( "one", a ).entry, 10, 1, dest, type );
-      lab.settle();
-   };
-   EXPECT_DEATH( publish( intfDest( 1, 1 ), floodSetTypeAny_ ),
-                 "dest.key\\(\\) == Util::destIdNotInTarn\\(\\)" );
-   EXPECT_DEATH( publish( member( 1 ), floodSetTypeInvalid_ ),
-                 "ifs->floodSetType\\(\\) != floodSetTypeInvalid_" );
-}
-
 // --- across process borders --------------------------------------------------------------------
 
 FloodMember record( uint32_t vlan, uint64_t mac, uint64_t interface,
                     FloodSetType type = floodSetTypeAny_ ) {
-   return { FloodSetTriple( Bridging::VlanId( vlan ), Vexil::EthAddr( mac ), member( interface ) ),
-            type };
+   return {
+      FloodSetTriple( Bridging::VlanId( vlan ), Vexil::EthAddr( mac ), floodDest( interface ) ),
+      type };
 }
 
 TEST( FloodBinding, SourceTableFillsTheEntry ) {
@@ -383,7 +211,7 @@ TEST( FloodBinding, OutputOutlivesItsWriterAndGrows ) {
          const auto set = output.vlanFloodSetIs( Bridging::VlanId( 1 + interface % 7 ) )
                              ->floodSetIs( Vexil::EthAddr( interface % 3 ) );
          set->floodSetTypeIs( floodSetTypeVxlan_ );
-         set->destSetIs( member( interface ), true );
+         set->destSetIs( floodDest( interface ), true );
       }
       output.vlanFloodSetDel( Bridging::VlanId( 3 ) );
       output.vlanFloodSetIs( Bridging::VlanId( 4 ) )

@@ -14,15 +14,32 @@ namespace TestSupport {
 class MetricsText {
  public:
    explicit MetricsText( const std::string& text ) {
+      const std::regex help( "# HELP ([a-z][a-z0-9_]*) (\\S.*)" );
+      const std::regex type( "# TYPE (\\S+) (counter|gauge)" );
+      const std::regex sample( R"re(([a-z0-9_]+)(\{(.+)\})? (\d+(?:\.\d+)?(?:e[+-]?\d+)?))re" );
       EXPECT_TRUE( text.ends_with( '\n' ) );
       std::istringstream lines( text );
+      std::set<std::string> metrics;
+      std::string metric, kind;
+      std::smatch parts;
       for( std::string line; std::getline( lines, line ); )
-         if( line.starts_with( "# HELP " ) )
-            help( line );
-         else if( line.starts_with( "# TYPE " ) )
-            type( line );
-         else
-            sample( line );
+         if( std::regex_match( line, parts, help ) ) {
+            metric = parts[ 1 ];
+            kind.clear();
+            EXPECT_TRUE( metrics.insert( metric ).second ) << metric << " begins twice";
+         } else if( std::regex_match( line, parts, type ) ) {
+            kind = parts[ 2 ];
+            EXPECT_EQ( parts[ 1 ], metric ) << "TYPE follows its HELP";
+            EXPECT_EQ( kind == "counter", metric.ends_with( "_total" ) ) << line;
+         } else if( std::regex_match( line, parts, sample ) ) {
+            EXPECT_EQ( parts[ 1 ], metric ) << "a sample stands below its TYPE";
+            EXPECT_FALSE( kind.empty() ) << line;
+            labels( parts[ 3 ] );
+            const std::string series = line.substr( 0, line.rfind( ' ' ) );
+            EXPECT_TRUE( values_.emplace( series, std::stod( parts[ 4 ] ) ).second ) << line;
+         } else {
+            ADD_FAILURE() << "neither HELP nor TYPE nor a sample: " << line;
+         }
    }
 
    // By name and labels as they stand: l2rib_users, l2rib_hosts{source="evpn",kind="inline"}.
@@ -35,35 +52,6 @@ class MetricsText {
    const std::set<std::string>& labelNames() const { return labelNames_; }
 
  private:
-   void help( const std::string& line ) {
-      std::smatch parts;
-      ASSERT_TRUE(
-         std::regex_match( line, parts, std::regex( "# HELP ([a-z][a-z0-9_]*) (\\S.*)" ) ) )
-         << line;
-      metric_ = parts[ 1 ];
-      type_.clear();
-      EXPECT_TRUE( metrics_.insert( metric_ ).second ) << metric_ << " begins twice";
-   }
-   void type( const std::string& line ) {
-      std::smatch parts;
-      ASSERT_TRUE( std::regex_match( line, parts, std::regex( "# TYPE (\\S+) (counter|gauge)" ) ) )
-         << line;
-      EXPECT_EQ( parts[ 1 ], metric_ ) << "TYPE follows its HELP";
-      type_ = parts[ 2 ];
-      EXPECT_EQ( type_ == "counter", metric_.ends_with( "_total" ) ) << line;
-   }
-   void sample( const std::string& line ) {
-      std::smatch parts;
-      ASSERT_TRUE( std::regex_match(
-         line, parts,
-         std::regex( R"re(([a-z0-9_]+)(\{(.+)\})? (\d+(?:\.\d+)?(?:e[+-]?\d+)?))re" ) ) )
-         << line;
-      EXPECT_EQ( parts[ 1 ], metric_ ) << "a sample stands below its TYPE";
-      EXPECT_FALSE( type_.empty() ) << line;
-      labels( parts[ 3 ] );
-      const std::string series = line.substr( 0, line.rfind( ' ' ) );
-      EXPECT_TRUE( values_.emplace( series, std::stod( parts[ 4 ] ) ).second ) << line;
-   }
    void labels( std::string rest ) {
       const std::regex label( R"re(([a-z_]+)="((?:[^"\\]|\\[\\"n])*)"(,(?=.)|$))re" );
       while( !rest.empty() ) {
@@ -76,9 +64,6 @@ class MetricsText {
       }
    }
 
-   std::string metric_;
-   std::string type_;
-   std::set<std::string> metrics_;
    std::set<std::string> labelNames_;
    std::map<std::string, double> values_;
 };

@@ -143,31 +143,6 @@ TEST_F( ProcessTest, SourcesMayExchangeTheirValues ) {
    EXPECT_EQ( ctl( { "check" } ).status, 0 );
 }
 
-TEST_F( ProcessTest, HostsOfAVanishedSourceAreHeld ) {
-   startAgent( { "--source-hold", "1000" } );
-   const std::string content = host( 1, 100, inlineDest ) + initialized( true );
-   keep( "evpn", "0x40", content );
-   settle();
-   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
-   settle();
-   EXPECT_EQ( json( { "show", "hosts", "--source", "0x40" } ).size(), 1u );
-   // The whole folder of entries goes, and a source makes it anew.
-   std::filesystem::remove_all( state + "/bridging/l2Rib/inputDir" );
-   keep( "evpn", "0x40", host( 2, 100, inlineDest ) + content );
-   settle();
-   EXPECT_EQ( json( { "show", "hosts" } ).size(), 2u );
-   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
-   agent->signal( SIGTERM );
-   EXPECT_EQ( agent->status(), 0 );
-
-   startAgent( { "--source-hold", "0.2" } );
-   keep( "evpn", "0x40", content );
-   settle();
-   EXPECT_EQ( json( { "show", "hosts" } ).size(), 1u );
-   EXPECT_EQ( ctl( { "source", "delete", "evpn" } ).status, 0 );
-   EXPECT_TRUE( waitFor( [ & ] { return json( { "show", "hosts" } ).empty(); }, patience ) );
-}
-
 TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
    EXPECT_EQ( ctl( { "show", "hosts" } ).status, 1 ); // no agent ever ran
    EXPECT_EQ( ctl( { "show", "hosts", "--mac", "zz" } ).status, 2 );

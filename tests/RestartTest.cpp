@@ -15,15 +15,25 @@ struct Restart : ::testing::Test {
    LabSource& source = lab.source( "one", a );
 
    Restart() {
-      source.set( intfDest( 1, 11 ) );
-      source.set( intfDest( 2, 22 ) );
-      source.set( push( 1, 100, dest( 1 ) ) );
-      source.set( group( 1, { label( 1 ), dest( 2 ) } ) );
-      source.set( inlineHost( mvp( 1 ), 1 ) );
-      source.set( inlineHost( mvp( 2 ), 2 ) );
-      source.set( objectHost( mvp( 3 ), lb( 1 ) ) );
-      source.set( objectHost( mvp( 4 ), label( 1 ) ) );
+      source.set( intfDest( 1, 11 ), intfDest( 2, 22 ), push( 1, 100, dest( 1 ) ),
+                  group( 1, { label( 1 ), dest( 2 ) } ), inlineHost( mvp( 1 ), 1 ),
+                  inlineHost( mvp( 2 ), 2 ), objectHost( mvp( 3 ), lb( 1 ) ),
+                  objectHost( mvp( 4 ), label( 1 ) ) );
       lab.settle();
+   }
+
+   // Puts a row into the output, as the copy of an input object.
+   void put( const Dest& row, const ObjTuple& input ) {
+      ASSERT_TRUE( lab.output.dest->destIs( DestAndSource( row, inputOf( input ) ) ) );
+   }
+   void put( const Label& row, const ObjTuple& input ) {
+      ASSERT_TRUE( lab.output.label->labelIs( LabelAndSource( row, inputOf( input ) ) ) );
+   }
+   void put( const LoadBalance& row, const ObjTuple& input ) {
+      ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( input ) ) ) );
+   }
+   static ObjTupleAndSource inputOf( const ObjTuple& input ) {
+      return ObjTupleAndSource( input, Source( a ) );
    }
 
    // The whole output as text, ids included.
@@ -99,11 +109,8 @@ TEST_F( Restart, EveryStateInSlicesOfOneEntry ) {
    EXPECT_EQ( ( std::vector{ hostSourceCheck_, otSourceCheck_, otFloatCheck_, initialHostScan_,
                              zeroRefCleanup_ } ),
               order );
-   EXPECT_EQ( 4, slices[ hostSourceCheck_ ] );
-   EXPECT_EQ( 4, slices[ otSourceCheck_ ] );
-   EXPECT_EQ( 4, slices[ otFloatCheck_ ] );
-   EXPECT_EQ( 4, slices[ initialHostScan_ ] );
-   EXPECT_EQ( 1, slices[ zeroRefCleanup_ ] );
+   for( const PolicySmRestartState state : order )
+      EXPECT_EQ( state == zeroRefCleanup_ ? 1 : 4, slices[ state ] ) << state;
    lines.expect( { "PolicySm::handleInitialized()",
                    "handleInitialized adding (",
                    " to source check and initial sync list",
@@ -155,11 +162,13 @@ TEST_F( Restart, OnlyWhatChangedMeanwhileIsWritten ) {
 
 TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
    const auto rowOf = [ this ]( const ObjTuple& input ) {
-      return lab.engine->outputObjTuple( ObjTupleAndSource( input, Source( a ) ) );
+      return lab.engine->outputObjTuple( inputOf( input ) );
    };
    ObjTuple outDest, outDestBelow, outLabel, outLb;
-   const auto inputOf = []( const ObjTuple& input ) {
-      return ObjTupleAndSource( input, Source( a ) );
+   const auto groupWith = [ & ]( const ObjTuple& third ) {
+      LoadBalance row = lab.output.lb->lb( outLb.lbId() ).lb();
+      row.nextIs( EcmpIndex( 2 ), third );
+      return row;
    };
    const struct {
       const char* what;
@@ -174,37 +183,23 @@ TEST_F( Restart, ContradictionsAreWipedAndBuiltAnew ) {
       { "a group's next is missing", " does not exist!!!",
         [ & ] { lab.output.dest->destDel( outDest.destId() ); } },
       { "a group without nexts", "handleSourceCheck no next pointers on LB!!",
-        [ & ] {
-           const LoadBalance row( outLb.lbId() );
-           ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
-        } },
+        [ & ] { put( LoadBalance( outLb.lbId() ), lb( 1 ) ); } },
       { "an object without users", "handleSourceCheck  no users for dest/900",
-        [ & ] {
-           ASSERT_TRUE( lab.output.dest->destIs(
-              DestAndSource( intfDest( 900, 9 ), inputOf( dest( 9 ) ) ) ) );
-        } },
+        [ & ] { put( intfDest( 900, 9 ), dest( 9 ) ); } },
       { "two rows for one input object", " tables were inconsistent!",
         [ & ] {
-           ASSERT_TRUE( lab.output.dest->destIs(
-              DestAndSource( intfDest( 900, 9 ), inputOf( dest( 2 ) ) ) ) );
-           LoadBalance row = lab.output.lb->lb( outLb.lbId() ).lb();
-           row.nextIs( EcmpIndex( 2 ), dest( 900 ) );
-           ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
+           put( intfDest( 900, 9 ), dest( 2 ) );
+           put( groupWith( dest( 900 ) ), lb( 1 ) );
         } },
       { "a loop, and a missing object", "delOtForInconsistency found loop at lb/",
         [ & ] {
-           LoadBalance row = lab.output.lb->lb( outLb.lbId() ).lb();
-           row.nextIs( EcmpIndex( 2 ), outLb );
-           ASSERT_TRUE( lab.output.lb->lbIs( LoadBalanceAndSource( row, inputOf( lb( 1 ) ) ) ) );
+           put( groupWith( outLb ), lb( 1 ) );
            lab.output.dest->destDel( outDest.destId() );
         } },
       { "a long chain of labels without users", "handleSourceCheck  no users for label/1000",
         [ & ] {
-           for( uint64_t id = 1000; id < 1100; ++id ) {
-              const ObjTuple next = id < 1099 ? label( id + 1 ) : outLabel;
-              ASSERT_TRUE( lab.output.label->labelIs(
-                 LabelAndSource( push( id, 1, next ), inputOf( label( id ) ) ) ) );
-           }
+           for( uint64_t id = 1000; id < 1100; ++id )
+              put( push( id, 1, id < 1099 ? label( id + 1 ) : outLabel ), label( id ) );
         } },
       { "a found host that can't be programmed any more",
         " failed to process host (02:00:00:00:00:01/10) during initial sync",
@@ -257,8 +252,7 @@ TEST( RestartIds, NumberingGoesOnAboveWhatWasFoundOrTold ) {
       LabSource& source = lab.source( "one", a );
       if( test.found ) { // the copy of a dest that a host uses
          const ObjTupleAndSource input( dest( 1 ), Source( a ) );
-         source.set( intfDest( 1, 1 ) );
-         source.set( objectHost( mvp( 1 ), dest( 1 ) ) );
+         source.set( intfDest( 1, 1 ), objectHost( mvp( 1 ), dest( 1 ) ) );
          ASSERT_TRUE(
             lab.output.dest->destIs( DestAndSource( intfDest( test.found, 1 ), input ) ) );
          ASSERT_TRUE( lab.output.host->hostIs(
@@ -271,8 +265,7 @@ TEST( RestartIds, NumberingGoesOnAboveWhatWasFoundOrTold ) {
       EXPECT_EQ( 0u, lab.output.dest->count() );
       lab.newEngine(); // nothing is to be found any more
       lab.settle();
-      source.set( intfDest( 2, 2 ) );
-      source.set( objectHost( mvp( 2 ), dest( 2 ) ) );
+      source.set( intfDest( 2, 2 ), objectHost( mvp( 2 ), dest( 2 ) ) );
       lab.settle();
       EXPECT_EQ( dest( test.first ), lab.row( mvp( 2 ) ).next() );
    }
@@ -291,19 +284,6 @@ TEST_F( Restart, ChangesBeforeRunningAreOnlyQueued ) {
    lab.settle();
    EXPECT_EQ( "value 7 from 0x40", lab.outcome( mvp( 1 ) ) );
    expectSound();
-}
-
-TEST_F( Restart, FloodMembersNobodyHasAnyMoreGo ) {
-   Dest member{ Util::destIdNotInTarn() };
-   member.intfIs( { 5 } );
-   const Bridging::VlanId vlan( 10 );
-   const auto set = lab.output.flood->vlanFloodSetIs( vlan )->floodSetIs( Vexil::EthAddr( 1 ) );
-   set->floodSetTypeIs( floodSetTypeAny_ );
-   set->destSetIs( member, true );
-   lab.newEngine();
-   EXPECT_EQ( 1u, lab.engine->floodSetBacklog().size() );
-   lab.settle();
-   EXPECT_FALSE( lab.output.flood->vlanFloodSet( vlan ) );
 }
 
 } // namespace

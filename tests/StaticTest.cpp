@@ -342,18 +342,12 @@ TEST( StaticHosts, WaitForRoom ) {
 }
 
 TEST( StaticHosts, TraceWhatTheyDo ) {
-   std::vector<std::string> lines;
-   Vexil::traceSettingIs( "L2RibStaticHostSm=0-9" );
-   Vexil::logSinkIs( [ & ]( std::string_view line ) { lines.emplace_back( line ); } );
-   {
-      StaticLab lab;
-      lab.run( "tunnel 1 1,label 1 1000 1" );
-      lab.start();
-      lab.run( "intf 1 5,del 1,vlanDel 10" );
-      lab.sm->handleHost( key( 1 ) );
-   }
-   Vexil::logSinkIs( nullptr );
-   Vexil::traceHandle( "L2RibStaticHostSm" ).levelsIs( 0 );
+   const L2Rib::Test::TraceLines lines( "L2RibStaticHostSm" );
+   StaticLab lab;
+   lab.run( "tunnel 1 1,label 1 1000 1" );
+   lab.start();
+   lab.run( "intf 1 5,del 1,vlanDel 10" );
+   lab.sm->handleHost( key( 1 ) );
    std::istringstream expected( // how often, and what
       R"(1 void L2Rib::StaticHostSm::handleInitialized()
 2 void L2Rib::StaticHostSm::handleHost()
@@ -376,10 +370,7 @@ TEST( StaticHosts, TraceWhatTheyDo ) {
 1 handleHost deleting host (00:00:00:00:00:01/10) from L2Rib input)" );
    long times;
    for( std::string text; expected >> times >> std::ws && std::getline( expected, text ); )
-      EXPECT_EQ( times, std::count_if(
-                           lines.begin(), lines.end(),
-                           [ & ]( const auto& line ) { return line.find( text ) != line.npos; } ) )
-         << text;
+      EXPECT_EQ( times, lines.count( text ) ) << text;
 }
 
 TEST( StaticHostsDeathTest, BrokenInvariantsAreFatal ) {
