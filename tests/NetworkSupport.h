@@ -79,7 +79,7 @@ class Namespace {
       std::map<std::string, std::string> inBridge;
       std::map<std::string, std::string> onDevice;
       for( const Json& entry : json( "bridge -j fdb show" ) ) {
-         const std::string mac = entry[ "mac" ];
+         const std::string mac = entry.value( "mac", "" );
          if( !mac.starts_with( "02:" ) )
             continue;
          const std::string state = entry.value( "state", "" );
@@ -98,8 +98,8 @@ class Namespace {
    std::multiset<std::string> flood() const {
       std::multiset<std::string> all;
       for( const Json& entry : json( "bridge -j fdb show dev vx10" ) )
-         if( entry[ "mac" ] == "00:00:00:00:00:00" )
-            all.insert( entry[ "dst" ].get<std::string>() +
+         if( entry.value( "mac", "" ) == "00:00:00:00:00:00" )
+            all.insert( entry.value( "dst", "nowhere" ) +
                         ( entry.contains( "vni" ) ? " vni " + entry[ "vni" ].dump() : "" ) );
       return all;
    }
@@ -114,7 +114,7 @@ class Namespace {
  private:
    static std::string leadsTo( const Json& entry, const std::map<uint32_t, Json>& nexthops ) {
       if( !entry.contains( "nhid" ) )
-         return " " + entry[ "dst" ].get<std::string>() +
+         return " " + entry.value( "dst", "nowhere" ) + // as it is while it changes
                 ( entry.contains( "vni" ) ? " vni " + entry[ "vni" ].dump() : "" );
       std::set<std::string> vteps; // none while they change between the two lists
       if( const auto group = nexthops.find( entry[ "nhid" ] ); group != nexthops.end() )
