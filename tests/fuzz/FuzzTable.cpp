@@ -26,6 +26,21 @@ Record sample( uint32_t number ) { // those without rules need no more than a ke
    std::memcpy( static_cast<void*>( &record ), &number, sizeof number );
    return record;
 }
+// A table of one record has one key.
+template<>
+FloodSourceRecord sample<FloodSourceRecord>( uint32_t number ) {
+   return { .source = 1u << number };
+}
+template<>
+PolicySmStatusRecord sample<PolicySmStatusRecord>( uint32_t number ) {
+   return { SingleKey(), DestId( number ), LoadBalanceId( number ), LabelId( number ) };
+}
+template<>
+AgentStatusRecord sample<AgentStatusRecord>( uint32_t number ) {
+   AgentStatusRecord record;
+   record.processId = number;
+   return record;
+}
 template<>
 Host sample<Host>( uint32_t number ) {
    Host host( { EthAddr( number ), Bridging::VlanId( 10 ) } );
@@ -145,9 +160,10 @@ class Trial {
       const std::string path = Fuzz::folder().file( "sound" );
       {
          Table table( path, Table::Mode::write, capacity );
-         for( const uint32_t number : { 1, 2, 3, 4, 5, 6, 7, 3 } )
-            require( table.set( sample<Record>( number ) ), "a new table takes records" );
+         require( table.set( sample<Record>( 2 ) ), "a new table takes a record" );
          table.erase( View::keyOf( sample<Record>( 2 ) ) );
+         for( const uint32_t number : { 1, 3, 4, 5, 6, 7, 3 } )
+            require( table.set( sample<Record>( number ) ), "a new table takes records" );
       }
       std::string bytes = TestSupport::bytesOf( path );
       std::filesystem::remove( path );
@@ -199,7 +215,7 @@ class Trial {
       require( count == table.count(), "the count is that of the records" );
       require( table.corruptions() == found, "nothing broken is left after recovery" );
       const Record added = sample<Record>( 8 );
-      if( table.set( added ) ) {
+      if( isSound( added ) && table.set( added ) ) {
          Record found;
          require( table.get( View::keyOf( added ), found ), "what was written is there" );
          require( table.erase( View::keyOf( added ) ), "and can be erased" );
