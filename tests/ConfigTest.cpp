@@ -238,8 +238,9 @@ TEST_F( ConfigTest, ApplyThatIsKilledIsAllOrNothing ) {
       const std::string name = documentOf( document( round ) );
       const auto inForce = Bridging::configGeneration( folder );
       Program applying = start( L2RIBCTL_PATH, { "config", "apply", name } );
-      // A folder of the next generation; one table, the other, in force, and then the end.
-      const size_t step = random.below( 5 );
+      // A folder of the next generation; one table, the other, in force, and then the end. Some
+      // come to it, however slow the kill is.
+      const size_t step = round % 6 == 0 ? SIZE_MAX : random.below( 5 );
       waitFor(
          [ & ] {
             size_t seen = Bridging::configGeneration( folder ) != inForce ? 4 : 0;
