@@ -245,10 +245,10 @@ TEST_F( ConfigTest, ApplyThatIsKilledIsAllOrNothing ) {
          [ & ] {
             size_t seen = Bridging::configGeneration( folder ) != inForce ? 4 : 0;
             std::error_code gone;
-            for( const auto& entry : std::filesystem::recursive_directory_iterator(
-                    folder, std::filesystem::directory_options::none, gone ) )
-               seen += entry.path().string().find( inForce ) == std::string::npos &&
-                       entry.path().string().find( "/.tables." ) != std::string::npos;
+            for( std::filesystem::recursive_directory_iterator at( folder, gone ), end;
+                 !gone && at != end; at.increment( gone ) ) // folders go while they are read
+               seen += at->path().string().find( inForce ) == std::string::npos &&
+                       at->path().string().find( "/.tables." ) != std::string::npos;
             return seen > step || applying.ended();
          },
          patience );
