@@ -1,5 +1,7 @@
-// hold: for how long one piece of the engine's work on all hosts keeps the event loop from turning.
-// What is done in one go is named so; everything else comes in slices of 50 ms.
+// hold: for how long one piece of the agent's work on all hosts, objects or configured hosts keeps
+// the event loop from turning. What is done in one go is named so; everything else comes in slices
+// of 50 ms.
+#include "L2Rib/ConfigBinding.h"
 #include "bench/EngineRig.h"
 #include "bench/Harness.h"
 #include "bench/Machine.h"
@@ -13,7 +15,7 @@ namespace {
 
 // Milliseconds.
 struct HoldResult {
-   double adoption, replay, restart, overrun, endOfHold, wipe;
+   double adoption, replay, restart, overrun, endOfHold, wipe, endOfObjects, configuration;
 };
 
 double milliseconds( int64_t since ) { return static_cast<double>( nanoseconds() - since ) * 1e-6; }
@@ -52,6 +54,58 @@ void measureWipe( const std::string& directory, uint32_t hosts, HoldResult& resu
    result.wipe = milliseconds( start );
 }
 
+// The source of as many objects goes, half of them groups and half dests.
+void measureEndOfObjects( const std::string& directory, uint32_t objects, HoldResult& result ) {
+   runInProcess( "source", [ & ] {
+      RigSource source( directory, objects / 2, objects / 2 );
+      for( const uint32_t number : shuffled( objects / 2, 1 ) ) {
+         source.destIs( 1 + number, 1 + number );
+         source.lbIs( 1 + number, number, 0, objects / 2, 1 );
+         source.hostIs( number, 1 + number );
+      }
+   } );
+   EngineRig rig( directory, objects / 2, objects / 2, true );
+   rig.turnUntilIdle();
+   rig.requireHosts( objects / 2 );
+   rig.engine().sourceHoldTimeIs( 0 );
+   const int64_t start = nanoseconds();
+   rig.sourceDel();
+   const double first = milliseconds( start );
+   result.endOfObjects = std::max( first, 1e3 * rig.turnUntil( [ & ] {
+      return rig.engine().destOutput()->count() == 0 && rig.engine().usersMap().empty();
+   } ) );
+}
+
+// An agent that runs meets a configuration of so many hosts.
+void measureConfiguration( const std::string& directory, uint32_t hosts, HoldResult& result ) {
+   using namespace Bridging;
+   Vexil::ActivityManager loop;
+   const auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, directory );
+   const std::string folder = manager->fileOf( "bridging/config" );
+   const Vexil::Mounted mounted =
+      mountConfig( *manager, "bridging/config", Vexil::MountMode::read );
+   const auto* const config = dynamic_cast<const Config*>( mounted.entity.get() );
+   loop.turn( 0 );
+   runInProcess( "configuration", [ & ] {
+      ConfiguredHostTable table( folder + "/made", ConfiguredHostTable::Mode::write, hosts );
+      for( const uint32_t number : shuffled( hosts, 1 ) ) {
+         ConfiguredHostRecord record;
+         record.key = hostOf( number, 100 ).key();
+         record.intf = 1 + number;
+         if( !table.set( record ) )
+            throw std::runtime_error( "hold: the configuration is full" );
+      }
+      std::filesystem::rename( folder + "/made", folder + "/" + ConfiguredHostTable::fileName );
+   } );
+   double longest = 0;
+   while( !config->hostTable() ) {
+      const int64_t start = nanoseconds();
+      loop.turn();
+      longest = std::max( longest, milliseconds( start ) );
+   }
+   result.configuration = longest;
+}
+
 } // namespace
 
 void benchHold( const Settings& settings, Report& report ) {
@@ -66,12 +120,18 @@ void benchHold( const Settings& settings, Report& report ) {
    std::filesystem::remove_all( directory );
    runInProcess( "wipe", [ & ] { measureWipe( directory, hosts, *result ); } );
    std::filesystem::remove_all( directory );
+   runInProcess( "objects", [ & ] { measureEndOfObjects( directory, hosts, *result ); } );
+   std::filesystem::remove_all( directory );
+   runInProcess( "agent", [ & ] { measureConfiguration( directory, hosts, *result ); } );
+   std::filesystem::remove_all( directory );
    report.figure( name, "adoption, in one go", result->adoption, "ms" );
    report.figure( name, "replay of a source, in one go", result->replay, "ms" );
    report.figure( name, "wipe, in one go", result->wipe, "ms" );
    report.figure( name, "slices of a restart", result->restart, "ms" );
    report.figure( name, "slices after an overrun", result->overrun, "ms" );
    report.figure( name, "slices after a hold", result->endOfHold, "ms" );
+   report.figure( name, "slices at the end of a source of objects", result->endOfObjects, "ms" );
+   report.figure( name, "slices of a configuration that is read", result->configuration, "ms" );
 }
 
 } // namespace Bench

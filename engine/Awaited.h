@@ -90,6 +90,12 @@ class Awaited {
    bool passEnded( Work work, bool retried, const FreeRows& free );
 
    bool empty() const { return entries_.empty(); }
+   // Whether entries wait for room in a table of objects.
+   bool isShortOfObjectRows() const {
+      return short_[ outputTableLoadBalance_ ].waiting + short_[ outputTableLabel_ ].waiting +
+                short_[ outputTableDest_ ].waiting !=
+             0;
+   }
    const Vexil::HashMap<Key, Entry>& entries() const { return entries_; }
    // How often all parked entries have been tried again.
    uint64_t rounds( Work work ) const { return rounds_[ work ]; }

@@ -94,6 +94,8 @@ class PolicySm : public Vexil::Entity {
    const Ptr<ObjTupleManager>& tupleManager( TableType tableType ) const;
    const Ptr<ObjTupleManager>& tupleManagerIs( TableType tableType, uint64_t lowest,
                                                uint64_t highest );
+   void tupleManagerDel( TableType tableType ) { tupleManager_.erase( tableType ); }
+   void tupleManagerDelAll() { tupleManager_.clear(); }
 
    // --- users (Users.cpp) ---------------------------------------------------------------------
    // A user is an output object or an output host: exactly one of the two is valid.
@@ -200,8 +202,10 @@ class PolicySm : public Vexil::Entity {
    void sourceSmByEnumIs( Source source, Ptr<PolicySourceSm> sm );
    // What is queued of the source's objects goes with it; its hosts stay until the hold is over.
    void sourceSmByEnumDel( Source source );
+   VEXIL_DELETE_ALL( sourceSmByEnum )
    // The state machine goes, and every registration by value with it.
    void sourceSmDel( const std::string& name );
+   VEXIL_DELETE_ALL( sourceSm )
    // The source's tables have been replayed: what was held for it is examined.
    void handleSourceReplayed( Source source );
    // Queues all of the output for review, in slices, but for what vanished sources keep.
@@ -278,6 +282,7 @@ class PolicySm : public Vexil::Entity {
    bool hasRoom( Vexil::Room room, OutputTable name, const Vexil::TableBase& table );
    bool hasRoomForNew( const ObjTupleAndSource& otas, Vexil::Room room, OutputTable name,
                        const Vexil::TableBase& table );
+   bool fitsWhole( const ObjTupleAndSource& otas, const PolicySourceSm& sm );
    void noteNoId( const ObjTupleAndSource& otas );
    bool usableNext( const ObjTupleAndSource& next, const ObjTuple& outOt, const ObjTuple& user );
    bool fits( const ObjTupleAndSource& otas, const ObjTuple& ot, unsigned depth );

@@ -233,6 +233,17 @@ void PolicySourceSm::maybeWriteSourceSmByEnum() {
    policySm_->sourceSmByEnumIs( entry_->source(), this );
 }
 
+std::vector<ObjTuple> PolicySourceSm::nextsOf( const ObjTuple& ot ) const {
+   if( ot.tableType() == tableTypeLoadBalance_ && lbTable_ ) {
+      const LoadBalance lb = lbTable_->lb( ot.lbId() );
+      return { lb.used().begin(), lb.used().end() };
+   }
+   if( ot.tableType() == tableTypeLabel_ && labelTable_ )
+      if( const Label label = labelTable_->label( ot.labelId() ); label.key() == ot.labelId() )
+         return { label.next() };
+   return {};
+}
+
 PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
    if( !destTable_ )
       return { attachment_, 0 };

@@ -14,6 +14,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace L2Rib {
 
@@ -46,6 +47,9 @@ class PolicySourceSm : public Vexil::Entity {
    // The source's host for mvp, whose hash is given; a default one when it has none. The state
    // machine is ready.
    Host host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const;
+
+   // What the object points to as the source has it now; nothing when it has no such object.
+   std::vector<ObjTuple> nextsOf( const ObjTuple& ot ) const;
 
    // Changes whenever the engine was told of a change of any object of the source. Nothing is told
    // while a slice is at work, so it is the same from its beginning to its end.

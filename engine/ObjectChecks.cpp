@@ -53,6 +53,33 @@ bool PolicySm::hasRoomForNew( const ObjTupleAndSource& otas, Vexil::Room room, O
    return false;
 }
 
+// Whether the tables have room for all that is missing in the output of a group or label and what
+// lies below it. Asked while entries wait for such room, before any of it is touched: what does not
+// fit as a whole is left alone, not written and removed again with each retry.
+bool PolicySm::fitsWhole( const ObjTupleAndSource& otas, const PolicySourceSm& sm ) {
+   std::array<uint64_t, outputTables> missing{};
+   Vexil::KeySet<ObjTupleAndSource> visited;
+   std::vector<ObjTupleAndSource> toVisit{ otas };
+   while( !toVisit.empty() ) {
+      const ObjTupleAndSource at = toVisit.back();
+      toVisit.pop_back();
+      const OutputTable table = OutputTables::nameOf( at.tableType() );
+      if( table == outputTableNone_ || !visited.emplace( at ).second ||
+          memo_.isVerified( at, version_ ) )
+         continue;
+      missing[ table ] += !output_.contains( outputObjTuple( at ) );
+      for( const ObjTuple& next : sm.nextsOf( at.ot() ) )
+         toVisit.emplace_back( next, otas.source() );
+   }
+   const auto fits = [ & ]( OutputTable name, const Vexil::TableBase& table ) {
+      if( missing[ name ] > table.roomLeft() )
+         obstacle_ = noRoom( name, Vexil::Room::full, table.capacity() );
+      return missing[ name ] <= table.roomLeft();
+   };
+   return fits( outputTableLoadBalance_, *output_.lb ) &&
+          fits( outputTableLabel_, *output_.label ) && fits( outputTableDest_, *output_.dest );
+}
+
 // All output ids of its type have been given: the caller finds no output copy.
 void PolicySm::noteNoId( const ObjTupleAndSource& otas ) {
    obstacle_ = { parkedNoId_, outputTableNone_, 0, otas };

@@ -118,6 +118,13 @@ bool PolicySm::processOtas( const ObjTupleAndSource& otas, bool forceCreate ) {
       obstacle_ = { isLoop ? parkedLoop_ : parkedTooDeep_, outputTableNone_, maxObjectDepth, otas };
       return false; // whoever points here enters itself among the failed
    }
+   if( inProcess_.empty() && awaited_.isShortOfObjectRows() && otas.tableType() != tableTypeDest_ &&
+       ( forceCreate || output_.contains( outputObjTuple( otas ) ) ) && !fitsWhole( otas, *sm ) ) {
+      TRACE( 8, "processOtas no room in output for all of " << otas );
+      foundFailedOtas( otas );
+      noteFailed( otas, false );
+      return false;
+   }
    inProcess_.push_back( otas );
    bool ok = true;
    switch( otas.tableType() ) {

@@ -47,6 +47,19 @@ void OutputTables::erase( const ObjTuple& ot ) const {
    }
 }
 
+OutputTable OutputTables::nameOf( TableType type ) {
+   switch( type ) {
+   case tableTypeLoadBalance_:
+      return outputTableLoadBalance_;
+   case tableTypeLabel_:
+      return outputTableLabel_;
+   case tableTypeDest_:
+      return outputTableDest_;
+   default:
+      return outputTableNone_;
+   }
+}
+
 std::array<uint64_t, outputTables> OutputTables::freeRows() const {
    const auto free = []( const Vexil::TableBase& table ) {
       return uint64_t( table.capacity() ) - table.count();

@@ -28,6 +28,8 @@ struct OutputTables {
    void erase( const ObjTuple& ot ) const;
    // How many rows are free, by table.
    std::array<uint64_t, outputTables> freeRows() const;
+   // The table that has the copies of objects of that type; none for a type that is not known.
+   static OutputTable nameOf( TableType type );
 };
 
 } // namespace L2Rib

@@ -129,10 +129,8 @@ class SharedTable : public TableBase {
    template<class Each>
    void forEachKey( Each each ) const {
       try {
-         Key key;
-         for( uint32_t slot = 0; slot < slotCount(); ++slot )
-            if( table_.readKey( slot, key ) )
-               each( key );
+         for( uint32_t slot = 0, end; slot < ( end = slotCount() ); slot = end )
+            table_.forEachKeyIn( slot, end, each );
       } catch( const CorruptionDetected& failure ) {
          corruptionDetected( failure.what() );
       }
@@ -195,6 +193,9 @@ class SharedTable : public TableBase {
    // order of their hashes don't crowd in a part of the index.
    [[nodiscard]] Room makeRoom( size_t expected = 1 ) final {
       return table_.hasRoom() ? Room::yes : makeMoreRoom( expected );
+   }
+   uint64_t roomLeft() const final {
+      return uint64_t( std::max( table_.capacity(), capacityMax_ ) ) - table_.count();
    }
    // False when there was no such record.
    bool erase( const Key& key ) {
@@ -479,11 +480,13 @@ bool SharedTable<Key, Record>::poll( const Clock& clock, Seconds deadline ) {
 template<class Key, class Record>
 bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
    try {
-      Key key;
-      for( uint32_t& slot = *walkingAt_; slot < slotCount(); ) {
-         if( table_.readKey( slot++, key ) )
+      while( *walkingAt_ < slotCount() ) {
+         const uint32_t first = *walkingAt_;
+         *walkingAt_ = std::min( first + uint32_t( batch ), slotCount() );
+         table_.forEachKeyIn( first, *walkingAt_, [ this ]( const Key& key ) {
             notifiees.notify( &Handlers::handleEntry, key );
-         if( slot % batch == 0 && clock.now() >= deadline )
+         } );
+         if( clock.now() >= deadline )
             return true;
       }
    } catch( const CorruptionDetected& failure ) {

@@ -35,6 +35,8 @@ class TableBase : public Entity {
    virtual uint32_t capacity() const = 0;
    virtual uint32_t count() const = 0;
    // For the writer alone.
+   // How many more records it takes at the most: what is free when it has grown as far as it may.
+   virtual uint64_t roomLeft() const = 0;
    virtual void capacityIs( uint32_t capacity ) = 0;
    virtual void capacityMaxIs( uint32_t capacity ) = 0;
    virtual Room makeRoom( size_t expected = 1 ) = 0;

@@ -117,13 +117,16 @@ class TableView {
    bool get( const Key& key, Record& out ) const { return get( key, keyHash( key ), out ); }
    // For a caller that looks one key up in several tables: hash is keyHash( key ).
    bool get( const Key& key, uint64_t hash, Record& out ) const {
-      return find(
-         hash, [ & ]( uint32_t slot ) { return readSlot( slot, out ) && keyOf( out ) == key; } );
+      return find( hash, [ & ]( uint32_t slot ) {
+         return readSlot( slot, out ) && isKey( key, hash, slot, keyOf( out ) );
+      } );
    }
    bool contains( const Key& key ) const {
+      const uint64_t hash = keyHash( key );
       Key found;
-      return find( keyHash( key ),
-                   [ & ]( uint32_t slot ) { return readKey( slot, found ) && found == key; } );
+      return find( hash, [ & ]( uint32_t slot ) {
+         return readKey( slot, found ) && isKey( key, hash, slot, found );
+      } );
    }
 
    // Looks for the key with that hash: isIt( slot ) says of the slots that may hold it whether one
@@ -210,6 +213,25 @@ class TableView {
          return false;
       out = keyOf( record );
       return true;
+   }
+
+   // Calls each( key ) for the keys in some slots, first to end - 1. Each is looked up in the index
+   // as well: one that does not lead to its slot is not that slot's key.
+   template<class Each>
+   void forEachKeyIn( uint32_t first, uint32_t end, Each each ) const {
+      std::array<Key, 16> keys; // some at a time, so that their places in the index come together
+      std::array<uint32_t, 16> slots;
+      while( first < end ) {
+         size_t size = 0;
+         for( ; first < end && size < keys.size(); ++first )
+            if( readKey( first, keys[ size ] ) ) {
+               prefetchIndex( keyHash( keys[ size ] ) );
+               slots[ size++ ] = first;
+            }
+         for( size_t i = 0; i < size; ++i )
+            if( isNamed( keys[ i ], slots[ i ] ) )
+               each( keys[ i ] );
+      }
    }
 
    // Calls each( key ) for every key, nearly in the order of their hashes, which is that of the
@@ -333,6 +355,59 @@ class TableView {
    uint64_t journalMask_ = 0;
 
  private:
+   // Whether the index leads from a key with that hash to the slot.
+   bool leadsTo( uint64_t hash, uint32_t slot ) const {
+      uint32_t at = homeOf( hash );
+      for( uint32_t probed = 0; probed <= indexMask_; ++probed, at = ( at + 1 ) & indexMask_ ) {
+         const uint32_t word = loadWord( index() + at );
+         if( word == code_.word( hash, slot ) )
+            return true;
+         if( word == 0 )
+            break;
+      }
+      return false;
+   }
+   // Whether a look was taken while the writer did nothing, and so holds all of the table.
+   template<class Look>
+   bool standsStill( Look look ) const {
+      const uint64_t head = journalHead();
+      return isIdle() && look() && isIdle() && journalHead() == head;
+   }
+   bool isIdle() const {
+      return loadWord( &header().operation ) == static_cast<uint64_t>( TableOperation::none );
+   }
+   static constexpr const char* otherKey = "a slot has another key than the index says";
+
+   // Whether found, met in a slot to which the index leads from key, is that key. Another one may
+   // have the same part of the hash in its index word; one with another part has no business there.
+   bool isKey( const Key& key, uint64_t hash, uint32_t slot, const Key& found ) const {
+      if( found == key ) [[likely]]
+         return true;
+      if( !code_.matches( code_.word( hash, slot ), keyHash( found ) ) )
+         requireTag( hash, slot );
+      return false;
+   }
+   [[gnu::noinline]] void requireTag( uint64_t hash, uint32_t slot ) const {
+      if( standsStill( [ & ] {
+             Key now;
+             return leadsTo( hash, slot ) && readKey( slot, now ) &&
+                    !code_.matches( code_.word( hash, slot ), keyHash( now ) );
+          } ) )
+         corrupt( otherKey );
+   }
+   // Whether the slot still has the key that was met there.
+   bool isNamed( const Key& key, uint32_t slot ) const {
+      const uint64_t hash = keyHash( key );
+      return leadsTo( hash, slot ) || isStillThere( key, hash, slot );
+   }
+   [[gnu::noinline]] bool isStillThere( const Key& key, uint64_t hash, uint32_t slot ) const {
+      Key now;
+      const auto isThere = [ & ] { return readKey( slot, now ) && now == key; };
+      if( standsStill( [ & ] { return isThere() && !leadsTo( hash, slot ); } ) )
+         corrupt( otherKey );
+      return isThere();
+   }
+
    uint32_t bounded( uint64_t number ) const {
       return static_cast<uint32_t>( std::min<uint64_t>( number, geometry_.capacity ) );
    }

@@ -405,5 +405,31 @@ TEST_F( DamagedTable, CutShort ) {
    EXPECT_GT( noticed, 200u );
 }
 
+// A key written over another one: whoever looks for either, or walks, finds corruption, not
+// absence.
+TEST_F( DamagedTable, AnotherKeyInASlot ) {
+   replace( path, good );
+   const Ptr<Table> reader = read( path );
+   uint32_t slot = 0;
+   while( !reader->inSlot( slot ) )
+      ++slot;
+   const Record first = *reader->inSlot( slot );
+   const uint64_t at = geometry.slotOffset + slot * geometry.slotStride + 8;
+   const Key other{ first.key.number + 5001 };
+   overwrite( path, at, &other, sizeof other );
+   Record found;
+   EXPECT_FALSE( reader->get( first.key, found ) );
+   EXPECT_EQ( reader->corruptions(), 1u );
+   EXPECT_NE( reader->lastCorruption().find( "another key" ), std::string::npos );
+   unsigned named = 0;
+   reader->forEachKey( [ & ]( const Key& key ) { named += key.number == other.number; } );
+   EXPECT_EQ( reader->corruptions(), 2u );
+   EXPECT_EQ( named, 0u );
+   Mirror mirror( reader );
+   reader->walkAll();
+   mirror.follow();
+   EXPECT_EQ( reader->corruptions(), 3u );
+}
+
 } // namespace
 } // namespace TestTable

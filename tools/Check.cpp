@@ -150,6 +150,10 @@ std::vector<std::string> brokenRows( const Client::OutputReader& output ) {
       table->forEachBroken( [ & ]( const auto&, const std::string& fault ) {
          broken.push_back( name + ( " " + fault ) );
       } );
+      const uint64_t before = table->corruptions();
+      table->forEachKey( []( const auto& ) {} );
+      if( table->corruptions() != before )
+         broken.push_back( table->lastCorruption() );
    };
    look( "host", output.hosts.table() );
    look( "dest", output.dests.table() );
