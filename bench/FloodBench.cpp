@@ -104,6 +104,7 @@ class FloodRig {
       output.dest = makeEntity<DestOutput>( 64u );
       output.flood = flood_ =
          dynamic_cast<FloodSetOutput*>( em_->entity( Path::floodOutput ).get() );
+      flood_->memberTable()->capacityMaxIs( 1u << 24 ); // as the daemon has it
       output.status = makeEntity<PolicySmStatus>();
       engine_ = makeEntity<PolicySm>(
          em_, dynamic_cast<Vexil::Directory*>( em_->entity( Path::inputDir ).get() ),

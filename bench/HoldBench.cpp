@@ -82,6 +82,7 @@ void measureConfiguration( const std::string& directory, uint32_t hosts, HoldRes
    Vexil::ActivityManager loop;
    const auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, directory );
    const std::string folder = manager->fileOf( "bridging/config" );
+   std::filesystem::create_directories( folder );
    const Vexil::Mounted mounted =
       mountConfig( *manager, "bridging/config", Vexil::MountMode::read );
    const auto* const config = dynamic_cast<const Config*>( mounted.entity.get() );
