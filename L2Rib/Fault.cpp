@@ -71,12 +71,12 @@ MaybeFault labelFault( Vexil::MplsLabel label ) {
 }
 
 MaybeFault inlineFormat( const CiDest& ciDest ) {
+   if( isSound( ciDest ) )
+      return {};
    if( ciDest.destType() != destTypeDefault_ && ciDest.destType() != destTypeVxlan_ )
       return broken( "inline",
                      "an inline destination of no known type: it is a value or a list of VTEPs" );
-   if( ciDest.vtepCount() > CiVtepIndex::max + 1 )
-      return broken( "vteps", std::to_string( ciDest.vtepCount() ) + " VTEPs, 2 are the most" );
-   return {};
+   return broken( "vteps", std::to_string( ciDest.vtepCount() ) + " VTEPs, 2 are the most" );
 }
 
 MaybeFault inlineFault( const CiDest& ciDest ) {

@@ -23,6 +23,16 @@ namespace L2Rib {
 
 using MaybeFault = std::optional<Vexil::Fault>;
 
+// Whether formatFaultIn() finds nothing, for the records that are read a million times: inline, and
+// without making a text.
+inline bool isFormatSound( const Host& host ) {
+   return isSound( host.next() ) && isSound( host.ciDest() );
+}
+inline bool isFormatSound( const HostAndSource& row ) {
+   return row.host().key() == row.key() && isSingleBit( row.source() ) &&
+          isFormatSound( row.host() );
+}
+
 MaybeFault formatFaultIn( const Host& host );
 MaybeFault formatFaultIn( const Dest& dest );
 MaybeFault formatFaultIn( const LoadBalance& lb );

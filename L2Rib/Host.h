@@ -86,6 +86,13 @@ class CiDest {
    std::array<Vexil::IpGenAddr, CiVtepIndex::max + 1> vtep_{};
 };
 
+// Whether the kind is a known one and the count has slots. Another process may have written
+// anything.
+inline bool isSound( const CiDest& ciDest ) {
+   return ( ciDest.destType() == destTypeDefault_ || ciDest.destType() == destTypeVxlan_ ) &&
+          ciDest.vtepCount() <= CiVtepIndex::max + 1;
+}
+
 // How the source describes its entry. Copied, never branched on; sources use numbers of their own.
 enum EntryType : uint32_t {
    entryTypeNone_ = 0,

@@ -103,7 +103,8 @@ inline constexpr Vexil::EnumName<Source> sourceNames[] = {
 };
 constexpr std::span<const Vexil::EnumName<Source>> enumNames( Source ) { return sourceNames; }
 constexpr bool isSingleBit( Source source ) {
-   return std::has_single_bit( static_cast<uint32_t>( source ) );
+   const auto bits = static_cast<uint32_t>( source );
+   return bits != 0 && ( bits & ( bits - 1 ) ) == 0; // std::has_single_bit() is a call here
 }
 // Hexadecimal, such as "0x40", as people know sources; fit for a mask of sources too. And back.
 std::string sourceStr( Source source );

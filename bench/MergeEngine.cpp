@@ -53,7 +53,7 @@ class MergeRig {
          loop_.turn( 0 );
    }
 
-   PhaseResult run( const Step& step ) {
+   [[gnu::noinline]] PhaseResult run( const Step& step ) {
       const uint64_t writesBefore = engine_->hostOutput()->journalHead();
       PhaseResult result{};
       const double processorBefore = processorSeconds();
@@ -74,6 +74,22 @@ class MergeRig {
       result.replay = static_cast<double>( replayed - start ) * 1e-9;
       verify( step, engine_->hostOutput()->journalHead() - writesBefore );
       return result;
+   }
+
+   // The last source of the phases gives so many of its hosts another preference.
+   [[gnu::noinline]] void change( const std::string& stateDirectory, uint32_t changes ) {
+      const int source = steps.back().winner;
+      const uint32_t pref = 1000, last = changes - 1;
+      runInProcess( "source", [ & ] {
+         L2Rib::HostInput table( stateDirectory + "/" + hostPath( source ),
+                                 L2Rib::HostInput::Mode::write, keys_ );
+         for( const uint32_t number : shuffled( changes, 9 ) )
+            if( !table.hostIs( hostOf( number, pref ) ) )
+               throw std::runtime_error( "merge: a source's table is full" );
+         table.ring();
+      } );
+      while( !settled() || engine_->hostOutput()->get( keyOf( last ) ).host().pref() != pref )
+         loop_.turn();
    }
 
    double mostPrivateMemory() {
@@ -129,6 +145,13 @@ void fillSources( const std::string& stateDirectory, uint32_t keys ) {
                throw std::runtime_error( "merge: a source's table is full" );
       }
    } );
+}
+
+void runPhasesAndChanges( const std::string& stateDirectory, uint32_t keys, uint32_t changes ) {
+   MergeRig rig( stateDirectory, keys );
+   for( const Step& step : steps )
+      rig.run( step );
+   rig.change( stateDirectory, changes );
 }
 
 MergeResult runEngine( const std::string& stateDirectory, uint32_t keys ) {

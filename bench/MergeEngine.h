@@ -40,5 +40,8 @@ struct MergeResult {
 void fillSources( const std::string& stateDirectory, uint32_t keys );
 // Runs the phases on an empty output, in a process of its own, and verifies the output after each.
 MergeResult runEngine( const std::string& stateDirectory, uint32_t keys );
+// Runs the phases in this process, and then lets the source whose hosts are in the output change so
+// many of them; for a count of the instructions.
+void runPhasesAndChanges( const std::string& stateDirectory, uint32_t keys, uint32_t changes );
 
 } // namespace Bench

@@ -126,13 +126,15 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
    // The best of what the ready sources hold now.
    const uint64_t hash = mvp.hash(); // once for all tables
-   Host bestHost;
+   Host candidate[ 2 ];              // the best so far, and the one that is looked at
+   Host* best = nullptr;
+   Host* next = &candidate[ 0 ];
    const PolicySourceSm* bestHostSource = nullptr;
    for( const PolicySourceSm* sm : sourceOrder_ ) {
       if( !sm->ready() )
          continue;
-      const Host h = sm->host( mvp, hash );
-      if( h.key() != mvp ) {
+      const Host& h = *next;
+      if( !sm->host( mvp, hash, *next ) ) {
          TRACE( 1, "processHost Did not find host " << mvpStr( mvp ) << " in source "
                                                     << sm->sourceEnum() );
          continue;
@@ -140,28 +142,31 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
       VEXIL_ASSERT( h.next() != Util::objTupleInvalid() || validDest( h.ciDest() ) );
       TRACE( 1, "processHost found host " << mvpStr( mvp ) << " in source " << sm->sourceEnum()
                                           << ", value is " << h );
-      if( bestHost.key() != mvp ||
-          hostIsBetter( h, sm->sourceEnum(), bestHost, bestHostSource->sourceEnum() ) ) {
-         bestHost = h;
+      if( !best || hostIsBetter( h, sm->sourceEnum(), *best, bestHostSource->sourceEnum() ) ) {
+         best = next;
+         next = &candidate[ best == &candidate[ 0 ] ];
          bestHostSource = sm;
-         TRACE( 2, "processHost candidate best host is " << bestHost );
+         TRACE( 2, "processHost candidate best host is " << *best );
       }
    }
 
    TRACE( 1, "processHost Looking up " << mvpStr( mvp ) << " in output." );
-   const HostAndSource oldRow = output_.host->get( mvp, hash );
+   HostAndSource oldRow;
+   if( !output_.host->get( mvp, hash, oldRow ) )
+      oldRow = HostAndSource();
    TRACE( 1, "processHost got " << oldRow );
-   if( bestHost.key() != mvp ) {
+   if( !best ) {
       withdrawHost( mvp, oldRow );
       return true;
    }
    VEXIL_ASSERT( bestHostSource );
-   return programHost( bestHost, bestHostSource->sourceEnum(), oldRow );
+   return programHost( *best, bestHostSource->sourceEnum(), oldRow, hash );
 }
 
 // Brings the host, which has won, into the output in place of its old row. False when it can't be:
 // the output is as it was, and the host parked.
-bool PolicySm::programHost( const Host& bestHost, Source source, const HostAndSource& oldRow ) {
+bool PolicySm::programHost( const Host& bestHost, Source source, const HostAndSource& oldRow,
+                            uint64_t hash ) {
    const Bridging::MacVlanPair mvp = bestHost.key();
    obstructed_ = source;
    // Before any object is touched: a host that has no room leaves its objects alone.
@@ -184,7 +189,7 @@ bool PolicySm::programHost( const Host& bestHost, Source source, const HostAndSo
       return true;
    }
    TRACE( 1, "processHost pushing " << newRow << " into output" );
-   if( !output_.host->hostIs( newRow ) ) { // the file takes nothing any more
+   if( !output_.host->set( newRow, hash ) ) { // the file takes nothing any more
       TRACE( 8, "processHost no room in output for " << mvpStr( mvp ) );
       obstacle_ = noRoom( outputTableHost_, Vexil::Room::noMemory, output_.host->capacity() );
       if( outHost.next() != oldNext && outHost.next() != Util::objTupleInvalid() )

@@ -256,7 +256,8 @@ class PolicySm : public Vexil::Entity {
    };
 
    void withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow );
-   bool programHost( const Host& bestHost, Source source, const HostAndSource& oldRow );
+   bool programHost( const Host& bestHost, Source source, const HostAndSource& oldRow,
+                     uint64_t hash );
    bool programNext( const Bridging::MacVlanPair& mvp, const ObjTupleAndSource& otas,
                      const ObjTuple& oldNext, Host& outHost );
    // What a host that is soon to be decided will need: first the index words, then the records.

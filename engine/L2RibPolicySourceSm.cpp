@@ -251,9 +251,9 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
             destTable_->changesTold() + lbTable_->changesTold() + labelTable_->changesTold() };
 }
 
-Host PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const {
+bool PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash, Host& found ) const {
    VEXIL_ASSERT( hostTable_ );
-   return hostTable_->get( mvp, hash );
+   return hostTable_->get( mvp, hash, found );
 }
 
 void PolicySourceSm::handleHost( const Bridging::MacVlanPair& mvp ) {

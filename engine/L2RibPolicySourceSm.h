@@ -44,9 +44,9 @@ class PolicySourceSm : public Vexil::Entity {
    const LabelTable* labelTable() const { return labelTable_.get(); }
    const DestTable* destTable() const { return destTable_.get(); }
 
-   // The source's host for mvp, whose hash is given; a default one when it has none. The state
+   // Copies the source's host for mvp, whose hash is given; false when it has none. The state
    // machine is ready.
-   Host host( const Bridging::MacVlanPair& mvp, uint64_t hash ) const;
+   bool host( const Bridging::MacVlanPair& mvp, uint64_t hash, Host& found ) const;
 
    // What the object points to as the source has it now; nothing when it has no such object.
    std::vector<ObjTuple> nextsOf( const ObjTuple& ot ) const;

@@ -56,7 +56,8 @@ void PolicySm::handleReviewTimer() {
          TRACE( 0, "handleReviewTimer looking at host " << mvpStr( mvp ) );
          const bool ok = processHost( mvp );
          hostListDel( mvp );
-         cleanUpUnused();
+         if( !otForZeroRefCleanup().empty() )
+            cleanUpUnused();
          if( ok ) {
             failedHostDel( mvp );
             awaited_.mended( Awaited::keyOf( mvp ) );

@@ -73,7 +73,7 @@ class HashMap {
          return map_->after( key_ );
       }
       void settleOn( size_t at ) {
-         at_ = at;
+         at_ = map_->metAt_ = at;
          version_ = map_->version_;
          if( at_ != map_->slotCount_ )
             key_ = map_->slots_[ at_ ].key;
@@ -167,7 +167,10 @@ class HashMap {
    // Removes key; says whether it was there. Its value is destroyed last, when the collection is
    // whole again, so that the value's destructor may use the collection.
    bool erase( const Key& key ) {
-      size_t at = positionOf( key );
+      // A walk that deletes as it goes deletes the entry that it met last.
+      size_t at = metAt_ < slotCount_ && occupied( metAt_ ) && slots_[ metAt_ ].key == key
+                     ? metAt_
+                     : positionOf( key );
       if( at == slotCount_ )
          return false;
       erasedAt_ = at;
@@ -364,6 +367,7 @@ class HashMap {
    size_t erasedAt_ = nowhere; // where the last change took an entry out, when it did
    size_t insertedAt_ = 0;     // the entry inserted last, and its hash; 0 when it may have moved
    uint64_t insertedHash_ = 0;
+   mutable size_t metAt_ = 0; // where an iterator came last: a hint
 };
 
 template<class Key>

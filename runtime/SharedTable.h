@@ -176,11 +176,15 @@ class SharedTable : public TableBase {
    // new one (makeRoom() says why); false too when the file has been cut short and takes nothing
    // any more, which is recorded. What is there can always be written again.
    [[nodiscard]] bool set( const Record& record ) {
+      return set( record, keyHash( TableView<Key, Record>::keyOf( record ) ) );
+   }
+   // The same for a caller that has looked the key up: hash is keyHash( key ).
+   [[nodiscard]] bool set( const Record& record, uint64_t hash ) {
       if( table_.count() >= growAt_ )
          growOn();
-      if( !recorded( [ & ] { return table_.set( record ); } ) &&
+      if( !recorded( [ & ] { return table_.set( record, hash ); } ) &&
           ( !grows() || makeRoom() != Room::yes ||
-            !recorded( [ & ] { return table_.set( record ); } ) ) )
+            !recorded( [ & ] { return table_.set( record, hash ); } ) ) )
          return false;
       changed( TableView<Key, Record>::keyOf( record ) );
       return true;
@@ -242,7 +246,13 @@ class SharedTable : public TableBase {
    }
    void attachForWriting( const std::string& path, uint32_t capacity );
    void dropBroken();
-   bool isSound( const Record& record ) const { return !spec_.formatFault || !isBroken( record ); }
+   // Where the record's own header has a quick answer, the rule is asked only when that is no.
+   bool isSound( const Record& record ) const {
+      if constexpr( requires { isFormatSound( record ); } )
+         if( isFormatSound( record ) ) [[likely]]
+            return true;
+      return !spec_.formatFault || !isBroken( record );
+   }
    bool isBroken( const Record& record ) const {
       const auto fault = spec_.formatFault( &record );
       if( fault ) [[unlikely]]
@@ -343,7 +353,9 @@ void SharedTable<Key, Record>::moveTo( uint32_t capacity ) {
    auto moved = TableMapping::unpublished( path(), spec_, capacity );
    TableWriter<Key, Record> copy( *moved );
    bool complete = true;
-   forEachStored( [ & ]( const Record& record ) { complete = complete && copy.set( record ); } );
+   forEachStored( [ & ]( const Record& record ) {
+      complete = complete && copy.set( record, keyHash( View::keyOf( record ) ) );
+   } );
    if( !complete ) // the old file stays as it is
       throw TableError( TableError::system, path() + ": no room to change its capacity" );
    table_.giveNameTo( *moved );

@@ -58,6 +58,13 @@ inline void storeWord( uint32_t* word, uint32_t value ) {
    __atomic_store_n( word, value, __ATOMIC_RELEASE );
 }
 
+// Before a loop over the words of a record, whose number is known. Only what optimizes knows it.
+#if defined( __OPTIMIZE__ ) && !defined( __clang__ )
+#define VEXIL_UNROLLED _Pragma( "GCC unroll 32" )
+#else
+#define VEXIL_UNROLLED
+#endif
+
 // The bits of a slot's state word; the rest counts the writes.
 namespace SlotState {
 constexpr uint64_t writing = 1;
@@ -71,21 +78,19 @@ constexpr bool whole( uint64_t state ) { return ( state & ( writing | live ) ) =
 class IndexCode {
  public:
    IndexCode() = default;
-   explicit IndexCode( uint32_t capacity )
-      : slotBits_( static_cast<unsigned>( std::bit_width( capacity ) ) ) {}
+   explicit IndexCode( uint32_t capacity ) // of at most 31 bits
+      : slotBits_( static_cast<unsigned>( std::bit_width( capacity ) ) ),
+        slotMask_( ( 1u << slotBits_ ) - 1 ) {}
    uint32_t word( uint64_t hash, uint32_t slot ) const { return tag( hash ) | ( slot + 1 ); }
-   uint32_t slot( uint32_t word ) const {
-      return static_cast<uint32_t>( word & ( ( uint64_t( 1 ) << slotBits_ ) - 1 ) ) - 1;
-   }
+   uint32_t slot( uint32_t word ) const { return ( word & slotMask_ ) - 1; }
    bool matches( uint32_t word, uint64_t hash ) const {
-      return ( uint64_t( word ^ tag( hash ) ) >> slotBits_ ) == 0;
+      return ( word & ~slotMask_ ) == tag( hash );
    }
 
  private:
-   uint32_t tag( uint64_t hash ) const {
-      return static_cast<uint32_t>( uint64_t( static_cast<uint32_t>( hash ) ) << slotBits_ );
-   }
+   uint32_t tag( uint64_t hash ) const { return static_cast<uint32_t>( hash ) << slotBits_; }
    unsigned slotBits_ = 0;
+   uint32_t slotMask_ = 0;
 };
 
 template<class Key, class Record>
@@ -163,7 +168,8 @@ class TableView {
          if( word == 0 )
             return;
          if( code_.matches( word, hash ) && code_.slot( word ) < geometry_.capacity ) {
-            const uint8_t* slot = slotAt( code_.slot( word ) );
+            const uint8_t* const slot = slotAt( code_.slot( word ) );
+            VEXIL_UNROLLED
             for( size_t offset = 0; offset < 8 + sizeof( Record ) && offset < 256; offset += 64 )
                __builtin_prefetch( slot + offset );
             return;
@@ -336,6 +342,7 @@ class TableView {
       constexpr size_t whole = sizeof( Record ) / 8;
       constexpr size_t rest = sizeof( Record ) % 8;
       char* const bytes = reinterpret_cast<char*>( &to );
+      VEXIL_UNROLLED
       for( size_t i = 0; i < whole; ++i ) {
          const uint64_t word = loadWord( from + i );
          std::memcpy( bytes + 8 * i, &word, 8 );

@@ -76,11 +76,11 @@ class TableWriter : public TableView<Key, Record> {
    // is none; then no further attempt is made for a second.
    bool makeRoom() { return hasRoom() || ( slotsReady_ < geometry_.capacity && readyMoreSlots() ); }
 
-   // Writes the record under its own key; false, with nothing changed, when there is no room for a
-   // new one. Throws CorruptionDetected when the file is no longer there to write to.
-   bool set( const Record& record ) {
+   // Writes the record under its own key, whose hash is given; false, with nothing changed, when
+   // there is no room for a new one. Throws CorruptionDetected when the file is no longer there to
+   // write to.
+   bool set( const Record& record, uint64_t hash ) {
       const Key& key = View::keyOf( record );
-      const uint64_t hash = keyHash( key );
       View::requireHeader();
       const uint32_t at = indexPlaceOf( key, hash );
       if( const uint32_t word = loadWord( index() + at ); word != 0 )
@@ -145,14 +145,23 @@ class TableWriter : public TableView<Key, Record> {
    // Stores a record or key word by word, the last word filled up with zeros.
    template<class Value>
    static void storeValue( uint64_t* to, const Value& value ) {
+      constexpr size_t whole = sizeof( Value ) / 8;
+      constexpr size_t rest = sizeof( Value ) % 8;
       const char* const bytes = reinterpret_cast<const char*>( &value );
-      for( size_t offset = 0; offset < sizeof value; offset += 8 ) {
-         uint64_t word = 0;
-         std::memcpy( &word, bytes + offset, std::min<size_t>( 8, sizeof value - offset ) );
-         storeWord( to + offset / 8, word );
+      uint64_t word = 0;
+      VEXIL_UNROLLED
+      for( size_t i = 0; i < whole; ++i ) {
+         std::memcpy( &word, bytes + 8 * i, 8 );
+         storeWord( to + i, word );
+      }
+      if constexpr( rest != 0 ) {
+         word = 0;
+         std::memcpy( &word, bytes + 8 * whole, rest );
+         storeWord( to + whole, word );
       }
    }
    static void copyWords( const uint64_t* from, uint64_t* to ) {
+      VEXIL_UNROLLED
       for( size_t i = 0; i < recordWords; ++i )
          storeWord( to + i, loadWord( from + i ) );
    }
