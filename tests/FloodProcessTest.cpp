@@ -96,7 +96,7 @@ TEST_F( FloodProcessTest, SetsOfTwoSourcesAreMerged ) {
    stopAgent();
    EXPECT_EQ( shown()[ "source" ], "0x50" );
    EXPECT_EQ( shown()[ "vlans" ].size(), 1u );
-   EXPECT_NE( ctl( { "show", "flood" } ).err.find( "agent is stopped since" ), std::string::npos );
+   EXPECT_NE( ctl( { "show", "flood" } ).err.find( "agent stopped since" ), std::string::npos );
 }
 
 // What came and went between two looks of watch is not told, but what it has told must come to what

@@ -184,9 +184,9 @@ TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
    for( size_t i = 0; i < tables.size(); ++i )
       EXPECT_EQ( json( { "show", tables[ i ] } ), before[ i ] ) << tables[ i ];
    const Result human = ctl( { "show", "hosts" } );
-   EXPECT_NE( human.err.find( "agent is stopped since" ), human.err.npos ) << human.err;
+   EXPECT_NE( human.err.find( "agent stopped since" ), human.err.npos ) << human.err;
    const Result sources = ctl( { "show", "sources" } );
-   EXPECT_NE( sources.err.find( "agent is stopped since" ), sources.err.npos ) << sources.err;
+   EXPECT_NE( sources.err.find( "agent stopped since" ), sources.err.npos ) << sources.err;
    EXPECT_FALSE( json( { "show", "sources" } )[ 0 ][ "ready" ] ) << sources.out;
    const Json status = json( { "show", "status" } );
    EXPECT_EQ( status[ "agent" ], "stopped" );

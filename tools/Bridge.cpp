@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <ctime>
 #include <iostream>
-#include <net/if.h>
 
 namespace Tools {
 
@@ -154,6 +153,15 @@ std::optional<BridgeProgram> bridgeProgram( const Context& context ) {
    return {};
 }
 
+std::map<MacVlanPair, std::string> hostsRefused( const Context& context ) {
+   std::map<MacVlanPair, std::string> reasons;
+   for( const auto& row : recordsOf<BridgeRefusedTable, BridgeRefusedKey, BridgeRefusedRecord>(
+           context, Path::bridgeRefused ) )
+      if( row.key.kind == bridgeRefusedHost_ )
+         reasons[ row.key.host ] = row.reason.str();
+   return reasons;
+}
+
 std::vector<BridgeRecord> bridgeRecords( const Context& context ) {
    return recordsOf<BridgeTable, Bridging::VlanId, BridgeRecord>( context, Path::bridges );
 }
@@ -192,7 +200,7 @@ Json kernelJson( const Context& context, const MacVlanPair& key ) {
 }
 
 std::string kernelText( const Json& kernel ) {
-   std::string line = "kernel: " + kernel[ "bridge" ].get<std::string>();
+   std::string line = kernel[ "bridge" ].get<std::string>();
    if( kernel[ "device" ].is_string() )
       line += " " + kernel[ "device" ].get<std::string>();
    if( kernel.contains( "refused" ) )
@@ -205,15 +213,13 @@ std::string kernelText( const Json& kernel ) {
    } else if( kernel.contains( "vtep" ) ) {
       line += " " + kernel[ "vtep" ].get<std::string>() + " vni " + text( kernel[ "vni" ] );
    } else if( kernel.contains( "interface" ) ) {
-      char name[ IFNAMSIZ ];
-      const auto index = kernel[ "interface" ].get<uint32_t>();
-      line = "kernel: " + kernel[ "bridge" ].get<std::string>() + " static on " +
-             ( if_indextoname( index, name ) ? std::string( name )
-                                             : "interface " + std::to_string( index ) );
+      line = kernel[ "bridge" ].get<std::string>() + " static on " +
+             interfaceText( kernel[ "interface" ].get<uint32_t>() );
    } else {
       return line + ": nothing was given for it";
    }
-   return line + ", programmed since " + timeText( kernel[ "since" ].get<double>() );
+   return line + ", programmed " +
+          ageText( std::time( nullptr ) - kernel[ "since" ].get<double>() ) + " ago";
 }
 
 void addShowBridge( CLI::App& showing, Context& context ) {

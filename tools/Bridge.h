@@ -4,6 +4,7 @@
 #include "L2Rib/BridgeStatus.h"
 #include "tools/Show.h"
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +17,8 @@ struct BridgeProgram {
 };
 // None where it never ran.
 std::optional<BridgeProgram> bridgeProgram( const Context& context );
+// Why the kernel was not given a host, by its key; empty where l2rib-bridge never ran.
+std::map<Bridging::MacVlanPair, std::string> hostsRefused( const Context& context );
 // By VLAN.
 std::vector<L2Rib::BridgeRecord> bridgeRecords( const Context& context );
 

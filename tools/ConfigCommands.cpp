@@ -128,6 +128,7 @@ int applyFile( const Context& context, const std::string& name ) {
 int show( const Context& context, std::optional<uint32_t> vlan, const std::string& macText ) {
    if( !std::filesystem::exists( context.stateDirectory ) )
       return refuse( answerIsNo, context.stateDirectory + ": there is no such state directory" );
+   mentionStoppedAgent( context );
    Configuration shown = readConfiguration( context );
    const std::optional<EthAddr> mac = EthAddr::parse( macText );
    if( vlan || mac ) {
@@ -161,8 +162,6 @@ int show( const Context& context, std::optional<uint32_t> vlan, const std::strin
       }
       printTable( tunnels, { "tunnel", "source", "destination", "tos", "ttl" } );
    }
-   if( std::filesystem::exists( context.fileOf( L2Rib::Path::agentStatus ) ) )
-      mentionStoppedAgent( context );
    return done;
 }
 

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <ctime>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -56,6 +55,10 @@ std::string objectText( const ObjTupleAndSource& otas, const SourceNames& names 
 
 constexpr std::array kinds = { "entry", "host", "object", "flood" };
 const char* kindName( ParkedKind kind ) { return nameOf( kinds, kind ); }
+// The same in a sentence.
+const char* countedName( ParkedKind kind ) {
+   return kind == parkedFloodMember_ ? "flood member" : kindName( kind );
+}
 
 // What it is, without what stands in the columns beside it.
 std::string subjectText( const ParkedRecord& parked ) {
@@ -64,24 +67,6 @@ std::string subjectText( const ParkedRecord& parked ) {
              std::to_string( parked.key.otas.objId().value() );
    std::string where = parked.key.mvp.mac().str() + " VLAN " + parked.key.mvp.vlan().str();
    return parked.key.kind == parkedFloodMember_ ? where + " to " + parked.dest.str() : where;
-}
-
-// Local time of day; with the date, when that is another one.
-std::string sinceText( double seconds ) {
-   const auto when = static_cast<time_t>( seconds );
-   const time_t now = time( nullptr );
-   tm parts{};
-   tm today{};
-   if( !localtime_r( &when, &parts ) || !localtime_r( &now, &today ) )
-      return "unknown";
-   const bool same = parts.tm_yday == today.tm_yday && parts.tm_year == today.tm_year;
-   char buffer[ 32 ];
-   return std::string( buffer, strftime( buffer, sizeof buffer, same ? "%T" : "%F %T", &parts ) );
-}
-
-std::string counted( size_t count, const char* kind ) {
-   const std::string what = std::string( kind ) == "flood" ? "flood member" : kind;
-   return std::to_string( count ) + " " + what + ( count == 1 ? "" : "s" );
 }
 
 AgentStatusRecord figuresOf( const Context& context ) {
@@ -150,7 +135,7 @@ bool isForWantOfRoom( ParkedReason reason ) {
 }
 
 std::string triedText( const ParkedEntry& parked ) {
-   return "since " + sinceText( parked.since.value() ) + ", " + std::to_string( parked.tries ) +
+   return "since " + clockText( parked.since.value() ) + ", " + std::to_string( parked.tries ) +
           ( parked.tries == 1 ? " try" : " tries" );
 }
 
@@ -203,7 +188,7 @@ std::optional<ParkedEntry> parkedHost( const Context& context, const Bridging::M
 std::vector<std::string> ParkedEntries::forWantOfRoom( const SourceNames& names ) const {
    std::vector<std::string> texts;
    for( const auto& [ what, group ] : groupsForRoom( all_, names ) )
-      texts.push_back( counted( group.count, kindName( what.first ) ) + ", " + what.second );
+      texts.push_back( countText( group.count, countedName( what.first ) ) + ", " + what.second );
    if( unlistedForRoom_ != 0 )
       texts.push_back( std::to_string( unlistedForRoom_ ) + " more that are not listed" );
    return texts;
@@ -247,8 +232,8 @@ void printForPeople( const ParkedEntries& parked, const std::vector<ParkedEntry>
    printColumns( std::move( lines ) );
    for( const auto& [ what, group ] : groups )
       if( group.count > 1 )
-         std::cout << counted( group.count, kindName( what.first ) ) << ", " << what.second
-                   << ", since " << sinceText( group.since ) << '\n';
+         std::cout << countText( group.count, countedName( what.first ) ) << ", " << what.second
+                   << ", since " << clockText( group.since ) << '\n';
    if( parked.all().empty() )
       std::cout << "nothing is parked\n";
    else if( shown.empty() )
@@ -272,7 +257,6 @@ int showFailed( const Context& context, const std::string& what ) {
       return done;
    }
    printForPeople( parked, shown, names );
-   mentionStoppedAgent( context );
    return done;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <iostream>
+#include <unistd.h>
 #include <utility>
 
 namespace Tools {
@@ -17,9 +18,8 @@ std::string cellOf( const Json& value ) {
    return value.is_string() ? value.get<std::string>() : text( value );
 }
 
-} // namespace
-
-void printColumns( std::vector<std::vector<std::string>> lines ) {
+// Of the columns; control characters are taken out on the way.
+std::vector<size_t> widthsOf( std::vector<std::vector<std::string>>& lines ) {
    std::vector<size_t> widths;
    for( auto& line : lines ) {
       widths.resize( std::max( widths.size(), line.size() ), 0 );
@@ -30,6 +30,13 @@ void printColumns( std::vector<std::vector<std::string>> lines ) {
          widths[ i ] = std::max( widths[ i ], line[ i ].size() );
       }
    }
+   return widths;
+}
+
+} // namespace
+
+void printColumns( std::vector<std::vector<std::string>> lines ) {
+   const std::vector<size_t> widths = widthsOf( lines );
    for( const auto& line : lines ) {
       std::string printed;
       for( size_t i = 0; i < line.size(); ++i ) {
@@ -37,6 +44,34 @@ void printColumns( std::vector<std::vector<std::string>> lines ) {
          if( i + 1 < line.size() )
             printed.append( widths[ i ] - line[ i ].size() + 2, ' ' );
       }
+      std::cout << printed << '\n';
+   }
+}
+
+void printLines( const std::vector<Heading>& headings,
+                 std::vector<std::vector<std::string>> lines ) {
+   const size_t last = headings.size() - 1;
+   const bool anyFault = std::any_of( lines.begin(), lines.end(),
+                                      [ & ]( const auto& line ) { return !line[ last ].empty(); } );
+   lines.emplace( lines.begin() );
+   for( const Heading& heading : headings )
+      lines.front().push_back( heading.text );
+   if( !anyFault )
+      lines.front().back().clear();
+   const std::vector<size_t> widths = widthsOf( lines );
+   const bool coloured = isatty( STDOUT_FILENO );
+   for( const auto& line : lines ) {
+      std::string printed;
+      for( size_t i = 0; i <= last; ++i ) {
+         const std::string& cell = line[ i ];
+         const std::string padding( widths[ i ] - cell.size(), ' ' );
+         if( i == last && &line != &lines.front() && !cell.empty() && coloured )
+            printed += "\033[33m" + cell + "\033[0m";
+         else
+            printed += headings[ i ].side == Heading::right ? padding + cell : cell + padding;
+         printed += "  ";
+      }
+      printed.erase( printed.find_last_not_of( ' ' ) + 1 );
       std::cout << printed << '\n';
    }
 }

@@ -33,6 +33,15 @@ void occupyStandardStreams() {
          std::abort();
 }
 
+// "show hosts: "
+std::string commandName( const CLI::App& app ) {
+   const auto chosen = app.get_subcommands();
+   return chosen.empty()
+             ? ""
+             : chosen[ 0 ]->get_name() + ( chosen[ 0 ]->get_subcommands().empty() ? ": " : " " ) +
+                  commandName( *chosen[ 0 ] );
+}
+
 // An answer that did not arrive is none: whoever put it into a file must not rely on that.
 int delivered( int status ) {
    errno = 0;
@@ -57,6 +66,7 @@ int main( int argc, char** argv ) {
                  "l2ribctl" );
    app.require_subcommand( 1 );
    app.fallthrough(); // --state-dir may also stand behind the command
+   app.set_version_flag( "--version", std::string( "l2ribctl " ) + L2RIB_VERSION );
    app.add_option( "--state-dir", context.stateDirectory, "where the tables are" )
       ->capture_default_str();
    Tools::addSourceCommands( app, context );
@@ -70,8 +80,8 @@ int main( int argc, char** argv ) {
    Tools::addConfigCommands( app, context );
    try {
       app.parse( argc, argv );
-   } catch( const CLI::CallForHelp& help ) {
-      return app.exit( help );
+   } catch( const CLI::Success& answer ) { // --help, --version
+      return app.exit( answer );
    } catch( const CLI::RequiredError& error ) {
       // What was given in place of it says more than what is missing.
       std::string unknown;
@@ -86,7 +96,7 @@ int main( int argc, char** argv ) {
    try {
       return Tools::delivered( context.command() );
    } catch( const Tools::BadInput& wrong ) {
-      Tools::complain( wrong.what() );
+      Tools::complain( Tools::commandName( app ) + wrong.what() );
       return Tools::badUsage;
    } catch( const std::exception& failure ) {
       Tools::complain( failure.what() );
