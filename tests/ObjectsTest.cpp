@@ -44,6 +44,18 @@ TEST_F( Objects, FailedChangeLeavesTheGroupAsItWas ) {
    EXPECT_EQ( 50u, lab.output.host->count() );
 }
 
+// A loop that leads through the copy of an object that the source has deleted.
+TEST_F( Objects, LoopThroughADeletedObjectFails ) {
+   source.set( group( 1, { dest( 1 ), lb( 2 ) } ), group( 2, { label( 1 ) } ),
+               push( 1, 1, dest( 1 ) ), intfDest( 1, 1 ), objectHost( mvp( 1 ), lb( 1 ) ) );
+   lab.settle();
+   source.lb->lbDel( LoadBalanceId( 2 ) );
+   lab.settle();
+   source.set( push( 1, 1, lb( 1 ) ) );
+   lab.hammer();
+   check( "group ( intf 1 group ( push 1 ( intf 1 ) ) )", 4 );
+}
+
 TEST_F( Objects, EndlessChainsFailUntilTheyAreMended ) {
    Lab deep;
    const auto table = makeEntity<LabelTable>( 100000u );

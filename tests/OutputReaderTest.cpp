@@ -29,7 +29,7 @@ TEST_F( OutputReaderTest, FaultsOfTheOutputAreFound ) {
       ASSERT_TRUE( output.label->labelIs( { push( id, 16, label( id ) ), input( label( 1 ) ) } ) );
    // Leads to itself by way of a label.
    ASSERT_TRUE(
-      output.lb->lbIs( { Test::group( 1, { dest( 1 ), label( 3 ) } ), input( lb( 1 ) ) } ) &&
+      output.lb->lbIs( { L2Rib::Test::group( 1, { dest( 1 ), label( 3 ) } ), input( lb( 1 ) ) } ) &&
       output.label->labelIs( { push( 3, 16, lb( 1 ) ), input( label( 3 ) ) } ) );
    const Dest untyped( DestId( 1 ) );
    ASSERT_TRUE( output.dest->destIs( { untyped, input( dest( 1 ) ) } ) );
