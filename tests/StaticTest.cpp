@@ -181,10 +181,6 @@ TEST( StaticHosts, PublishesItselfWithWhatIsConfiguredAlone ) {
    EXPECT_EQ( entry, lab.sm->staticSde() );
    EXPECT_TRUE( entry->initialized() );
    EXPECT_EQ( 0x10u, entry->source() );
-   EXPECT_EQ( folder + "hostInput", entry->hostTableTarnPath() );
-   EXPECT_EQ( folder + "loadBalanceTable", entry->lbTableTarnPath() );
-   EXPECT_EQ( folder + "labelTable", entry->labelTableTarnPath() );
-   EXPECT_EQ( folder + "destTable", entry->destTableTarnPath() );
    EXPECT_EQ( 65536u, entry->hostTableLen() );
    for( const uint32_t length :
         { entry->lbTableLen(), entry->labelTableLen(), entry->destTableLen() } )
