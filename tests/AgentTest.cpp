@@ -51,15 +51,6 @@ TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
       ASSERT_TRUE( agent );
       EXPECT_EQ( agent->mountStatus(), Vexil::MountStatus::success );
       EXPECT_EQ( agent->entityManager(), manager );
-      for( const char* path : { Path::inputDir, Path::agentInputDir, Path::floodOutput,
-                                Path::bridgingConfig, Path::policySmStatus } )
-         EXPECT_TRUE( manager->entity( path ) ) << path;
-      for( const char* path :
-           { Path::hostOutput, Path::lbOutput, Path::labelOutput, Path::destOutput } ) {
-         const auto table = manager->entity( path );
-         ASSERT_TRUE( dynamic_cast<Vexil::TableBase*>( table.get() ) ) << path;
-         EXPECT_EQ( dynamic_cast<Vexil::TableBase*>( table.get() )->capacity(), 16384u ) << path;
-      }
       EXPECT_TRUE( agent->l2RibAgentSourceDir()->source( "static" ) );
       const auto& context = agent->pluginContext();
       EXPECT_EQ( context->entityManager(), manager );
@@ -82,61 +73,75 @@ TEST( Agent, StagesMakeEverythingAndReleaseItInOrder ) {
    EXPECT_EQ( traced[ 2 ], "loadPlugins() doMountsComplete Loading L2RibTestPlugins" );
 }
 
-// For reading: nothing is made, nothing locked, and the entity follows what another process writes.
+// For reading nothing is made, nothing locked, and the entity follows what another process writes.
+// A writer locks out others, and finds nothing of what the run before it had for its own sources.
 TEST( Mounts, ForReadingOnlyRead ) {
    const TestSupport::TemporaryFolder folder;
    Vexil::ActivityManager loop;
-   const auto writer = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
-   const auto mounted = [ & ]( const Vexil::Ptr<Vexil::EntityManager>& manager,
-                               const std::string& mode ) {
-      const auto group = manager->mountGroup();
-      group->doMount( Path::agentInputDir, "L2Rib::AgentSourceDir", mode );
-      group->doMount( Path::floodOutput, "L2Rib::FloodSetOutput", mode );
-      group->doMount( Path::policySmStatus, "L2Rib::PolicySmStatus", mode );
-      group->doClose();
-      return manager->mountStatus();
+   struct Run {
+      Run( Vexil::ActivityManager& loop, const std::string& state, const std::string& mode )
+         : manager( Vexil::makeEntity<Vexil::EntityManager>( loop, state ) ) {
+         const auto group = manager->mountGroup();
+         group->doMount( Path::agentInputDir, "L2Rib::AgentSourceDir", mode );
+         group->doMount( Path::floodOutput, "L2Rib::FloodSetOutput", mode );
+         group->doMount( Path::policySmStatus, "L2Rib::PolicySmStatus", mode );
+         group->doClose();
+         mounted = manager->mountStatus() == Vexil::MountStatus::success;
+         sources = dynamic_cast<AgentSourceDir*>( manager->entity( Path::agentInputDir ).get() );
+         flood = dynamic_cast<FloodSetOutput*>( manager->entity( Path::floodOutput ).get() );
+         status = dynamic_cast<PolicySmStatus*>( manager->entity( Path::policySmStatus ).get() );
+      }
+      const Vexil::Ptr<Vexil::EntityManager> manager;
+      bool mounted;
+      AgentSourceDir* sources;
+      FloodSetOutput* flood;
+      PolicySmStatus* status;
    };
-   const auto entity = []<class T>( const Vexil::Ptr<Vexil::EntityManager>& manager,
-                                    const char* path, T* ) {
-      return dynamic_cast<T*>( manager->entity( path ).get() );
-   };
-   const auto tooEarly = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
+   const std::string state = folder.file( "state" );
+   const std::string entry = state + "/" + Path::agentInputDir + "/inside";
    Vexil::logSinkIs( []( std::string_view ) {} );
-   EXPECT_EQ( mounted( tooEarly, "r" ), Vexil::MountStatus::failed );
+   EXPECT_FALSE( Run( loop, state, "r" ).mounted );
+   EXPECT_FALSE( std::filesystem::exists( state + "/bridging" ) );
+   for( int run = 0; run < 2; ++run ) {
+      const Run writer( loop, state, "w" );
+      ASSERT_TRUE( writer.mounted );
+      EXPECT_TRUE( writer.sources->source().empty() );
+      EXPECT_FALSE( std::filesystem::exists( entry ) ) << "of the run before";
+      const auto source = writer.sources->sourceIs( "inside" );
+      source->hostTableTarnPathIs( "a/path" );
+      EXPECT_FALSE( std::filesystem::exists( entry ) ) << "before anybody can use it";
+      source->initializedIs( true );
+      EXPECT_FALSE( Run( loop, state, "w" ).mounted );
+      const Run reader( loop, state, "r" );
+      ASSERT_TRUE( reader.mounted && reader.sources->source( "inside" ) );
+      EXPECT_EQ( reader.sources->source( "inside" )->hostTableTarnPath(), "a/path" );
+      const Bridging::VlanId vlan( 10 );
+      const Vexil::EthAddr mac( 1 );
+      const Dest dest( Util::destIdNotInTarn() );
+      const auto follow = [ & ]( auto came ) {
+         return TestSupport::waitFor( [ & ] { return loop.turn( 0 ), came(); } );
+      };
+      source->initializedIs( false );
+      writer.status->maxLbIdIs( LoadBalanceId( 7 + run ) );
+      writer.flood->sourceIs( 0x50 );
+      const auto set = writer.flood->vlanFloodSetIs( vlan )->floodSetIs( mac );
+      set->floodSetTypeIs( floodSetTypeAny_ );
+      set->destSetIs( dest, true );
+      EXPECT_TRUE( follow( [ & ] {
+         const auto sets = reader.flood->vlanFloodSet( vlan );
+         return reader.status->maxLbId().value() == 7u + run && reader.flood->source() == 0x50 &&
+                sets && sets->floodSet( mac )->destSet( dest ) &&
+                !reader.sources->source( "inside" )->initialized();
+      } ) );
+      writer.flood->vlanFloodSetDel( vlan );
+      if( run == 1 )
+         writer.sources->sourceDel( "inside" );
+      EXPECT_TRUE( follow( [ & ] {
+         return reader.flood->vlanFloodSet().empty() &&
+                reader.sources->source().empty() == ( run == 1 );
+      } ) );
+   }
    Vexil::logSinkIs( nullptr );
-   EXPECT_FALSE( std::filesystem::exists( folder.file( "state/bridging" ) ) );
-
-   ASSERT_EQ( mounted( writer, "w" ), Vexil::MountStatus::success );
-   auto* const sources = entity( writer, Path::agentInputDir, (AgentSourceDir*)nullptr );
-   sources->sourceIs( "inside" )->initializedIs( true );
-   const auto reader = Vexil::makeEntity<Vexil::EntityManager>( loop, folder.file( "state" ) );
-   ASSERT_EQ( mounted( reader, "r" ), Vexil::MountStatus::success );
-   auto* const status = entity( writer, Path::policySmStatus, (PolicySmStatus*)nullptr );
-   auto* const flood = entity( writer, Path::floodOutput, (FloodSetOutput*)nullptr );
-   auto* const seenStatus = entity( reader, Path::policySmStatus, (PolicySmStatus*)nullptr );
-   auto* const seenFlood = entity( reader, Path::floodOutput, (FloodSetOutput*)nullptr );
-   auto* const seenSources = entity( reader, Path::agentInputDir, (AgentSourceDir*)nullptr );
-   EXPECT_TRUE( seenSources->source( "inside" ) );
-   const Bridging::VlanId vlan( 10 );
-   const Dest dest( Util::destIdNotInTarn() );
-   const auto follow = [ & ]( auto came ) {
-      return TestSupport::waitFor( [ & ] { return loop.turn( 0 ), came(); }, 60 );
-   };
-   status->maxLbIdIs( LoadBalanceId( 7 ) );
-   flood->sourceIs( 0x50 );
-   flood->vlanFloodSetIs( vlan )
-      ->floodSetIs( Vexil::EthAddr( 1 ) )
-      ->floodSetTypeIs( floodSetTypeAny_ );
-   flood->vlanFloodSet( vlan )->floodSet( Vexil::EthAddr( 1 ) )->destSetIs( dest, true );
-   EXPECT_TRUE( follow( [ & ] {
-      const auto sets = seenFlood->vlanFloodSet( vlan );
-      return seenStatus->maxLbId() == LoadBalanceId( 7 ) && seenFlood->source() == 0x50 && sets &&
-             sets->floodSet( Vexil::EthAddr( 1 ) )->destSet( dest );
-   } ) );
-   flood->vlanFloodSetDel( vlan );
-   sources->sourceDel( "inside" );
-   EXPECT_TRUE( follow(
-      [ & ] { return seenFlood->vlanFloodSet().empty() && seenSources->source().empty(); } ) );
 }
 
 TEST( AgentDeathTest, FailedMountIsFatal ) {
@@ -201,13 +206,12 @@ TEST_F( PluginTest, OneCategoryIsLoadedAndBrokenOnesAreNamed ) {
       if( testPlugins )
          words.push_back( "--test-plugins" );
       startAgent( words );
-      EXPECT_TRUE( waitFor(
-         [ this ] { return agent->err().find( "running on" ) != std::string::npos; }, patience ) );
-      agent->signal( SIGTERM );
-      EXPECT_EQ( agent->status(), 0 );
+      EXPECT_TRUE(
+         waitFor( [ this ] { return agent->err().find( "running on" ) != std::string::npos; } ) );
+      stopAgent();
       std::vector<std::string> lines = pluginLines( agent->err() );
       ASSERT_GT( lines.size(), 1u ) << agent->err();
-      EXPECT_NE( lines[ 1 ].find( "undefined symbol" ), std::string::npos ) << lines[ 1 ];
+      expectIn( lines[ 1 ], "undefined symbol" );
       lines[ 1 ].resize( normal[ 1 ].size() );
       EXPECT_EQ( lines, testPlugins ? test : normal );
    }
@@ -246,10 +250,9 @@ TEST_F( PluginTest, JournalIsWitnessOfEveryChange ) {
       std::string operations;
       for( int i = 0; i < 40; ++i ) {
          const unsigned number = 1 + random.below( 50 );
-         operations +=
-            random.percent( 30 )
-               ? R"({"op":"hostDel","mac":")" + mac( number ) + R"(","vlan":10})" + "\n"
-               : host( number, random.below( 3 ), random.percent( 50 ) ? group : inlineDest );
+         operations += random.percent( 30 ) ? hostDel( number )
+                                            : host( number, random.below( 3 ),
+                                                    random.percent( 50 ) ? group : inlineDest );
       }
       publish( random.percent( 50 ) ? evpn : mlag, operations );
    }
@@ -259,8 +262,7 @@ TEST_F( PluginTest, JournalIsWitnessOfEveryChange ) {
       const std::string key = Json( { { "mac", row[ "mac" ] }, { "vlan", row[ "vlan" ] } } ).dump();
       rows[ key ] = row;
    }
-   agent->signal( SIGTERM );
-   EXPECT_EQ( agent->status(), 0 ) << agent->err();
+   stopAgent();
    EXPECT_EQ( replayed( bytesOf( journal ) ), rows );
 
    // The next run appends, on a line of its own also when the last one was killed in the middle of
@@ -271,15 +273,13 @@ TEST_F( PluginTest, JournalIsWitnessOfEveryChange ) {
    startAgent();
    setenv( "L2RIB_JOURNAL", folder.file( "absent/journal" ).c_str(), 1 );
    publish( evpn, host( 99, 1, inlineDest ) );
-   EXPECT_TRUE( waitFor( [ & ] { return bytesOf( journal ).size() > before.size(); }, patience ) );
+   EXPECT_TRUE( waitFor( [ & ] { return bytesOf( journal ).size() > before.size(); } ) );
    EXPECT_TRUE( bytesOf( journal ).starts_with( before ) );
-   agent->signal( SIGTERM );
-   EXPECT_EQ( agent->status(), 0 );
+   stopAgent();
    startAgent();
    unsetenv( "L2RIB_JOURNAL" );
    settle();
-   EXPECT_NE( agent->err().find( "absent/journal: No such file or directory" ), std::string::npos )
-      << agent->err();
+   expectIn( agent->err(), "absent/journal: No such file or directory" );
 }
 
 } // namespace

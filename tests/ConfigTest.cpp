@@ -73,7 +73,7 @@ class Following {
    }
    template<class Condition>
    bool until( Condition condition ) {
-      return waitFor( [ & ] { return loop.turn( 0.01 ), condition(); }, patience );
+      return waitFor( [ & ] { return loop.turn( 0.01 ), condition(); } );
    }
 
    Vexil::ActivityManager loop;
@@ -126,7 +126,7 @@ TEST_F( ConfigTest, CommandsSayWhatTheyDid ) {
       const Words words{ std::istream_iterator<std::string>( in ), {} };
       const Result result = ctl( words );
       EXPECT_EQ( step.status, result.status );
-      EXPECT_NE( result.err.find( step.error ), std::string::npos ) << result.err;
+      expectIn( result.err, step.error );
       EXPECT_EQ( *step.error != '\0', !result.err.empty() ) << result.err;
    }
    EXPECT_EQ( Json::parse( R"({"tunnels":[],"hosts":[{"vlan":10,"mac":"02:00:00:00:00:01",
@@ -155,11 +155,8 @@ TEST_F( ConfigTest, RefusedDocumentChangesNothing ) {
       { "{\"hosts\":[\n" + host + "\"interface\":5},\n  7]}",
         { ":3:3: this is 7; right would be a host" } },
       { "{\"hosts\":[" + host + "\n\"interface\":-5}]}", { ":2:13: \"interface\" is -5; right" } },
-      { "{\"hosts\":[" + host + "\n\"interface\": 5.5}]}",
-        { ":2:14: \"interface\" is 5.5; right" } },
       { "{\"hosts\":[\n" + host + "\"label\":5}]}",
         { ":2:1: this host has no \"tunnel\", and needs one" } },
-      { "{\"hosts\":[\n {\"vlan\":10}]}", { ":2:2: this host has no \"mac\"" } },
       { "{\"hosts\":[{\"vlan\": 4095,\"mac\":\"02:00:00:00:00:01\",\"interface\":1}]}",
         { ":1:20: VLAN 4095 does not exist; right would be 1 to 4094" } },
       { "{\"hosts\":[{\"vlan\":1,\"mac\":\"ff:ff:ff:ff:ff:ff\",\"interface\":1}]}",
@@ -172,8 +169,6 @@ TEST_F( ConfigTest, RefusedDocumentChangesNothing ) {
         { ":2:1: host (02:00:00:00:00:01/10) is already in line 1; right would be once" } },
       { "{\"hosts\":[" + host + "\"interface\":1,\n\"vlan\":11}]}",
         { ":2:1: \"vlan\" stands twice" } },
-      { tunnel + "\"hosts\":[\n" + host + "\"label\":1048576,\"tunnel\":5}]}",
-        { ":2:46: label 1048576 is past 20 bits; right would be 0 to 1048575" } },
       { tunnel + "\"hosts\":[\n" + host + "\"label\":5,\"tunnel\":6}]}",
         { ":2:57: tunnel 6 is not in this document" } },
       { tunnel + "\"hosts\":[\n" + host + "\"interface\":5,\"tunnel\":5}]}",
@@ -192,7 +187,7 @@ TEST_F( ConfigTest, RefusedDocumentChangesNothing ) {
       const Result result = ctl( { "config", "apply", name } );
       EXPECT_EQ( 3, result.status );
       for( const std::string& error : errors )
-         EXPECT_NE( result.err.find( name + error ), std::string::npos ) << result.err;
+         expectIn( result.err, name + error );
       EXPECT_EQ( errors.size() + 1, // and that nothing was changed
                  static_cast<size_t>( std::count( result.err.begin(), result.err.end(), '\n' ) ) )
          << result.err;
@@ -241,17 +236,15 @@ TEST_F( ConfigTest, ApplyThatIsKilledIsAllOrNothing ) {
       // A folder of the next generation; one table, the other, in force, and then the end. Some
       // come to it, however slow the kill is.
       const size_t step = round % 6 == 0 ? SIZE_MAX : random.below( 5 );
-      waitFor(
-         [ & ] {
-            size_t seen = Bridging::configGeneration( folder ) != inForce ? 4 : 0;
-            std::error_code gone;
-            for( std::filesystem::recursive_directory_iterator at( folder, gone ), end;
-                 !gone && at != end; at.increment( gone ) ) // folders go while they are read
-               seen += at->path().string().find( inForce ) == std::string::npos &&
-                       at->path().string().find( "/.tables." ) != std::string::npos;
-            return seen > step || applying.ended();
-         },
-         patience );
+      waitFor( [ & ] {
+         size_t seen = Bridging::configGeneration( folder ) != inForce ? 4 : 0;
+         std::error_code gone;
+         for( std::filesystem::recursive_directory_iterator at( folder, gone ), end;
+              !gone && at != end; at.increment( gone ) ) // folders go while they are read
+            seen += at->path().string().find( inForce ) == std::string::npos &&
+                    at->path().string().find( "/.tables." ) != std::string::npos;
+         return seen > step || applying.ended();
+      } );
       applying.signal( SIGKILL );
       applying.status();
       const Json after = config();

@@ -4,6 +4,7 @@
 
 #include "engine/L2RibPolicySm.h"
 #include "runtime/Trace.h"
+#include "tests/Records.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +12,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -19,66 +19,6 @@
 
 namespace L2Rib::Test {
 
-using Bridging::MacVlanPair;
-using Vexil::makeEntity;
-using Vexil::Ptr;
-
-inline MacVlanPair mvp( uint64_t mac, uint32_t vlan = 10 ) {
-   return MacVlanPair( Vexil::EthAddr( 0x020000000000 + mac ), Bridging::VlanId( vlan ) );
-}
-
-inline Host inlineHost( const MacVlanPair& key, uint64_t value, uint32_t pref = 100,
-                        uint32_t seqNo = 0 ) {
-   Host host( key );
-   host.prefIs( pref );
-   host.seqNoIs( Vexil::Seqno32( seqNo ) );
-   CiDest dest( 0 );
-   dest.payloadIs( value );
-   host.ciDestIs( dest );
-   return host;
-}
-
-inline Host objectHost( const MacVlanPair& key, const ObjTuple& next, uint32_t pref = 100,
-                        uint32_t seqNo = 0 ) {
-   Host host = inlineHost( key, 0, pref, seqNo );
-   host.nextIs( next );
-   return host;
-}
-
-inline Host vtepHost( const MacVlanPair& key, std::initializer_list<const char*> vteps ) {
-   Host host = inlineHost( key, 0 );
-   CiDest dest( destTypeVxlan_ );
-   uint32_t at = 0;
-   for( const char* vtep : vteps )
-      dest.vtepIs( CiVtepIndex( at++ ), *Vexil::IpGenAddr::parse( vtep ) );
-   host.ciDestIs( dest );
-   return host;
-}
-
-inline ObjTuple dest( uint64_t id ) { return ObjTuple( DestId( id ) ); }
-inline ObjTuple lb( uint64_t id ) { return ObjTuple( LoadBalanceId( id ) ); }
-inline ObjTuple label( uint64_t id ) { return ObjTuple( LabelId( id ) ); }
-
-inline Dest intfDest( uint64_t id, uint64_t interface ) {
-   Dest made{ DestId( id ) };
-   made.intfIs( { interface } );
-   return made;
-}
-inline LoadBalance group( uint64_t id, const std::vector<ObjTuple>& nexts ) {
-   LoadBalance made{ LoadBalanceId( id ) };
-   for( uint32_t at = 0; at < nexts.size(); ++at )
-      made.nextIs( EcmpIndex( at ), nexts[ at ] );
-   return made;
-}
-inline Label push( uint64_t id, uint32_t value, const ObjTuple& next ) {
-   return Label( LabelId( id ), next, Vexil::MplsLabel( value ) );
-}
-
-inline Dest floodDest( uint64_t interface ) {
-   Dest made{ Util::destIdNotInTarn() };
-   made.intfIs( { interface } );
-   return made;
-}
 template<class Owner>
 void floodIs( Owner& owner, uint32_t vlan, uint64_t mac, const Dest& dest,
               FloodSetType type = floodSetTypeAny_ ) {
@@ -128,47 +68,6 @@ std::set<std::string> members( const Owner& owner, bool mayBeEmpty = false ) {
    return all;
 }
 
-inline const Dest& bare( const Dest& row ) { return row; }
-inline const Label& bare( const Label& row ) { return row; }
-inline const LoadBalance& bare( const LoadBalance& row ) { return row; }
-inline Dest bare( const DestAndSource& row ) { return row.dest(); }
-inline Label bare( const LabelAndSource& row ) { return row.label(); }
-inline LoadBalance bare( const LoadBalanceAndSource& row ) { return row.lb(); }
-
-// What an object comes to, written out to its leaves: the same for a source's object and for its
-// output copy, whatever their ids. nullopt when something is missing or the chain has no end.
-template<class Tables>
-std::optional<std::string> expansion( const Tables& tables, const ObjTuple& ot,
-                                      unsigned depth = 1 ) {
-   std::string text;
-   std::vector<ObjTuple> nexts;
-   if( ot.tableType() == tableTypeDest_ ) {
-      const Dest found = bare( tables.dest->dest( ot.destId() ) );
-      if( found.key() == ot.destId() )
-         return "intf " + std::to_string( found.intf().intf.value() );
-   } else if( ot.tableType() == tableTypeLabel_ ) {
-      const Label found = bare( tables.label->label( ot.labelId() ) );
-      if( found.key() == ot.labelId() )
-         nexts = { found.next() };
-      text = "push " + found.label().str();
-   } else if( ot.tableType() == tableTypeLoadBalance_ ) {
-      const LoadBalance found = bare( tables.lb->lb( ot.lbId() ) );
-      if( found.key() == ot.lbId() )
-         nexts.assign( found.used().begin(), found.used().end() );
-      text = "group";
-   }
-   if( nexts.empty() || depth > 64 )
-      return std::nullopt;
-   text += " (";
-   for( const ObjTuple& next : nexts ) {
-      const auto below = expansion( tables, next, depth + 1 );
-      if( !below )
-         return std::nullopt;
-      text += " " + *below;
-   }
-   return text + " )";
-}
-
 // The trace of the engine, or of another part, all levels, as long as it lives.
 class TraceLines {
  public:
@@ -201,6 +100,19 @@ class TraceLines {
    std::vector<std::string> lines_;
 };
 
+// Calls wrote( key ) at each write to a table.
+template<class Table>
+class Watch : public Vexil::Reactor<Table> {
+ public:
+   using Key = std::remove_cvref_t<decltype( std::declval<Table>().inSlot( 0 )->key() )>;
+   Watch( const Ptr<Table>& table, std::function<void( const Key& )> wrote )
+      : Vexil::Reactor<Table>( table ), wrote_( std::move( wrote ) ) {}
+   void handleEntry( const Key& key ) override { wrote_( key ); }
+
+ private:
+   const std::function<void( const Key& )> wrote_;
+};
+
 // The capacities of the output tables.
 struct Room {
    uint32_t host = 512, lb = 512, label = 512, dest = 512;
@@ -218,8 +130,8 @@ class Lab {
         output{ makeEntity<HostOutput>( room.host ),   makeEntity<LoadBalanceOutput>( room.lb ),
                 makeEntity<LabelOutput>( room.label ), makeEntity<DestOutput>( room.dest ),
                 makeEntity<FloodSetOutput>(),          makeEntity<PolicySmStatus>() },
-        hostWatch( output.host, *this ), lbWatch( output.lb, *this ),
-        labelWatch( output.label, *this ), destWatch( output.dest, *this ) {
+        hostWatch( watch( output.host ) ), lbWatch( watch( output.lb ) ),
+        labelWatch( watch( output.label ) ), destWatch( watch( output.dest ) ) {
       newEngine();
       settle(); // nothing to adopt: the restart is over at once
    }
@@ -291,11 +203,7 @@ class Lab {
    // What a host's row comes to, written out to the leaves of its objects; "none" without a row.
    std::string resolved( const MacVlanPair& key ) const {
       const HostAndSource found = row( key );
-      if( found.key() != key )
-         return "none";
-      return found.next() == Util::objTupleInvalid()
-                ? found.host().ciDest().str()
-                : expansion( output, found.next() ).value_or( "dangling" );
+      return found.key() == key ? Test::resolved( output, found ) : "none";
    }
    // "value 7 from 0x40" or "dest/1 from 0x40"; "none".
    std::string outcome( const MacVlanPair& key ) const {
@@ -305,20 +213,6 @@ class Lab {
       const bool isInline = found.next() == Util::objTupleInvalid();
       return ( isInline ? found.host().ciDest().str() : found.next().str() ) + " from " +
              sourceStr( found.source() );
-   }
-
-   // Whether a row of the output stands under that tuple.
-   bool exists( const ObjTuple& ot ) const {
-      switch( ot.tableType() ) {
-      case tableTypeLoadBalance_:
-         return output.lb->lb( ot.lbId() ).key() == ot.lbId();
-      case tableTypeLabel_:
-         return output.label->label( ot.labelId() ).key() == ot.labelId();
-      case tableTypeDest_:
-         return output.dest->dest( ot.destId() ).key() == ot.destId();
-      default:
-         return false;
-      }
    }
 
    // Every relation that the rows of the output imply: (used, user).
@@ -356,8 +250,13 @@ class Lab {
       ++writes;
       if( !engine )
          return; // a write of the test's own
+      std::set<ObjTuple> objects;
+      const auto note = [ & ]( const auto& row ) { objects.emplace( row.key() ); };
+      output.lb->forEach( note );
+      output.label->forEach( note );
+      output.dest->forEach( note );
       for( const auto& [ used, user ] : relationsOfRows() ) {
-         if( exists( used ) )
+         if( objects.contains( used ) )
             continue;
          const std::string what = user + " points to missing " + used.str();
          if( engine->restartState() != running_ )
@@ -395,20 +294,13 @@ class Lab {
 
  private:
    template<class Table>
-   class Watch : public Vexil::Reactor<Table> {
-    public:
-      Watch( Ptr<Table> table, Lab& lab ) : Vexil::Reactor<Table>( table ), lab_( lab ) {}
-      using Key = decltype( std::declval<Table>().inSlot( 0 )->key() );
-      void handleEntry( const std::remove_cvref_t<Key>& key ) override {
-         if( const auto row = this->notifier()->get( key ); row.key() == key )
-            lab_.noteId( row );
-         lab_.checkNothingDangles();
-      }
-
-    private:
-      Lab& lab_;
-   };
-
+   Watch<Table> watch( const Ptr<Table>& table ) {
+      return Watch<Table>( table, [ this, &table = *table ]( const auto& key ) {
+         if( const auto row = table.get( key ); row.key() == key )
+            noteId( row );
+         checkNothingDangles();
+      } );
+   }
    template<class Table>
    Ptr<Table> table( const std::string& path ) {
       const Ptr<Table> made = makeEntity<Table>( 256u );

@@ -64,41 +64,6 @@ TEST( Ranking, FirstRuleThatTellsTwoHostsApartDecides ) {
 
 // --- review ------------------------------------------------------------------------------------
 
-TEST( Review, SlicesOfQuantumZeroTakeOneEntryEach ) {
-   Lab lab;
-   lab.engine->reviewQuantumIs( 0 );
-   lab.clock->tickIs( 0.001 );
-   LabSource& source = lab.source( "one", a );
-   lab.settle();
-   for( uint64_t mac = 1; mac <= 40; ++mac )
-      source.set( inlineHost( mvp( mac ), mac ) );
-   for( uint64_t slices = 1; slices <= 40; ++slices ) {
-      lab.turn();
-      EXPECT_EQ( slices, lab.output.host->count() );
-   }
-   EXPECT_TRUE( lab.engine->hostList().empty() );
-   EXPECT_EQ( Util::mvpInvalid(), lab.engine->hostBookmark() );
-}
-
-// Slices that end with every host, one of which fails each time: the others get their turn all the
-// same, and so do the objects.
-TEST( Review, FailingHostStarvesNobody ) {
-   Lab lab;
-   LabSource& source = lab.source( "one", a );
-   source.set( intfDest( 1, 1 ), objectHost( mvp( 1 ), dest( 1 ) ),
-               objectHost( mvp( 2 ), lb( 9 ) ) );
-   lab.settle();
-   lab.engine->reviewQuantumIs( 0 );
-   lab.clock->tickIs( 0.0001 );
-   source.set( objectHost( mvp( 2 ), lb( 8 ) ), inlineHost( mvp( 3 ), 3 ), intfDest( 1, 2 ) );
-   for( int turn = 0; turn < 10; ++turn )
-      lab.turn();
-   EXPECT_EQ( "value 3 from 0x40", lab.outcome( mvp( 3 ) ) );
-   EXPECT_EQ( 2u, lab.output.dest->dest( DestId( 1 ) ).dest().intf().intf.value() );
-   EXPECT_TRUE( lab.engine->otasList().empty() );
-   EXPECT_TRUE( lab.engine->failedHost( mvp( 2 ) ) );
-}
-
 TEST( Review, HammerTicksForEverAndRetriesWhatIsParked ) {
    Lab lab;
    LabSource& source = lab.source( "one", a );

@@ -54,19 +54,16 @@ TEST_F( MemoryTest, StartsOrSaysWhyNot ) {
       std::filesystem::remove_all( state + "/bridging" );
       leave( free );
       startAgent();
-      ASSERT_TRUE( waitFor(
-         [ & ] {
-            return agent->ended() || ctl( { "settle", "--timeout", "1" } ).status == 0;
-         },
-         patience ) );
+      ASSERT_TRUE( waitFor( [ & ] {
+         return agent->ended() || ctl( { "settle", "--timeout", "1" } ).status == 0;
+      } ) );
       if( agent->ended() ) {
          ++failed;
          ASSERT_EQ( agent->status(), 1 ) << agent->err();
          ASSERT_NE( agent->err().find( "l2ribd: " ), std::string::npos ) << agent->err();
       } else {
          ++ran;
-         agent->signal( SIGKILL );
-         agent->status();
+         stopAgent( SIGKILL );
       }
       std::error_code absent; // it could not even make that folder
       for( const auto& file :
@@ -100,35 +97,29 @@ TEST_F( MemoryTest, NothingIsLostForWantOfMemory ) {
    leave( 2 << 20 );
    evpn.write( all( 100 ) + syncOp );
    evpn.expectOut( "synced", 2 );
-   EXPECT_NE( evpn.err().find( "the table of hosts takes nothing more: the state directory has no "
-                               "memory for it" ),
-              std::string::npos );
+   expectIn( evpn.err(), "the table of hosts takes nothing more: the state directory has no "
+                         "memory for it" );
    const auto rows = [ & ] { return json( { "show", "hosts" } ).size(); };
-   EXPECT_TRUE( waitFor( [ & ] { return rows() > 500; }, patience ) );
+   EXPECT_TRUE( waitFor( [ & ] { return rows() > 500; } ) );
    EXPECT_LT( rows(), hosts );
    leave( 0 ); // a kill, and a start without any memory left
-   agent->signal( SIGKILL );
-   agent->status();
+   stopAgent( SIGKILL );
    startAgent( options );
    evpn.write( host( 1, 107, inlineDest ) + syncOp );
    evpn.expectOut( "synced", 3 );
-   EXPECT_TRUE( waitFor(
-      [ & ] {
-         const Json row = json( { "show", "hosts", "--mac", mac( 1 ) } );
-         return !row.empty() && row[ 0 ][ "pref" ] == 107;
-      },
-      patience ) )
+   EXPECT_TRUE( waitFor( [ & ] {
+      const Json row = json( { "show", "hosts", "--mac", mac( 1 ) } );
+      return !row.empty() && row[ 0 ][ "pref" ] == 107;
+   } ) )
       << agent->err();
    ASSERT_FALSE( agent->ended() ) << agent->err();
    giveBack();
-   EXPECT_TRUE( waitFor(
-      [ & ] {
-         const size_t synced = evpn.count( "synced" );
-         evpn.write( all( 101 ) + syncOp );
-         evpn.expectOut( "synced", synced + 1 );
-         return rows() == hosts;
-      },
-      patience ) )
+   EXPECT_TRUE( waitFor( [ & ] {
+      const size_t synced = evpn.count( "synced" );
+      evpn.write( all( 101 ) + syncOp );
+      evpn.expectOut( "synced", synced + 1 );
+      return rows() == hosts;
+   } ) )
       << rows() << agent->err();
    settle();
    EXPECT_EQ( ctl( { "check" } ).status, 0 );
@@ -137,9 +128,6 @@ TEST_F( MemoryTest, NothingIsLostForWantOfMemory ) {
 
 // A file that is cut short under the agent ends it, and the next one has all of it again.
 TEST_F( MemoryTest, AgentThatLosesATableEnds ) {
-   const std::string flood = R"({"op":"flood","vlan":10,"mac":"ff:ff:ff:ff:ff:ff","type":"vxlan",)"
-                             R"("dest":{"vxlan":{"vtep":"10.0.0.9","vni":10010}}})"
-                             "\n";
    startAgent();
    keep( "evpn", "0x40", objects + host( 1, 100, group ) + flood + initialized( true ) );
    settle();
@@ -152,9 +140,7 @@ TEST_F( MemoryTest, AgentThatLosesATableEnds ) {
          other.write( objects + host( 2, 100, group ) + R"({"op":"flood","vlan":11,)" +
                       flood.substr( flood.find( R"("mac")" ) ) + initialized( true ) + syncOp );
          EXPECT_EQ( agent->status(), 1 );
-         EXPECT_NE( agent->err().find( std::string( table ) + ": the file was cut short" ),
-                    std::string::npos )
-            << agent->err();
+         expectIn( agent->err(), std::string( table ) + ": the file was cut short" );
          EXPECT_EQ( other.status(), 0 );
          startAgent( { "--source-hold", "0.01" } );
          settle();

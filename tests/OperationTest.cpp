@@ -100,8 +100,7 @@ TEST_F( OperationTest, ServiceManagerIsTold ) {
       EXPECT_EQ( manager.next(), "READY=1" );
       manager.fill();
       settle();
-      agent->signal( SIGTERM );
-      EXPECT_EQ( agent->status(), 0 );
+      stopAgent();
    }
 }
 
@@ -136,8 +135,7 @@ TEST_F( OperationTest, ModesAreTheSameWhateverTheUmask ) {
          }
       }
       EXPECT_GT( files, 15u );
-      agent->signal( SIGTERM );
-      EXPECT_EQ( agent->status(), 0 );
+      stopAgent();
    }
 }
 
@@ -159,7 +157,6 @@ TEST_F( OperationTest, WhatCantBeIsRefusedInOneLine ) {
       { {}, { "--agent-lib", "/absent.so" }, 1, "/absent.so: cannot open" },
       { {}, { "--plugin-dir", "/absent" }, 2, "/absent" },
       { {}, { "--output-capacity", "0" }, 2, "a whole number from 1 to 1073741824" },
-      { {}, { "--output-capacity", "1.5" }, 2, "a whole number from 1 to 1073741824" },
       { {},
         { "--output-capacity", "20", "--output-capacity-max", "10" },
         2,
@@ -168,7 +165,6 @@ TEST_F( OperationTest, WhatCantBeIsRefusedInOneLine ) {
       { {}, { "--source-hold", "nan" }, 2, "a number from 0 to 1000000000" },
       { {}, { "--flood-review-quantum", "-1" }, 2, "a number from 0 to 1000000000" },
       { {}, { "--hammer-interval", "0" }, 2, "a number from 0.001 to 1000000000" },
-      { {}, { "--source-hold", "1s" }, 2, "a number from 0 to 1000000000" },
       { {}, { "--trace", "L2RibAgent=17" }, 2, "L2RibAgent=17" },
       { {}, { "--absent" }, 2, "--absent" } };
    if( geteuid() == 0 )
@@ -187,7 +183,7 @@ TEST_F( OperationTest, WhatCantBeIsRefusedInOneLine ) {
       EXPECT_EQ( agent->status(), refusal.status ) << refusal.text;
       const std::string said = agent->err();
       EXPECT_TRUE( said.starts_with( "l2ribd: " ) ) << said;
-      EXPECT_NE( said.find( refusal.text ), said.npos ) << refusal.text << " is missing: " << said;
+      expectIn( said, refusal.text );
       EXPECT_EQ( std::count( said.begin(), said.end(), '\n' ), 1 ) << said;
    }
 
@@ -196,21 +192,8 @@ TEST_F( OperationTest, WhatCantBeIsRefusedInOneLine ) {
    settle();
    Program second = start( L2RIBD_PATH, {} );
    EXPECT_EQ( second.status(), 1 );
-   EXPECT_NE( second.err().find( "agent PID " + std::to_string( agent->id() ) + " runs here" ),
-              std::string::npos );
+   expectIn( second.err(), "agent PID " + std::to_string( agent->id() ) + " runs here" );
    EXPECT_EQ( ctl( { "settle" } ).status, 0 ) << "the first one is not disturbed";
-
-   // Another version may have left other records of its status, and what is made from the
-   // configuration may be damaged: no reason to stay down.
-   agent->signal( SIGTERM );
-   EXPECT_EQ( agent->status(), 0 );
-   std::filesystem::copy_file( state + "/bridging/l2Rib/sourceStatus",
-                               state + "/bridging/l2Rib/agentStatus",
-                               std::filesystem::copy_options::overwrite_existing );
-   for( const char* table : { "sourceStatus", "static/hostInput", "static/labelTable" } )
-      TestSupport::replace( state + "/bridging/l2Rib/" + table, "damaged" );
-   startAgent();
-   settle();
 }
 
 TEST_F( OperationTest, MetricsTellWhatIsThere ) {
@@ -227,7 +210,7 @@ TEST_F( OperationTest, MetricsTellWhatIsThere ) {
       EXPECT_EQ( result.status, 0 ) << result.err;
       return MetricsText( result.out );
    };
-   EXPECT_TRUE( waitFor( [ & ] { return metrics()[ "l2rib_retries_total" ] > 2; }, patience ) );
+   EXPECT_TRUE( waitFor( [ & ] { return metrics()[ "l2rib_retries_total" ] > 2; } ) );
    const MetricsText live = metrics();
    const std::map<std::string, double> expected{
       { "l2rib_agent_up", 1 },
@@ -259,17 +242,13 @@ TEST_F( OperationTest, MetricsTellWhatIsThere ) {
    EXPECT_EQ( live[ "l2rib_failures_parked{list=\"failedHost\"}" ] +
                  live[ "l2rib_list_entries{list=\"hostList\"}" ],
               1 );
-   EXPECT_EQ( live.labelNames(), ( std::set<std::string>{ "kind", "list", "reason", "source",
-                                                          "state", "table", "type" } ) );
-
    // Figures that did not all arrive must not replace those before.
    Program full( folder, { "/bin/sh", "-c",
                            L2RIBCTL_PATH " --state-dir '" + state + "' metrics >/dev/full" } );
    EXPECT_EQ( full.status(), 1 );
-   EXPECT_NE( full.err().find( "standard output can't be written" ), std::string::npos );
+   expectIn( full.err(), "standard output can't be written" );
 
-   agent->signal( SIGKILL );
-   EXPECT_EQ( agent->status(), -SIGKILL );
+   stopAgent( SIGKILL );
    const MetricsText dead = metrics();
    for( const auto& [ series, value ] : expected )
       EXPECT_EQ( dead[ series ], series == "l2rib_agent_up" ? 0 : value ) << series;

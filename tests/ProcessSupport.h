@@ -20,10 +20,13 @@ namespace ProcessSupport {
 
 using Json = nlohmann::json;
 using TestSupport::bytesOf;
+using TestSupport::patience;
 using TestSupport::waitFor;
 using Words = std::vector<std::string>;
 
-constexpr double patience = 60; // seconds; a test that waits so long has failed
+inline void expectIn( const std::string& text, const std::string& part ) {
+   EXPECT_NE( text.find( part ), text.npos ) << part << " is missing in: " << text;
+}
 
 // A child process. Its standard input is a pipe or a file, its outputs go to files.
 class Program {
@@ -80,14 +83,14 @@ class Program {
    // The exit status, or minus the number of the signal that ended it.
    int status() {
       closeInput();
-      EXPECT_TRUE( waitFor( [ this ] { return ended(); }, patience ) ) << err();
+      EXPECT_TRUE( waitFor( [ this ] { return ended(); } ) ) << err();
       return WIFEXITED( status_ ) ? WEXITSTATUS( status_ ) : -WTERMSIG( status_ );
    }
    std::string out() const { return bytesOf( out_ ); }
    std::string err() const { return bytesOf( err_ ); }
    // Waits until that much is to be read, as many times.
    void expectOut( const std::string& text, size_t times = 1 ) {
-      EXPECT_TRUE( waitFor( [ & ] { return count( text ) >= times || ended(); }, patience ) );
+      EXPECT_TRUE( waitFor( [ & ] { return count( text ) >= times || ended(); } ) );
       EXPECT_GE( count( text ), times ) << text << " is missing in: " << out() << err();
    }
    size_t count( const std::string& text ) const {
@@ -125,6 +128,14 @@ inline const std::string objects = R"({"op":"dest","id":1,"vxlan":{"vtep":"10.0.
 {"op":"label","id":3,"label":1000,"next":{"type":"dest","id":1}}
 {"op":"lb","id":7,"nexts":[{"type":"dest","id":1},{"type":"label","id":3}]}
 )";
+inline std::string hostDel( unsigned number ) {
+   return R"({"op":"hostDel","mac":")" + mac( number ) + R"(","vlan":10})" + "\n";
+}
+inline const std::string allHosts = "ff:ff:ff:ff:ff:ff";
+inline const std::string flood =
+   R"({"op":"flood","vlan":10,"mac":")" + allHosts +
+   R"(","type":"vxlan","dest":{"vxlan":{"vtep":"10.0.0.9","vni":10010}}})"
+   "\n";
 inline std::string initialized( bool on ) {
    return std::string( R"({"op":"initialized","value":)" ) + ( on ? "true" : "false" ) + "}\n";
 }
@@ -145,6 +156,10 @@ class ProcessTest : public testing::Test {
    void startAgent( Words words = {} ) {
       words.insert( words.begin(), { L2RIBD_PATH, "--state-dir", state } );
       agent = std::make_unique<Program>( folder, words );
+   }
+   void stopAgent( int signal = SIGTERM ) {
+      agent->signal( signal );
+      EXPECT_EQ( agent->status(), signal == SIGKILL ? -SIGKILL : 0 ) << agent->err();
    }
    Program source( const std::string& name, const std::string& value, Words more = {},
                    const std::string& input = "" ) {

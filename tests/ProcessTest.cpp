@@ -28,7 +28,7 @@ TEST_F( ProcessTest, BetterHostWinsAndTheOtherTakesOver ) {
                     ? Json()
                     : Json( { { "sourceName", "mlag" }, { "rule", "pref" } } ) );
 
-   publish( mlag, R"({"op":"hostDel","mac":")" + mac( 1 ) + R"(","vlan":10})" + "\n" );
+   publish( mlag, hostDel( 1 ) );
    EXPECT_EQ( winner( 1 ), "evpn" );
    publish( mlag, host( 1, 200, inlineDest ) );
    EXPECT_EQ( winner( 1 ), "mlag" );
@@ -40,7 +40,7 @@ TEST_F( ProcessTest, BetterHostWinsAndTheOtherTakesOver ) {
    EXPECT_EQ( why[ "path" ].size(), 3u ); // group, dest and label
    EXPECT_EQ( why[ "path" ][ 0 ][ "id" ], json( { "show", "groups" } )[ 0 ][ "id" ] );
    EXPECT_EQ( ctl( { "check" } ).status, 0 );
-   EXPECT_NE( ctl( { "graph" } ).out.find( "-> \"lb/" ), std::string::npos );
+   expectIn( ctl( { "graph" } ).out, "-> \"lb/" );
    EXPECT_EQ( json( { "explain", mac( 9 ), "10" }, 1 )[ "winner" ], Json() );
    evpn.signal( SIGTERM );
    EXPECT_EQ( evpn.status(), 0 );
@@ -89,7 +89,7 @@ TEST_F( ProcessTest, SourcesThatDieNeverStopTheAgent ) {
    for( unsigned i = 0; i < 20000; ++i ) {
       const unsigned number = 1 + random.below( 500 );
       storm += random.percent( 20 )
-                  ? R"({"op":"hostDel","mac":")" + mac( number ) + R"(","vlan":10})" + "\n"
+                  ? hostDel( number )
                   : host( number, random.below( 9 ), random.percent( 50 ) ? group : inlineDest );
       if( random.percent( 1 ) )
          storm += random.percent( 50 ) ? "{\"op\":\"clear\"}\n" + objects
@@ -114,13 +114,11 @@ TEST_F( ProcessTest, SourcesThatDieNeverStopTheAgent ) {
       [ & ] {
          settle();
          return json( { "show", "hosts" } ).size() == 1 || HasFailure();
-      },
-      patience ) );
+      } ) );
    EXPECT_EQ( winner( 1 ), "evpn" );
    const Result check = ctl( { "check" } );
    EXPECT_EQ( check.status, 0 ) << check.out;
-   agent->signal( SIGTERM );
-   EXPECT_EQ( agent->status(), 0 ) << agent->err();
+   stopAgent();
 }
 
 // Each value is always that of one source only, but an agent that was held up sees it all at once.
@@ -145,14 +143,9 @@ TEST_F( ProcessTest, SourcesMayExchangeTheirValues ) {
 
 TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
    EXPECT_EQ( ctl( { "show", "hosts" } ).status, 1 ); // no agent ever ran
-   EXPECT_EQ( ctl( { "show", "hosts", "--mac", "zz" } ).status, 2 );
    startAgent();
    keep( "evpn", "0x40", objects + host( 1, 100, group ) + initialized( true ) );
    settle();
-   const std::vector<const char*> tables{ "hosts", "dests", "groups", "labels" };
-   std::vector<Json> before;
-   for( const char* table : tables )
-      before.push_back( json( { "show", table } ) );
    EXPECT_EQ( json( { "show", "status" } )[ "agent" ], "running" );
    const struct {
       const char* kind;
@@ -160,15 +153,10 @@ TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
       const char* value;
       int status;
    } filters[] = {
-      { "hosts", "--mac", "zz", 2 },
-      { "flood", "--mac", "02:00", 2 },
-      { "config", "--mac", "zz", 2 },
-      { "hosts", "--source", "0xzz", 2 },
-      { "dests", "--source", "0x100000000", 2 },
-      { "labels", "--source", "nobody", 1 },
-      { "sources", "--source", "nobody", 1 },
-      { "sources", "--source", "0x", 2 },
-      { "sources", "--source", "evpn", 0 },
+      { "hosts", "--mac", "zz", 2 },         { "config", "--mac", "zz", 2 },
+      { "hosts", "--source", "0xzz", 2 },    { "dests", "--source", "0x100000000", 2 },
+      { "labels", "--source", "nobody", 1 }, { "sources", "--source", "nobody", 1 },
+      { "sources", "--source", "0x", 2 },    { "sources", "--source", "evpn", 0 },
       { "hosts", "--source", "evpn", 0 },
    };
    for( const auto& [ kind, option, value, expected ] : filters )
@@ -179,15 +167,11 @@ TEST_F( ProcessTest, EverythingCanBeSeenWhileTheAgentIsStopped ) {
       EXPECT_EQ( rows[ 0 ][ "name" ], "evpn" );
       EXPECT_TRUE( rows[ 0 ][ "ready" ] );
    }
-   agent->signal( SIGTERM );
-   EXPECT_EQ( agent->status(), 0 );
-   for( size_t i = 0; i < tables.size(); ++i )
-      EXPECT_EQ( json( { "show", tables[ i ] } ), before[ i ] ) << tables[ i ];
-   const Result human = ctl( { "show", "hosts" } );
-   EXPECT_NE( human.err.find( "agent stopped since" ), human.err.npos ) << human.err;
-   const Result sources = ctl( { "show", "sources" } );
-   EXPECT_NE( sources.err.find( "agent stopped since" ), sources.err.npos ) << sources.err;
-   EXPECT_FALSE( json( { "show", "sources" } )[ 0 ][ "ready" ] ) << sources.out;
+   stopAgent();
+   for( const char* table : { "hosts", "sources" } )
+      expectIn( ctl( { "show", table } ).err, "agent stopped since" );
+   EXPECT_EQ( json( { "show", "hosts" } ).size(), 1u );
+   EXPECT_FALSE( json( { "show", "sources" } )[ 0 ][ "ready" ] );
    const Json status = json( { "show", "status" } );
    EXPECT_EQ( status[ "agent" ], "stopped" );
    EXPECT_EQ( status[ "restartState" ], "running" );
@@ -206,7 +190,7 @@ TEST_F( ProcessTest, AgentThatWasOvertakenMissesNothing ) {
    publish( evpn, content );
    EXPECT_EQ( json( { "show", "hosts" } ).size(), 30u );
    agent->signal( SIGSTOP );
-   std::string changes = R"({"op":"hostDel","mac":")" + mac( 1 ) + R"(","vlan":10})" + "\n";
+   std::string changes = hostDel( 1 );
    for( unsigned i = 0; i < 3000; ++i )
       changes += host( 2 + i % 20, 101 + i, inlineDest );
    evpn.write( changes + host( 40, 100, inlineDest ) + syncOp );
@@ -241,11 +225,9 @@ TEST_F( ProcessTest, WhatIsParkedIsNamed ) {
    const Result settled = ctl( { "settle" } );
    const std::string reason = "dest 99 of source evpn does not exist";
    EXPECT_EQ( settled.status, 0 );
-   EXPECT_NE( settled.err.find( "host " + mac( 10 ) + " VLAN 10 of evpn: " + reason ),
-              std::string::npos )
-      << settled.err;
+   expectIn( settled.err, "host " + mac( 10 ) + " VLAN 10 of evpn: " + reason );
    EXPECT_EQ( settled.err.find( mac( 11 ) ), std::string::npos );
-   EXPECT_NE( settled.err.find( "and 2 more" ), std::string::npos );
+   expectIn( settled.err, "and 2 more" );
    const Json failed = json( { "show", "failed", "hosts" } );
    ASSERT_EQ( failed.size(), 12u );
    Json first = failed[ 0 ];
@@ -260,18 +242,15 @@ TEST_F( ProcessTest, WhatIsParkedIsNamed ) {
                              { "sourceName", "evpn" },
                              { "reason", reason } } ) );
    EXPECT_EQ( json( { "explain", mac( 1 ), "10" } )[ "parked" ][ "reason" ], reason );
-   EXPECT_NE( ctl( { "explain", mac( 1 ), "10" } ).out.find( "parked: " + reason ),
-              std::string::npos );
-   EXPECT_NE( ctl( { "metrics" } ).out.find( "l2rib_parked{reason=\"objectAbsent\"} 12\n" ),
-              std::string::npos );
+   expectIn( ctl( { "explain", mac( 1 ), "10" } ).out, "parked: " + reason );
+   expectIn( ctl( { "metrics" } ).out, "l2rib_parked{reason=\"objectAbsent\"} 12\n" );
    EXPECT_EQ( ctl( { "check" } ).status, 0 );
    publish( evpn, R"({"op":"dest","id":99,"intf":{"id":3}})"
                   "\n" );
    EXPECT_TRUE( json( { "show", "failed" } ).empty() );
    EXPECT_EQ( ctl( { "show", "failed" } ).out, "nothing is parked\n" );
 
-   agent->signal( SIGTERM );
-   EXPECT_EQ( agent->status(), 0 );
+   stopAgent();
    using namespace L2Rib;
    {
       ParkedTable table( state + "/" + Path::parked, ParkedTable::Mode::write, 64 );
@@ -304,17 +283,14 @@ TEST_F( ProcessTest, WhatIsParkedIsNamed ) {
           "  no memory for the host output  ", "  group 7 of source 0x400 does not exist  ",
           "label 5  ", "  groups form a loop  ", "  deeper than 64  ",
           "  flood output full (4096)  " } )
-      EXPECT_NE( shown.find( line ), std::string::npos ) << line << " is missing in\n" << shown;
+      expectIn( shown, line );
    EXPECT_EQ( std::count( shown.begin(), shown.end(), '\n' ), 6 ) << shown;
    EXPECT_EQ( json( { "show", "failed" } ).size(), 7u );
    EXPECT_EQ( json( { "show", "failed", "objects" } ).size(), 2u );
    const Result check = ctl( { "check" } );
    EXPECT_EQ( check.status, 1 );
-   EXPECT_NE( check.out.find( "want of room: 2 hosts, host output full (16384)\n" ),
-              std::string::npos )
-      << check.out;
-   EXPECT_NE( check.out.find( "parked: object label 5 of evpn: groups form a loop\n" ),
-              std::string::npos );
+   expectIn( check.out, "want of room: 2 hosts, host output full (16384)\n" );
+   expectIn( check.out, "parked: object label 5 of evpn: groups form a loop\n" );
 }
 
 } // namespace

@@ -7,9 +7,9 @@
 // A write takes at least a dozen stores, so a kill at every few of them meets each write: before
 // the store that makes it valid, then it is as if it had not been, or after. Every run of the test
 // begins at another store.
-#include "L2Rib/FloodBindings.h"
 #include "agent/L2RibAgent.h"
 #include "client/SourcePublisher.h"
+#include "tests/Records.h"
 #include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -29,11 +29,7 @@ namespace L2Rib::Test {
 namespace {
 
 namespace fs = std::filesystem;
-using Bridging::MacVlanPair;
-using Bridging::VlanId;
 using Client::SourcePublisher;
-using Vexil::makeEntity;
-using Vexil::Ptr;
 
 // --- counting the agent's stores ---------------------------------------------------------------
 
@@ -110,106 +106,42 @@ bool runAgent( const std::string& state, int64_t limit, bool countFromWork = fal
 
 class Output {
  public:
-   explicit Output( const std::string& state ) : state_( state ) {
-      noteWrites( table<HostOutput>( Path::hostOutput ) );
-      table<HostOutput>( Path::hostOutput ).forEach( [ & ]( const HostAndSource& row ) {
-         std::string text = mvpStr( row.key() ) + " from " + sourceStr( row.source() ) + ": ";
-         text += row.next() == Util::objTupleInvalid() ? row.host().ciDest().str()
-                                                       : expansion( row.next() );
-         hosts += text + "\n";
-         sorted.insert( text );
+   explicit Output( const std::string& state ) {
+      const OutputFiles tables( state );
+      tables.host->forEach( [ & ]( const HostAndSource& row ) {
+         const std::string text = resolved( tables, row, &reached );
+         whole = whole && text != "dangling";
+         sorted.insert( mvpStr( row.key() ) + " from " + sourceStr( row.source() ) + ": " + text );
       } );
-      noteWrites( table<FloodMemberTable>( Path::floodOutput ) );
-      noteWrites( table<FloodSourceTable>( Path::floodOutputSource ) );
-      table<FloodMemberTable>( Path::floodOutput ).forEach( [ & ]( const FloodMember& member ) {
+      tables.flood->forEach( [ & ]( const FloodMember& member ) {
          sorted.insert( "flood " + member.triple.str() + " type " +
                         std::to_string( member.floodSetType ) );
       } );
-      inputs( table<DestOutput>( Path::destOutput ) );
-      inputs( table<LabelOutput>( Path::labelOutput ) );
-      inputs( table<LoadBalanceOutput>( Path::lbOutput ) );
+      const auto note = [ & ]( const auto& row ) {
+         inputOf[ ObjTuple( row.key() ) ] = row.sourceOtas();
+      };
+      tables.dest->forEach( note );
+      tables.label->forEach( note );
+      tables.lb->forEach( note );
+      writes = tables.writes();
    }
    // No row is missing, none is too many.
-   bool sound() const { return hosts.find( "missing" ) == hosts.npos && reached == inputOf.size(); }
+   bool sound() const { return whole && reached.size() == inputOf.size(); }
 
-   std::set<std::string> sorted;               // the content, output ids left out
-   std::map<std::string, std::string> inputOf; // of each output object, the input object
-   std::string writes;                         // how often each table was written to, ever
+   std::set<std::string> sorted;                  // the content, output ids left out
+   std::map<ObjTuple, ObjTupleAndSource> inputOf; // of each output object, the input object
+   std::vector<uint64_t> writes;
 
  private:
-   template<class Table>
-   Table table( const char* path ) const {
-      return Table( state_ + "/" + path, Table::Mode::read );
-   }
-   template<class Table>
-   void noteWrites( const Table& table ) {
-      writes +=
-         std::to_string( table.tableId() ) + ":" + std::to_string( table.journalHead() ) + " ";
-   }
-   template<class Table>
-   void inputs( const Table& table ) {
-      noteWrites( table );
-      table.forEach( [ & ]( const auto& row ) {
-         inputOf[ ObjTuple( row.key() ).str() ] = row.sourceOtas().str();
-      } );
-   }
-   std::string expansion( const ObjTuple& ot ) {
-      met_.insert( ot.str() );
-      reached = met_.size();
-      if( ot.tableType() == tableTypeDest_ ) {
-         Dest dest = table<DestOutput>( Path::destOutput ).dest( ot.destId() ).dest();
-         const bool there = dest.key() == ot.destId();
-         dest.keyIs( DestId() );
-         return there ? dest.str() : "missing";
-      }
-      if( ot.tableType() == tableTypeLabel_ ) {
-         const Label row = table<LabelOutput>( Path::labelOutput ).label( ot.labelId() ).label();
-         return row.key() == ot.labelId() ? row.label().str() + " over " + expansion( row.next() )
-                                          : "missing";
-      }
-      const LoadBalance row = table<LoadBalanceOutput>( Path::lbOutput ).lb( ot.lbId() ).lb();
-      std::string text = row.key() == ot.lbId() ? "group (" : "missing";
-      for( const ObjTuple& next : row.used() )
-         text += " " + expansion( next );
-      return text + " )";
-   }
-
-   std::string state_;
-   std::string hosts;
-   std::set<std::string> met_;
-   size_t reached = 0;
+   bool whole = true;
+   std::set<ObjTuple> reached;
 };
 
 // --- the script --------------------------------------------------------------------------------
 
-MacVlanPair key( uint64_t number ) {
-   return MacVlanPair( Vexil::EthAddr( 0x020000000000 + number ), VlanId( 10 ) );
-}
-Host host( uint64_t number, uint64_t value, uint32_t pref, const ObjTuple& next = {} ) {
-   Host made( key( number ) );
-   made.prefIs( pref );
-   made.nextIs( next );
-   CiDest dest( 0 );
-   dest.payloadIs( next == Util::objTupleInvalid() ? value : 0 );
-   made.ciDestIs( dest );
-   return made;
-}
-Dest dest( uint64_t id, uint64_t interface ) {
-   Dest made{ DestId( id ) };
-   made.intfIs( { interface } );
-   return made;
-}
+// A member of the set of all hosts.
 FloodMember flood( uint32_t vlan, uint64_t interface, FloodSetType type = floodSetTypeAny_ ) {
-   Dest member = dest( 0, interface );
-   member.keyIs( Util::destIdNotInTarn() );
-   return { FloodSetTriple( VlanId( vlan ), Vexil::EthAddr( 0xffffffffffff ), member ), type };
-}
-LoadBalance group( uint64_t id, std::initializer_list<ObjTuple> nexts ) {
-   LoadBalance made{ LoadBalanceId( id ) };
-   uint32_t at = 0;
-   for( const ObjTuple& next : nexts )
-      made.nextIs( EcmpIndex( at++ ), next );
-   return made;
+   return floodMember( vlan, 0xffffffffffff, interface, type );
 }
 
 class Kill : public ::testing::Test {
@@ -242,16 +174,16 @@ class Kill : public ::testing::Test {
 
    static void before( SourcePublisher& red, SourcePublisher& blue ) {
       for( uint64_t id = 1; id <= 3; ++id )
-         take( red.destIs( dest( id, id ) ) );
-      take( red.labelIs( Label( LabelId( 1 ), ObjTuple( DestId( 1 ) ), Vexil::MplsLabel( 7 ) ) ) );
-      take( red.lbIs( group( 1, { ObjTuple( LabelId( 1 ) ), ObjTuple( DestId( 2 ) ) } ) ) );
-      take( red.hostIs( host( 1, 0, 100, ObjTuple( LoadBalanceId( 1 ) ) ) ) );
-      take( red.hostIs( host( 2, 0, 100, ObjTuple( LabelId( 1 ) ) ) ) );
-      take( red.hostIs( host( 3, 3, 100 ) ) );
+         take( red.destIs( intfDest( id, id ) ) );
+      take( red.labelIs( push( 1, 7, dest( 1 ) ) ) );
+      take( red.lbIs( group( 1, { label( 1 ), dest( 2 ) } ) ) );
+      take( red.hostIs( objectHost( mvp( 1 ), lb( 1 ), 100 ) ) );
+      take( red.hostIs( objectHost( mvp( 2 ), label( 1 ), 100 ) ) );
+      take( red.hostIs( inlineHost( mvp( 3 ), 3, 100 ) ) );
       take( red.floodIs( flood( 10, 1 ) ) );
-      take( blue.destIs( dest( 1, 91 ) ) );
-      take( blue.hostIs( host( 3, 4, 50 ) ) );
-      take( blue.hostIs( host( 4, 0, 50, ObjTuple( DestId( 1 ) ) ) ) );
+      take( blue.destIs( intfDest( 1, 91 ) ) );
+      take( blue.hostIs( inlineHost( mvp( 3 ), 4, 50 ) ) );
+      take( blue.hostIs( objectHost( mvp( 4 ), dest( 1 ), 50 ) ) );
       take( blue.floodIs( flood( 10, 1 ) ) );
       take( blue.floodIs( flood( 20, 2 ) ) );
    }
@@ -260,36 +192,31 @@ class Kill : public ::testing::Test {
    // changes its type.
    static void after( SourcePublisher& red, SourcePublisher& blue ) {
       for( uint64_t id = 2; id <= 4; ++id )
-         take( red.destIs( dest( id, id == 3 ? 33 : id ) ) );
-      take( red.labelIs( Label( LabelId( 1 ), ObjTuple( DestId( 3 ) ), Vexil::MplsLabel( 8 ) ) ) );
-      take( red.lbIs( group(
-         1, { ObjTuple( LabelId( 1 ) ), ObjTuple( DestId( 3 ) ), ObjTuple( DestId( 4 ) ) } ) ) );
-      take( red.hostIs( host( 1, 0, 100, ObjTuple( LoadBalanceId( 1 ) ) ) ) );
-      take( red.hostIs( host( 2, 22, 100 ) ) );
-      take( red.hostIs( host( 5, 0, 100, ObjTuple( LabelId( 1 ) ) ) ) );
+         take( red.destIs( intfDest( id, id == 3 ? 33 : id ) ) );
+      take( red.labelIs( push( 1, 8, dest( 3 ) ) ) );
+      take( red.lbIs( group( 1, { label( 1 ), dest( 3 ), dest( 4 ) } ) ) );
+      take( red.hostIs( objectHost( mvp( 1 ), lb( 1 ), 100 ) ) );
+      take( red.hostIs( inlineHost( mvp( 2 ), 22, 100 ) ) );
+      take( red.hostIs( objectHost( mvp( 5 ), label( 1 ), 100 ) ) );
       take( red.floodIs( flood( 10, 3 ) ) );
-      take( blue.destIs( dest( 2, 92 ) ) );
-      take( blue.lbIs( group( 9, { ObjTuple( DestId( 2 ) ) } ) ) );
-      take( blue.hostIs( host( 3, 0, 50, ObjTuple( LoadBalanceId( 9 ) ) ) ) );
+      take( blue.destIs( intfDest( 2, 92 ) ) );
+      take( blue.lbIs( group( 9, { dest( 2 ) } ) ) );
+      take( blue.hostIs( objectHost( mvp( 3 ), lb( 9 ), 50 ) ) );
       take( blue.floodIs( flood( 20, 2, floodSetTypeVxlan_ ) ) );
       take( blue.floodIs( flood( 20, 4, floodSetTypeVxlan_ ) ) );
       take( blue.floodIs( flood( 30, 2 ) ) );
    }
 
    Kill() {
-      fs::create_directory( original );
-      config( original, "set 10 02:00:00:00:00:21 --interface 7" );
-      config( original, "tunnel 1 --source 10.0.0.1 --destination 10.0.0.2" );
-      config( original, "set 10 02:00:00:00:00:22 --label 500 --tunnel 1" );
-      publish( original, before );
-      EXPECT_TRUE( runAgent( original, -1 ) );
-      EXPECT_TRUE( Output( original ).sound() );
       const std::string fresh = folder.file( "fresh" );
-      publish( fresh, after );
-      config( fresh, "set 10 02:00:00:00:00:21 --interface 7" );
-      config( fresh, "tunnel 1 --source 10.0.0.1 --destination 10.0.0.2" );
-      config( fresh, "set 10 02:00:00:00:00:22 --label 500 --tunnel 1" );
-      EXPECT_TRUE( runAgent( fresh, -1 ) );
+      for( const std::string& state : { original, fresh } ) {
+         publish( state, state == fresh ? after : before );
+         config( state, "set 10 02:00:00:00:00:21 --interface 7" );
+         config( state, "tunnel 1 --source 10.0.0.1 --destination 10.0.0.2" );
+         config( state, "set 10 02:00:00:00:00:22 --label 500 --tunnel 1" );
+         EXPECT_TRUE( runAgent( state, -1 ) );
+         EXPECT_TRUE( Output( state ).sound() );
+      }
       expected = Output( fresh ).sorted;
       EXPECT_EQ( 10u, expected.size() );
    }
@@ -335,7 +262,7 @@ class Kill : public ::testing::Test {
    TestSupport::TemporaryFolder folder;
    const std::string original = folder.file( "original" ), copy = folder.file( "copy" );
    std::set<std::string> expected;
-   std::map<std::string, std::string> ids;
+   std::map<ObjTuple, ObjTupleAndSource> ids;
    TestSupport::Random random;
 };
 
@@ -352,7 +279,7 @@ TEST_F( Kill, InEveryWriteOfARestartWithoutChange ) {
    EXPECT_TRUE( runAgent( original, -1, true, [ this ] {
       config( original, "set 10 02:00:00:00:00:22 --label 501 --tunnel 1" );
    } ) );
-   const std::string before = Output( original ).writes;
+   const auto before = Output( original ).writes;
    bool through = false;
    for( int64_t n = 1 + random.below( step ); !through && !HasFailure(); n += step ) {
       SCOPED_TRACE( "killed at store " + std::to_string( n ) );

@@ -311,27 +311,6 @@ class DamagedTable : public testing::Test {
    unsigned refused = 0, accepted = 0;
 };
 
-TEST_F( DamagedTable, FlippedBits ) {
-   const std::pair<uint64_t, uint64_t> parts[] = {
-      { 0, geometry.fileSize },
-      { offsetof( TableHeader, superseded ), offsetof( TableHeader, image ) },
-      { geometry.indexOffset, geometry.slotOffset },
-      { geometry.slotOffset, geometry.journalOffset },
-      { geometry.journalOffset, geometry.fileSize } };
-   for( int round = 0; round < 1500; ++round )
-      ASSERT_NO_FATAL_FAILURE( expectSound( [ & ] {
-         for( uint32_t flips = 1 << random.below( 9 ); flips > 0; --flips ) {
-            const auto& [ from, to ] = parts[ random.below( std::size( parts ) ) ];
-            const uint64_t offset = from + random.below( to - from );
-            const char byte = static_cast<char>( good[ offset ] ^ ( 1 << random.below( 8 ) ) );
-            overwrite( path, offset, &byte, 1 );
-         }
-      } ) )
-         << "round " << round;
-   EXPECT_GT( refused, 10u );
-   EXPECT_GT( accepted, 500u );
-}
-
 // Each number that the reader and the next writer go by, with values near every border; and whole
 // parts of the file.
 TEST_F( DamagedTable, WrongNumbers ) {

@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdio>
 #include <functional>
 #include <initializer_list>
 #include <new>
@@ -201,7 +200,7 @@ bool dies( const std::function<void()>& work ) {
 
 TEST_P( KilledBeforeEveryStore, LosesNothing ) {
    const std::string before = TestSupport::bytesOf( path );
-   int64_t store = 0, recoveryStores = 0;
+   int64_t store = 0;
    for( bool died = true; died; ++store ) {
       SCOPED_TRACE( "store " + std::to_string( store ) );
       TestSupport::replace( path, before );
@@ -215,7 +214,7 @@ TEST_P( KilledBeforeEveryStore, LosesNothing ) {
          break;
       // The next writer dies too, in its recovery.
       bool diedAgain = scenario.action != Action::resize;
-      for( int64_t second = 0; diedAgain; ++second, recoveryStores += diedAgain ) {
+      for( int64_t second = 0; diedAgain; ++second ) {
          SCOPED_TRACE( "store " + std::to_string( second ) + " of the recovery" );
          TestSupport::replace( path, after );
          Mirror again( read( path ) );
@@ -228,8 +227,6 @@ TEST_P( KilledBeforeEveryStore, LosesNothing ) {
          ASSERT_NO_FATAL_FAILURE( expectRecovered( { &again } ) );
       }
    }
-   std::printf( "%s: %d stores, %d in recoveries\n", scenario.name, int( store ),
-                int( recoveryStores ) );
    EXPECT_GT( store, 10 );
 }
 
@@ -321,8 +318,6 @@ TEST( TableBetweenProcesses, SurvivesKillsAtRandomWhileOthersRead ) {
    EXPECT_TRUE( succeeded( first.ended() ) && succeeded( second.ended() ) );
    EXPECT_STREQ( board.wrong[ 0 ], "" );
    EXPECT_STREQ( board.wrong[ 1 ], "" );
-   std::printf( "%d kills, %u operations, %d and %d looks\n", kills, board.ledger.operations(),
-                int( board.looks[ 0 ] ), int( board.looks[ 1 ] ) );
 }
 
 } // namespace

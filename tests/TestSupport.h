@@ -83,9 +83,11 @@ inline void replace( const std::string& path, const std::string& bytes ) {
    std::ofstream( path, std::ios::binary ) << bytes;
 }
 
+constexpr double patience = 60; // seconds; a test that waits so long has failed
+
 // Whether condition() became true within that many seconds.
 template<class Condition>
-bool waitFor( Condition condition, double seconds ) {
+bool waitFor( Condition condition, double seconds = patience ) {
    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>( seconds );
    while( !condition() ) {
       if( std::chrono::steady_clock::now() >= end )

@@ -1,104 +1,68 @@
 // The operations of the client library on records of any content: what is accepted is a sound
 // record, and is in the table; what is refused has changed nothing.
-#include "tests/fuzz/FuzzSupport.h"
-
-#include "client/SourcePublisher.h"
+#include "tests/Records.h"
+#include "tests/fuzz/Published.h"
 
 using namespace L2Rib;
 using namespace L2Rib::Client;
+using namespace L2Rib::Test;
+using Fuzz::Published;
 using Fuzz::require;
 
 namespace {
-
-constexpr uint32_t capacity = 4;
-
-// The publisher, and its tables as the agent has them.
-struct Published {
-   SourcePublisher source{ { .stateDirectory = Fuzz::folder().file( "state" ),
-                             .name = "fuzz",
-                             .value = sourceBit6_,
-                             .hostCapacity = capacity,
-                             .objectCapacity = capacity,
-                             .floodCapacity = capacity } };
-   HostInput hosts = table<HostInput>( "hostInput" );
-   LoadBalanceTable lbs = table<LoadBalanceTable>( "loadBalanceTable" );
-   LabelTable labels = table<LabelTable>( "labelTable" );
-   DestTable dests = table<DestTable>( "destTable" );
-   FloodMemberTable floods = table<FloodMemberTable>( "floodSets" );
-
-   template<class Table>
-   static Table table( const std::string& name ) {
-      return Table( Fuzz::folder().file( "state/" + SourceFolder::tablePath( "fuzz", name ) ),
-                    Table::Mode::read );
-   }
-};
 
 Published& published() {
    static Published made;
    return made;
 }
 
-template<class Table, class Key, class Record, class Write>
-void set( const Table& table, const Key& key, const Record& record, Write write ) {
+// Writes a record, or deletes what stands under a key.
+template<class Record, class Key>
+void change( Fuzz::Input& from, bool deletes, const auto& table, auto write, auto erase ) {
+   SourcePublisher& source = published().source;
+   if( deletes ) {
+      const auto key = from.take<Key>();
+      if( !( source.*erase )( key ) )
+         require( !table.contains( key ), "what was deleted is gone" );
+      return;
+   }
+   const auto record = from.take<Record>();
    const uint64_t before = table.journalHead();
-   if( write( record ) ) {
+   if( ( source.*write )( record ) ) {
       require( table.journalHead() == before, "what is refused changes nothing" );
       return;
    }
    require( !faultIn( record ), "what is accepted is sound" );
-   require( table.contains( key ), "what is accepted is there" );
-}
-
-template<class Table, class Key, class Write>
-void erase( const Table& table, const Key& key, Write write ) {
-   if( !write( key ) )
-      require( !table.contains( key ), "what was deleted is gone" );
+   require( table.contains( Vexil::TableView<Key, Record>::keyOf( record ) ),
+            "what is accepted is there" );
 }
 
 void operate( Fuzz::Input& from ) {
+   using Source = SourcePublisher;
    Published& all = published();
-   SourcePublisher& source = all.source;
-   switch( from.take<uint8_t>() % 14 ) {
-   case 0: {
-      const auto host = from.take<Host>();
-      return set( all.hosts, host.key(), host,
-                  [ & ]( const Host& h ) { return source.hostIs( h ); } );
-   }
-   case 1: {
-      const auto dest = from.take<Dest>();
-      return set( all.dests, dest.key(), dest,
-                  [ & ]( const Dest& d ) { return source.destIs( d ); } );
-   }
-   case 2: {
-      const auto lb = from.take<LoadBalance>();
-      return set( all.lbs, lb.key(), lb,
-                  [ & ]( const LoadBalance& g ) { return source.lbIs( g ); } );
-   }
-   case 3: {
-      const auto label = from.take<Label>();
-      return set( all.labels, label.key(), label,
-                  [ & ]( const Label& l ) { return source.labelIs( l ); } );
-   }
-   case 4: {
-      const auto member = from.take<FloodMember>();
-      return set( all.floods, member.triple, member,
-                  [ & ]( const FloodMember& m ) { return source.floodIs( m ); } );
-   }
+   Source& source = all.source;
+   const auto number = from.take<uint8_t>() % 14;
+   const bool deletes = number >= 5;
+   switch( number ) {
+   case 0:
    case 5:
-      return erase( all.hosts, from.take<Bridging::MacVlanPair>(),
-                    [ & ]( const auto& key ) { return source.hostDel( key ); } );
+      return change<Host, Bridging::MacVlanPair>( from, deletes, all.hosts, &Source::hostIs,
+                                                  &Source::hostDel );
+   case 1:
    case 6:
-      return erase( all.dests, from.take<DestId>(),
-                    [ & ]( DestId id ) { return source.destDel( id ); } );
+      return change<Dest, DestId>( from, deletes, all.dests, &Source::destIs, &Source::destDel );
+   case 2:
    case 7:
-      return erase( all.lbs, from.take<LoadBalanceId>(),
-                    [ & ]( LoadBalanceId id ) { return source.lbDel( id ); } );
+      return change<LoadBalance, LoadBalanceId>( from, deletes, all.lbs, &Source::lbIs,
+                                                 &Source::lbDel );
+   case 3:
    case 8:
-      return erase( all.labels, from.take<LabelId>(),
-                    [ & ]( LabelId id ) { return source.labelDel( id ); } );
+      return change<Label, LabelId>( from, deletes, all.labels, &Source::labelIs,
+                                     &Source::labelDel );
+   case 4:
    case 9:
-      return erase( all.floods, from.take<FloodMemberKey>(),
-                    [ & ]( const auto& triple ) { return source.floodDel( triple ); } );
+      return change<FloodMember, FloodMemberKey>( from, deletes, all.floods, &Source::floodIs,
+                                                  &Source::floodDel );
    case 10:
       (void)source.begin();
       return;
@@ -118,20 +82,14 @@ void operate( Fuzz::Input& from ) {
 } // namespace
 
 std::vector<std::string> Fuzz::seeds() {
-   Host host( { Vexil::EthAddr( 0x020000000001 ), Bridging::VlanId( 10 ) } );
-   host.nextIs( ObjTuple( LoadBalanceId( 1 ) ) );
-   Host plain( { Vexil::EthAddr( 0x020000000002 ), Bridging::VlanId( 10 ) } );
-   CiDest vteps( destTypeVxlan_ );
-   vteps.vtepIs( CiVtepIndex( 0 ), *Vexil::IpGenAddr::parse( "192.0.2.1" ) );
-   vteps.vtepIs( CiVtepIndex( 1 ), *Vexil::IpGenAddr::parse( "192.0.2.2" ) );
-   plain.ciDestIs( vteps );
+   const Host host = objectHost( mvp( 1 ), Test::lb( 1 ) ),
+              plain = vtepHost( mvp( 2 ), { "192.0.2.1", "192.0.2.2" } );
+   const auto vteps = plain.ciDest().vteps();
    Dest dest( DestId( 1 ) ), member( Util::destIdNotInTarn() );
-   dest.tunnelIs( { vteps.vteps()[ 0 ], vteps.vteps()[ 1 ], 0, 64 } );
+   dest.tunnelIs( { vteps[ 0 ], vteps[ 1 ], 0, 64 } );
    member.mplsIs( { 12, 2, { Vexil::MplsLabel( 100 ), Vexil::MplsLabel( 200 ) } } );
-   LoadBalance lb( LoadBalanceId( 1 ) );
-   lb.nextIs( EcmpIndex( 0 ), ObjTuple( DestId( 1 ) ) );
-   lb.nextIs( EcmpIndex( 15 ), ObjTuple( LabelId( 1 ) ) );
-   const Label label( LabelId( 1 ), ObjTuple( DestId( 1 ) ), Vexil::MplsLabel( 1000 ) );
+   const LoadBalance lb = group( 1, { Test::dest( 1 ), Test::label( 1 ) } );
+   const Label label = push( 1, 1000, Test::dest( 1 ) );
    const FloodMember flood{ FloodSetTriple( Bridging::VlanId( 10 ), Vexil::EthAddr( 1 ), member ),
                             floodSetTypeVxlan_ };
    const auto op = []( uint8_t number, const auto& record ) { return bytes( number, record ); };

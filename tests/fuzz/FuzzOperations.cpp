@@ -1,34 +1,10 @@
 // Lines as 'source run' takes them: each is carried out or refused with a text, and whatever they
 // are, the tables hold sound records alone.
-#include "tests/fuzz/FuzzSupport.h"
+#include "tests/fuzz/Published.h"
 
 #include "tools/Operations.h"
 
-using namespace L2Rib;
 using Fuzz::require;
-
-namespace {
-
-struct Published {
-   Client::SourcePublisher source{ { .stateDirectory = Fuzz::folder().file( "state" ),
-                                     .name = "fuzz",
-                                     .value = sourceBit6_,
-                                     .hostCapacity = 8,
-                                     .objectCapacity = 8,
-                                     .floodCapacity = 8 } };
-   Tools::Operations operations{ source, []( uint64_t ) {} };
-};
-
-template<class Table>
-void requireSound( const char* name ) {
-   static const Table table(
-      Fuzz::folder().file( "state/" + Client::SourceFolder::tablePath( "fuzz", name ) ),
-      Table::Mode::read );
-   table.forEach(
-      []( const auto& record ) { require( !faultIn( record ), "what is accepted is sound" ); } );
-}
-
-} // namespace
 
 std::vector<std::string> Fuzz::seeds() {
    const std::string key = R"("mac":"02:00:00:00:00:01","vlan":10)";
@@ -62,20 +38,17 @@ std::vector<std::string> Fuzz::seeds() {
 }
 
 extern "C" int LLVMFuzzerTestOneInput( const uint8_t* data, size_t size ) {
-   static Published published;
+   static Fuzz::Published published;
+   static Tools::Operations operations{ published.source, []( uint64_t ) {} };
    published.source.clear();
    std::string_view left( reinterpret_cast<const char*>( data ), size );
    while( !left.empty() ) {
       const std::string_view line = left.substr( 0, left.find( '\n' ) );
       left.remove_prefix( std::min( line.size() + 1, left.size() ) );
-      if( const auto refused = published.operations.carryOut( line ) )
+      if( const auto refused = operations.carryOut( line ) )
          require( !refused->empty(), "a refusal says why" );
    }
    (void)published.source.end();
-   requireSound<HostInput>( "hostInput" );
-   requireSound<LoadBalanceTable>( "loadBalanceTable" );
-   requireSound<LabelTable>( "labelTable" );
-   requireSound<DestTable>( "destTable" );
-   requireSound<FloodMemberTable>( "floodSets" );
+   published.requireSound();
    return 0;
 }

@@ -1,16 +1,16 @@
 // A table file of any record type that somebody has written into, attached by a reader and by the
 // next writer: both come to an end, and neither hands out a record whose format is broken, or one
 // under another key.
+#include "tests/Records.h"
 #include "tests/fuzz/FuzzSupport.h"
 
 #include "L2Rib/ConfigBinding.h"
-#include "L2Rib/FloodBindings.h"
-#include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Parked.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"
 
 using namespace L2Rib;
+using namespace L2Rib::Test;
 using namespace Vexil;
 using Fuzz::require;
 
@@ -43,47 +43,35 @@ AgentStatusRecord sample<AgentStatusRecord>( uint32_t number ) {
 }
 template<>
 Host sample<Host>( uint32_t number ) {
-   Host host( { EthAddr( number ), Bridging::VlanId( 10 ) } );
-   if( number % 2 )
-      host.nextIs( ObjTuple( DestId( number ) ) );
-   else
-      host.ciDestIs( CiDest( destTypeVxlan_ ) );
-   return host;
+   return number % 2 ? objectHost( mvp( number ), dest( number ) ) : vtepHost( mvp( number ), {} );
 }
 template<>
 LoadBalance sample<LoadBalance>( uint32_t number ) {
-   LoadBalance lb{ LoadBalanceId( number ) };
-   lb.nextIs( EcmpIndex( number % 16 ), ObjTuple( DestId( 1 ) ) );
-   return lb;
+   return group( number, std::vector<ObjTuple>( 1 + number % 16, dest( 1 ) ) );
 }
 template<>
 Dest sample<Dest>( uint32_t number ) {
-   Dest dest{ DestId( number ) };
-   dest.intfIs( { number } );
-   return dest;
+   return intfDest( number, number );
 }
 template<>
 HostAndSource sample<HostAndSource>( uint32_t number ) {
-   const Host host = sample<Host>( number );
-   return { host.key(), host, sourceBit6_ };
+   return { mvp( number ), sample<Host>( number ), sourceBit6_ };
 }
 template<>
 DestAndSource sample<DestAndSource>( uint32_t number ) {
-   return { sample<Dest>( number ), input( ObjTuple( DestId( number ) ) ) };
+   return { sample<Dest>( number ), input( dest( number ) ) };
 }
 template<>
 LoadBalanceAndSource sample<LoadBalanceAndSource>( uint32_t number ) {
-   return { sample<LoadBalance>( number ), input( ObjTuple( LoadBalanceId( number ) ) ) };
+   return { sample<LoadBalance>( number ), input( lb( number ) ) };
 }
 template<>
 LabelAndSource sample<LabelAndSource>( uint32_t number ) {
-   return { sample<Label>( number ), input( ObjTuple( LabelId( number ) ) ) };
+   return { sample<Label>( number ), input( label( number ) ) };
 }
 template<>
 FloodMember sample<FloodMember>( uint32_t number ) {
-   Dest dest( Util::destIdNotInTarn() );
-   dest.intfIs( { number } );
-   return { FloodSetTriple( Bridging::VlanId( 10 ), EthAddr( 1 ), dest ), floodSetTypeAny_ };
+   return floodMember( 10, 1, number );
 }
 
 template<class Record>
@@ -214,14 +202,17 @@ class Trial {
       } );
       require( count == table.count(), "the count is that of the records" );
       require( table.corruptions() == found, "nothing broken is left after recovery" );
-      const Record added = sample<Record>( 8 );
-      if( isSound( added ) && table.set( added ) ) {
-         Record found;
-         require( table.get( View::keyOf( added ), found ), "what was written is there" );
-         require( table.erase( View::keyOf( added ) ), "and can be erased" );
+      for( int time = 0; time < 2; ++time ) {
+         table.eraseAll();
+         require( table.count() == 0, "nothing is left when all was erased" );
+         for( uint32_t number = 8; number < 8 + capacity; ++number ) {
+            const Record added = sample<Record>( number );
+            Record found;
+            require( !isSound( added ) ||
+                        ( table.set( added ) && table.get( View::keyOf( added ), found ) ),
+                     "what was written is there, up to the last slot" );
+         }
       }
-      table.eraseAll();
-      require( table.count() == 0, "nothing is left when all was erased" );
    }
 };
 
