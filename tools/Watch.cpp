@@ -57,7 +57,7 @@ class Watch {
          inSync_ = true;
          if( context_.json )
             print( text( { { "event", "inSync" } } ) );
-         else if( !asked_.noDump )
+         else
             print( "(up to date)" );
       } );
    }
