@@ -130,7 +130,7 @@ TEST_F( BridgeTest, EachKindOfDestination ) {
    EXPECT_EQ( shown[ "refused" ], 5 + 1 );
    EXPECT_EQ( shown[ "vni" ], 10010 );
    EXPECT_EQ( shown[ "local" ], "192.0.2.1" );
-   EXPECT_NE( ctl( { "explain", mac( 2 ), "10" } ).out.find( "kernel: br10 vx10 nexthop group" ),
+   EXPECT_NE( ctl( { "explain", mac( 2 ), "10" } ).out.find( "kernel  br10 vx10 nexthop group" ),
               std::string::npos );
 
    // A restart touches nothing.

@@ -86,7 +86,7 @@ void agentMetrics( Exposition& out, const AgentStatusRecord& status, bool runs )
       .sample( status.since.value() );
    out.metric( "l2rib_restart_state", "gauge", "1 for the restart state that the agent is in." );
    for( uint32_t state = init_; state <= running_; ++state )
-      out.sample( state == status.restartState ? 1 : 0,
+      out.sample( runs && state == status.restartState ? 1 : 0,
                   { { "state", restartStateStr( static_cast<PolicySmRestartState>( state ) ) } } );
    out.metric( "l2rib_restart_duration_seconds", "gauge",
                "How long the restart has taken, until now or in all." )
@@ -165,11 +165,15 @@ void outputMetrics( Exposition& out, const Context& context, const OutputReader&
 void sourceMetrics( Exposition& out, const Context& context, const AgentStatusRecord& status ) {
    out.metric( "l2rib_sources", "gauge", "Sources that the agent knows." ).sample( status.sources );
    out.metric( "l2rib_source_ready", "gauge", "Whether a source takes part in the selection." );
+   const bool runs = agentRuns( context );
    const SourceStatusTable statuses( context.fileOf( Path::sourceStatus ),
                                      SourceStatusTable::Mode::read );
    statuses.forEach( [ & ]( const SourceStatusRecord& source ) {
-      out.sample( source.ready ? 1 : 0, { { "source", source.name.str() } } );
+      out.sample( runs && source.ready ? 1 : 0, { { "source", source.name.str() } } );
    } );
+   out.metric( "l2rib_source_running", "gauge", "Whether a process runs the source." );
+   for( const auto& [ name, source ] : context.sources().allSources() )
+      out.sample( context.sources().running( name ) ? 1 : 0, { { "source", name } } );
    out.metric( "l2rib_source_corruptions_total", "counter",
                "How often the agent read what no honest writer leaves in a source's tables." );
    statuses.forEach( [ & ]( const SourceStatusRecord& source ) {
