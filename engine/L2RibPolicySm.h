@@ -30,7 +30,7 @@
 #include "engine/OutputSweep.h"
 #include "engine/OutputTables.h"
 #include "engine/OutputUsers.h"
-#include "engine/RestartState.h"
+#include "L2Rib/RestartState.h"
 #include "engine/VanishedSources.h"
 #include "runtime/Clock.h"
 #include "runtime/StateDb.h"

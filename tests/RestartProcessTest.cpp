@@ -2,7 +2,7 @@
 // follow the output all the while.
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
-#include "engine/RestartState.h"
+#include "L2Rib/RestartState.h"
 #include "tests/ProcessSupport.h"
 
 #include <fstream>

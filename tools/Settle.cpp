@@ -10,7 +10,7 @@
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
 #include "client/AwaitedFolder.h"
-#include "engine/RestartState.h"
+#include "L2Rib/RestartState.h"
 #include "tools/Commands.h"
 #include "tools/Json.h"
 #include "tools/Parked.h"
