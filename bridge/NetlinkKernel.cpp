@@ -70,6 +70,28 @@ class Parsed {
    std::array<const nlattr*, attributes> found_{};
 };
 
+// Writes at once of which the notifications are heard; of more, those of foreign hands that fall in
+// between are left to the audit.
+constexpr size_t mostHeard = 32;
+
+class Quiet {
+ public:
+   Quiet( NetlinkSocket& notifications, bool wanted )
+      : notifications_( wanted ? &notifications : nullptr ) {
+      if( notifications_ )
+         notifications_->externalEntriesAre( false );
+   }
+   ~Quiet() {
+      if( notifications_ )
+         notifications_->externalEntriesAre( true );
+   }
+   Quiet( const Quiet& ) = delete;
+   Quiet& operator=( const Quiet& ) = delete;
+
+ private:
+   NetlinkSocket* notifications_;
+};
+
 void putAddress( nlmsghdr* message, uint16_t type, const IpGenAddr& address ) {
    const size_t size = address.family() == IpGenAddr::familyIpv4 ? 4 : 16;
    mnl_attr_put( message, type, size, address.bytes().data() );
@@ -188,10 +210,10 @@ void tell( const nlmsghdr* message, KernelListener& listener ) {
 
 void encodeNexthop( RequestBatch& batch, const Write& write ) {
    const bool isNew = write.kind == Write::newNexthopIs || write.kind == Write::newGroupIs;
-   nlmsghdr* const message =
-      batch.start( RTM_NEWNEXTHOP,
-                   static_cast<uint16_t>( NLM_F_CREATE | ( isNew ? NLM_F_EXCL : NLM_F_REPLACE ) ),
-                   sizeof( nhmsg ) );
+   nlmsghdr* const message = batch.start(
+      RTM_NEWNEXTHOP,
+      static_cast<uint16_t>( NLM_F_ACK | NLM_F_CREATE | ( isNew ? NLM_F_EXCL : NLM_F_REPLACE ) ),
+      sizeof( nhmsg ) );
    auto* const family = static_cast<nhmsg*>( mnl_nlmsg_get_payload( message ) );
    family->nh_protocol = nexthopProtocol;
    mnl_attr_put_u32( message, NHA_ID, write.id );
@@ -208,7 +230,7 @@ void encodeNexthop( RequestBatch& batch, const Write& write ) {
 }
 
 void encodeNexthopDel( RequestBatch& batch, const Write& write ) {
-   nlmsghdr* const message = batch.start( RTM_DELNEXTHOP, 0, sizeof( nhmsg ) );
+   nlmsghdr* const message = batch.start( RTM_DELNEXTHOP, NLM_F_ACK, sizeof( nhmsg ) );
    mnl_attr_put_u32( message, NHA_ID, write.id );
 }
 
@@ -243,7 +265,8 @@ EntryForm formOf( Write::Kind kind ) {
 
 void encodeEntry( RequestBatch& batch, const Write& write ) {
    const EntryForm form = formOf( write.kind );
-   nlmsghdr* const message = batch.start( form.type, form.messageFlags, sizeof( ndmsg ) );
+   nlmsghdr* const message = batch.start(
+      form.type, static_cast<uint16_t>( NLM_F_ACK | form.messageFlags ), sizeof( ndmsg ) );
    auto* const family = static_cast<ndmsg*>( mnl_nlmsg_get_payload( message ) );
    family->ndm_family = AF_BRIDGE;
    family->ndm_ifindex = static_cast<int>( write.device );
@@ -269,7 +292,6 @@ void encodeEntry( RequestBatch& batch, const Write& write ) {
 NetlinkKernel::NetlinkKernel() {
    for( const unsigned group : { RTNLGRP_LINK, RTNLGRP_NEIGH, RTNLGRP_NEXTHOP } )
       notifications_.join( group );
-   notifications_.ignoreExternalEntries();
 }
 
 std::vector<Outcome> NetlinkKernel::apply( const std::vector<Write>& writes ) {
@@ -284,6 +306,7 @@ std::vector<Outcome> NetlinkKernel::apply( const std::vector<Write>& writes ) {
          encodeEntry( batch, write );
       batch.finish();
    }
+   const Quiet quiet( notifications_, writes.size() > mostHeard );
    return requests_.exchange( batch, []( const nlmsghdr* ) {} );
 }
 

@@ -1,12 +1,11 @@
 // A route netlink socket: requests in large batches with every answer read, dumps, and
 // notifications.
 //
-// A batch goes out in few system calls. The kernel carries its requests out in order and answers
-// each one that fails, each that asks for something, and the last one; the answers are in the
-// socket's buffer when the call returns. So whoever has read them all, up to the last one's, knows
-// what became of every request: one without an answer was carried out. An answer that found no room
-// shows as ENOBUFS. Notifications belong on a socket of their own, where they can't displace
-// answers.
+// A batch goes out in few system calls. The kernel carries its requests out in order. It answers
+// each one that fails, that asks for something, or that asks for an acknowledgement, as the last
+// one always does. The answers are in the socket's buffer when the call returns, and all of them
+// are read; one that found no room there shows as ENOBUFS. Notifications belong on a socket of
+// their own, where they can't displace answers.
 //
 // Errors: std::system_error when the system refuses a call. Threads: one at a time.
 #pragma once
@@ -49,13 +48,14 @@ class NetlinkSocket {
    // Notifications of a group (RTNLGRP_...) from now on.
    void join( unsigned group );
 
-   // Leaves out notifications of entries that were learned elsewhere, as those that this program
-   // makes are: of a hundred thousand of them each would come back.
-   void ignoreExternalEntries();
+   // Whether notifications of entries that were learned elsewhere are heard, as they are at first.
+   // Those that this program makes are such: of a hundred thousand each would come back.
+   void externalEntriesAre( bool heard );
 
    using Each = std::function<void( const nlmsghdr* message )>;
 
-   // Sends all and reads every answer; each() gets those that are more than a yes or no.
+   // Sends all and reads every answer; each() gets those that are more than a yes or no. A request
+   // with NLM_F_ACK counts as carried out only when that has been read.
    std::vector<Outcome> exchange( RequestBatch& batch, const Each& each );
 
    // The one request of the batch is a dump's. Again from the start when the kernel says that what
