@@ -210,10 +210,10 @@ void tell( const nlmsghdr* message, KernelListener& listener ) {
 
 void encodeNexthop( RequestBatch& batch, const Write& write ) {
    const bool isNew = write.kind == Write::newNexthopIs || write.kind == Write::newGroupIs;
-   nlmsghdr* const message = batch.start(
-      RTM_NEWNEXTHOP,
-      static_cast<uint16_t>( NLM_F_ACK | NLM_F_CREATE | ( isNew ? NLM_F_EXCL : NLM_F_REPLACE ) ),
-      sizeof( nhmsg ) );
+   nlmsghdr* const message =
+      batch.start( RTM_NEWNEXTHOP,
+                   static_cast<uint16_t>( NLM_F_CREATE | ( isNew ? NLM_F_EXCL : NLM_F_REPLACE ) ),
+                   sizeof( nhmsg ) );
    auto* const family = static_cast<nhmsg*>( mnl_nlmsg_get_payload( message ) );
    family->nh_protocol = nexthopProtocol;
    mnl_attr_put_u32( message, NHA_ID, write.id );
@@ -230,7 +230,7 @@ void encodeNexthop( RequestBatch& batch, const Write& write ) {
 }
 
 void encodeNexthopDel( RequestBatch& batch, const Write& write ) {
-   nlmsghdr* const message = batch.start( RTM_DELNEXTHOP, NLM_F_ACK, sizeof( nhmsg ) );
+   nlmsghdr* const message = batch.start( RTM_DELNEXTHOP, 0, sizeof( nhmsg ) );
    mnl_attr_put_u32( message, NHA_ID, write.id );
 }
 
@@ -265,8 +265,7 @@ EntryForm formOf( Write::Kind kind ) {
 
 void encodeEntry( RequestBatch& batch, const Write& write ) {
    const EntryForm form = formOf( write.kind );
-   nlmsghdr* const message = batch.start(
-      form.type, static_cast<uint16_t>( NLM_F_ACK | form.messageFlags ), sizeof( ndmsg ) );
+   nlmsghdr* const message = batch.start( form.type, form.messageFlags, sizeof( ndmsg ) );
    auto* const family = static_cast<ndmsg*>( mnl_nlmsg_get_payload( message ) );
    family->ndm_family = AF_BRIDGE;
    family->ndm_ifindex = static_cast<int>( write.device );

@@ -172,7 +172,7 @@ std::vector<Outcome> NetlinkSocket::exchange( RequestBatch& batch, const Each& e
          reinterpret_cast<nlmsghdr*>( batch.bytes_.data() + ( i == 0 ? 0 : batch.ends_[ i - 1 ] ) );
       header->nlmsg_seq = first + static_cast<uint32_t>( i );
       if( ( i + 1 ) % longestBatch_ == 0 || i + 1 == batch.count() )
-         header->nlmsg_flags |= NLM_F_ACK; // behind all other answers
+         header->nlmsg_flags |= NLM_F_ACK; // behind the answers to all others
    }
    for( size_t from = 0; from < batch.count(); from += longestBatch_ )
       exchangePart( batch, from, std::min( batch.count(), from + longestBatch_ ), each, outcomes );
@@ -182,15 +182,8 @@ std::vector<Outcome> NetlinkSocket::exchange( RequestBatch& batch, const Each& e
 void NetlinkSocket::exchangePart( const RequestBatch& batch, size_t from, size_t to,
                                   const Each& each, std::vector<Outcome>& outcomes ) {
    const uint32_t first = nextNumber_ - static_cast<uint32_t>( batch.count() );
-   const auto wantsAck = [ & ]( size_t index ) {
-      const size_t at = index == 0 ? 0 : batch.ends_[ index - 1 ];
-      return ( reinterpret_cast<const nlmsghdr*>( batch.bytes_.data() + at )->nlmsg_flags &
-               NLM_F_ACK ) != 0;
-   };
-   size_t awaited = 0; // acknowledgements
-   for( size_t index = from; index < to; ++index )
-      awaited += wantsAck( index );
    send( batch, from, to );
+   bool answered = false; // the last request, and so all before it
    const auto read = [ & ]( const nlmsghdr* message ) {
       // The answer to a request of an exchange that failed half way is none of ours.
       const size_t index = message->nlmsg_seq - first;
@@ -200,7 +193,7 @@ void NetlinkSocket::exchangePart( const RequestBatch& batch, size_t from, size_t
          each( message );
          return;
       }
-      awaited -= wantsAck( index );
+      answered = answered || index + 1 == to;
       const auto* const error = static_cast<const nlmsgerr*>( mnl_nlmsg_get_payload( message ) );
       if( error->error == 0 )
          return;
@@ -209,7 +202,7 @@ void NetlinkSocket::exchangePart( const RequestBatch& batch, size_t from, size_t
       if( outcomes[ index ].text.empty() )
          outcomes[ index ].text = std::strerror( -error->error );
    };
-   while( awaited > 0 )
+   while( !answered )
       if( !receive( MSG_DONTWAIT, read ) ) { // they are all there when sendto() returns
          errno = ENODATA;
          fail( "answers of the kernel are missing" );

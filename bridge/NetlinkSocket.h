@@ -1,11 +1,16 @@
 // A route netlink socket: requests in large batches with every answer read, dumps, and
 // notifications.
 //
-// A batch goes out in few system calls. The kernel carries its requests out in order. It answers
-// each one that fails, that asks for something, or that asks for an acknowledgement, as the last
-// one always does. The answers are in the socket's buffer when the call returns, and all of them
-// are read; one that found no room there shows as ENOBUFS. Notifications belong on a socket of
-// their own, where they can't displace answers.
+// A batch goes out in few system calls. The kernel carries its requests out in order, and answers
+// each that fails, each that asks for something, and the last one of a call, which alone asks for
+// an acknowledgement: netlink_rcv_skb() acknowledges what asks for it and whatever fails, with the
+// number of the request. The answers are in the socket's buffer when the call returns, and all of
+// them are read. So each refusal is known by itself, with its reason; a request before an answered
+// one was carried out if there is no answer to it. An answer that found no room shows as ENOBUFS
+// (netlink_overrun()), and then nothing is taken for carried out. An acknowledgement for each would
+// say the same, and costs the kernel more than the entries themselves.
+//
+// Notifications belong on a socket of their own, where they can't displace answers.
 //
 // Errors: std::system_error when the system refuses a call. Threads: one at a time.
 #pragma once
@@ -54,8 +59,7 @@ class NetlinkSocket {
 
    using Each = std::function<void( const nlmsghdr* message )>;
 
-   // Sends all and reads every answer; each() gets those that are more than a yes or no. A request
-   // with NLM_F_ACK counts as carried out only when that has been read.
+   // Sends all and reads every answer; each() gets those that are more than a yes or no.
    std::vector<Outcome> exchange( RequestBatch& batch, const Each& each );
 
    // The one request of the batch is a dump's. Again from the start when the kernel says that what
