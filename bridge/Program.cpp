@@ -459,9 +459,9 @@ void Program::publish() {
    groupsVersion_ = nexthops_.version();
    figures_.nexthopsRepaired = nexthops_.repaired();
    figures_.writes = kernel_.writes();
-   if( clock_->now() >= nextSign_ ) {
+   if( clock_->now() >= nextSign_ || ( !more_ && figures_ != toldFigures_ ) ) {
       nextSign_ = clock_->now() + signInterval;
-      status_.programIs( figures_ );
+      status_.programIs( toldFigures_ = figures_ );
    }
    status_.flush();
    if( source_ )

@@ -1,5 +1,5 @@
 // The decisions of l2rib-bridge, against a model of the kernel and a clock that is moved by hand.
-#include "bridge/Reconciler.h"
+#include "bridge/Learner.h"
 #include "tests/TestSupport.h"
 
 #include <cerrno>
@@ -408,23 +408,91 @@ TEST( BridgeModel, KernelFollowsOutput ) {
       run->reconciler.touchAll();
       run->settle();
       ASSERT_EQ( kernel.count, writes ) << "what is there is not written again; step " << step;
-
-      kernel.mustStay.clear();
-      if( random.percent( 20 ) && !kernel.own.empty() ) { // a foreign hand, found by comparison
-         const auto victim = std::next( kernel.own.begin(), random.below( kernel.own.size() ) );
-         const EthAddr mac = victim->first;
-         if( random.percent( 50 ) )
-            kernel.own.erase( victim );
-         else
-            kernel.entries.erase( mac );
-         run->dump();
-         if( random.percent( 50 ) && !kernel.nexthops.empty() ) // the kernel tells of these alone
-            kernel.removeNexthop( kernel.nexthops.begin()->first );
-         run->dumpNexthops();
-         run->settle();
-         ASSERT_EQ( present( kernel ), wanted ) << "after a foreign hand; step " << step;
-      }
    }
+}
+
+// What is wrong with devices; the test with a kernel has what that one offers.
+TEST( BridgeModel, DevicesThatAreNotSupported ) {
+   Topology topology;
+   Link bridge{ .index = 2, .name = "br10", .isBridge = true, .vlanFiltering = true, .local = {} };
+   topology.linkIs( bridge );
+   EXPECT_EQ( topology.placeOf( "br10" ).fault, "vlan_filtering is on, which is not supported" );
+   bridge.vlanFiltering = false;
+   topology.linkIs( bridge );
+   topology.linkIs(
+      { .index = 3, .master = 2, .name = "vx", .isVxlan = true, .external = true, .local = {} } );
+   EXPECT_EQ( topology.placeOf( "br10" ).fault, "vx is in external mode, which is not supported" );
+   for( const uint32_t index : { 3, 4 } )
+      topology.linkIs(
+         { .index = index, .master = 2, .name = "vx", .isVxlan = true, .local = {} } );
+   EXPECT_EQ( topology.placeOf( "br10" ).fault, "more than one VXLAN port, one is supported" );
+}
+
+// Sequence numbers of hosts that come, go, return, and move to and fro.
+TEST( BridgeModel, LearnedHostsAndTheirNumbers ) {
+   const TestSupport::TemporaryFolder folder;
+   const auto clock = Vexil::makeEntity<Vexil::ManualClock>();
+   Client::SourcePublisher source( { .stateDirectory = folder.file( "state" ),
+                                     .name = "bridge",
+                                     .value = sourceBit3_,
+                                     .hostCapacity = 64 } );
+   const MacVlanPair key( macOf( 1 ), vlan );
+   std::optional<HostAndSource> winner;
+   const auto elsewhere = [ & ]( uint32_t seqNo ) {
+      Host host( key );
+      host.seqNoIs( Vexil::Seqno32( seqNo ) );
+      winner = HostAndSource( key, host, sourceBit6_ );
+   };
+   Learner learner( source, 100, DuplicateLimits(), clock,
+                    [ & ]( const MacVlanPair& ) { return winner; } );
+   learner.complete();
+   std::vector<bool> duplicates;
+   learner.duplicate = [ & ]( const MacVlanPair&, bool frozen ) { duplicates.push_back( frozen ); };
+   const auto seqNo = [ & ]() -> std::optional<uint32_t> {
+      const auto host = source.host( key );
+      return host ? std::optional( host->seqNo().value() ) : std::nullopt;
+   };
+
+   EXPECT_FALSE( learner.learned( key, portIndex, false ) );
+   EXPECT_EQ( seqNo(), 0u ) << "nobody else has it";
+   learner.forgotten( key );
+   EXPECT_EQ( seqNo(), std::nullopt );
+   elsewhere( 7 );
+   EXPECT_TRUE( learner.learned( key, portIndex, false ) ) << "left alone until the agent knows";
+   EXPECT_EQ( seqNo(), 8u );
+   elsewhere( 6 );
+   EXPECT_FALSE( learner.learned( key, portIndex + 1, false ) );
+   EXPECT_EQ( seqNo(), 8u ) << "another port is no move";
+   EXPECT_EQ( source.host( key )->next(), ObjTuple( DestId( portIndex + 1 ) ) );
+   learner.forgotten( key );
+   elsewhere( UINT32_MAX );
+   EXPECT_TRUE( learner.learned( key, portIndex, false ) );
+   EXPECT_EQ( seqNo(), 0u ) << "numbers wrap around";
+   learner.forgotten( key );
+   winner.reset();
+   EXPECT_FALSE( learner.learned( key, portIndex, false ) );
+   EXPECT_EQ( seqNo(), 0u ) << "it begins anew";
+
+   // To and fro: two moves a round. Those above are long past.
+   clock->nowIs( clock->now() + 1000 );
+   learner.takeDue();
+   for( uint32_t round = 0; round < 3; ++round ) {
+      elsewhere( seqNo().value() + 1 );
+      learner.forgotten( key );
+      EXPECT_TRUE( duplicates.empty() ) << "in round " << round;
+      clock->nowIs( clock->now() + 10 );
+      EXPECT_TRUE( learner.learned( key, portIndex, false ) );
+   }
+   EXPECT_EQ( duplicates, std::vector{ true } ) << "six moves";
+   EXPECT_EQ( seqNo(), std::nullopt ) << "not published any more";
+   EXPECT_TRUE( learner.learned( key, portIndex, false ) );
+   EXPECT_EQ( seqNo(), std::nullopt );
+   EXPECT_TRUE( learner.takeDue().empty() );
+   clock->nowIs( clock->now() + 180 );
+   EXPECT_EQ( learner.takeDue(), std::vector{ key } );
+   EXPECT_TRUE( learner.learned( key, portIndex, false ) );
+   EXPECT_EQ( seqNo(), winner->host().seqNo().value() + 1 );
+   EXPECT_EQ( duplicates, ( std::vector{ true, false } ) );
 }
 
 } // namespace
