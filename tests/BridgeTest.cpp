@@ -345,25 +345,22 @@ TEST_F( BridgeTest, FramesFlowThroughKills ) {
    TestSupport::replace( changes, many + syncOp );
    Program ping( folder,
                  here.inside( { "/bin/ping", "-q", "-i", "0.005", "-c", "1000000", "10.0.0.2" } ) );
-   for( const bool program : { true, false } ) {
+   Program monitor( folder, here.inside( { "/sbin/bridge", "monitor", "fdb" } ) );
+   for( const unsigned killed : { 1, 2, 3 } ) { // the one, the other, both
       Program changing =
          source( "lab", "0x100", { "--host-capacity", "20000", "--keep" }, changes );
-      if( program )
+      if( killed & 1 )
          kill( bridge );
-      else
+      if( killed & 2 )
          kill( agent );
       changing.status();
-      if( program )
-         startBridge( here, { "--no-learn" } );
-      else
+      if( killed & 2 )
          startAgent();
+      if( killed & 1 )
+         startBridge( here, { "--no-learn" } );
       settle();
       EXPECT_EQ( ctl( { "source", "delete", "lab" } ).status, 0 );
    }
-   kill( bridge );
-   kill( agent );
-   startAgent();
-   startBridge( here, { "--no-learn" } );
    settle();
    awaitLog( "in sync" );
    // To one VTEP and another: one replacement.
@@ -371,6 +368,7 @@ TEST_F( BridgeTest, FramesFlowThroughKills ) {
    expectSoon( std::string( "vx10 192.0.2.3" ), [ & ] { return here.forwarding()[ mac( 2 ) ]; } );
    publish( evpn, dest( 1, "192.0.2.2" ) );
    expectSoon( std::string( "vx10 192.0.2.2" ), [ & ] { return here.forwarding()[ mac( 2 ) ]; } );
+   EXPECT_EQ( monitor.out().find( mac( 2 ) ), std::string::npos ) << "its entries were touched";
    ping.signal( SIGINT );
    ping.status();
    unsigned sent = 0;
