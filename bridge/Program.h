@@ -115,6 +115,7 @@ class Program : private KernelListener, private HostListener {
    Vexil::Seconds nextAudit_;
    Vexil::Seconds nextSign_ = 0;
    L2Rib::BridgeProgramRecord figures_;
+   L2Rib::BridgeProgramRecord toldFigures_;
    std::shared_ptr<void> endOfTurn_;
    Vexil::TimerReactor wake_;
 };
