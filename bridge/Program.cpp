@@ -77,9 +77,11 @@ Program::Program( Vexil::ActivityManager& loop, const ProgramOptions& options )
      nextAudit_( started_ + options.audit ), wake_( clock_, [] {} ) {
    for( const auto& [ vlan, name ] : options_.bridges )
       bridges_.try_emplace( vlan, *this, vlan, name );
-   if( const auto& hosts = output_.hosts.table(); hosts && !bridges_.empty() )
+   if( const auto& hosts = output_.hosts.table(); hosts && !bridges_.empty() ) {
+      status_.expect( hosts->capacity() );
       for( auto& [ vlan, bridge ] : bridges_ )
-         bridge.reconciler.expect( hosts->count() / bridges_.size() );
+         bridge.reconciler.expect( hosts->capacity() / bridges_.size() );
+   }
    if( options_.learn )
       startLearning();
    kernel_.dumpLinks( *this );

@@ -233,10 +233,7 @@ void Reconciler::presume( EthAddr mac, const There& there ) {
    found( mac, *rows_.emplace( mac ).first, there );
 }
 
-void Reconciler::expect( size_t hosts ) {
-   rows_.reserve( hosts );
-   dirty_.reserve( hosts );
-}
+void Reconciler::expect( size_t hosts ) { rows_.reserve( hosts ); }
 
 bool Reconciler::verify( Kernel& kernel ) {
    std::vector<EthAddr> macs;

@@ -67,6 +67,11 @@ StatusTables::StatusTables( const std::string& stateDirectory )
    refused_->eraseAll();
 }
 
+void StatusTables::expect( uint32_t hosts ) {
+   if( hosts_->capacity() < hosts )
+      hosts_->capacityIs( std::min( hosts, capacityMax ) );
+}
+
 template<class Table, class Record>
 void StatusTables::write( Vexil::Ptr<Table>& table, const Record& record ) {
    if( !table->set( record ) )
