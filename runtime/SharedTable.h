@@ -422,3 +422,16 @@ class NamedTable : public SharedTable<Key, Record> {
 } // namespace Vexil
 
 #include "runtime/SharedTableGrowth.h" // the rest of it
+
+// Before a table of known types is used: its code stands where VEXIL_TABLE_CODE is, and is not made
+// again in each file that uses it. At global scope.
+#define VEXIL_TABLE( Key, Record )                                                                 \
+   extern template class Vexil::TableView<Key, Record>;                                            \
+   extern template class Vexil::TableWriter<Key, Record>;                                          \
+   extern template class Vexil::TableGrowth<Key, Record>;                                          \
+   extern template class Vexil::SharedTable<Key, Record>;
+#define VEXIL_TABLE_CODE( Key, Record )                                                            \
+   template class Vexil::TableView<Key, Record>;                                                   \
+   template class Vexil::TableWriter<Key, Record>;                                                 \
+   template class Vexil::TableGrowth<Key, Record>;                                                 \
+   template class Vexil::SharedTable<Key, Record>;
