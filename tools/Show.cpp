@@ -353,6 +353,7 @@ void addShow( CLI::App& app, Context& context ) {
    add( "status", "what the agent has in hand" );
    addShowFailed( *command, context );
    addShowBridge( *command, context );
+   addShowEvpn( *command, context );
 }
 
 } // namespace Tools
