@@ -4,6 +4,7 @@
 #include "gobgp.grpc.pb.h"
 #include "gobgp.pb.h"
 
+#include <google/protobuf/stubs/logging.h>
 #include <grpcpp/grpcpp.h>
 
 #include <algorithm>
@@ -32,9 +33,7 @@ constexpr int pathsInMessage = 500;
 std::shared_ptr<grpc::Channel> channelTo( const std::string& address ) {
    grpc::ChannelArguments arguments;
    arguments.SetMaxReceiveMessageSize( -1 ); // the first answer of a stream has the whole table
-   arguments.SetInt( GRPC_ARG_INITIAL_RECONNECT_BACKOFF_MS, firstRetry.count() );
-   arguments.SetInt( GRPC_ARG_MIN_RECONNECT_BACKOFF_MS, firstRetry.count() );
-   arguments.SetInt( GRPC_ARG_MAX_RECONNECT_BACKOFF_MS, longestRetry.count() );
+   arguments.SetInt( GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1 ); // with no failures remembered
    arguments.SetInt( GRPC_ARG_ENABLE_HTTP_PROXY, 0 );
    return grpc::CreateCustomChannel( address, grpc::InsecureChannelCredentials(), arguments );
 }
@@ -75,8 +74,7 @@ bool allSettled( const std::vector<Peer>& peers ) {
 // but the conditions.
 struct GobgpClient::State {
    explicit State( const Options& chosen )
-      : options( chosen ), stub( apipb::GobgpApi::NewStub( channelTo( chosen.address ) ) ),
-        wakeUp( eventfd( 0, EFD_CLOEXEC | EFD_NONBLOCK ) ) {
+      : options( chosen ), wakeUp( eventfd( 0, EFD_CLOEXEC | EFD_NONBLOCK ) ) {
       if( wakeUp < 0 )
          throw std::system_error( errno, std::generic_category(), "eventfd" );
       reader = std::thread( [ this ] { readForEver(); } );
@@ -124,6 +122,12 @@ struct GobgpClient::State {
       const uint64_t one = 1;
       [[maybe_unused]] const ssize_t never = ::write( wakeUp, &one, sizeof one );
    }
+   std::shared_ptr<apipb::GobgpApi::Stub> stub() {
+      const std::lock_guard lock( mutex );
+      if( !channel )
+         channel = apipb::GobgpApi::NewStub( channelTo( options.address ) );
+      return channel;
+   }
    // Returns false when the program ends.
    bool pause( milliseconds time ) {
       std::unique_lock lock( mutex );
@@ -141,7 +145,6 @@ struct GobgpClient::State {
    grpc::Status announce( const Announcement& one );
 
    const Options options;
-   const std::unique_ptr<apipb::GobgpApi::Stub> stub;
    int wakeUp = -1;
 
    std::mutex mutex;
@@ -150,7 +153,8 @@ struct GobgpClient::State {
    bool peersWanted = false;
    bool again = false;
    grpc::ClientContext* stream = nullptr;
-   std::vector<grpc::ClientContext*> contexts; // of calls under way
+   std::vector<grpc::ClientContext*> contexts;     // of calls under way
+   std::shared_ptr<apipb::GobgpApi::Stub> channel; // a new one after each failure
    std::deque<Event> events;
    std::deque<std::pair<uint64_t, std::vector<Announcement>>> writes;
    uint64_t sessions = 0; // used by the reader alone
@@ -178,6 +182,7 @@ void GobgpClient::State::readForEver() {
             return;
          if( std::exchange( again, false ) )
             continue;
+         channel.reset(); // by itself, a channel waits longer and longer before it connects
       }
       Event lost;
       lost.text = failure;
@@ -192,7 +197,8 @@ void GobgpClient::State::readForEver() {
 std::string GobgpClient::State::openSession( Event& begin ) {
    apipb::GetBgpResponse response;
    Call call( *this );
-   if( const grpc::Status status = stub->GetBgp( &call.context, apipb::GetBgpRequest(), &response );
+   if( const grpc::Status status =
+          stub()->GetBgp( &call.context, apipb::GetBgpRequest(), &response );
        !status.ok() )
       return textOf( status );
    const auto router = IpGenAddr::parse( response.global().router_id() );
@@ -217,7 +223,7 @@ std::string GobgpClient::State::readSession( Event begin ) {
       const std::lock_guard lock( mutex );
       stream = &call.context;
    }
-   const auto paths = stub->WatchEvent( &call.context, request );
+   const auto paths = stub()->WatchEvent( &call.context, request );
    apipb::WatchEventResponse response;
    bool first = true;
    while( paths->Read( &response ) ) {
@@ -273,7 +279,7 @@ void GobgpClient::State::postChanges( const apipb::WatchEventResponse& response,
 
 std::string GobgpClient::State::listPeers( std::vector<Peer>& peers ) {
    Call call( *this );
-   const auto list = stub->ListPeer( &call.context, apipb::ListPeerRequest() );
+   const auto list = stub()->ListPeer( &call.context, apipb::ListPeerRequest() );
    apipb::ListPeerResponse response;
    while( list->Read( &response ) )
       peers.push_back( peerOf( response.peer() ) );
@@ -308,7 +314,7 @@ void GobgpClient::State::callForEver() {
 grpc::Status GobgpClient::State::announceAll( const std::vector<Announcement>& batch ) {
    Call call( *this );
    google::protobuf::Empty nothing;
-   const auto stream = stub->AddPathStream( &call.context, &nothing );
+   const auto stream = stub()->AddPathStream( &call.context, &nothing );
    apipb::AddPathStreamRequest request;
    for( const Announcement& one : batch ) {
       *request.add_paths() = pathOf( one.route );
@@ -331,12 +337,12 @@ grpc::Status GobgpClient::State::announce( const Announcement& one ) {
       *request.mutable_path() = pathOf( one.route );
       *request.mutable_family() = request.path().family();
       google::protobuf::Empty nothing;
-      return stub->DeletePath( &call.context, request, &nothing );
+      return stub()->DeletePath( &call.context, request, &nothing );
    }
    apipb::AddPathRequest request;
    *request.mutable_path() = pathOf( one.route );
    apipb::AddPathResponse response;
-   return stub->AddPath( &call.context, request, &response );
+   return stub()->AddPath( &call.context, request, &response );
 }
 
 // Withdrawals one by one, then announcements in a stream; one by one where that fails, so that the

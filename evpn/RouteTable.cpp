@@ -295,6 +295,14 @@ void RouteTable::tellHost( RouteListener& listener, const MacVlanPair& host ) {
       *told_.emplace( host ).first = *goal;
    } else {
       refused_.emplace( host );
+      // It stays as it was told, unless there is nothing left that this leads to.
+      if( told && told->segment &&
+          !toldGroups_.contains(
+             { *told->segment, static_cast<uint16_t>( host.vlan().value() ) } ) ) {
+         const HostGoal before = *told;
+         told_.erase( host );
+         listener.hostDel( host, before );
+      }
    }
 }
 

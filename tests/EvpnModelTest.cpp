@@ -346,6 +346,7 @@ TEST( EvpnModelTest, WhatIsNotTaken ) {
 
 // Damaged messages: nothing throws, nothing that can't be read is taken for a route.
 TEST( EvpnModelTest, DamagedMessages ) {
+   google::protobuf::SetLogHandler( nullptr );
    Random random;
    const std::string whole = pathOf( local( false, 3, true ) ).SerializeAsString();
    for( unsigned round = 0; round < 20000; ++round ) {
@@ -431,10 +432,9 @@ TEST( EvpnModelTest, OnlyDifferencesAreAnnounced ) {
       if( !announcer.inStep() )
          continue;
       EXPECT_EQ( there.size(), wanted.size() + 2 ) << "and a route of type 3 a VLAN";
-      for( const auto& [ key, route ] : there ) {
-         if( key.type == RouteType::macIp )
-            EXPECT_EQ( route.seqNo, wanted.at( key.mac.number() & 0xff ).seqNo );
-      }
+      for( const auto& [ key, route ] : there )
+         EXPECT_TRUE( key.type == RouteType::multicast ||
+                      route.seqNo == wanted.at( key.mac.number() & 0xff ).seqNo );
    }
    EXPECT_EQ( announcer.announced( RouteType::multicast ), 2u );
 }
