@@ -65,9 +65,15 @@ Peer peerOf( const apipb::Peer& message ) {
 } // namespace
 
 bool allSettled( const std::vector<Peer>& peers ) {
-   return std::all_of( peers.begin(), peers.end(), []( const Peer& peer ) {
-      return !peer.up || !peer.evpn || ( peer.established && peer.endOfRib );
-   } );
+   size_t settled = 0; // none at all is a speaker that has not read its configuration yet
+   for( const Peer& peer : peers ) {
+      if( !peer.up || !peer.evpn )
+         continue;
+      if( !peer.established || !peer.endOfRib )
+         return false;
+      ++settled;
+   }
+   return settled > 0;
 }
 
 // All that the threads share. The mutex guards what is below it; nothing is waited for with it held

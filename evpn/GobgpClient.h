@@ -50,7 +50,8 @@ struct Event {
    std::vector<RouteKey> keys;           // of written
 };
 
-// Whether every peer that is to be up is, and has told all that it has (RFC 4724, section 2).
+// Whether there are peers, and every one that is to be up is and has told all that it has (RFC 4724,
+// section 2).
 bool allSettled( const std::vector<Peer>& peers );
 
 class GobgpClient {

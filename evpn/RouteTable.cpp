@@ -332,8 +332,11 @@ bool RouteTable::tell( RouteListener& listener, size_t most ) {
    tellGroups( listener, leaving );
    for( const GroupKey& group : leaving )
       ended.insert( toldGroups_.extract( group ) ); // no host leads there any more
-   if( !ended.empty() )
+   if( !ended.empty() ) {
       most = SIZE_MAX; // they go when their hosts have gone
+      for( auto at = refused_.begin(); at != refused_.end(); ++at )
+         dirty_.emplace( at->key ); // what was told of them may lead there still
+   }
    for( auto at = dirty_.begin(); at != dirty_.end() && most > 0; ++at, --most ) {
       const MacVlanPair host = at->key;
       dirty_.erase( host );
