@@ -1,5 +1,6 @@
 #include "evpn/GobgpClient.h"
 
+#include "capability.pb.h"
 #include "evpn/GobgpMessages.h"
 #include "gobgp.grpc.pb.h"
 #include "gobgp.pb.h"
@@ -29,6 +30,12 @@ constexpr std::chrono::seconds callTimeout( 60 ); // a gobgpd with a large table
 constexpr size_t changesInEvent = 1000;
 constexpr size_t eventsQueued = 64;
 constexpr int pathsInMessage = 500;
+constexpr uint32_t restartState = 0x8; // of a capability's flags (RFC 4724, section 3)
+
+double wallClock() {
+   return std::chrono::duration<double>( std::chrono::system_clock::now().time_since_epoch() )
+      .count();
+}
 
 std::shared_ptr<grpc::Channel> channelTo( const std::string& address ) {
    grpc::ChannelArguments arguments;
@@ -51,6 +58,12 @@ Peer peerOf( const apipb::Peer& message ) {
    peer.established = message.state().session_state() == apipb::PeerState::ESTABLISHED;
    peer.up =
       !message.conf().admin_down() && message.state().admin_state() != apipb::PeerState::DOWN;
+   peer.updates = message.state().messages().received().update();
+   if( peer.established )
+      peer.upFor = wallClock() - static_cast<double>( message.timers().state().uptime().seconds() );
+   for( const google::protobuf::Any& any : message.state().remote_cap() )
+      if( apipb::GracefulRestartCapability capability; any.UnpackTo( &capability ) )
+         peer.restarting = ( capability.flags() & restartState ) != 0;
    for( const apipb::AfiSafi& family : message.afi_safis() ) {
       if( family.config().family().afi() != apipb::Family::AFI_L2VPN ||
           family.config().family().safi() != apipb::Family::SAFI_EVPN )
@@ -69,7 +82,7 @@ bool allSettled( const std::vector<Peer>& peers ) {
    for( const Peer& peer : peers ) {
       if( !peer.up || !peer.evpn )
          continue;
-      if( !peer.established || !peer.endOfRib )
+      if( !peer.established || !peer.endOfRib || ( peer.restarting && peer.upFor < longUp ) )
          return false;
       ++settled;
    }

@@ -32,6 +32,11 @@ struct Peer {
    uint32_t as = 0;
    bool established = false;
    bool endOfRib = false;
+   // It has said that it is restarting itself. The speaker then does not wait for its end of RIB
+   // (RFC 4724, section 4.1), and says from the start that it has come.
+   bool restarting = false;
+   double upFor = 0;      // seconds since the session was established
+   uint64_t updates = 0;  // messages received
    bool up = true;        // as configured
    bool evpn = false;     // the address family is configured
    uint64_t received = 0; // routes
@@ -50,9 +55,11 @@ struct Event {
    std::vector<RouteKey> keys;           // of written
 };
 
-// Whether there are peers, and every one that is to be up is and has told all that it has (RFC 4724,
-// section 2).
+// Whether there are peers, and every one that is to be up is and has told all that it has (RFC
+// 4724, section 2). Of one that was restarting this can't be known: it has when the session has
+// been up for long.
 bool allSettled( const std::vector<Peer>& peers );
+constexpr double longUp = 30;
 
 class GobgpClient {
  public:

@@ -17,6 +17,7 @@ constexpr Vexil::Seconds retryInterval = 1;    // of what the source's tables ha
 // Between looks at the peers.
 constexpr Vexil::Seconds peersInterval = 5;
 constexpr Vexil::Seconds awaitedPeersInterval = 0.25;
+constexpr Vexil::Seconds quietTime = 3; // of a peer that can't say that it is through
 
 std::set<uint32_t> keysOf( const std::map<uint32_t, VlanOptions>& vlans ) {
    std::set<uint32_t> keys;
@@ -141,14 +142,15 @@ void Program::handle( Event& event ) {
 }
 
 void Program::begin( const Event& event ) {
+   const bool again = std::exchange( rereading_, false );
    const bool same = figures_.as == event.speaker.as && figures_.routerId == event.speaker.routerId;
-   if( !std::exchange( rereading_, false ) || !same )
+   if( !again || !same )
       Vexil::log( "connected to " + options_.gobgp.address + ": AS " +
                   std::to_string( event.speaker.as ) + ", router id " +
                   event.speaker.routerId.str() );
    fault_.clear();
    session_ = event.session;
-   settled_ = event.settled;
+   settled_ = event.settled || again;
    figures_.sessions = figures_.sessions.value() + 1;
    figures_.as = event.speaker.as;
    figures_.routerId = event.speaker.routerId;
@@ -193,8 +195,22 @@ void Program::present() {
    nextPeers_ = 0;
 }
 
-void Program::peersAre( const std::vector<Peer>& peers ) {
-   status_.peersAre( peers );
+// A peer that was restarting has told something, and nothing more for some time.
+bool Program::quiet( const Peer& peer ) {
+   const Vexil::Seconds now = clock_->now();
+   auto& [ updates, since ] = updates_[ peer.address ];
+   if( updates != peer.updates ) {
+      updates = peer.updates;
+      since = now;
+   }
+   return updates > 0 && now >= since + quietTime;
+}
+
+void Program::peersAre( const std::vector<Peer>& told ) {
+   status_.peersAre( told );
+   std::vector<Peer> peers = told;
+   for( Peer& peer : peers )
+      peer.restarting = peer.restarting && !quiet( peer );
    if( phase_ != evpnWaiting_ || rereading_ || !allSettled( peers ) )
       return;
    // What they told is in the speaker's table, but may not have come here yet: the whole is read
@@ -213,6 +229,7 @@ void Program::lost( const std::string& reason ) {
    table_.markStale();
    announcer_.sessionEnds();
    status_.peersAre( {} );
+   updates_.clear();
    staleUntil_ = Vexil::never;
    phaseIs( evpnConnecting_ );
 }

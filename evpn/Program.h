@@ -47,6 +47,7 @@ class Program {
    void present();
    void lost( const std::string& reason );
    void peersAre( const std::vector<Peer>& peers );
+   bool quiet( const Peer& peer );
    void complete();
    void phaseIs( L2Rib::EvpnPhase phase );
    void localIs( const MacVlanPair& host, const Announcer::Local* local );
@@ -76,6 +77,8 @@ class Program {
    bool more_ = false; // to do in the next turn
    std::string fault_;
    Vexil::Seconds staleUntil_ = Vexil::never;
+   // By peer: the updates that it had sent, and since when there were no more.
+   std::map<std::string, std::pair<uint64_t, Vexil::Seconds>> updates_;
    Vexil::Seconds nextPeers_ = 0;
    Vexil::Seconds nextSign_ = 0;
    Vexil::Seconds nextRetry_ = Vexil::never;

@@ -312,8 +312,10 @@ TEST_F( EvpnTest, HostsMove ) {
       60 ) );
 }
 
-// A ping through all of it; gobgpd is away while another leaf takes a route back.
-TEST_F( EvpnTest, TheSpeakerDies ) {
+// A ping through the ends of our programs; then gobgpd is away while another leaf takes a route
+// back, and its other routes stay in our kernel all the time. (FRR 8.4 keeps no EVPN routes of a
+// peer that restarts: what is lost then is lost over there.)
+TEST_F( EvpnTest, ProcessesDie ) {
    const auto near = host( 1, *here );
    const auto far = host( 2, *there );
    there->run( "bridge fdb add " + mac( 31 ) + " dev p1 master dynamic" );
@@ -322,9 +324,29 @@ TEST_F( EvpnTest, TheSpeakerDies ) {
    expectSoon( std::string( "vx10 192.0.2.1" ), [ & ] { return at( *there, 1 ); } );
    Program ping( folder,
                  near->inside( { "/bin/ping", "-q", "-i", "0.01", "-c", "1000000", "10.0.0.2" } ) );
+   kill( evpn );
+   kill( agent );
+   kill( bridge );
+   startEvpn();
+   startAgent();
+   startBridge();
+   settle();
+   expectSoon( true, [ & ] { return bridge->err().find( "in sync" ) != std::string::npos; } );
+   expectSoon( std::string( "complete" ), [ & ] { return phase(); } );
+   ping.signal( SIGINT );
+   ping.status();
+   unsigned sent = 0;
+   unsigned answered = 0;
+   const std::string last = ping.out().substr( ping.out().find( "---" ) );
+   ASSERT_EQ(
+      std::sscanf( last.c_str(), "%*[^\n]\n%u packets transmitted, %u received", &sent, &answered ),
+      2 )
+      << ping.out();
+   EXPECT_LE( sent - answered, 1u ) << "none but the one under way: " << last;
+
+   Program monitor( folder, here->inside( { "/sbin/bridge", "monitor", "fdb" } ) );
    kill( speaker );
    expectSoon( std::string( "connecting" ), [ & ] { return phase(); } );
-   EXPECT_EQ( at( *here, 2 ), "vx10 192.0.2.2" );
    EXPECT_GE( shown()[ "program" ][ "stale" ], 3 );
    there->run( "bridge fdb del " + mac( 31 ) + " dev p1 master" );
    kill( evpn ); // and it does not even know what was there
@@ -335,18 +357,8 @@ TEST_F( EvpnTest, TheSpeakerDies ) {
    expectSoon( std::string( "" ), [ & ] { return at( *here, 31 ); } );
    EXPECT_EQ( shown()[ "program" ][ "stale" ], 0 );
    EXPECT_EQ( at( *here, 2 ), "vx10 192.0.2.2" );
+   EXPECT_EQ( monitor.out().find( mac( 2 ) ), std::string::npos ) << monitor.out();
    expectSoon( std::string( "vx10 192.0.2.1" ), [ & ] { return at( *there, 1 ); } );
-   ping.signal( SIGINT );
-   ping.status();
-   unsigned sent = 0;
-   unsigned answered = 0;
-   const std::string last = ping.out().substr( ping.out().find( "---" ) );
-   ASSERT_EQ(
-      std::sscanf( last.c_str(), "%*[^\n]\n%u packets transmitted, %u received", &sent, &answered ),
-      2 )
-      << ping.out();
-   EXPECT_GT( sent, 100u );
-   EXPECT_LE( sent - answered, 1u ) << "none but the one under way: " << last;
 
    // Nobody says that he is through: the stale time is what ends it.
    kill( evpn );
