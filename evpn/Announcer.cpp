@@ -114,9 +114,36 @@ void Announcer::set( const RouteKey& key, std::optional<uint64_t> digest ) {
    count += fresh;
 }
 
-void Announcer::thereIs( const Route& route ) {
+std::optional<uint64_t> Announcer::believed( const RouteKey& key ) const {
+   const uint64_t* const there = there_.find( key );
+   return there ? std::optional( *there ) : std::nullopt;
+}
+
+void Announcer::told( const RouteKey& key, std::optional<uint64_t> digest, Vexil::Seconds now ) {
    if( !present_ )
-      set( route.key, digestOf( route ) );
+      set( key, digest );
+   else if( believed( key ) == digest )
+      suspects_.erase( key );
+   else
+      *suspects_.emplace( key ).first = { digest, now + longestWord };
+}
+
+void Announcer::thereIs( const Route& route, Vexil::Seconds now ) {
+   told( route.key, digestOf( route ), now );
+}
+
+void Announcer::goneIs( const RouteKey& key, Vexil::Seconds now ) { told( key, {}, now ); }
+
+void Announcer::lookAtSuspects( Vexil::Seconds now ) {
+   for( auto at = suspects_.begin(); at != suspects_.end(); ++at ) {
+      if( at->value.due > now )
+         continue;
+      const RouteKey key = at->key;
+      const Suspect suspect = at->value;
+      suspects_.erase( key );
+      set( key, suspect.digest );
+      dirty_.emplace( key );
+   }
 }
 
 void Announcer::present() {
@@ -134,15 +161,10 @@ void Announcer::present() {
       dirty_.emplace( at->key );
 }
 
-void Announcer::vanished( const RouteKey& key, Vexil::Seconds now ) {
-   if( present_ && there_.contains( key ) )
-      *suspects_.emplace( key ).first = now + longestWord;
-}
-
 Vexil::Seconds Announcer::nextTry() const {
    Vexil::Seconds next = nextTry_;
    for( auto at = suspects_.begin(); at != suspects_.end(); ++at )
-      next = std::min( next, at->value );
+      next = std::min( next, at->value.due );
    return next;
 }
 
@@ -153,13 +175,7 @@ std::vector<Announcement> Announcer::take( bool mayWithdraw, Vexil::Seconds now 
    if( !present_ || !underWay_.empty() || ( nextTry_ != Vexil::never && now < nextTry_ ) )
       return all;
    nextTry_ = Vexil::never;
-   for( auto at = suspects_.begin(); at != suspects_.end(); ++at )
-      if( at->value <= now ) {
-         const RouteKey key = at->key;
-         suspects_.erase( key );
-         set( key, {} );
-         dirty_.emplace( key );
-      }
+   lookAtSuspects( now );
    for( auto at = dirty_.begin(); at != dirty_.end() && all.size() < batch; ++at ) {
       const RouteKey key = at->key;
       const std::optional<Route> route = wanted( key );

@@ -38,15 +38,14 @@ class Announcer {
    // --- what is there
    // A session begins: nothing is known of what the speaker has.
    void sessionBegins( std::shared_ptr<const Import> import );
-   void thereIs( const Route& route );
+   // It tells that it has a route of ours, or has it no more. Once all is present, what it tells
+   // may be older than what was written since: what is still not as it was written a second later
+   // is believed, and put right.
+   void thereIs( const Route& route, Vexil::Seconds now );
+   void goneIs( const RouteKey& key, Vexil::Seconds now );
    // All that it has has been told.
    void present();
    void sessionEnds();
-   // It tells that a route of ours has gone, or come. One that has gone, although nobody here has
-   // taken it back, and does not come within a second (the word may be older than what was written
-   // since), is announced again.
-   void vanished( const RouteKey& key, Vexil::Seconds now );
-   void seen( const RouteKey& key ) { suspects_.erase( key ); }
 
    // --- the difference
    // Some of what is to be written; it is under way until written() or refused(). Nothing is taken
@@ -57,12 +56,22 @@ class Announcer {
    // When there may be something to take again; never when there is nothing.
    Vexil::Seconds nextTry() const;
    bool inStep() const { return present_ && dirty_.empty() && underWay_.empty(); }
+   bool writing() const { return !underWay_.empty(); }
 
    size_t announced( RouteType type ) const { return counts_[ static_cast<size_t>( type ) ]; }
    size_t waiting() const { return dirty_.size() + underWay_.size(); }
    const std::string& refusal() const { return refusal_; }
 
  private:
+   // What was told and is not as it was written.
+   struct Suspect {
+      std::optional<uint64_t> digest; // none: it is not there
+      Vexil::Seconds due = 0;
+   };
+
+   void told( const RouteKey& key, std::optional<uint64_t> digest, Vexil::Seconds now );
+   std::optional<uint64_t> believed( const RouteKey& key ) const;
+   void lookAtSuspects( Vexil::Seconds now );
    std::optional<Route> wanted( const RouteKey& key ) const;
    std::optional<RouteKey> keyOf( const MacVlanPair& host ) const;
    void set( const RouteKey& key, std::optional<uint64_t> digest );
@@ -76,7 +85,7 @@ class Announcer {
    std::array<size_t, 4> counts_{};
    Vexil::KeySet<RouteKey> dirty_;
    Vexil::HashMap<RouteKey, std::optional<uint64_t>> underWay_; // what it leads to
-   Vexil::HashMap<RouteKey, Vexil::Seconds> suspects_;          // until when they are waited for
+   Vexil::HashMap<RouteKey, Suspect> suspects_;
    Vexil::Seconds nextTry_ = Vexil::never;
    Vexil::Seconds interval_ = 0;
    std::string refusal_;

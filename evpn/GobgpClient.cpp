@@ -201,6 +201,7 @@ void GobgpClient::State::readForEver() {
             return;
          if( std::exchange( again, false ) )
             continue;
+         writes.clear();  // the next session will find out anew what is to be written
          channel.reset(); // by itself, a channel waits longer and longer before it connects
       }
       Event lost;

@@ -164,8 +164,7 @@ void Program::begin( const Event& event ) {
 void Program::take( const RouteChange& change ) {
    const RouteKey& key = change.route.key;
    if( change.ours ) {
-      announcer_.thereIs( change.route );
-      announcer_.seen( key );
+      announcer_.thereIs( change.route, clock_->now() );
       return;
    }
    if( change.reason == NotTaken::taken && !change.withdrawn ) {
@@ -180,7 +179,7 @@ void Program::take( const RouteChange& change ) {
       return; // it has no key
    table_.routeDel( key );
    if( change.withdrawn )
-      announcer_.vanished( key, clock_->now() );
+      announcer_.goneIs( key, clock_->now() );
 }
 
 // All that the speaker has has been read.
@@ -211,7 +210,7 @@ void Program::peersAre( const std::vector<Peer>& told ) {
    std::vector<Peer> peers = told;
    for( Peer& peer : peers )
       peer.restarting = peer.restarting && !quiet( peer );
-   if( phase_ != evpnWaiting_ || rereading_ || !allSettled( peers ) )
+   if( phase_ != evpnWaiting_ || rereading_ || !allSettled( peers ) || announcer_.writing() )
       return;
    // What they told is in the speaker's table, but may not have come here yet: the whole is read
    // again, and what is not in it is gone.
@@ -257,6 +256,8 @@ void Program::localIs( const MacVlanPair& host, const Announcer::Local* local ) 
 
 void Program::announce() {
    const Vexil::Seconds now = clock_->now();
+   if( announcer_.inStep() && now < announcer_.nextTry() )
+      return;
    std::vector<Announcement> batch = announcer_.take( outputIsWhole(), now );
    if( !batch.empty() )
       gobgp_.write( session_, std::move( batch ) );

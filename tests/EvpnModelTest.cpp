@@ -419,13 +419,16 @@ TEST( EvpnModelTest, OnlyDifferencesAreAnnounced ) {
          announcer.sessionBegins( import );
          EXPECT_TRUE( announcer.take( true, now ).empty() ) << "before all is known";
          for( const auto& [ key, route ] : there )
-            announcer.thereIs( route );
+            announcer.thereIs( route, now );
          announcer.present();
       }
       if( !there.empty() && random.below( 30 ) == 0 ) { // a foreign hand
-         const RouteKey gone = there.begin()->first;
-         there.erase( gone );
-         announcer.vanished( gone, now );
+         Route changed = there.begin()->second;
+         there.erase( changed.key );
+         announcer.goneIs( changed.key, now );
+         changed.key.mac = EthAddr( uint64_t( 0x0200000000ff ) );
+         there[ changed.key ] = changed;
+         announcer.thereIs( changed, now );
          now += 2;
       }
       const bool mayWithdraw = random.below( 4 ) > 0;
