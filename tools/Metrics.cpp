@@ -3,8 +3,8 @@
 //
 // No address and no VLAN is ever a label: there may be a million of them. What a counter counts
 // starts anew with each agent, as Prometheus expects it of a process.
-#include "L2Rib/Status.h"
 #include "L2Rib/RestartState.h"
+#include "L2Rib/Status.h"
 #include "tools/Bridge.h"
 #include "tools/Evpn.h"
 #include "tools/Parked.h"

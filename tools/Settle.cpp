@@ -8,9 +8,9 @@
 // no other run's word is believed.
 #include "L2Rib/ConfigBinding.h"
 #include "L2Rib/L2RibTarn.h"
+#include "L2Rib/RestartState.h"
 #include "L2Rib/Status.h"
 #include "client/AwaitedFolder.h"
-#include "L2Rib/RestartState.h"
 #include "tools/Commands.h"
 #include "tools/Json.h"
 #include "tools/Parked.h"
