@@ -6,7 +6,7 @@
 // comparing with a whole dump, which is read in steps between turns.
 #pragma once
 
-#include "bridge/AgentProgress.h"
+#include "client/AgentProgress.h"
 #include "bridge/Learner.h"
 #include "bridge/NetlinkKernel.h"
 #include "bridge/StatusTables.h"
@@ -95,7 +95,7 @@ class Program : private KernelListener, private HostListener {
    NetlinkKernel kernel_;
    Topology topology_;
    NexthopSet nexthops_;
-   AgentProgress agent_;
+   L2Rib::Client::AgentProgress agent_;
    L2Rib::Client::OutputReader output_;
    std::map<uint32_t, Managed> bridges_;
    std::unique_ptr<L2Rib::Client::SourcePublisher> source_;

@@ -1,6 +1,7 @@
 #include "evpn/Program.h"
 
 #include "L2Rib/Status.h"
+#include "client/AgentProgress.h"
 #include "runtime/Trace.h"
 
 namespace Evpn {
@@ -83,16 +84,8 @@ void Program::phaseIs( EvpnPhase phase ) {
 // While an agent starts it may have emptied its output, to fill it again; one that died meanwhile
 // has left it like that.
 bool Program::outputIsWhole() const {
-   if( !outputInSync_ )
-      return false;
-   try {
-      const AgentStatusTable status( options_.stateDirectory + "/" + Path::agentStatus,
-                                     AgentStatusTable::Mode::read );
-      AgentStatusRecord record;
-      return !status.get( SingleKey(), record ) || record.restartState == restartStateRunning;
-   } catch( const Vexil::TableError& ) { // no agent has run here yet
-      return true;
-   }
+   return outputInSync_ &&
+          Client::AgentProgress( options_.stateDirectory, options_.source ).outputIsWhole();
 }
 
 // --- from BGP

@@ -29,7 +29,7 @@ inline std::string floodMember( const std::string& operation, const std::string&
    return R"({"op":")" + operation + R"(","vlan":10,"mac":")" + address + R"(")" + more +
           R"(,"dest":{"vxlan":{"vtep":")" + vtep + R"(","vni":10010}}})" + "\n";
 }
-inline std::string flood( const std::string& vtep, const char* address = "ff:ff:ff:ff:ff:ff" ) {
+inline std::string floodTo( const std::string& vtep, const char* address = "ff:ff:ff:ff:ff:ff" ) {
    return floodMember( "flood", vtep, address, R"(,"type":"vxlan")" );
 }
 inline const std::string newVx10 =
@@ -72,7 +72,7 @@ struct RandomOutput {
          return R"({"op":"hostDel","mac":")" + mac( number ) + R"(","vlan":10})" + "\n";
       case 3:
          if( floods.insert( vtep ).second )
-            return flood( vtep );
+            return floodTo( vtep );
          floods.erase( vtep );
          return floodMember( "floodDel", vtep, "ff:ff:ff:ff:ff:ff" );
       default:

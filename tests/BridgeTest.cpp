@@ -80,8 +80,8 @@ TEST_F( BridgeTest, EachKindOfDestination ) {
                host( 8, 1, R"("inline":{"vteps":["192.0.2.11","192.0.2.14"]})" ) +
                host( 9, 1, next( "dest", 5 ) ) + host( 10, 1, next( "label", 1 ) ) +
                host( 11, 1, next( "lb", 3 ) ) + host( 12, 1, R"("inline":{"value":999})" ) +
-               host( 0xab, 200, next( "dest", 1 ) ) + flood( "192.0.2.11" ) +
-               flood( "192.0.2.12" ) + flood( "192.0.2.11", "01:00:5e:00:00:01" ) );
+               host( 0xab, 200, next( "dest", 1 ) ) + floodTo( "192.0.2.11" ) +
+               floodTo( "192.0.2.12" ) + floodTo( "192.0.2.11", "01:00:5e:00:00:01" ) );
    const Forwarding wanted{ { mac( 1 ), "vx10 192.0.2.11" },
                             { mac( 2 ), "vx10 192.0.2.11 192.0.2.12" },
                             { mac( 3 ), "vx10 192.0.2.11 192.0.2.12" },
@@ -148,7 +148,7 @@ TEST_F( BridgeTest, WhatGoesComesBack ) {
    startAgent();
    startBridge( space );
    Program evpn = source( "evpn", "0x40" );
-   std::string operations = initialized( true ) + dest( 1, "192.0.2.11" ) + flood( "192.0.2.11" );
+   std::string operations = initialized( true ) + dest( 1, "192.0.2.11" ) + floodTo( "192.0.2.11" );
    Forwarding wanted;
    for( unsigned number = 1; number <= 2000; ++number ) {
       operations += host( number, 1, next( "dest", 1 ) );
@@ -324,7 +324,7 @@ TEST_F( BridgeTest, FramesFlowThroughKills ) {
       Program bridgeThere(
          folder, there.inside( { BRIDGE_PATH, "--state-dir", second, "--bridge", "10=br10" } ) );
       evpnThere.write( initialized( true ) + dest( 1, "192.0.2.1" ) +
-                       host( 1, 1, next( "dest", 1 ) ) + flood( "192.0.2.1" ) );
+                       host( 1, 1, next( "dest", 1 ) ) + floodTo( "192.0.2.1" ) );
       expectSoon( std::string( "vx10 192.0.2.1" ),
                   [ & ] { return there.forwarding()[ mac( 1 ) ]; } );
       bridgeThere.signal( SIGTERM );
@@ -335,7 +335,7 @@ TEST_F( BridgeTest, FramesFlowThroughKills ) {
    Program evpn = source( "evpn", "0x40", { "--host-capacity", "20000" } );
    publish( evpn, initialized( true ) + dest( 1, "192.0.2.2" ) + dest( 2, "192.0.2.9" ) +
                      groupOf( 1, { { "dest", 1 } } ) + host( 2, 1, next( "lb", 1 ) ) +
-                     flood( "192.0.2.2" ) );
+                     floodTo( "192.0.2.2" ) );
    expectSoon( std::string( "vx10 192.0.2.2" ), [ & ] { return here.forwarding()[ mac( 2 ) ]; } );
    here.run( "ping -q -c 1 -w 10 10.0.0.2" );
    std::string many;
