@@ -378,7 +378,9 @@ std::string tableTypeName( const std::string& path ) {
    TableHeader h{};
    const bool isTable = pread( fd, &h, offsetof( TableHeader, superseded ), 0 ) ==
                            static_cast<ssize_t>( offsetof( TableHeader, superseded ) ) &&
-                        h.magic == TableHeader::expectedMagic;
+                        h.magic == TableHeader::expectedMagic &&
+                        h.formatVersion == TableHeader::expectedVersion &&
+                        h.layoutHash == layoutHashOf( h );
    close( fd );
    return isTable ? std::string( h.typeName, strnlen( h.typeName, sizeof h.typeName ) )
                   : std::string();

@@ -134,6 +134,7 @@ TEST( SharedTable, RefusesWhatIsNotItsFile ) {
       ASSERT_EQ( refusal( path, Table::Mode::read ),
                  version ? TableError::mismatch : TableError::damaged )
          << "bit " << bit;
+      ASSERT_EQ( tableTypeName( path ), "" ) << "bit " << bit;
    }
    replace( path, good );
    EXPECT_EQ( read( path )->get( { 7 } ).serial, 7u );
