@@ -167,8 +167,8 @@ class TableMapping {
 // lock and disturbs nobody.
 bool tableHasWriter( const std::string& path );
 
-// The record type that a table file's header names; empty when it is no table of this format, or its
-// header is damaged. Throws TableError when the file is absent or can't be opened.
+// The record type that a table file's header names; empty when it is no table of this format, or
+// its header is damaged. Throws TableError when the file is absent or can't be opened.
 std::string tableTypeName( const std::string& path );
 
 // Makes the folders above path that are not there, each with mode 0750 whatever the umask is. One

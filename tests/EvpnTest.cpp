@@ -347,7 +347,7 @@ TEST_F( EvpnTest, ProcessesDie ) {
    Program monitor( folder, here->inside( { "/sbin/bridge", "monitor", "fdb" } ) );
    kill( speaker );
    expectSoon( std::string( "connecting" ), [ & ] { return phase(); } );
-   EXPECT_GE( shown()[ "program" ][ "stale" ], 3 );
+   expectSoon( true, [ & ] { return shown()[ "program" ][ "stale" ] >= 3; } );
    there->run( "bridge fdb del " + mac( 31 ) + " dev p1 master" );
    kill( evpn ); // and it does not even know what was there
    startEvpn();
@@ -355,7 +355,7 @@ TEST_F( EvpnTest, ProcessesDie ) {
    expectSoon(
       std::string( "complete" ), [ & ] { return phase(); }, 60 );
    expectSoon( std::string( "" ), [ & ] { return at( *here, 31 ); } );
-   EXPECT_EQ( shown()[ "program" ][ "stale" ], 0 );
+   expectSoon( true, [ & ] { return shown()[ "program" ][ "stale" ] == 0; } );
    EXPECT_EQ( at( *here, 2 ), "vx10 192.0.2.2" );
    EXPECT_EQ( monitor.out().find( mac( 2 ) ), std::string::npos ) << monitor.out();
    expectSoon( std::string( "vx10 192.0.2.1" ), [ & ] { return at( *there, 1 ); } );
