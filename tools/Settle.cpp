@@ -192,7 +192,7 @@ void addSettle( CLI::App& app, Context& context ) {
    command->callback( [ &context, timeout ] {
       context.command = [ &context, timeout ] {
          if( std::isnan( *timeout ) ) // which no range shuts out
-            throw BadInput( "--timeout is nan; right would be a number of seconds" );
+            throw BadInput( "--timeout is nan; expected a number of seconds" );
          const std::string missing = Settling( context ).waitFor( *timeout );
          if( missing.empty() )
             return reportParked( context );
