@@ -154,7 +154,7 @@ TEST_F( ConfigTest, RefusedDocumentChangesNothing ) {
       { "{\"hosts\":5}", { ":1:10: \"hosts\" is 5; expected a list" } },
       { "{\"hosts\":[\n" + host + "\"interface\":5},\n  7]}",
         { ":3:3: this is 7; expected a host" } },
-      { "{\"hosts\":[" + host + "\n\"interface\":-5}]}", { ":2:13: \"interface\" is -5; right" } },
+      { "{\"hosts\":[" + host + "\n\"interface\":-5}]}", { ":2:13: \"interface\" is -5; expected" } },
       { "{\"hosts\":[\n" + host + "\"label\":5}]}",
         { ":2:1: this host has no \"tunnel\", and needs one" } },
       { "{\"hosts\":[{\"vlan\": 4095,\"mac\":\"02:00:00:00:00:01\",\"interface\":1}]}",
