@@ -65,8 +65,9 @@ class Table:
     SUPERSEDED, PREDECESSOR, HIGH_WATER, INDEX_MOVES = 128 // 8, 144 // 8, 192 // 8, 208 // 8
     JOURNAL_HEAD, UNDO_SLOT, IMAGE = 216 // 8, 272 // 8, 280 // 8
 
-    def __init__(self, path, type_name, collection, key_size, record_size, key_of, key_hash):
-        self.path, self.key_of, self.key_hash = path, key_of, key_hash
+    def __init__(self, path, type_name, collection, key_size, record_size, key_of, key_hash,
+                 is_sound=lambda record: True):
+        self.path, self.key_of, self.key_hash, self.is_sound = path, key_of, key_hash, is_sound
         self.key_size, self.record_size = key_size, record_size
         with open(path, "rb") as file:
             true_size, head = os.fstat(file.fileno()).st_size, file.read(120)
@@ -108,7 +109,8 @@ class Table:
             elif state & 2:
                 record = self.copy(at + 1, size)
             if self.words[at] == state:
-                return record and record[: self.record_size]
+                record = record and record[: self.record_size]
+                return record if record and self.is_sound(record) else None
         raise Damaged(self.path + ": a record never stands still")
 
     def copy(self, at, size):
@@ -271,11 +273,21 @@ class SourceNames:
             self.names[int.from_bytes(record[64:68], "little")] = name
 
 
-def host_json(names, key, row):
-    _, _, seq_no, pref, update_time, entry_type, next_id, next_type, kind, payload, count = (
-        struct.unpack("<QIIIdIQIiQI", row[12:72]))
+def host_fields(row):
     source = int.from_bytes(row[112:116], "little")
-    vteps = [address(row[72 + 20 * i : 92 + 20 * i]) for i in range(min(count, 2))]
+    return struct.unpack("<IIdIQIiQI", row[24:72]) + (source,)
+
+
+def host_is_sound(row):
+    _, _, _, _, next_id, next_type, kind, _, count, source = host_fields(row)
+    return (host_key(row) == host_key(row[12:]) and source.bit_count() == 1 and kind in (0, 1)
+            and count <= 2 and (next_type in (1, 2, 3) if next_id else next_type == 0))
+
+
+def host_json(names, key, row):
+    (seq_no, pref, update_time, entry_type, next_id, next_type, kind, payload, count,
+     source) = host_fields(row)
+    vteps = [address(row[72 + 20 * i : 92 + 20 * i]) for i in range(count)]
     leads_on = {"type": {1: "lb", 2: "label", 3: "dest"}.get(next_type), "id": next_id}
     inline = {"value": payload} if kind == 0 else {"vteps": vteps}
     return {**key_json(key), "source": hex(source), "sourceName": names.of(source),
@@ -302,7 +314,8 @@ def main():
         sys.stdout.flush()
 
     def open_table(path):
-        return Table(path, "L2Rib::HostOutput", "host", 12, 116, host_key, host_key_hash)
+        return Table(path, "L2Rib::HostOutput", "host", 12, 116, host_key, host_key_hash,
+                     host_is_sound)
 
     try:
         follower = Follower(open_table, f"{state}/bridging/l2Rib/hostOutput", tell)
