@@ -1,9 +1,10 @@
 // What the program l2rib-bridge tells of itself: which bridges it serves, what it gave the kernel
 // for each host, and what was refused.
 //
-// The program writes these tables for people and for l2ribctl; nobody acts on them. They stay when
-// it ends, and the next run takes them over. It runs while somebody holds the writer's lock of the
-// first one.
+// The program writes these tables for people and for l2ribctl. They stay when it ends, and the next
+// run takes them over: as a guess at what the kernel has, which spares it a wait, and which a dump
+// of the kernel confirms or corrects. Without them it waits for the dump. It runs while somebody
+// holds the writer's lock of the first one.
 #pragma once
 
 #include "L2Rib/L2Rib.h"

@@ -77,3 +77,6 @@ Vexil::Mounted mountConfig( Vexil::EntityManager& manager, const std::string& pa
                             Vexil::MountMode mode );
 
 } // namespace Bridging
+
+VEXIL_TABLE( Bridging::MacVlanPair, Bridging::ConfiguredHostRecord )
+VEXIL_TABLE( Bridging::TunnelId, Bridging::TunnelRecord )

@@ -34,3 +34,6 @@ Vexil::Mounted mountFloodOutput( Vexil::EntityManager& manager, const std::strin
                                  Vexil::MountMode mode );
 
 } // namespace L2Rib
+
+VEXIL_TABLE( L2Rib::FloodMemberKey, L2Rib::FloodMember )
+VEXIL_TABLE( uint32_t, L2Rib::FloodSourceRecord )

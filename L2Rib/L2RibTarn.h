@@ -61,3 +61,12 @@ constexpr const char* parked = "bridging/l2Rib/parked";
 } // namespace Path
 
 } // namespace L2Rib
+
+VEXIL_TABLE( Bridging::MacVlanPair, L2Rib::Host )
+VEXIL_TABLE( L2Rib::LoadBalanceId, L2Rib::LoadBalance )
+VEXIL_TABLE( L2Rib::LabelId, L2Rib::Label )
+VEXIL_TABLE( L2Rib::DestId, L2Rib::Dest )
+VEXIL_TABLE( Bridging::MacVlanPair, L2Rib::HostAndSource )
+VEXIL_TABLE( L2Rib::LoadBalanceId, L2Rib::LoadBalanceAndSource )
+VEXIL_TABLE( L2Rib::LabelId, L2Rib::LabelAndSource )
+VEXIL_TABLE( L2Rib::DestId, L2Rib::DestAndSource )

@@ -78,3 +78,5 @@ class ParkedTable : public Vexil::NamedTable<ParkedTable, ParkedKey, ParkedRecor
 };
 
 } // namespace L2Rib
+
+VEXIL_TABLE( L2Rib::ParkedKey, L2Rib::ParkedRecord )

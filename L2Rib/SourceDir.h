@@ -199,3 +199,5 @@ class FloodMemberTable : public Vexil::NamedTable<FloodMemberTable, FloodMemberK
 };
 
 } // namespace L2Rib
+
+VEXIL_TABLE( L2Rib::SourceName, L2Rib::SourceEntryRecord )

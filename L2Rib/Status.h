@@ -141,3 +141,5 @@ class SourceStatusTable
 };
 
 } // namespace L2Rib
+
+VEXIL_TABLE( L2Rib::SourceName, L2Rib::SourceStatusRecord )

@@ -70,6 +70,28 @@ class Parsed {
    std::array<const nlattr*, attributes> found_{};
 };
 
+// Writes at once of which the notifications are heard; of more, those of foreign hands that fall in
+// between are left to the audit.
+constexpr size_t mostHeard = 32;
+
+class Quiet {
+ public:
+   Quiet( NetlinkSocket& notifications, bool wanted )
+      : notifications_( wanted ? &notifications : nullptr ) {
+      if( notifications_ )
+         notifications_->externalEntriesAre( false );
+   }
+   ~Quiet() {
+      if( notifications_ )
+         notifications_->externalEntriesAre( true );
+   }
+   Quiet( const Quiet& ) = delete;
+   Quiet& operator=( const Quiet& ) = delete;
+
+ private:
+   NetlinkSocket* notifications_;
+};
+
 void putAddress( nlmsghdr* message, uint16_t type, const IpGenAddr& address ) {
    const size_t size = address.family() == IpGenAddr::familyIpv4 ? 4 : 16;
    mnl_attr_put( message, type, size, address.bytes().data() );
@@ -269,7 +291,6 @@ void encodeEntry( RequestBatch& batch, const Write& write ) {
 NetlinkKernel::NetlinkKernel() {
    for( const unsigned group : { RTNLGRP_LINK, RTNLGRP_NEIGH, RTNLGRP_NEXTHOP } )
       notifications_.join( group );
-   notifications_.ignoreExternalEntries();
 }
 
 std::vector<Outcome> NetlinkKernel::apply( const std::vector<Write>& writes ) {
@@ -284,6 +305,7 @@ std::vector<Outcome> NetlinkKernel::apply( const std::vector<Write>& writes ) {
          encodeEntry( batch, write );
       batch.finish();
    }
+   const Quiet quiet( notifications_, writes.size() > mostHeard );
    return requests_.exchange( batch, []( const nlmsghdr* ) {} );
 }
 

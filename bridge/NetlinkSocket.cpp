@@ -94,7 +94,13 @@ void NetlinkSocket::join( unsigned group ) {
       fail( "joining a netlink group" );
 }
 
-void NetlinkSocket::ignoreExternalEntries() {
+void NetlinkSocket::externalEntriesAre( bool heard ) {
+   if( heard ) {
+      const int unused = 0;
+      if( setsockopt( fd_, SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused ) != 0 )
+         fail( "hearing all notifications" );
+      return;
+   }
    // Offsets in a message: nlmsghdr, then ndmsg. A filter loads 16 bits in network order.
    constexpr uint32_t typeAt = offsetof( nlmsghdr, nlmsg_type );
    constexpr uint32_t flagsAt = sizeof( nlmsghdr ) + offsetof( ndmsg, ndm_flags );
@@ -166,7 +172,7 @@ std::vector<Outcome> NetlinkSocket::exchange( RequestBatch& batch, const Each& e
          reinterpret_cast<nlmsghdr*>( batch.bytes_.data() + ( i == 0 ? 0 : batch.ends_[ i - 1 ] ) );
       header->nlmsg_seq = first + static_cast<uint32_t>( i );
       if( ( i + 1 ) % longestBatch_ == 0 || i + 1 == batch.count() )
-         header->nlmsg_flags |= NLM_F_ACK;
+         header->nlmsg_flags |= NLM_F_ACK; // behind the answers to all others
    }
    for( size_t from = 0; from < batch.count(); from += longestBatch_ )
       exchangePart( batch, from, std::min( batch.count(), from + longestBatch_ ), each, outcomes );

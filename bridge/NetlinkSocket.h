@@ -1,12 +1,16 @@
 // A route netlink socket: requests in large batches with every answer read, dumps, and
 // notifications.
 //
-// A batch goes out in few system calls. The kernel carries its requests out in order and answers
-// each one that fails, each that asks for something, and the last one; the answers are in the
-// socket's buffer when the call returns. So whoever has read them all, up to the last one's, knows
-// what became of every request: one without an answer was carried out. An answer that found no room
-// shows as ENOBUFS. Notifications belong on a socket of their own, where they can't displace
-// answers.
+// A batch goes out in few system calls. The kernel carries its requests out in order, and answers
+// each that fails, each that asks for something, and the last one of a call, which alone asks for
+// an acknowledgement: netlink_rcv_skb() acknowledges what asks for it and whatever fails, with the
+// number of the request. The answers are in the socket's buffer when the call returns, and all of
+// them are read. So each refusal is known by itself, with its reason; a request before an answered
+// one was carried out if there is no answer to it. An answer that found no room shows as ENOBUFS
+// (netlink_overrun()), and then nothing is taken for carried out. An acknowledgement for each would
+// say the same, and costs the kernel more than the entries themselves.
+//
+// Notifications belong on a socket of their own, where they can't displace answers.
 //
 // Errors: std::system_error when the system refuses a call. Threads: one at a time.
 #pragma once
@@ -49,9 +53,9 @@ class NetlinkSocket {
    // Notifications of a group (RTNLGRP_...) from now on.
    void join( unsigned group );
 
-   // Leaves out notifications of entries that were learned elsewhere, as those that this program
-   // makes are: of a hundred thousand of them each would come back.
-   void ignoreExternalEntries();
+   // Whether notifications of entries that were learned elsewhere are heard, as they are at first.
+   // Those that this program makes are such: of a hundred thousand each would come back.
+   void externalEntriesAre( bool heard );
 
    using Each = std::function<void( const nlmsghdr* message )>;
 

@@ -77,6 +77,11 @@ Program::Program( Vexil::ActivityManager& loop, const ProgramOptions& options )
      nextAudit_( started_ + options.audit ), wake_( clock_, [] {} ) {
    for( const auto& [ vlan, name ] : options_.bridges )
       bridges_.try_emplace( vlan, *this, vlan, name );
+   if( const auto& hosts = output_.hosts.table(); hosts && !bridges_.empty() ) {
+      status_.expect( hosts->capacity() );
+      for( auto& [ vlan, bridge ] : bridges_ )
+         bridge.reconciler.expect( hosts->capacity() / bridges_.size() );
+   }
    if( options_.learn )
       startLearning();
    kernel_.dumpLinks( *this );
@@ -412,10 +417,14 @@ void Program::settle() {
    nextSign_ = 0;
    figures_.inSync = heard ? 2 : 1;
    figures_.syncTime = clock_->now() - started_;
-   status_.forgetHosts( [ this ]( const MacVlanPair& key ) {
-      Managed* const bridge = managed( key.vlan() );
-      return bridge && bridge->reconciler.programmed( key.mac() );
-   } );
+   uint64_t programmed = 0;
+   for( const auto& [ vlan, bridge ] : bridges_ )
+      programmed += bridge.reconciler.counts().programmed;
+   if( status_.hosts() != programmed )
+      status_.forgetHosts( [ this ]( const MacVlanPair& key ) {
+         Managed* const bridge = managed( key.vlan() );
+         return bridge && bridge->reconciler.programmed( key.mac() );
+      } );
    Vexil::log( "in sync" );
 }
 
@@ -452,9 +461,9 @@ void Program::publish() {
    groupsVersion_ = nexthops_.version();
    figures_.nexthopsRepaired = nexthops_.repaired();
    figures_.writes = kernel_.writes();
-   if( clock_->now() >= nextSign_ ) {
+   if( clock_->now() >= nextSign_ || ( !more_ && figures_ != toldFigures_ ) ) {
       nextSign_ = clock_->now() + signInterval;
-      status_.programIs( figures_ );
+      status_.programIs( toldFigures_ = figures_ );
    }
    status_.flush();
    if( source_ )

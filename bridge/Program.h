@@ -6,7 +6,7 @@
 // comparing with a whole dump, which is read in steps between turns.
 #pragma once
 
-#include "bridge/AgentProgress.h"
+#include "client/AgentProgress.h"
 #include "bridge/Learner.h"
 #include "bridge/NetlinkKernel.h"
 #include "bridge/StatusTables.h"
@@ -95,7 +95,7 @@ class Program : private KernelListener, private HostListener {
    NetlinkKernel kernel_;
    Topology topology_;
    NexthopSet nexthops_;
-   AgentProgress agent_;
+   L2Rib::Client::AgentProgress agent_;
    L2Rib::Client::OutputReader output_;
    std::map<uint32_t, Managed> bridges_;
    std::unique_ptr<L2Rib::Client::SourcePublisher> source_;
@@ -115,6 +115,7 @@ class Program : private KernelListener, private HostListener {
    Vexil::Seconds nextAudit_;
    Vexil::Seconds nextSign_ = 0;
    L2Rib::BridgeProgramRecord figures_;
+   L2Rib::BridgeProgramRecord toldFigures_;
    std::shared_ptr<void> endOfTurn_;
    Vexil::TimerReactor wake_;
 };

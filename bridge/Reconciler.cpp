@@ -127,7 +127,7 @@ void Reconciler::entryIs( const FdbEntry& entry, Origin origin ) {
       return;
    }
    seen = dump_;
-   thereIs( entry.mac, row, there );
+   found( entry.mac, row, there );
 }
 
 void Reconciler::entryDel( const FdbEntry& entry ) {
@@ -156,7 +156,7 @@ void Reconciler::entryDel( const FdbEntry& entry ) {
       suspects_.emplace( entry.mac );
       return;
    }
-   thereIs( entry.mac, *row, there );
+   found( entry.mac, *row, there );
    dropIfEmpty( entry.mac );
 }
 
@@ -169,6 +169,12 @@ void Reconciler::thereIs( EthAddr mac, Row& row, const There& there ) {
       row.repair = true;
    row.there = there;
    noteLearned( mac, row );
+}
+
+void Reconciler::found( EthAddr mac, Row& row, const There& there ) {
+   if( row.there == there )
+      return;
+   thereIs( mac, row, there );
    dirty_.emplace( mac );
 }
 
@@ -224,8 +230,10 @@ void Reconciler::dumpEnded() {
 
 void Reconciler::presume( EthAddr mac, const There& there ) {
    presumed_ = true;
-   thereIs( mac, *rows_.emplace( mac ).first, there );
+   found( mac, *rows_.emplace( mac ).first, there );
 }
+
+void Reconciler::expect( size_t hosts ) { rows_.reserve( hosts ); }
 
 bool Reconciler::verify( Kernel& kernel ) {
    std::vector<EthAddr> macs;
@@ -326,11 +334,13 @@ void Reconciler::done( EthAddr mac, Row& row ) {
    } else if( onPath( row ) && goal ) {
       std::vector<Write> rest;
       const std::string obstacle = plan( row.there, *goal, mac, place_.vxlan, rest );
-      if( obstacle.empty() ) {
+      if( !obstacle.empty() ) {
+         refuse( mac, row, obstacle );
+      } else if( rest.empty() ) {
          stateIs( mac, row, State::programmed );
          listener_.programmed( key( mac ), *goal );
       } else {
-         refuse( mac, row, obstacle );
+         dirty_.emplace( mac );
       }
    }
    row.repair = false;

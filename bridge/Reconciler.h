@@ -72,6 +72,8 @@ class Reconciler {
    // believed where nothing has to be written; what has to be is looked up first. So changes of the
    // output need not wait for the dump.
    void presume( EthAddr mac, const There& there );
+   // Makes room for that many hosts.
+   void expect( size_t hosts );
    // Looks up some of what is in doubt; false when there is nothing left.
    bool verify( Kernel& kernel );
    // Tells the listener again if the bridge has learned the address.
@@ -142,6 +144,7 @@ class Reconciler {
    void releasePath( Row& row );
    void touch( EthAddr mac );
    void thereIs( EthAddr mac, Row& row, const There& there );
+   void found( EthAddr mac, Row& row, const There& there ); // the same, to be compared
    void noteLearned( EthAddr mac, Row& row );
    bool contradicts( const Row& row, const There& there, Origin origin ) const;
    void forgetThere();

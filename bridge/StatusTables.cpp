@@ -1,7 +1,10 @@
 #include "bridge/StatusTables.h"
 
+#include "runtime/Trace.h"
+
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <set>
 #include <unistd.h>
 
@@ -22,10 +25,25 @@ double wallClock() {
    return static_cast<double>( now.tv_sec ) + static_cast<double>( now.tv_nsec ) * 1e-9;
 }
 
+// What can't be read is made anew, after an upgrade too: it is an account of what the kernel holds,
+// and the kernel can be asked.
 template<class Table>
 Vexil::Ptr<Table> opened( const std::string& stateDirectory, const char* path, uint32_t capacity ) {
-   auto table =
-      Vexil::makeEntity<Table>( stateDirectory + "/" + path, Table::Mode::write, capacity );
+   const std::string file = stateDirectory + "/" + path;
+   const auto open = [ & ] {
+      return Vexil::makeEntity<Table>( file, Table::Mode::write, capacity );
+   };
+   Vexil::Ptr<Table> table;
+   try {
+      table = open();
+   } catch( const Vexil::TableError& failure ) {
+      if( failure.kind() != Vexil::TableError::mismatch &&
+          failure.kind() != Vexil::TableError::damaged )
+         throw;
+      Vexil::log( std::string( failure.what() ) + ": made anew" );
+      std::filesystem::remove( file );
+      table = open();
+   }
    table->capacityMaxIs( capacityMax );
    return table;
 }
@@ -47,6 +65,11 @@ StatusTables::StatusTables( const std::string& stateDirectory )
       [ this ]( const BridgeRecord& record ) { earlier_[ record.vlan ] = record; } );
    bridges_->eraseAll();
    refused_->eraseAll();
+}
+
+void StatusTables::expect( uint32_t hosts ) {
+   if( hosts_->capacity() < hosts )
+      hosts_->capacityIs( std::min( hosts, capacityMax ) );
 }
 
 template<class Table, class Record>

@@ -40,6 +40,10 @@ class StatusTables {
                         const std::map<L2Rib::FloodSetTriple, std::string>& refused );
    void groupsAre( const std::map<uint32_t, std::vector<IpGenAddr>>& groups );
    void bridgeIs( const L2Rib::BridgeRecord& record );
+   // Makes room for that many hosts.
+   void expect( uint32_t hosts );
+   // Rows of hosts, those of an earlier run among them.
+   size_t hosts() const { return hosts_->count(); }
    // Removes the rows of an earlier run for which keep( key ) is false, and bridges of other VLANs.
    template<class Keep>
    void forgetHosts( Keep keep ) {

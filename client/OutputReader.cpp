@@ -20,6 +20,7 @@ class OutputTable<Table, Key, Record>::Mirror : public Vexil::Reactor<Table> {
    void tableIs( Vexil::Ptr<Table> table ) {
       this->notifierIs( table );
       handleOvertaken();
+      told_.reserve( table->count() );
       table->forEach( [ this ]( const Record& row ) {
          handleEntry( Vexil::TableView<Key, Record>::keyOf( row ) );
       } );

@@ -1,5 +1,5 @@
 // Best-host selection: the one host per MAC and VLAN that goes into the output.
-#include "engine/HostRank.h"
+#include "L2Rib/HostRank.h"
 #include "engine/L2RibPolicySm.h"
 #include "engine/PolicyTrace.h"
 

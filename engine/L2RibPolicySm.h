@@ -22,6 +22,7 @@
 #pragma once
 
 #include "L2Rib/ObjTupleManager.h"
+#include "L2Rib/RestartState.h"
 #include "L2Rib/SourceDir.h"
 #include "engine/Awaited.h"
 #include "engine/L2RibPolicySourceSm.h"
@@ -30,7 +31,6 @@
 #include "engine/OutputSweep.h"
 #include "engine/OutputTables.h"
 #include "engine/OutputUsers.h"
-#include "engine/RestartState.h"
 #include "engine/VanishedSources.h"
 #include "runtime/Clock.h"
 #include "runtime/StateDb.h"

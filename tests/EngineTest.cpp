@@ -1,7 +1,7 @@
 // The engine's decisions and its behaviour over time, as stories.
 #include "tests/EngineLab.h"
 
-#include "engine/HostRank.h"
+#include "L2Rib/HostRank.h"
 #include "runtime/Trace.h"
 
 #include <functional>

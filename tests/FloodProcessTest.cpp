@@ -151,7 +151,8 @@ TEST_F( FloodProcessTest, StaticSourceIsSeenLikeAnyOther ) {
                               "hosts":1,"dests":0,"groups":0,"labels":0,"flood":0})" ) );
    EXPECT_EQ( row( "show", "sources" ),
               Json::parse( R"({"name":"static","source":"0x10","initialized":true,"ready":true,
-                              "running":true,"hosts":1,"reason":null})" ) );
+                              "running":true,"hosts":1,"dests":0,"groups":0,"labels":0,"flood":0,
+                              "reason":null})" ) );
    expectIn( ctl( { "source", "delete", "static" } ).err, "inside the agent" );
    // A stronger source takes its host over, and gives it back.
    Program evpn = source( "evpn", "0x40" );

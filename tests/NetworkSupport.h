@@ -70,8 +70,9 @@ class Namespace {
       return std::to_string( json( "ip -j link show " + device )[ 0 ][ "ifindex" ].get<int>() );
    }
 
-   // What the kernel forwards for each address that begins with 02: "vx10 192.0.2.11 192.0.2.12",
-   // "vx10 192.0.2.11 vni 5", "static p1", "p1"; without the bridge's entry "no bridge entry: ...".
+   // What the kernel forwards for each address that begins with 02:00: "vx10 192.0.2.11
+   // 192.0.2.12", "vx10 192.0.2.11 vni 5", "static p1", "p1"; without the bridge's entry "no bridge
+   // entry: ...".
    std::map<std::string, std::string> forwarding() const {
       std::map<uint32_t, Json> nexthops;
       for( const Json& nexthop : json( "ip -j nexthop" ) )
@@ -80,7 +81,7 @@ class Namespace {
       std::map<std::string, std::string> onDevice;
       for( const Json& entry : json( "bridge -j fdb show" ) ) {
          const std::string mac = entry.value( "mac", "" );
-         if( !mac.starts_with( "02:" ) )
+         if( !mac.starts_with( "02:00:" ) )
             continue;
          const std::string state = entry.value( "state", "" );
          if( entry.contains( "master" ) && state != "permanent" )

@@ -242,7 +242,7 @@ TEST_F( ProcessTest, WhatIsParkedIsNamed ) {
                              { "sourceName", "evpn" },
                              { "reason", reason } } ) );
    EXPECT_EQ( json( { "explain", mac( 1 ), "10" } )[ "parked" ][ "reason" ], reason );
-   expectIn( ctl( { "explain", mac( 1 ), "10" } ).out, "parked: " + reason );
+   expectIn( ctl( { "explain", mac( 1 ), "10" } ).out, "parked  " + reason );
    expectIn( ctl( { "metrics" } ).out, "l2rib_parked{reason=\"objectAbsent\"} 12\n" );
    EXPECT_EQ( ctl( { "check" } ).status, 0 );
    publish( evpn, R"({"op":"dest","id":99,"intf":{"id":3}})"

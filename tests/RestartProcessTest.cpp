@@ -1,8 +1,8 @@
 // Restarts of the agent as its users meet them: killed or stopped in order, with readers that
 // follow the output all the while.
 #include "L2Rib/L2RibTarn.h"
+#include "L2Rib/RestartState.h"
 #include "L2Rib/Status.h"
-#include "engine/RestartState.h"
 #include "tests/ProcessSupport.h"
 
 #include <fstream>

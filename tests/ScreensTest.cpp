@@ -12,7 +12,7 @@ using namespace ProcessSupport;
 // Ages, times of day and processes differ from run to run; spaces at line ends are none.
 std::string withoutTimes( std::string text ) {
    for( const auto& [ pattern, word ] :
-        { std::pair( R"(\d+-\d+-\d+ \d\d:\d\d:\d\d|\d\d:\d\d:\d\d(\.\d+)?)", "TIME" ),
+        { std::pair( R"(since (\d+-\d+-\d+ )?\d\d:\d\d:\d\d)", "since TIME" ),
           { R"(\d+\.\d ms)", "MS" },
           { R"(\b\d+(\.\d)?s\b)", "AGE" },
           { R"(PID \d+)", "PID" } } )

@@ -130,7 +130,8 @@ class Ledger {
    template<class Writer>
    bool set( Writer& table, uint32_t number ) {
       announce( number, false );
-      const bool done = table.set( Record::of( number, serial_ ) );
+      const Record record = Record::of( number, serial_ );
+      const bool done = table.set( record, keyHash( record.key ) );
       settle( number, done );
       return done;
    }

@@ -182,6 +182,17 @@ int check( const Context& context ) {
    const ParkedEntries parked( context );
    for( const std::string& group : parked.forWantOfRoom( names ) )
       faults.push_back( "not in the output for want of room: " + group );
+   if( context.json ) {
+      std::cout << text( { { "faults", faults },
+                           { "parked", parked.forSources( names ) },
+                           { "hosts", graph.hosts.size() },
+                           { "dests", graph.dests.size() },
+                           { "groups", graph.groups.size() },
+                           { "labels", graph.labels.size() },
+                           { "flood", graph.flood.size() } } )
+                << '\n';
+      return faults.empty() ? done : answerIsNo;
+   }
    for( const std::string& fault : faults )
       std::cout << fault << '\n';
    for( const std::string& entry : parked.forSources( names ) )
@@ -201,6 +212,8 @@ int check( const Context& context ) {
 
 void addCheck( CLI::App& app, Context& context ) {
    CLI::App* const command = app.add_subcommand( "check", "whether the output is consistent" );
+   addJsonFlag( *command, context );
+   command->footer( "Example: l2ribctl check && echo sound" );
    command->callback(
       [ &context ] { context.command = [ &context ] { return check( context ); }; } );
 }

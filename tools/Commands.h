@@ -47,6 +47,7 @@ void addConfigCommands( CLI::App& app, Context& context );
 // "show failed", a subcommand of show.
 void addShowFailed( CLI::App& showing, Context& context );
 void addShowBridge( CLI::App& showing, Context& context );
+void addShowEvpn( CLI::App& showing, Context& context );
 
 // What is wrong with an option's or argument's MAC address, or "": for its check().
 std::string checkMac( const std::string& text );

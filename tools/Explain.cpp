@@ -2,7 +2,7 @@
 //
 // Decides as the engine does, with the same comparator and in the same order of the sources, from
 // the tables that the sources publish at this moment.
-#include "engine/HostRank.h"
+#include "L2Rib/HostRank.h"
 #include "runtime/HashMap.h"
 #include "tools/Bridge.h"
 #include "tools/Filter.h"

@@ -81,6 +81,7 @@ void addGraph( CLI::App& app, Context& context ) {
    const auto given = std::make_shared<Given>();
    CLI::App* const command =
       app.add_subcommand( "graph", "who points to whom in the output, as Graphviz DOT" );
+   command->footer( "Example: l2ribctl graph --vlan 10 | dot -Tsvg > output.svg" );
    command->add_option( "--mac", given->mac, "only from hosts with this MAC address" )
       ->check( checkMac );
    command->add_option( "--vlan", given->vlan, "only from hosts of this VLAN" );

@@ -3,9 +3,10 @@
 //
 // No address and no VLAN is ever a label: there may be a million of them. What a counter counts
 // starts anew with each agent, as Prometheus expects it of a process.
+#include "L2Rib/RestartState.h"
 #include "L2Rib/Status.h"
-#include "engine/RestartState.h"
 #include "tools/Bridge.h"
+#include "tools/Evpn.h"
 #include "tools/Parked.h"
 #include "tools/SourceTables.h"
 
@@ -86,7 +87,7 @@ void agentMetrics( Exposition& out, const AgentStatusRecord& status, bool runs )
       .sample( status.since.value() );
    out.metric( "l2rib_restart_state", "gauge", "1 for the restart state that the agent is in." );
    for( uint32_t state = init_; state <= running_; ++state )
-      out.sample( state == status.restartState ? 1 : 0,
+      out.sample( runs && state == status.restartState ? 1 : 0,
                   { { "state", restartStateStr( static_cast<PolicySmRestartState>( state ) ) } } );
    out.metric( "l2rib_restart_duration_seconds", "gauge",
                "How long the restart has taken, until now or in all." )
@@ -165,11 +166,15 @@ void outputMetrics( Exposition& out, const Context& context, const OutputReader&
 void sourceMetrics( Exposition& out, const Context& context, const AgentStatusRecord& status ) {
    out.metric( "l2rib_sources", "gauge", "Sources that the agent knows." ).sample( status.sources );
    out.metric( "l2rib_source_ready", "gauge", "Whether a source takes part in the selection." );
+   const bool runs = agentRuns( context );
    const SourceStatusTable statuses( context.fileOf( Path::sourceStatus ),
                                      SourceStatusTable::Mode::read );
    statuses.forEach( [ & ]( const SourceStatusRecord& source ) {
-      out.sample( source.ready ? 1 : 0, { { "source", source.name.str() } } );
+      out.sample( runs && source.ready ? 1 : 0, { { "source", source.name.str() } } );
    } );
+   out.metric( "l2rib_source_running", "gauge", "Whether a process runs the source." );
+   for( const auto& [ name, source ] : context.sources().allSources() )
+      out.sample( context.sources().running( name ) ? 1 : 0, { { "source", name } } );
    out.metric( "l2rib_source_corruptions_total", "counter",
                "How often the agent read what no honest writer leaves in a source's tables." );
    statuses.forEach( [ & ]( const SourceStatusRecord& source ) {
@@ -235,6 +240,50 @@ void bridgeMetrics( Exposition& out, const Context& context ) {
          &BridgeRecord::repaired );
 }
 
+// Of l2rib-evpn; none where it never ran.
+void evpnMetrics( Exposition& out, const Context& context ) {
+   const std::optional<EvpnProgram> program = evpnProgram( context );
+   if( !program )
+      return;
+   const EvpnProgramRecord& record = program->record;
+   out.metric( "l2rib_evpn_up", "gauge", "Whether l2rib-evpn runs on these tables." )
+      .sample( program->runs ? 1 : 0 );
+   out.metric( "l2rib_evpn_in_sync", "gauge",
+               "Whether it has all that the BGP speaker and its peers tell." )
+      .sample( program->runs && record.phase == evpnComplete_ ? 1 : 0 );
+   out.metric( "l2rib_evpn_routes", "gauge", "Routes that are taken, by their type." );
+   for( size_t type = 1; type < record.taken.size(); ++type )
+      out.sample( record.taken[ type ].value(), { { "type", std::to_string( type ) } } );
+   out.metric( "l2rib_evpn_stale_routes", "gauge",
+               "Those of them that the speaker has not told again since it was lost." )
+      .sample( record.stale.value() );
+   out.metric( "l2rib_evpn_announced_routes", "gauge", "Routes that the speaker has from here." );
+   for( size_t type = 2; type < record.announced.size(); ++type )
+      out.sample( record.announced[ type ].value(), { { "type", std::to_string( type ) } } );
+   out.metric( "l2rib_evpn_unannounced_routes", "gauge",
+               "Announcements and withdrawals that the speaker has not taken yet." )
+      .sample( record.toAnnounce.value() );
+   out.metric( "l2rib_evpn_not_taken_total", "counter",
+               "Routes that were told and not taken, by reason." );
+   for( size_t reason = 1; reason < evpnReasons; ++reason )
+      out.sample( record.notTaken[ reason ].value(),
+                  { { "reason", evpnReasonNames[ reason ].label } } );
+   out.metric( "l2rib_evpn_unresolved_hosts", "gauge", "Hosts on segments that no PE announces." )
+      .sample( record.unresolved.value() );
+   out.metric( "l2rib_evpn_refused_entries", "gauge",
+               "Hosts, groups and flood members for which the source's tables have no room." )
+      .sample( record.refused.value() );
+   out.metric( "l2rib_evpn_writes_total", "counter", "Routes written to the speaker." )
+      .sample( record.writes.value() );
+   out.metric( "l2rib_evpn_writes_refused_total", "counter", "Routes that it refused." )
+      .sample( record.writesRefused.value() );
+   out.metric( "l2rib_evpn_sessions_total", "counter", "Sessions with the speaker." )
+      .sample( record.sessions.value() );
+   out.metric( "l2rib_evpn_peer_up", "gauge", "Whether a peer's session is established." );
+   for( const EvpnPeerRecord& peer : evpnPeers( context ) )
+      out.sample( peer.established, { { "peer", peer.address.str() } } );
+}
+
 int printMetrics( const Context& context ) {
    const OutputReader output( context.stateDirectory );
    requireOutput( output, context );
@@ -247,6 +296,7 @@ int printMetrics( const Context& context ) {
    sourceMetrics( out, context, status );
    outputMetrics( out, context, output );
    bridgeMetrics( out, context );
+   evpnMetrics( out, context );
    std::cout << out.text();
    return done;
 }

@@ -13,6 +13,29 @@ using Client::SourcePublisher;
 
 namespace {
 
+constexpr const char* help =
+   R"({"op":"host","mac":"02:00:00:00:00:01","vlan":10,"next":{"type":"lb","id":7}}
+{"op":"host","mac":"02:00:00:00:00:02","vlan":10,"pref":100,"seqNo":1,"entryType":1,"inline":{"value":12}}
+{"op":"host","mac":"02:00:00:00:00:03","vlan":10,"inline":{"vteps":["10.0.0.1","10.0.0.2"]}}
+{"op":"hostDel","mac":"02:00:00:00:00:01","vlan":10}
+{"op":"dest","id":1,"vxlan":{"vtep":"10.0.0.1","vni":10010}}
+{"op":"dest","id":2,"intf":{"id":12}}
+{"op":"dest","id":3,"mpls":{"intf":12,"labels":[100,200]}}
+{"op":"dest","id":4,"tunnel":{"source":"10.0.0.1","destination":"10.0.0.2","tos":0,"ttl":64}}
+{"op":"destDel","id":1}
+{"op":"lb","id":7,"nexts":[{"type":"dest","id":1},{"type":"label","id":3}]}
+{"op":"lbDel","id":7}
+{"op":"label","id":3,"label":1000,"next":{"type":"dest","id":1}}
+{"op":"labelDel","id":3}
+{"op":"flood","vlan":10,"mac":"ff:ff:ff:ff:ff:ff","type":"vxlan","dest":{"vxlan":{"vtep":"10.0.0.9","vni":10010}}}
+{"op":"floodDel","vlan":10,"mac":"ff:ff:ff:ff:ff:ff","dest":{"vxlan":{"vtep":"10.0.0.9","vni":10010}}}
+{"op":"clear"}                        empties all tables of this source
+{"op":"initialized","value":true}     the tables are complete: the source takes part
+{"op":"begin"} ... {"op":"end"}       at the end, what was not named since the beginning is deleted
+{"op":"sync"}                         answered with {"synced":N} when all before it is published
+Without them: pref 100, seqNo 0, entryType 1. Flood types: vxlan, intf, any.
+)";
+
 // What one operation does: reads all its fields first, then acts.
 using Operation = Rejection ( * )( Fields&, SourcePublisher& );
 
@@ -134,6 +157,8 @@ Json parsed( std::string_view line ) {
 }
 
 } // namespace
+
+const char* operationsHelp() { return help; }
 
 Rejection Operations::carryOut( std::string_view line ) {
    try {

@@ -9,6 +9,9 @@
 
 namespace Tools {
 
+// Each operation with its fields, an example a line: what source run --help-operations prints.
+const char* operationsHelp();
+
 // Carries out operations on a publisher. Their effects become visible to others at its flush().
 class Operations {
  public:

@@ -8,9 +8,9 @@
 // no other run's word is believed.
 #include "L2Rib/ConfigBinding.h"
 #include "L2Rib/L2RibTarn.h"
+#include "L2Rib/RestartState.h"
 #include "L2Rib/Status.h"
 #include "client/AwaitedFolder.h"
-#include "engine/RestartState.h"
 #include "tools/Commands.h"
 #include "tools/Json.h"
 #include "tools/Parked.h"
@@ -169,6 +169,14 @@ class Settling {
 int reportParked( const Context& context ) {
    const SourceNames names( context );
    const ParkedEntries parked( context );
+   if( context.json ) {
+      const std::vector<std::string> noRoom = parked.forWantOfRoom( names );
+      std::cout << text( { { "settled", noRoom.empty() },
+                           { "noRoom", noRoom },
+                           { "parked", parked.forSources( names ) } } )
+                << '\n';
+      return noRoom.empty() ? done : answerIsNo;
+   }
    for( const std::string& entry : parked.forSources( names ) )
       complain( "parked: " + entry );
    std::string missing;
@@ -189,13 +197,17 @@ void addSettle( CLI::App& app, Context& context ) {
    command->add_option( "--timeout", *timeout, "seconds" )
       ->check( CLI::Range( 0.0, 1e9 ) )
       ->capture_default_str();
+   addJsonFlag( *command, context );
+   command->footer( "Example: l2ribctl settle --timeout 10" );
    command->callback( [ &context, timeout ] {
       context.command = [ &context, timeout ] {
          if( std::isnan( *timeout ) ) // which no range shuts out
-            throw BadInput( "--timeout is nan; expected a number of seconds" );
+            throw BadInput( "--timeout nan: expected a number of seconds" );
          const std::string missing = Settling( context ).waitFor( *timeout );
          if( missing.empty() )
             return reportParked( context );
+         if( context.json )
+            std::cout << text( { { "settled", false }, { "waitingFor", missing } } ) << '\n';
          complain( "not settled in time: still waiting for " + missing );
          return answerIsNo;
       };

@@ -83,6 +83,7 @@ void addShow( CLI::App& app, Context& context ) {
    addShowStatus( *command, context );
    addShowFailed( *command, context );
    addShowBridge( *command, context );
+   addShowEvpn( *command, context );
 }
 
 } // namespace Tools

@@ -1,5 +1,5 @@
 // l2ribctl show sources, show status: who publishes, and how the agent is.
-#include "engine/RestartState.h"
+#include "L2Rib/RestartState.h"
 #include "tools/Filter.h"
 #include "tools/Parked.h"
 #include "tools/SourceTables.h"

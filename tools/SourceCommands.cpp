@@ -1,10 +1,12 @@
 // l2ribctl source: run, list, delete.
 #include "tools/Commands.h"
 #include "tools/Json.h"
+#include "tools/Operations.h"
 #include "tools/SourceRun.h"
 #include "tools/SourceTables.h"
 #include "tools/TextTable.h"
 
+#include <filesystem>
 #include <iostream>
 #include <memory>
 
@@ -74,6 +76,10 @@ Json sourceJson( const Context& context, const std::string& name,
 }
 
 int list( const Context& context ) {
+   if( !std::filesystem::is_directory( context.stateDirectory ) )
+      throw std::runtime_error( context.stateDirectory +
+                                ": there is no such state directory: start l2ribd, or say which "
+                                "--state-dir it runs on" );
    Json all = Json::array();
    for( const auto& [ name, source ] : context.sources().allSources() )
       all.push_back( sourceJson( context, name, source ) );
@@ -116,6 +122,14 @@ void addRun( CLI::App& source, Context& context ) {
    command->add_flag( "--host-only", given->options.hostOnly,
                       "hosts with inline destinations only" );
    command->add_flag( "--keep", given->keep, "leave entry and tables behind at the end" );
+   command->add_flag_callback(
+      "--help-operations",
+      [] {
+         std::cout << operationsHelp();
+         throw CLI::Success();
+      },
+      "list the operations that are read" );
+   command->footer( "Example: l2ribctl source run lab --value 0x1 < operations.jsonl" );
    command->callback( [ &context, given ] {
       context.command = [ &context, given ] {
          given->options.stateDirectory = context.stateDirectory;

@@ -7,7 +7,9 @@
 #include <cstring>
 #include <exception>
 #include <fcntl.h>
+#include <grp.h>
 #include <iostream>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Tools {
@@ -41,6 +43,20 @@ std::string commandName( const CLI::App& app ) {
              ? ""
              : chosen[ 0 ]->get_name() + ( chosen[ 0 ]->get_subcommands().empty() ? ": " : " " ) +
                   commandName( *chosen[ 0 ] );
+}
+
+// A directory that this user may not look into would read as an empty one.
+void requireAccess( const std::string& directory ) {
+   struct stat status {};
+   if( access( directory.c_str(), R_OK | X_OK ) == 0 || errno != EACCES )
+      return; // whether it must be there is the command's own question
+   std::string who;
+   if( stat( directory.c_str(), &status ) == 0 && ( status.st_mode & S_IRGRP ) ) {
+      const group* const entry = getgrgid( status.st_gid );
+      who = std::string( "; members of the group " ) +
+            ( entry ? entry->gr_name : std::to_string( status.st_gid ) ) + " may";
+   }
+   throw std::runtime_error( directory + ": you may not read it" + who );
 }
 
 // An answer that did not arrive is none: whoever put it into a file must not rely on that.
@@ -83,6 +99,12 @@ int main( int argc, char** argv ) {
       app.parse( argc, argv );
    } catch( const CLI::Success& answer ) { // --help, --version
       return app.exit( answer );
+   } catch( const CLI::ExtrasError& ) {
+      std::string words;
+      for( const std::string& word : app.remaining( true ) )
+         words += " " + word;
+      Tools::complain( "unexpected argument:" + words + " (l2ribctl --help says what there is)" );
+      return Tools::badUsage;
    } catch( const CLI::RequiredError& error ) {
       // What was given in place of it says more than what is missing.
       std::string unknown;
@@ -95,6 +117,7 @@ int main( int argc, char** argv ) {
       return Tools::badUsage;
    }
    try {
+      Tools::requireAccess( context.stateDirectory );
       return Tools::delivered( context.command() );
    } catch( const Tools::BadInput& wrong ) {
       Tools::complain( Tools::commandName( app ) + wrong.what() );

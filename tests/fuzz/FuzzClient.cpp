@@ -18,21 +18,25 @@ Published& published() {
 
 // Writes a record, or deletes what stands under a key.
 template<class Record, class Key>
-void change( Fuzz::Input& from, bool deletes, const auto& table, auto write, auto erase ) {
+void change( Fuzz::Input& from, bool deletes, auto& table, auto write, auto erase ) {
    SourcePublisher& source = published().source;
    if( deletes ) {
       const auto key = from.take<Key>();
-      if( !( source.*erase )( key ) )
+      const bool refused = ( source.*erase )( key ).has_value();
+      Published::follow( table );
+      if( !refused )
          require( !table.contains( key ), "what was deleted is gone" );
       return;
    }
    const auto record = from.take<Record>();
+   Published::follow( table );
    const uint64_t before = table.journalHead();
    if( ( source.*write )( record ) ) {
       require( table.journalHead() == before, "what is refused changes nothing" );
       return;
    }
    require( !faultIn( record ), "what is accepted is sound" );
+   Published::follow( table );
    require( table.contains( Vexil::TableView<Key, Record>::keyOf( record ) ),
             "what is accepted is there" );
 }
@@ -71,6 +75,8 @@ void operate( Fuzz::Input& from ) {
       return;
    case 12:
       source.clear();
+      Published::follow( all.hosts );
+      Published::follow( all.floods );
       require( all.hosts.count() == 0 && all.floods.count() == 0, "clear leaves nothing" );
       return;
    default:

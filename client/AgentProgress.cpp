@@ -1,13 +1,11 @@
-#include "bridge/AgentProgress.h"
+#include "client/AgentProgress.h"
 
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
 
 #include <optional>
 
-namespace Bridge {
-
-using namespace L2Rib;
+namespace L2Rib::Client {
 
 namespace {
 
@@ -51,4 +49,4 @@ uint64_t AgentProgress::takenOver( uint64_t tableId ) const {
    return source->host.cursor.value();
 }
 
-} // namespace Bridge
+} // namespace L2Rib::Client

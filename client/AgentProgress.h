@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace Bridge {
+namespace L2Rib::Client {
 
 class AgentProgress {
  public:
@@ -23,4 +23,4 @@ class AgentProgress {
    std::string source_;
 };
 
-} // namespace Bridge
+} // namespace L2Rib::Client

@@ -1,4 +1,4 @@
-#include "engine/RestartState.h"
+#include "L2Rib/RestartState.h"
 
 #include <array>
 

@@ -1,4 +1,4 @@
-#include "engine/HostRank.h"
+#include "L2Rib/HostRank.h"
 
 namespace L2Rib {
 

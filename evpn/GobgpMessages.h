@@ -1,0 +1,27 @@
+// Between the messages of GoBGP's API and our routes.
+//
+// What comes in was made by other routers, and by a BGP speaker of some version or other: nothing
+// of it is trusted to be there, or to be what it should. Nothing here throws.
+#pragma once
+
+#include "evpn/Import.h"
+
+namespace apipb {
+class Path;
+}
+
+namespace Evpn {
+
+struct ParsedPath {
+   // unreadable, type, or taken: then the route is good as far as it can be read. A withdrawn one
+   // has its key alone.
+   NotTaken reason = NotTaken::unreadable;
+   bool withdrawn = false;
+   Route route;
+};
+ParsedPath parsedPath( const apipb::Path& path );
+
+// The path that announces the route, of type 2 or 3; or, withdrawn, takes it back.
+apipb::Path pathOf( const Route& route );
+
+} // namespace Evpn
