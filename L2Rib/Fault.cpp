@@ -52,7 +52,7 @@ MaybeFault sourceFormat( Source source ) {
 MaybeFault vlanFault( Bridging::VlanId vlan ) {
    if( vlan.value() >= 1 && vlan.value() <= lastVlan )
       return {};
-   return nonsense( "vlan", "VLAN " + vlan.str() + " does not exist; right would be 1 to 4094" );
+   return nonsense( "vlan", "VLAN " + vlan.str() + " does not exist; expected 1 to 4094" );
 }
 
 MaybeFault addressFault( const char* what, const Vexil::IpGenAddr& address ) {
@@ -67,7 +67,7 @@ MaybeFault labelFault( Vexil::MplsLabel label ) {
    if( label.valid() )
       return {};
    return nonsense( "label", "label " + std::to_string( label.value() ) +
-                                " is past 20 bits; right would be 0 to 1048575" );
+                                " is past 20 bits; expected 0 to 1048575" );
 }
 
 MaybeFault inlineFormat( const CiDest& ciDest ) {
@@ -101,7 +101,7 @@ MaybeFault tunnelFault( const DestDataTunnel& tunnel ) {
    for( const auto& [ field, value ] : { std::pair( "tos", tunnel.tos ), { "ttl", tunnel.ttl } } )
       if( value > 255 )
          return nonsense( field, std::string( field ) + " " + std::to_string( value ) +
-                                    "; right would be 0 to 255" );
+                                    "; expected 0 to 255" );
    return {};
 }
 
@@ -364,29 +364,29 @@ MaybeFault faultIn( const ConfiguredHostRecord& record ) {
    if( mac == Vexil::EthAddr() || ( mac.bytes()[ 0 ] & 1 ) != 0 )
       return nonsense( "mac", "MAC address " + mac.str() + " is " +
                                  ( mac == Vexil::EthAddr() ? "zero" : "a multicast address" ) +
-                                 "; right would be a unicast address" );
+                                 "; expected a unicast address" );
    if( record.intf.value() == 0 )
       return nonsense( record.onTunnel ? "tunnel" : "interface",
                        std::string( record.onTunnel ? "tunnel" : "interface" ) +
-                          " 0 does not exist; right would be 1 or more" );
+                          " 0 does not exist; expected 1 or more" );
    if( record.onTunnel )
       return L2Rib::labelFault( record.label );
    if( record.label != Vexil::MplsLabel::none )
       return nonsense( "label", "label " + std::to_string( record.label.value() ) +
-                                   " on a plain interface; right would be a tunnel" );
+                                   " on a plain interface; expected a tunnel" );
    return {};
 }
 
 MaybeFault faultIn( const TunnelRecord& record ) {
    const L2Rib::DestDataTunnel& data = record.data;
    if( record.key == TunnelId() )
-      return nonsense( "id", "tunnel 0 does not exist; right would be 1 or more" );
+      return nonsense( "id", "tunnel 0 does not exist; expected 1 or more" );
    if( const MaybeFault fault = L2Rib::tunnelFault( data ) )
       return fault;
    if( data.destination.family() != data.source.family() )
       return nonsense( "destination", "destination " + data.destination.str() + " and source " +
                                          data.source.str() +
-                                         "; right would be two addresses of one family" );
+                                         "; expected two addresses of one family" );
    return {};
 }
 

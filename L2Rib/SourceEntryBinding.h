@@ -28,8 +28,8 @@ class SourceEntryBinding : public Vexil::Reactor<SourceEntryTable> {
  public:
    SourceEntryBinding( Vexil::EntityManager& manager, Vexil::Ptr<SourceEntryTable> table,
                        Vexil::Ptr<SourceDirEntry> entry );
-   // Copies the last word of a source whose entry has gone: who took "initialized" back before has
-   // said goodbye, also when nobody was told of it in between.
+   // Copies the last state of a source whose entry has gone: one that took "initialized" back
+   // before has withdrawn its hosts, also when that was not notified in between.
    ~SourceEntryBinding() override;
    void handleEntry( const SourceName& ) override;
 

@@ -11,7 +11,7 @@
 namespace L2Rib {
 
 // Keeps the flood sets under a source's entry in step with the source's flood table. Records that
-// no honest source writes are reported as corruption of the table and left out.
+// break the rules of Fault.h are reported as corruption of the table and left out.
 //
 //    reading --> following <--> sweeping
 //

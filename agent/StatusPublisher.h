@@ -1,5 +1,5 @@
-// Publishes what the engine has in hand, what is parked and why, and how far each source's tables
-// and the configuration have been read.
+// Publishes the agent's status and work queues, what is parked and why, and how far each source's
+// tables and the configuration have been read.
 //
 // Written at the end of an event-loop turn, after the outputs and before their doorbells: whoever
 // sees a figure here sees the output that goes with it. l2ribctl shows the figures, and its settle

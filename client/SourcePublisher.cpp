@@ -42,6 +42,8 @@ void SourcePublisher::requireUsable() const {
    const auto refuse = []( const std::string& text ) {
       throw PublishRefused( PublishRefused::unusable, text );
    };
+   if( options_.stateDirectory.empty() ) // it would be the root of the file system
+      refuse( "the state directory has no name: expected a path such as /run/l2rib" );
    const std::string& name = options_.name;
    const auto control = []( char c ) { return static_cast<unsigned char>( c ) < ' ' || c == 0x7f; };
    if( name.empty() || !SourceName::of( name ) )
@@ -53,7 +55,7 @@ void SourcePublisher::requireUsable() const {
       refuse( "a source's name neither begins with '.' nor holds '/' or control characters" );
    if( !isSingleBit( options_.value ) )
       refuse( "value " + sourceStr( options_.value ) +
-              " is no single bit: right would be 0x1, 0x2, 0x4, 0x8, 0x20 and so on" );
+              " is no single bit: expected 0x1, 0x2, 0x4, 0x8, 0x20 and so on" );
    if( options_.value == sourceStatic_ )
       refuse( "value 0x10 is that of the static configuration: choose another" );
    if( options_.hostCapacity == 0 || options_.objectCapacity == 0 || options_.floodCapacity == 0 )

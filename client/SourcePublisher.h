@@ -7,7 +7,7 @@
 //    source.initializedIs( true ); // the first copy is complete
 //    source.flush();               // once a batch, not once a host
 //
-// The agent, if one runs, takes up what is written when flush() wakes it; it may start, stop and
+// The agent, if one runs, reads what was written when flush() wakes it; it may start, stop and
 // start again at any time, and so may this process. The tables are files that outlive both.
 //
 // Life: the constructor publishes the source, first its tables, then its entry. Destruction, like a
@@ -57,7 +57,7 @@ struct SourceOptions {
    bool hostOnly = false;
 };
 
-// The source may not be published. The text says why and what would be right.
+// The source may not be published. The text says why and what was expected.
 class PublishRefused : public std::runtime_error {
  public:
    enum Kind {

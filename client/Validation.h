@@ -8,7 +8,7 @@
 
 namespace L2Rib::Client {
 
-// Why something can't be done, in one line that says what would be right; nothing when it was done.
+// Why something can't be done, in one line that says what was expected; nothing when it was done.
 using Rejection = std::optional<std::string>;
 
 // The agent takes what stands in a source's table for what the source means, and stops at an

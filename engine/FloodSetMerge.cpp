@@ -1,7 +1,7 @@
 // Flood-set merging: a destination is in the output flood set of (VLAN, MAC) exactly when a ready
 // source has it in its own.
 //
-// Changed members wait in a backlog, which is worked off on a timer in slices of at most
+// Changed members wait in a backlog, which is processed on a timer in slices of at most
 // floodReviewQuantum seconds. The backlog is a set: a burst of changes of one member costs one
 // evaluation. A member that finds no room in the output is parked, and tried again like a failed
 // host.

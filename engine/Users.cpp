@@ -91,7 +91,7 @@ void PolicySm::handleZeroRefCleanupCheck( const ObjTuple& ot ) {
    onZeroRefs( ot );
 }
 
-// After one host or object has been worked off: what it left without a user goes.
+// After one host or object has been processed: what it left without a user is deleted.
 void PolicySm::cleanUpUnused() {
    for( auto at = otForZeroRefCleanup_.begin(); at != otForZeroRefCleanup_.end(); ++at ) {
       const ObjTuple ot = at->key;
@@ -124,7 +124,7 @@ void PolicySm::onZeroRefs( const ObjTuple& ot ) {
       VEXIL_ASSERT( 0 );
    }
    if( !users_.beginCascade() )
-      return; // the outermost call works it off
+      return; // the outermost call processes it
    while( const auto release = users_.nextRelease() )
       rmUser( release->used, release->user, Util::mvpInvalid() );
    users_.endCascade();

@@ -29,7 +29,7 @@ void requireStateDirectory( const std::string& directory ) {
       char mode[ 8 ];
       std::snprintf( mode, sizeof mode, "%04o", status.st_mode & 07777u );
       refuse( std::string( "other users may write it (mode " ) + mode +
-              "); right would be 0750: chmod go-w " + directory );
+              "); expected 0750: chmod go-w " + directory );
    }
 }
 

@@ -168,7 +168,8 @@ int show( const Context& context, std::optional<uint32_t> vlan, const std::strin
 // --- how they are called
 
 std::string checkAddress( const std::string& text ) {
-   return IpGenAddr::parse( text ) ? "" : text + "; right would be such as 10.0.0.1 or 2001:db8::1";
+   return IpGenAddr::parse( text ) ? ""
+                                   : text + "; expected an address such as 10.0.0.1 or 2001:db8::1";
 }
 
 // The two arguments that name a host.

@@ -30,7 +30,7 @@ class ObjectReader {
         complaintsBefore_( complaints.size() ) {
       if( !object.value.is_object() )
          complain( object.offset,
-                   "this is " + shortText( object ) + "; right would be a " + what + ", {...}" );
+                   "this is " + shortText( object ) + "; expected a " + what + ", {...}" );
       for( const auto& member : object.members )
          checkKey( member, keys );
    }
@@ -103,7 +103,7 @@ class ObjectReader {
    }
    void wrong( const char* key, const PlacedJson& member, const std::string& right ) {
       complain( member.offset, std::string( "\"" ) + key + "\" is " + shortText( member ) +
-                                  "; right would be " + right );
+                                  "; expected " + right );
    }
    void checkKey( const PlacedJson::Member& member, std::initializer_list<const char*> keys ) {
       if( std::find( keys.begin(), keys.end(), member.key ) == keys.end() ) {
@@ -174,7 +174,7 @@ class DocumentReader {
           !tunnelPlaces_.contains( TunnelId( record.intf.value() ) ) )
          host.complain( host.placeOf( "tunnel" ),
                         "tunnel " + std::to_string( record.intf.value() ) +
-                           " is not in this document; right would be one of its \"tunnels\"" );
+                           " is not in this document; expected one of its \"tunnels\"" );
    }
 
    // Takes the record over if it is sound, or says why not. The place of its key is noted in any
@@ -189,7 +189,7 @@ class DocumentReader {
       if( sound && !isNew )
          object.complain( json.offset, name + " is already in line " +
                                           std::to_string( placeOf( text_, first->second ).line ) +
-                                          "; right would be once" );
+                                          "; expected once" );
       records.emplace( record.key, record );
    }
 

@@ -139,8 +139,8 @@ uint64_t wholeNumber( const Json& json, const std::string& what, uint64_t max ) 
    const bool whole =
       json.is_number_unsigned() || ( json.is_number_integer() && json.get<int64_t>() >= 0 );
    if( !whole || json.get<uint64_t>() > max )
-      throw BadInput( what + " is " + excerpt( json ) +
-                      "; right would be a whole number from 0 to " + std::to_string( max ) );
+      throw BadInput( what + " is " + excerpt( json ) + "; expected a whole number from 0 to " +
+                      std::to_string( max ) );
    return json.get<uint64_t>();
 }
 
@@ -149,7 +149,7 @@ Vexil::IpGenAddr addressOf( const Json& json, const std::string& what ) {
       if( const auto address = Vexil::IpGenAddr::parse( json.get_ref<const std::string&>() ) )
          return *address;
    throw BadInput( what + " is " + excerpt( json ) +
-                   "; right would be an address such as \"10.0.0.1\" or \"2001:db8::1\"" );
+                   "; expected an address such as \"10.0.0.1\" or \"2001:db8::1\"" );
 }
 
 ObjTuple nextOf( const Json& json, const std::string& what ) {
@@ -161,7 +161,7 @@ ObjTuple nextOf( const Json& json, const std::string& what ) {
       if( type == tableTypeStr( known ) )
          return ObjTuple( id, known );
    throw BadInput( what + ": \"type\" is " + excerpt( type ) +
-                   "; right would be \"lb\", \"label\" or \"dest\"" );
+                   "; expected \"lb\", \"label\" or \"dest\"" );
 }
 
 CiDest inlineFrom( const Json& json ) {
@@ -175,7 +175,7 @@ CiDest inlineFrom( const Json& json ) {
       uint32_t at = 0;
       for( const Json& vtep : fields.list( "vteps" ) ) {
          if( at > CiVtepIndex::max )
-            throw BadInput( "inline: more than 2 VTEPs; 1 or 2 would be right" );
+            throw BadInput( "inline: more than 2 VTEPs; expected 1 or 2" );
          dest.vtepIs( CiVtepIndex( at++ ), addressOf( vtep, "inline: a VTEP" ) );
       }
    }
@@ -208,19 +208,19 @@ uint64_t numberOf( const Json& json, const std::string& what ) {
    const auto read = std::from_chars( digits.data(), end, number, hexadecimal ? 16 : 10 );
    if( read.ec != std::errc() || read.ptr != end )
       throw BadInput( what + " is " + excerpt( json ) +
-                      "; right would be a whole number of 64 bits, such as 64 or \"0x40\"" );
+                      "; expected a whole number of 64 bits, such as 64 or \"0x40\"" );
    return number;
 }
 
 Fields::Fields( const Json& object, std::string what )
    : object_( object ), what_( std::move( what ) ) {
    if( !object.is_object() )
-      throw BadInput( what_ + " is " + excerpt( object ) + "; right would be an object, {...}" );
+      throw BadInput( what_ + " is " + excerpt( object ) + "; expected an object, {...}" );
 }
 
 void Fields::wrong( const char* key, const std::string& expected ) const {
-   throw BadInput( what_ + ": \"" + key + "\" is " + excerpt( object_.at( key ) ) +
-                   "; right would be " + expected );
+   throw BadInput( what_ + ": \"" + key + "\" is " + excerpt( object_.at( key ) ) + "; expected " +
+                   expected );
 }
 
 const Json& Fields::any( const char* key ) {
@@ -290,8 +290,8 @@ Host hostFrom( Fields& fields ) {
    host.entryTypeIs( static_cast<EntryType>( fields.number32( "entryType", 1 ) ) );
    if( fields.has( "next" ) == fields.has( "inline" ) )
       throw BadInput( fields.has( "next" )
-                         ? "host: both \"next\" and \"inline\"; one of the two would be right"
-                         : "host: neither \"next\" nor \"inline\"; one of the two would be right" );
+                         ? "host: both \"next\" and \"inline\"; expected one of the two"
+                         : "host: neither \"next\" nor \"inline\"; expected one of the two" );
    if( fields.has( "next" ) )
       host.nextIs( nextOf( fields.any( "next" ), "next" ) );
    else
@@ -329,7 +329,7 @@ LoadBalance lbFrom( Fields& fields ) {
    uint32_t at = 0;
    for( const Json& next : fields.list( "nexts" ) ) {
       if( at > EcmpIndex::max )
-         throw BadInput( "lb: more than 16 nexts; 1 to 16 would be right" );
+         throw BadInput( "lb: more than 16 nexts; expected 1 to 16" );
       lb.nextIs( EcmpIndex( at++ ), nextOf( next, "nexts" ) );
    }
    return lb;

@@ -93,7 +93,7 @@ const std::map<std::string, Operation, std::less<>>& operations() {
            const auto parsed = floodSetTypeParse( type );
            if( !parsed )
               throw BadInput( "flood: \"type\" is " + excerpt( type ) +
-                              "; right would be \"vxlan\", \"intf\" or \"any\"" );
+                              "; expected \"vxlan\", \"intf\" or \"any\"" );
            return closed( fields, FloodMember{ floodTripleFrom( fields ), *parsed },
                           [ & ]( const FloodMember& member ) { return source.floodIs( member ); } );
         } },
@@ -146,12 +146,12 @@ Json parsed( std::string_view line ) {
    // The parser takes it for the end, and what stands behind it would be lost without a word.
    if( const size_t nul = line.find( '\0' ); nul != line.npos )
       throw BadInput( "a zero byte at character " + std::to_string( nul + 1 ) +
-                      "; right would be one object a line, such as {\"op\":\"sync\"}" );
+                      "; expected one object a line, such as {\"op\":\"sync\"}" );
    return Json::parse( line, []( int depth, Event event, const Json& ) {
       if( static_cast<size_t>( depth ) >= deepestNesting &&
           ( event == Event::object_start || event == Event::array_start ) )
          throw BadInput( "nested deeper than " + std::to_string( deepestNesting ) +
-                         " levels; right would be one object a line, such as {\"op\":\"sync\"}" );
+                         " levels; expected one object a line, such as {\"op\":\"sync\"}" );
       return true;
    } );
 }
@@ -174,16 +174,16 @@ Rejection Operations::carryOut( std::string_view line ) {
       }
       const auto operation = operations().find( name );
       if( operation == operations().end() )
-         return "unknown op " + excerpt( name ) + "; right would be one of " + operationNames();
+         return "unknown op " + excerpt( name ) + "; expected one of " + operationNames();
       const Rejection bad = operation->second( fields, source_ );
       if( !bad )
          ++done_;
       return bad ? name + ": " + *bad : bad;
    } catch( const Json::parse_error& error ) {
       return "not valid JSON at character " + std::to_string( error.byte ) +
-             "; right would be one object a line, such as {\"op\":\"sync\"}";
+             "; expected one object a line, such as {\"op\":\"sync\"}";
    } catch( const Json::out_of_range& ) {
-      return "a number that is too large; right would be whole numbers of 64 bits at the most";
+      return "a number that is too large; expected whole numbers of 64 bits at the most";
    } catch( const Json::exception& error ) {
       return std::string( "JSON that can't be read: " ) + error.what();
    } catch( const BadInput& error ) {

@@ -1,4 +1,4 @@
-// l2ribctl settle: waits until the agent has worked off what was published before the call.
+// l2ribctl settle: waits until the agent has processed what was published before the call.
 //
 // For each table of each source, and of the configuration, the head of its journal is noted at the
 // start. The agent tells in its status tables how far it has read each file, and how long its work
@@ -192,7 +192,7 @@ int reportParked( const Context& context ) {
 
 void addSettle( CLI::App& app, Context& context ) {
    CLI::App* const command =
-      app.add_subcommand( "settle", "wait until the agent has worked off what was published" );
+      app.add_subcommand( "settle", "wait until the agent has processed what was published" );
    const auto timeout = std::make_shared<double>( 30 );
    command->add_option( "--timeout", *timeout, "seconds" )
       ->check( CLI::Range( 0.0, 1e9 ) )

@@ -23,8 +23,7 @@ int run( SourceOptions options, const std::string& value, bool keep ) {
    try {
       const uint64_t number = numberOf( Json( value ), "--value" );
       if( number > UINT32_MAX )
-         throw BadInput( "value " + value +
-                         " is no single bit of 32: right would be 0x1 to 0x80000000" );
+         throw BadInput( "value " + value + " is no single bit of 32: expected 0x1 to 0x80000000" );
       options.value = static_cast<Source>( number );
       return runSource( options, keep );
    } catch( const BadInput& error ) {

@@ -54,7 +54,7 @@ class LineReader {
    void endLine() {
       ++number_;
       if( tooLong_ )
-         reject( "longer than 1 MiB; right would be one operation a line" );
+         reject( "longer than 1 MiB; expected one operation a line" );
       else if( line_.find_first_not_of( " \t\r" ) != line_.npos )
          if( const auto bad = operations_.carryOut( line_ ) )
             reject( *bad );
