@@ -6,10 +6,10 @@
 // comparing with a whole dump, which is read in steps between turns.
 #pragma once
 
-#include "client/AgentProgress.h"
 #include "bridge/Learner.h"
 #include "bridge/NetlinkKernel.h"
 #include "bridge/StatusTables.h"
+#include "client/AgentProgress.h"
 #include "client/OutputReader.h"
 #include "runtime/Agent.h"
 
