@@ -2,6 +2,7 @@
 
 #include "capability.pb.h"
 #include "evpn/GobgpMessages.h"
+#include "evpn/StatusTables.h"
 #include "gobgp.grpc.pb.h"
 #include "gobgp.pb.h"
 
@@ -31,11 +32,6 @@ constexpr size_t changesInEvent = 1000;
 constexpr size_t eventsQueued = 64;
 constexpr int pathsInMessage = 500;
 constexpr uint32_t restartState = 0x8; // of a capability's flags (RFC 4724, section 3)
-
-double wallClock() {
-   return std::chrono::duration<double>( std::chrono::system_clock::now().time_since_epoch() )
-      .count();
-}
 
 std::shared_ptr<grpc::Channel> channelTo( const std::string& address ) {
    grpc::ChannelArguments arguments;

@@ -1,6 +1,7 @@
 // l2ribctl show bridge: what l2rib-bridge programs, and what it can't.
 #include "tools/Bridge.h"
 
+#include "tools/StatusRecords.h"
 #include "tools/TextTable.h"
 
 #include <algorithm>
@@ -14,24 +15,6 @@ using Bridging::MacVlanPair;
 
 namespace {
 
-// The records of one of its tables, by key; none when it is not there.
-template<class Table, class Key, class Record>
-std::vector<Record> recordsOf( const Context& context, const char* path ) {
-   std::vector<Record> all;
-   try {
-      Table( context.fileOf( path ), Table::Mode::read ).forEach( [ & ]( const Record& record ) {
-         all.push_back( record );
-      } );
-   } catch( const Vexil::TableError& failure ) {
-      if( failure.kind() != Vexil::TableError::absent )
-         throw;
-   }
-   std::sort( all.begin(), all.end(), []( const Record& a, const Record& b ) {
-      return Vexil::TableView<Key, Record>::keyOf( a ) < Vexil::TableView<Key, Record>::keyOf( b );
-   } );
-   return all;
-}
-
 template<class Table, class Key>
 auto recordIn( const Context& context, const char* path, const Key& key ) {
    return Table( context.fileOf( path ), Table::Mode::read ).get( key );
@@ -39,7 +22,7 @@ auto recordIn( const Context& context, const char* path, const Key& key ) {
 
 Json textOrNull( const std::string& text ) { return text.empty() ? Json() : Json( text ); }
 
-Json toJson( const BridgeRecord& row ) {
+Json bridgeJson( const BridgeRecord& row ) {
    const bool complete = !row.device.view().empty();
    return { { "vlan", row.vlan.value() },
             { "bridge", row.bridge.str() },
@@ -60,11 +43,11 @@ const char* kindName( BridgeRefusedKind kind ) {
                                             : "host";
 }
 
-Json toJson( const BridgeRefusedRecord& row ) {
+Json refusedJson( const BridgeRefusedRecord& row ) {
    Json json = { { "kind", kindName( row.key.kind ) } };
-   json.update( Tools::toJson( row.key.host ) );
+   json.update( toJson( row.key.host ) );
    if( row.key.kind == bridgeRefusedFlood_ )
-      json[ "dest" ] = Tools::toJson( row.dest );
+      json[ "dest" ] = toJson( row.dest );
    json[ "reason" ] = row.reason.str();
    json[ "since" ] = row.since.value();
    json[ "tries" ] = row.tries;
@@ -128,10 +111,10 @@ int showBridge( const Context& context ) {
                    { "bridges", Json::array() },
                    { "refused", Json::array() } };
    for( const BridgeRecord& row : bridgeRecords( context ) )
-      answer[ "bridges" ].push_back( toJson( row ) );
+      answer[ "bridges" ].push_back( bridgeJson( row ) );
    for( const auto& row : recordsOf<BridgeRefusedTable, BridgeRefusedKey, BridgeRefusedRecord>(
            context, Path::bridgeRefused ) )
-      answer[ "refused" ].push_back( toJson( row ) );
+      answer[ "refused" ].push_back( refusedJson( row ) );
    if( context.json )
       std::cout << text( answer ) << '\n';
    else

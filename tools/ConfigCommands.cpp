@@ -96,7 +96,7 @@ std::optional<std::string> contentOf( const std::string& name ) {
    std::string content;
    std::vector<char> block( 256 * 1024 );
    ssize_t got;
-   while( ( got = read( fd, block.data(), block.size() ) ) > 0 )
+   while( ( got = ::read( fd, block.data(), block.size() ) ) > 0 )
       content.append( block.data(), static_cast<size_t>( got ) );
    const int error = errno;
    if( fd != STDIN_FILENO )

@@ -1,6 +1,7 @@
 // l2ribctl show evpn: the BGP speaker and its peers, routes taken, not taken and why, announced.
 #include "tools/Evpn.h"
 
+#include "tools/StatusRecords.h"
 #include "tools/TextTable.h"
 
 #include <algorithm>
@@ -11,23 +12,6 @@ namespace Tools {
 using namespace L2Rib;
 
 namespace {
-
-template<class Table, class Key, class Record>
-std::vector<Record> recordsOf( const Context& context, const char* path ) {
-   std::vector<Record> all;
-   try {
-      Table( context.fileOf( path ), Table::Mode::read ).forEach( [ & ]( const Record& record ) {
-         all.push_back( record );
-      } );
-   } catch( const Vexil::TableError& failure ) {
-      if( failure.kind() != Vexil::TableError::absent )
-         throw;
-   }
-   std::sort( all.begin(), all.end(), []( const Record& a, const Record& b ) {
-      return Vexil::TableView<Key, Record>::keyOf( a ) < Vexil::TableView<Key, Record>::keyOf( b );
-   } );
-   return all;
-}
 
 std::string phaseText( const EvpnProgramRecord& record ) {
    return Vexil::enumText( static_cast<EvpnPhase>( record.phase ) );

@@ -140,8 +140,8 @@ RankRule ruleBetween( const Candidate& candidate, const Candidate& winner ) {
 
 // --- for programs
 
-Json toJson( const Answer& answer, const Context& context, const OutputReader& output ) {
-   Json json = Tools::toJson( answer.key );
+Json answerJson( const Answer& answer, const Context& context, const OutputReader& output ) {
+   Json json = toJson( answer.key );
    json[ "candidates" ] = Json::array();
    const Candidate* const winner = answer.winner;
    for( const Candidate& candidate : answer.candidates ) {
@@ -152,15 +152,14 @@ Json toJson( const Answer& answer, const Context& context, const OutputReader& o
       json[ "candidates" ].push_back( { { "sourceName", candidate.name },
                                         { "source", sourceStr( candidate.source ) },
                                         { "ready", candidate.ready },
-                                        { "host", Tools::toJson( candidate.host ) },
+                                        { "host", toJson( candidate.host ) },
                                         { "beats", beats } } );
    }
    json[ "winner" ] = winner ? Json( winner->name ) : Json();
-   json[ "parked" ] =
-      answer.parked ? Tools::toJson( *answer.parked, SourceNames( context ) ) : Json();
+   json[ "parked" ] = answer.parked ? toJson( *answer.parked, SourceNames( context ) ) : Json();
    json[ "path" ] = Json::array();
    if( winner && winner->host.next() == Util::objTupleInvalid() )
-      json[ "path" ].push_back( { { "inline", Tools::toJson( winner->host.ciDest() ) } } );
+      json[ "path" ].push_back( { { "inline", toJson( winner->host.ciDest() ) } } );
    else if( winner && answer.held )
       json[ "path" ] = pathFrom( output, answer.row->next() );
    json[ "kernel" ] = answer.kernel;
@@ -296,7 +295,7 @@ int explain( const Context& context, const MacVlanPair& key ) {
    answer.winner = best( answer.candidates );
    answer.held = answer.winner && answer.row && holds( *answer.row, *answer.winner );
    if( context.json )
-      std::cout << text( toJson( answer, context, output ) ) << '\n';
+      std::cout << text( answerJson( answer, context, output ) ) << '\n';
    else
       printForPeople( answer, context, output );
    return answer.winner ? done : answerIsNo;

@@ -90,7 +90,7 @@ bool readInput( const std::function<void( std::string_view )>& take ) {
       loop.signalIs( signal, [ & ] { ended = true; } );
    std::vector<char> block( 256 * 1024 );
    const auto readBlock = [ & ] {
-      const ssize_t got = read( STDIN_FILENO, block.data(), block.size() );
+      const ssize_t got = ::read( STDIN_FILENO, block.data(), block.size() );
       if( got < 0 && ( errno == EINTR || errno == EAGAIN ) )
          return;
       if( got < 0 ) {
@@ -121,7 +121,7 @@ int runSource( const L2Rib::Client::SourceOptions& options, bool keep ) {
    Operations operations( source, []( uint64_t count ) {
       // Not through std::cout: an answer that nobody listens to is no failure.
       const std::string answer = "{\"synced\":" + std::to_string( count ) + "}\n";
-      [[maybe_unused]] const ssize_t wrote = write( STDOUT_FILENO, answer.data(), answer.size() );
+      [[maybe_unused]] const ssize_t wrote = ::write( STDOUT_FILENO, answer.data(), answer.size() );
    } );
    LineReader lines( operations );
    const bool readable = readInput( [ & ]( std::string_view block ) {

@@ -20,7 +20,7 @@ using Client::OutputReader;
 
 namespace {
 
-struct Asked {
+struct Watched {
    std::vector<std::string> tables;
    RowFilter filter;
    bool noDump = false;
@@ -38,7 +38,7 @@ double wallClock() {
 
 class Watch {
  public:
-   Watch( const Context& context, const Asked& asked )
+   Watch( const Context& context, const Watched& asked )
       : context_( context ), asked_( asked ), output_( context.stateDirectory ),
         lookForAgent_( loop_.clock(), [ this ] { lookForAgent(); } ) {
       if( asked_.wants( "hosts" ) )
@@ -243,7 +243,7 @@ class Watch {
    }
 
    const Context& context_;
-   const Asked& asked_;
+   const Watched& asked_;
    Vexil::ActivityManager loop_;
    OutputReader output_;
    bool inSync_ = false;
@@ -262,7 +262,7 @@ class Watch {
 
 void addWatch( CLI::App& app, Context& context ) {
    const std::vector<std::string> all{ "hosts", "dests", "groups", "labels", "flood" };
-   const auto asked = std::make_shared<Asked>();
+   const auto asked = std::make_shared<Watched>();
    CLI::App* const command =
       app.add_subcommand( "watch", "each change of the output, until SIGINT" );
    command
