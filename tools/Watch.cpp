@@ -41,6 +41,8 @@ class Watch {
    Watch( const Context& context, const Watched& asked )
       : context_( context ), asked_( asked ), output_( context.stateDirectory ),
         lookForAgent_( loop_.clock(), [ this ] { lookForAgent(); } ) {
+      if( context_.json ) // whose lines are rows, and whose readers know no others
+         lookForAgent_.timeMinIs( Vexil::never );
       if( asked_.wants( "hosts" ) )
          output_.hosts.follow( [ this ]( const MacVlanPair& key, const HostAndSource* row ) {
             hostChanged( key, row );
@@ -219,11 +221,8 @@ class Watch {
    void lookForAgent() {
       const bool runs = agentRuns( context_ );
       if( agentRuns_ && *agentRuns_ != runs ) {
-         if( context_.json )
-            print( text( { { "event", runs ? "agentRunning" : "agentStopped" } } ) );
-         else
-            print( clockTextWithMilliseconds( wallClock() ) +
-                   ( runs ? "  agent running" : "  agent stopped" ) );
+         print( clockTextWithMilliseconds( wallClock() ) +
+                ( runs ? "  agent running" : "  agent stopped" ) );
          std::cout.flush();
       }
       agentRuns_ = runs;
