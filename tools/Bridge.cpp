@@ -202,7 +202,9 @@ std::string kernelText( const Json& kernel ) {
       return line + ": nothing was given for it";
    }
    return line + ", programmed " +
-          ageText( std::time( nullptr ) - kernel[ "since" ].get<double>() ) + " ago";
+          ageText( std::max( 0.0, static_cast<double>( std::time( nullptr ) ) -
+                                     kernel[ "since" ].get<double>() ) ) +
+          " ago";
 }
 
 void addShowBridge( CLI::App& showing, Context& context ) {
