@@ -74,7 +74,6 @@ std::string fromText( const ObjTupleAndSource& input, const SourceNames& names )
 std::string pathsText( const LoadBalance& group, Vias& vias ) {
    std::vector<std::string> paths;
    for( const ObjTuple& next : group.used() ) {
-      const std::string kind = next.tableType() == tableTypeLoadBalance_ ? "group" : next.str();
       paths.push_back( next.tableType() == tableTypeDest_
                           ? "dest " + next.objId().str() + " " + vias.brief( next )
                        : next.tableType() == tableTypeLoadBalance_ ? "group " + next.objId().str()
