@@ -136,4 +136,18 @@ class Namespace {
    if( geteuid() != 0 )                                                                            \
    GTEST_SKIP() << "network namespaces need root"
 
+// Ends a ping that was to run without a loss: of all its frames, only the one under way may be
+// without an answer.
+inline void endWithoutLoss( ProcessSupport::Program& ping ) {
+   ping.signal( SIGINT );
+   ping.status();
+   unsigned sent = 0, answered = 0;
+   const std::string last = ping.out().substr( ping.out().find( "---" ) );
+   ASSERT_EQ(
+      std::sscanf( last.c_str(), "%*[^\n]\n%u packets transmitted, %u received", &sent, &answered ),
+      2 )
+      << ping.out();
+   EXPECT_LE( sent - answered, 1u ) << "none but the one under way: " << last;
+}
+
 } // namespace NetworkSupport
