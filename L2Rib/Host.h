@@ -163,6 +163,7 @@ class HostAndSource {
    const Bridging::MacVlanPair& key() const { return key_; }
    const Host& host() const { return host_; }
    const ObjTuple& next() const { return host_.next(); }
+   void nextIs( const ObjTuple& next ) { host_.nextIs( next ); }
    Source source() const { return source_; }
 
    // The host's text, then " from 0x40"; before it the row's key where it is another one.

@@ -44,7 +44,9 @@ class alignas( 4 ) EthAddr {
    // "02:00:00:00:00:01", in lower case.
    std::string str() const;
 
-   friend constexpr bool operator==( EthAddr a, EthAddr b ) { return a.number() == b.number(); }
+   friend constexpr bool operator==( EthAddr a, EthAddr b ) {
+      return ( std::bit_cast<uint64_t>( a ) ^ std::bit_cast<uint64_t>( b ) ) << 16 == 0;
+   }
    friend constexpr std::strong_ordering operator<=>( EthAddr a, EthAddr b ) {
       return a.number() <=> b.number();
    }

@@ -74,40 +74,35 @@ bool PolicySm::sourceValid( const HostAndSource& row ) {
    }
 }
 
-void PolicySm::prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const {
-   const uint64_t hash = mvp.hash();
-   for( const PolicySourceSm* sm : sourceOrder_ )
-      if( const HostInput* const table = sm->hostTable(); table && sm->ready() )
-         table->prefetchIndex( hash );
-   output_.host->prefetchIndex( hash );
-}
-
-void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) const {
-   users_.prefetchMvpUser( mvp );
-   const uint64_t hash = mvp.hash();
-   for( const PolicySourceSm* sm : sourceOrder_ )
-      if( const HostInput* const table = sm->hostTable(); table && sm->ready() )
-         table->prefetchRecord( hash );
-   output_.host->prefetchRecord( hash );
+void PolicySm::prefetchHost( const Bridging::MacVlanPair& mvp ) {
+   HostsAhead::Places& places = hostsAhead_.comingIs( mvp );
+   const uint64_t hash = places.hash;
+   users_.prefetchMvpUser( hash );
+   for( size_t number = 0; number < sourceOrder_.size(); ++number ) {
+      const PolicySourceSm& sm = *sourceOrder_[ number ];
+      if( sm.ready() && sm.hostTable() )
+         places.sourceIs( number, sm.hostTable()->prefetchRecord( hash ) );
+   }
+   places.output = output_.host->prefetchRecord( hash );
 }
 
 // No source has the host any more: its row, if there is one, goes.
-void PolicySm::withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow ) {
+void PolicySm::withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource* oldRow ) {
    TRACE( 0, "processHost host " << mvpStr( mvp ) << " not found." );
-   if( oldRow.key() != mvp ) {
+   if( !oldRow ) {
       TRACE( 1, "processHost host " << mvpStr( mvp ) << " wasn't present before, nothing to do!" );
       return;
    }
    TRACE( 0, "processHost removing from output." );
    output_.host->hostDel( mvp );
-   if( oldRow.next() != Util::objTupleInvalid() )
-      rmUser( oldRow.next(), Util::objTupleInvalid(), mvp );
+   if( oldRow->next() != Util::objTupleInvalid() )
+      rmUser( oldRow->next(), Util::objTupleInvalid(), mvp );
 }
 
-// Brings the winner's object into the output and makes outHost, and the host as its user, point
+// Brings the winner's object into the output and makes newRow, and the host as its user, point
 // there. False when it can't be: the host is parked.
 bool PolicySm::programNext( const Bridging::MacVlanPair& mvp, const ObjTupleAndSource& otas,
-                            const ObjTuple& oldNext, Host& outHost ) {
+                            const ObjTuple& oldNext, HostAndSource& newRow ) {
    const bool ok = processOtas( otas, true );
    const ObjTuple newOutOt = outputObjTuple( otas );
    if( !ok || newOutOt == Util::objTupleInvalid() ) {
@@ -116,7 +111,7 @@ bool PolicySm::programNext( const Bridging::MacVlanPair& mvp, const ObjTupleAndS
       return false;
    }
    VEXIL_ASSERT( newOutOt != Util::objTupleInvalid() );
-   outHost.nextIs( newOutOt );
+   newRow.nextIs( newOutOt );
    if( oldNext != newOutOt )
       addUser( newOutOt, Util::objTupleInvalid(), mvp );
    return true;
@@ -124,17 +119,18 @@ bool PolicySm::programNext( const Bridging::MacVlanPair& mvp, const ObjTupleAndS
 
 bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
    TRACE( 0, __PRETTY_FUNCTION__ << " " << mvpStr( mvp ) );
+   const HostsAhead::Places& places = hostsAhead_.placesOf( mvp );
    // The best of what the ready sources hold now.
-   const uint64_t hash = mvp.hash(); // once for all tables
-   Host candidate[ 2 ];              // the best so far, and the one that is looked at
-   Host* best = nullptr;
-   Host* next = &candidate[ 0 ];
+   Vexil::Unfilled<Host> candidate[ 2 ]; // the best so far, and the one that is looked at
+   const Host* best = nullptr;
+   Host* next = &candidate[ 0 ].record;
    const PolicySourceSm* bestHostSource = nullptr;
-   for( const PolicySourceSm* sm : sourceOrder_ ) {
+   for( size_t number = 0; number < sourceOrder_.size(); ++number ) {
+      const PolicySourceSm* const sm = sourceOrder_[ number ];
       if( !sm->ready() )
          continue;
       const Host& h = *next;
-      if( !sm->host( mvp, hash, *next ) ) {
+      if( !sm->host( mvp, places.hash, places.source( number ), *next ) ) {
          TRACE( 1, "processHost Did not find host " << mvpStr( mvp ) << " in source "
                                                     << sm->sourceEnum() );
          continue;
@@ -144,60 +140,59 @@ bool PolicySm::processHost( const Bridging::MacVlanPair& mvp ) {
                                           << ", value is " << h );
       if( !best || hostIsBetter( h, sm->sourceEnum(), *best, bestHostSource->sourceEnum() ) ) {
          best = next;
-         next = &candidate[ best == &candidate[ 0 ] ];
+         next = &candidate[ best == &candidate[ 0 ].record ].record;
          bestHostSource = sm;
          TRACE( 2, "processHost candidate best host is " << *best );
       }
    }
 
    TRACE( 1, "processHost Looking up " << mvpStr( mvp ) << " in output." );
-   HostAndSource oldRow;
-   if( !output_.host->get( mvp, hash, oldRow ) )
-      oldRow = HostAndSource();
-   TRACE( 1, "processHost got " << oldRow );
+   Vexil::Unfilled<HostAndSource> found;
+   const HostAndSource* const oldRow =
+      output_.host->get( mvp, places.hash, places.output, found.record ) ? &found.record : nullptr;
+   TRACE( 1, "processHost got " << ( oldRow ? *oldRow : HostAndSource() ) );
    if( !best ) {
       withdrawHost( mvp, oldRow );
       return true;
    }
    VEXIL_ASSERT( bestHostSource );
-   return programHost( *best, bestHostSource->sourceEnum(), oldRow, hash );
+   return programHost( *best, bestHostSource->sourceEnum(), oldRow, places );
 }
 
-// Brings the host, which has won, into the output in place of its old row. False when it can't be:
-// the output is as it was, and the host parked.
-bool PolicySm::programHost( const Host& bestHost, Source source, const HostAndSource& oldRow,
-                            uint64_t hash ) {
-   const Bridging::MacVlanPair mvp = bestHost.key();
+// Brings the host, which has won, into the output in place of its old row, null when it has none.
+// False when it can't be: the output is as it was, and the host parked.
+bool PolicySm::programHost( const Host& bestHost, Source source, const HostAndSource* oldRow,
+                            const HostsAhead::Places& places ) {
+   const Bridging::MacVlanPair& mvp = places.mvp;
    obstructed_ = source;
    // Before any object is touched: a host that has no room leaves its objects alone.
-   if( oldRow.key() != mvp &&
+   if( !oldRow &&
        !hasRoom( output_.host->makeRoom( hostList().size() ), outputTableHost_, *output_.host ) ) {
       TRACE( 8, "processHost no room in output for " << mvpStr( mvp ) );
       foundFailedHost( mvp );
       return false;
    }
-   const ObjTuple oldNext = oldRow.next(); // invalid when there was no row
-   Host outHost = bestHost;
+   const ObjTuple oldNext = oldRow ? oldRow->next() : Util::objTupleInvalid();
+   HostAndSource newRow( mvp, bestHost, source );
    if( bestHost.next() != Util::objTupleInvalid() &&
-       !programNext( mvp, ObjTupleAndSource( bestHost.next(), source ), oldNext, outHost ) )
+       !programNext( mvp, ObjTupleAndSource( bestHost.next(), source ), oldNext, newRow ) )
       return false;
 
-   const HostAndSource newRow( mvp, outHost, source );
-   if( newRow == oldRow ) {
+   if( oldRow && newRow == *oldRow ) {
       TRACE( 1, "processHost host " << mvpStr( mvp )
                                     << " found, but was already up-to-date in table.  Done!" );
       return true;
    }
    TRACE( 1, "processHost pushing " << newRow << " into output" );
-   if( !output_.host->set( newRow, hash ) ) { // the file takes nothing any more
+   if( !output_.host->set( newRow, places.hash, places.output ) ) { // the file takes nothing more
       TRACE( 8, "processHost no room in output for " << mvpStr( mvp ) );
       obstacle_ = noRoom( outputTableHost_, Vexil::Room::noMemory, output_.host->capacity() );
-      if( outHost.next() != oldNext && outHost.next() != Util::objTupleInvalid() )
-         rmUser( outHost.next(), Util::objTupleInvalid(), mvp );
+      if( newRow.next() != oldNext && newRow.next() != Util::objTupleInvalid() )
+         rmUser( newRow.next(), Util::objTupleInvalid(), mvp );
       foundFailedHost( mvp );
       return false;
    }
-   if( oldNext != Util::objTupleInvalid() && oldNext != outHost.next() )
+   if( oldNext != Util::objTupleInvalid() && oldNext != newRow.next() )
       rmUser( oldNext, Util::objTupleInvalid(), mvp );
    return true;
 }

@@ -25,6 +25,7 @@
 #include "L2Rib/RestartState.h"
 #include "L2Rib/SourceDir.h"
 #include "engine/Awaited.h"
+#include "engine/HostsAhead.h"
 #include "engine/L2RibPolicySourceSm.h"
 #include "engine/ObjectDepths.h"
 #include "engine/ObjectMemo.h"
@@ -255,14 +256,13 @@ class PolicySm : public Vexil::Entity {
       unsigned deepest = 0;
    };
 
-   void withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource& oldRow );
-   bool programHost( const Host& bestHost, Source source, const HostAndSource& oldRow,
-                     uint64_t hash );
+   void withdrawHost( const Bridging::MacVlanPair& mvp, const HostAndSource* oldRow );
+   bool programHost( const Host& bestHost, Source source, const HostAndSource* oldRow,
+                     const HostsAhead::Places& places );
    bool programNext( const Bridging::MacVlanPair& mvp, const ObjTupleAndSource& otas,
-                     const ObjTuple& oldNext, Host& outHost );
-   // What a host that is soon to be decided will need: first the index words, then the records.
-   void prefetchHostIndex( const Bridging::MacVlanPair& mvp ) const;
-   void prefetchHost( const Bridging::MacVlanPair& mvp ) const;
+                     const ObjTuple& oldNext, HostAndSource& newRow );
+   // For a host that is soon to be decided: enters it in hostsAhead_.
+   void prefetchHost( const Bridging::MacVlanPair& mvp );
 
    void processDest( const ObjTupleAndSource& otas, bool forceCreate );
    bool processLb( const ObjTupleAndSource& otas, bool forceCreate );
@@ -316,6 +316,7 @@ class PolicySm : public Vexil::Entity {
    Ptr<const AgentSourceDir> agentSourceDir_;
    Tables output_;
    std::map<TableType, Ptr<ObjTupleManager>> tupleManager_;
+   HostsAhead hostsAhead_;
    OutputUsers users_;
    ObjectMemo memo_;
    ObjectDepths depths_{ output_, users_ };

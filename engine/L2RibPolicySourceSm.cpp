@@ -251,9 +251,10 @@ PolicySourceSm::ObjectVersion PolicySourceSm::objectVersion() const {
             destTable_->changesTold() + lbTable_->changesTold() + labelTable_->changesTold() };
 }
 
-bool PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash, Host& found ) const {
+bool PolicySourceSm::host( const Bridging::MacVlanPair& mvp, uint64_t hash, uint32_t slot,
+                           Host& found ) const {
    VEXIL_ASSERT( hostTable_ );
-   return hostTable_->get( mvp, hash, found );
+   return hostTable_->get( mvp, hash, slot, found );
 }
 
 void PolicySourceSm::handleHost( const Bridging::MacVlanPair& mvp ) {

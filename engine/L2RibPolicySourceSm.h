@@ -44,9 +44,9 @@ class PolicySourceSm : public Vexil::Entity {
    const LabelTable* labelTable() const { return labelTable_.get(); }
    const DestTable* destTable() const { return destTable_.get(); }
 
-   // Copies the source's host for mvp, whose hash is given; false when it has none. The state
-   // machine is ready.
-   bool host( const Bridging::MacVlanPair& mvp, uint64_t hash, Host& found ) const;
+   // Copies the source's host for mvp; false when it has none. Its hash, and the slot that
+   // prefetchRecord() told, are given. The state machine is ready.
+   bool host( const Bridging::MacVlanPair& mvp, uint64_t hash, uint32_t slot, Host& found ) const;
 
    // What the object points to as the source has it now; nothing when it has no such object.
    std::vector<ObjTuple> nextsOf( const ObjTuple& ot ) const;

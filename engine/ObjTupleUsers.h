@@ -27,8 +27,8 @@ class ObjTupleUsers : public Vexil::Entity {
    bool empty() const { return otUser().empty() && mvpUser().empty(); }
    size_t size() const { return otUser().size() + mvpUser().size(); }
 
-   // Brings the place of a host that may soon be entered nearer to the processor.
-   void prefetchMvpUser( const Bridging::MacVlanPair& mvp ) const { mvpUser().prefetch( mvp ); }
+   // Brings the place of a host that may soon be entered, given its hash, nearer to the processor.
+   void prefetchMvpUser( uint64_t hash ) const { mvpUser().prefetchHash( hash ); }
 
    VEXIL_KEY_SET( ObjTuple, otUser )
    VEXIL_KEY_SET( Bridging::MacVlanPair, mvpUser )

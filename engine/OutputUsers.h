@@ -83,10 +83,10 @@ class OutputUsers {
    uint64_t relations() const { return relations_; }
 
    // Hosts that are decided one after the other often lead to one object: brings the place of one
-   // that may soon be its user nearer to the processor. A guess that costs little.
-   void prefetchMvpUser( const Bridging::MacVlanPair& mvp ) const {
+   // that may soon be its user nearer to the processor, given its hash. A guess that costs little.
+   void prefetchMvpUser( uint64_t hash ) const {
       if( lastUsedByHost_ )
-         lastUsedByHost_->prefetchMvpUser( mvp );
+         lastUsedByHost_->prefetchMvpUser( hash );
    }
 
    // --- the cascade ---------------------------------------------------------------------------

@@ -173,6 +173,7 @@ void PolicySm::handleInitialSyncTimer() {
 // Decides the found hosts anew. True when all have been and the slice has time left.
 bool PolicySm::scanHosts( Seconds end ) {
    TRACE( 0, "handleInitialSyncTimer running host initial sync" );
+   hostsAhead_.clear();
    const auto hosts = walkSlice(
       hostForInitialSync(), hostForInitialSyncBookmark(), *clock_, end,
       [ & ]( const Bridging::MacVlanPair& mvp ) {
@@ -185,8 +186,7 @@ bool PolicySm::scanHosts( Seconds end ) {
          hostForInitialSyncDel( mvp );
          return true;
       },
-      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHost( mvp ); },
-      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHostIndex( mvp ); } );
+      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHost( mvp ); } );
    if( hosts.stopped ) {
       handleTablesInconsistent();
       queuedReviewTimer_.timeMinIs( 0 ); // the scan ends here and asks for no review
@@ -274,8 +274,7 @@ bool PolicySm::checkHosts( Seconds end ) {
          hostForSourceCheckDel( mvp );
          return true;
       },
-      [ & ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchRecord( mvp.hash() ); },
-      [ & ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchIndex( mvp.hash() ); } );
+      [ & ]( const Bridging::MacVlanPair& mvp ) { output_.host->prefetchRecord( mvp.hash() ); } );
    if( hosts.timedOut )
       TRACE( 0, "handleSourceCheck ending host review run after " << hosts.count << " hosts" );
    hostForSourceCheckBookmarkIs( hosts.timedOut ? hosts.bookmark : Util::mvpInvalid() );

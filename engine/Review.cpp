@@ -50,6 +50,7 @@ void PolicySm::handleReviewTimer() {
    if( hostBookmark() == Util::mvpInvalid() && parkedToLists() )
       retried_ = true;
 
+   hostsAhead_.clear();
    const auto hosts = walkSlice(
       hostList(), hostBookmark(), *clock_, deadline,
       [ & ]( const Bridging::MacVlanPair& mvp ) {
@@ -66,8 +67,7 @@ void PolicySm::handleReviewTimer() {
             VEXIL_ASSERT( failedHost( mvp ) );
          }
       },
-      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHost( mvp ); },
-      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHostIndex( mvp ); } );
+      [ & ]( const Bridging::MacVlanPair& mvp ) { prefetchHost( mvp ); } );
    hostBookmarkIs( hosts.bookmark );
    if( hosts.timedOut ) {
       TRACE( 0, "handleReviewTimer ending review run after " << hosts.count << " hosts" );

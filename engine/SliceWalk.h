@@ -22,28 +22,19 @@ struct Slice {
 // one. The clock is read after every entry, so a slice lasts no longer than its time and the work
 // of one entry. visit( key ) may delete any entry, its own included, and insert others: one ahead
 // of the walk is met in the same pass; when it returns false, the walk ends there. ahead( key ) is
-// called for each entry some places before its turn, and farAhead( key ) earlier still, so that
-// what it needs can be fetched from memory meanwhile: first what says where it is, then it. They
-// are hints and may miss some.
-template<class Key, class Value, class Visit, class Ahead, class FarAhead>
+// called for each entry some places before its turn, so that what it needs can be fetched from
+// memory meanwhile. It is a hint and may miss some.
+template<class Key, class Value, class Visit, class Ahead>
 Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmark,
-                      const Vexil::Clock& clock, Vexil::Seconds deadline, Visit visit, Ahead ahead,
-                      FarAhead farAhead ) {
+                      const Vexil::Clock& clock, Vexil::Seconds deadline, Visit visit,
+                      Ahead ahead ) {
    constexpr int distance = 10; // places ahead: enough work to hide a memory access behind
    auto at = bookmark == Key() ? list.begin() : list.from( bookmark );
    typename Vexil::HashMap<Key, Value>::LookAhead scout( list, at );
-   typename Vexil::HashMap<Key, Value>::LookAhead farScout( list, at );
-   const auto farScoutOn = [ & ] {
-      if( const Key* key = farScout.next() )
-         farAhead( *key );
-   };
    const auto scoutOn = [ & ] {
-      farScoutOn();
       if( const Key* key = scout.next() )
          ahead( *key );
    };
-   for( int i = 0; i < distance && at != list.end(); ++i )
-      farScoutOn();
    for( int i = 0; i < distance && at != list.end(); ++i )
       scoutOn();
 
@@ -70,8 +61,7 @@ Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmar
 template<class Key, class Value, class Visit>
 Slice<Key> walkSlice( const Vexil::HashMap<Key, Value>& list, const Key& bookmark,
                       const Vexil::Clock& clock, Vexil::Seconds deadline, Visit visit ) {
-   const auto nothing = []( const Key& ) {};
-   return walkSlice( list, bookmark, clock, deadline, visit, nothing, nothing );
+   return walkSlice( list, bookmark, clock, deadline, visit, []( const Key& ) {} );
 }
 
 } // namespace L2Rib

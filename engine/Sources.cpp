@@ -8,6 +8,8 @@
 #include "engine/PolicyTrace.h"
 #include "engine/SourceReactors.h"
 
+#include <sstream>
+
 namespace L2Rib {
 
 Vexil::Ptr<PolicySourceSm> PolicySm::sourceSm( const std::string& name ) const {

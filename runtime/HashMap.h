@@ -129,10 +129,11 @@ class HashMap {
       if( count * 4 > homeCount_ * 3 )
          rebuild( std::max( smallest, std::bit_ceil( count * 4 / 3 + 1 ) ) );
    }
-   // Brings the place of key nearer to the processor.
-   void prefetch( const Key& key ) const {
+   // Brings the place of key, or of the key with that hash, nearer to the processor.
+   void prefetch( const Key& key ) const { prefetchHash( keyHash( key ) ); }
+   void prefetchHash( uint64_t hash ) const {
       if( homeCount_ != 0 )
-         __builtin_prefetch( &slots_[ homeOf( keyHash( key ) ) ] );
+         __builtin_prefetch( &slots_[ homeOf( hash ) ] );
    }
 
    // Enters key if it is absent, with a value built from arguments; says whether it was absent.
@@ -167,6 +168,8 @@ class HashMap {
    // Removes key; says whether it was there. Its value is destroyed last, when the collection is
    // whole again, so that the value's destructor may use the collection.
    bool erase( const Key& key ) {
+      if( size_ == 0 )
+         return false;
       // A walk that deletes as it goes deletes the entry that it met last.
       size_t at = metAt_ < slotCount_ && occupied( metAt_ ) && slots_[ metAt_ ].key == key
                      ? metAt_
@@ -180,6 +183,7 @@ class HashMap {
          slots_[ at ] = std::move( slots_[ at + 1 ] );
       std::destroy_at( &slots_[ at ] );
       unmark( at );
+      closedAt_ = at;
       --size_;
       ++version_;
       if( size_ == 0 && slotCount_ > keptWhenEmpty )
@@ -193,12 +197,18 @@ class HashMap {
       version_ = taken.version_ + 1;
    }
 
-   // A position for looking ahead of a walk: the entry that stands about count entries after it.
-   // A hint that may be off by some entries after deletions; null at the end.
+   // A position that goes ahead of a walk, from the same entry on; null at the end. It meets each
+   // entry once while at most one is deleted between two steps; else it may miss some.
    class LookAhead {
     public:
-      LookAhead( const HashMap& map, const Iterator& from ) : map_( map ), at_( from.at_ ) {}
+      LookAhead( const HashMap& map, const Iterator& from )
+         : map_( map ), at_( from.at_ ), version_( map.version_ ) {}
       const Key* next() {
+         if( version_ != map_.version_ ) {
+            version_ = map_.version_;
+            if( map_.erasedAt_ < at_ && at_ <= map_.closedAt_ )
+               --at_; // the next entry has moved up by one
+         }
          at_ = at_ < map_.slotCount_ ? map_.occupiedFrom( at_ ) : map_.slotCount_;
          return at_ < map_.slotCount_ ? &map_.slots_[ at_++ ].key : nullptr;
       }
@@ -206,14 +216,16 @@ class HashMap {
     private:
       const HashMap& map_;
       size_t at_;
+      uint64_t version_;
    };
 
  private:
    using Array = LargeAllocator<Entry>;
-   static constexpr size_t smallest = 4;         // ideal slots of the first array
-   static constexpr size_t overflow = 48;        // room behind the last ideal slot, for its run;
-                                                 // in a small array as many slots as there are
-   static constexpr size_t keptWhenEmpty = 4096; // slots that an emptied collection keeps
+   static constexpr size_t smallest = 4;          // ideal slots of the first array
+   static constexpr size_t overflow = 48;         // room behind the last ideal slot, for its run;
+                                                  // in a small array as many slots as there are
+   static constexpr size_t keptWhenEmpty = 65536; // slots that an emptied collection keeps: a work
+                                                  // list is filled and emptied again and again
    static constexpr size_t longRun = 32; // in a random order not one entry in a thousand million
                                          // is so far from its ideal slot
    static constexpr size_t sparsest = 64;
@@ -353,6 +365,7 @@ class HashMap {
       std::swap( shift_, other.shift_ );
       std::swap( version_, other.version_ );
       std::swap( erasedAt_, other.erasedAt_ );
+      std::swap( closedAt_, other.closedAt_ );
       std::swap( insertedAt_, other.insertedAt_ );
       std::swap( insertedHash_, other.insertedHash_ );
    }
@@ -364,7 +377,8 @@ class HashMap {
    size_t slotCount_ = 0; // ideal slots and the overflow behind them
    unsigned shift_ = 0;
    uint64_t version_ = 0;      // counts changes, so that an iterator notices them
-   size_t erasedAt_ = nowhere; // where the last change took an entry out, when it did
+   size_t erasedAt_ = nowhere; // where the last change took an entry out, when it did,
+   size_t closedAt_ = 0;       // and how far the entries behind it moved up
    size_t insertedAt_ = 0;     // the entry inserted last, and its hash; 0 when it may have moved
    uint64_t insertedHash_ = 0;
    mutable size_t metAt_ = 0; // where an iterator came last: a hint

@@ -91,13 +91,20 @@ class SharedTable : public TableBase {
    bool get( const Key& key, uint64_t hash, Record& record ) const {
       return recorded( [ & ] { return table_.get( key, hash, record ); } ) && isSound( record );
    }
+   // slot is what prefetchRecord() said.
+   bool get( const Key& key, uint64_t hash, uint32_t slot, Record& record ) const {
+      return recorded( [ & ] { return table_.get( key, hash, slot, record ); } ) &&
+             isSound( record );
+   }
    // Whether there is a record of that key; not whether its format is sound.
    bool contains( const Key& key ) const {
       return recorded( [ & ] { return table_.contains( key ); } );
    }
-   // Bring the index word of the key with that hash, or its record, nearer to the processor.
+   // Bring the index word of the key with that hash, or its record, nearer to the processor. The
+   // latter says in which slot the record seems to be, which spares get() and set() the index;
+   // noSlot when it seems to be in none.
    void prefetchIndex( uint64_t hash ) const { table_.prefetchIndex( hash ); }
-   void prefetchRecord( uint64_t hash ) const { table_.prefetchRecord( hash ); }
+   uint32_t prefetchRecord( uint64_t hash ) const { return table_.prefetchRecord( hash ); }
 
    // Calls each( record ) for every record, in memory order. Records may change meanwhile: one that
    // stays is met once. Corruption is recorded and ends the walk.
@@ -178,11 +185,11 @@ class SharedTable : public TableBase {
    [[nodiscard]] bool set( const Record& record ) {
       return set( record, keyHash( TableView<Key, Record>::keyOf( record ) ) );
    }
-   // The same for a caller that has looked the key up: hash is keyHash( key ).
-   [[nodiscard]] bool set( const Record& record, uint64_t hash ) {
+   // The same for a caller that has looked the key up: hash is keyHash( key ), slot as for get().
+   [[nodiscard]] bool set( const Record& record, uint64_t hash, uint32_t slot = noSlot ) {
       if( table_.count() >= growAt_ )
          growOn();
-      if( !recorded( [ & ] { return table_.set( record, hash ); } ) &&
+      if( !recorded( [ & ] { return table_.set( record, hash, slot ); } ) &&
           ( !grows() || makeRoom() != Room::yes ||
             !recorded( [ & ] { return table_.set( record, hash ); } ) ) )
          return false;

@@ -101,11 +101,8 @@ TableGeometry::TableGeometry( const TableSpec& spec, uint32_t records ) : capaci
    indexSize = std::bit_ceil( std::max( capacity, 32u ) * 2 );
    // Half a table of changes may pile up before a reader has to look at all keys again.
    journalSize = std::bit_ceil( std::max( capacity / 2, 1024u ) );
-   // The state word and the record, in whole cache lines where that wastes little.
-   slotStride = static_cast<uint32_t>( roundUp( 8 + spec.recordSize, 8 ) );
-   if( slotStride > 64 )
-      slotStride = static_cast<uint32_t>( roundUp( slotStride, 64 ) );
-   journalStride = static_cast<uint32_t>( 8 + roundUp( spec.keySize, 8 ) );
+   slotStride = slotStrideOf( spec.recordSize );
+   journalStride = journalStrideOf( spec.keySize );
    indexOffset = tableHeaderSize;
    slotOffset = roundUp( indexOffset + uint64_t( indexSize ) * 4, 4096 );
    journalOffset = roundUp( slotOffset + uint64_t( capacity ) * slotStride, 4096 );

@@ -45,6 +45,16 @@ struct TableSpec {
    std::optional<std::string> ( *formatFault )( const void* record ) = nullptr;
 };
 
+// Bytes from one slot to the next: the state word and the record, in whole cache lines where that
+// wastes little. Bytes from one entry of the journal to the next: its number and the key.
+constexpr uint32_t slotStrideOf( size_t recordSize ) {
+   const size_t words = ( recordSize + 7 ) / 8 * 8 + 8;
+   return static_cast<uint32_t>( words > 64 ? ( words + 63 ) / 64 * 64 : words );
+}
+constexpr uint32_t journalStrideOf( size_t keySize ) {
+   return static_cast<uint32_t>( ( keySize + 7 ) / 8 * 8 + 8 );
+}
+
 // Where everything is, in bytes from the start of the file. A function of TableSpec and capacity.
 struct TableGeometry {
    TableGeometry() = default;

@@ -19,6 +19,7 @@
 // All loops are bounded: after maxAttempts a reader gives up with CorruptionDetected.
 #pragma once
 
+#include "runtime/Failure.h"
 #include "runtime/Hash.h"
 #include "runtime/TableFile.h"
 
@@ -93,6 +94,15 @@ class IndexCode {
    uint32_t slotMask_ = 0;
 };
 
+constexpr uint32_t noSlot = ~uint32_t( 0 ); // above every capacity
+
+// Room for a record that a lookup fills: it takes no time to make.
+template<class Record>
+union Unfilled {
+   Unfilled() {}
+   Record record;
+};
+
 template<class Key, class Record>
 class TableView {
    static_assert( std::is_trivially_copyable_v<Key> && std::is_trivially_copyable_v<Record> );
@@ -101,15 +111,22 @@ class TableView {
  public:
    static constexpr size_t recordWords = ( sizeof( Record ) + 7 ) / 8;
    static constexpr size_t keyWords = ( sizeof( Key ) + 7 ) / 8;
+   static constexpr size_t slotStride = slotStrideOf( sizeof( Record ) );
+   static constexpr size_t journalStride = journalStrideOf( sizeof( Key ) );
    static constexpr unsigned maxAttempts = 1u << 20;
    using KeyImage = std::array<uint64_t, keyWords>;
 
    TableView() = default;
    explicit TableView( const TableMapping& mapping )
       : geometry_( mapping.geometry() ), path_( &mapping.path() ), base_( mapping.base() ),
+        index_( reinterpret_cast<const uint32_t*>( base_ + geometry_.indexOffset ) ),
+        slots_( base_ + geometry_.slotOffset ), journal_( base_ + geometry_.journalOffset ),
         code_( geometry_.capacity ), indexMask_( geometry_.indexSize - 1 ),
         indexShift_( 64 - static_cast<unsigned>( std::countr_zero( geometry_.indexSize ) ) ),
-        journalMask_( geometry_.journalSize - 1 ) {}
+        journalMask_( geometry_.journalSize - 1 ) {
+      VEXIL_ASSERT( geometry_.slotStride == slotStride &&
+                    geometry_.journalStride == journalStride );
+   }
 
    uint32_t capacity() const { return geometry_.capacity; }
    uint32_t count() const { return bounded( loadWord( &header().count ) ); }
@@ -125,6 +142,14 @@ class TableView {
       return find( hash, [ & ]( uint32_t slot ) {
          return readSlot( slot, out ) && isKey( key, hash, slot, keyOf( out ) );
       } );
+   }
+   // The same for one that knows besides in which slot prefetchRecord() saw it; noSlot if it
+   // doesn't. The record may have gone elsewhere since.
+   bool get( const Key& key, uint64_t hash, uint32_t slot, Record& out ) const {
+      if( slot < geometry_.capacity && readStanding( slotWords( slot ), out ) &&
+          keyOf( out ) == key ) [[likely]]
+         return true;
+      return getByIndex( key, hash, out );
    }
    bool contains( const Key& key ) const {
       const uint64_t hash = keyHash( key );
@@ -159,22 +184,28 @@ class TableView {
       corrupt( "the index never stands still" );
    }
 
-   // Brings the index word of the key with that hash, or its record, nearer to the processor.
+   // Brings the index word of the key with that hash, or its record, nearer to the processor. The
+   // latter returns the slot in which the record is if it is there at all; noSlot when the index
+   // has none for such a hash nearby.
    void prefetchIndex( uint64_t hash ) const { __builtin_prefetch( index() + homeOf( hash ) ); }
-   void prefetchRecord( uint64_t hash ) const {
+   uint32_t prefetchRecord( uint64_t hash ) const {
+      const uint32_t* const words = index(); // copies: no load of a word changes them
+      const uint32_t mask = indexMask_;
+      const IndexCode code = code_;
       uint32_t at = homeOf( hash );
-      for( unsigned probed = 0; probed < 8; ++probed, at = ( at + 1 ) & indexMask_ ) {
-         const uint32_t word = loadWord( index() + at );
+      for( unsigned probed = 0; probed < 8; ++probed, at = ( at + 1 ) & mask ) {
+         const uint32_t word = loadWord( words + at );
          if( word == 0 )
-            return;
-         if( code_.matches( word, hash ) && code_.slot( word ) < geometry_.capacity ) {
-            const uint8_t* const slot = slotAt( code_.slot( word ) );
+            return noSlot;
+         const uint32_t slot = code.slot( word );
+         if( code.matches( word, hash ) && slot < geometry_.capacity ) {
             VEXIL_UNROLLED
             for( size_t offset = 0; offset < 8 + sizeof( Record ) && offset < 256; offset += 64 )
-               __builtin_prefetch( slot + offset );
-            return;
+               __builtin_prefetch( slotAt( slot ) + offset );
+            return slot;
          }
       }
+      return noSlot;
    }
 
    // Copies the record in a slot; false when there is none. A walk over all keys, in memory order,
@@ -320,25 +351,33 @@ class TableView {
 
  protected:
    const TableHeader& header() const { return *reinterpret_cast<const TableHeader*>( base_ ); }
-   const uint32_t* index() const {
-      return reinterpret_cast<const uint32_t*>( base_ + geometry_.indexOffset );
-   }
-   const uint8_t* slotAt( uint32_t slot ) const {
-      return base_ + geometry_.slotOffset + uint64_t( slot ) * geometry_.slotStride;
-   }
+   const uint32_t* index() const { return index_; }
+   const uint8_t* slotAt( uint32_t slot ) const { return slots_ + slot * slotStride; }
    const uint64_t* slotWords( uint32_t slot ) const {
       return reinterpret_cast<const uint64_t*>( slotAt( slot ) );
    }
    const uint64_t* journalEntry( uint64_t number ) const {
-      return reinterpret_cast<const uint64_t*>(
-         base_ + geometry_.journalOffset + ( number & journalMask_ ) * geometry_.journalStride );
+      return reinterpret_cast<const uint64_t*>( journal_ +
+                                                ( number & journalMask_ ) * journalStride );
    }
    // The ideal place of a key: the high bits of its hash, so that the index is in hash order.
    uint32_t homeOf( uint64_t hash ) const { return static_cast<uint32_t>( hash >> indexShift_ ); }
 
+   // Copies a record that nobody is writing; false when it is being written or there is none.
+   [[gnu::always_inline]] static bool readStanding( const uint64_t* words, Record& out ) {
+      const uint64_t state = loadWord( words );
+      if( !SlotState::whole( state ) ) [[unlikely]]
+         return false;
+      copyRecord( words + 1, out );
+      return loadWord( words ) == state;
+   }
+   [[gnu::noinline]] bool getByIndex( const Key& key, uint64_t hash, Record& out ) const {
+      return get( key, hash, out );
+   }
+
    // Word by word from the table straight to where the record is wanted: a copy in between costs
    // more than the table's own cache misses.
-   static void copyRecord( const uint64_t* from, Record& to ) {
+   [[gnu::always_inline]] static void copyRecord( const uint64_t* from, Record& to ) {
       constexpr size_t whole = sizeof( Record ) / 8;
       constexpr size_t rest = sizeof( Record ) % 8;
       char* const bytes = reinterpret_cast<char*>( &to );
@@ -356,6 +395,9 @@ class TableView {
    TableGeometry geometry_;
    const std::string* path_ = nullptr;
    const uint8_t* base_ = nullptr;
+   const uint32_t* index_ = nullptr;
+   const uint8_t* slots_ = nullptr;
+   const uint8_t* journal_ = nullptr;
    IndexCode code_;
    uint32_t indexMask_ = 0;
    unsigned indexShift_ = 0;

@@ -8,7 +8,6 @@
 // not been: an update leaves the old record, an insertion none.
 #pragma once
 
-#include "runtime/Failure.h"
 #include "runtime/TableView.h"
 
 #include <ctime>
@@ -77,18 +76,15 @@ class TableWriter : public TableView<Key, Record> {
    bool makeRoom() { return hasRoom() || ( slotsReady_ < geometry_.capacity && readyMoreSlots() ); }
 
    // Writes the record under its own key, whose hash is given; false, with nothing changed, when
-   // there is no room for a new one. Throws CorruptionDetected when the file is no longer there to
-   // write to.
-   bool set( const Record& record, uint64_t hash ) {
+   // there is no room for a new one. Throws CorruptionDetected when the file is no longer there
+   // to write to. slot is where a lookup has found the old record; noSlot when that is not known.
+   bool set( const Record& record, uint64_t hash, uint32_t slot = noSlot ) {
       const Key& key = View::keyOf( record );
       View::requireHeader();
-      const uint32_t at = indexPlaceOf( key, hash );
-      if( const uint32_t word = loadWord( index() + at ); word != 0 )
-         update( code_.slot( word ), record );
-      else if( !makeRoom() )
+      if( isIn( slot, key ) )
+         update( slot, record );
+      else if( !enter( key, hash, record ) )
          return false;
-      else
-         insert( key, hash, record );
       journal( key );
       finish();
       // Only what is in the file counts: what went into the zeros put in its place must not be
@@ -139,7 +135,7 @@ class TableWriter : public TableView<Key, Record> {
 
  private:
    TableHeader& header() { return *reinterpret_cast<TableHeader*>( base_ ); }
-   uint32_t* index() { return reinterpret_cast<uint32_t*>( base_ + geometry_.indexOffset ); }
+   uint32_t* index() { return const_cast<uint32_t*>( View::index() ); }
    uint64_t* slotWords( uint32_t slot ) { return const_cast<uint64_t*>( View::slotWords( slot ) ); }
 
    // Stores a record or key word by word, the last word filled up with zeros.
@@ -200,6 +196,23 @@ class TableWriter : public TableView<Key, Record> {
       storeWord( &header().operation, static_cast<uint64_t>( TableOperation::none ) );
    }
 
+   bool isIn( uint32_t slot, const Key& key ) {
+      return slot < geometry_.capacity &&
+             ( loadWord( slotWords( slot ) ) & SlotState::live ) != 0 && keyInSlot( slot ) == key;
+   }
+
+   // Updates or inserts the record, whichever the index says.
+   bool enter( const Key& key, uint64_t hash, const Record& record ) {
+      const uint32_t at = indexPlaceOf( key, hash );
+      if( const uint32_t word = loadWord( index() + at ); word != 0 )
+         update( code_.slot( word ), record );
+      else if( !makeRoom() )
+         return false;
+      else
+         insert( key, hash, record, at );
+      return true;
+   }
+
    void update( uint32_t slot, const Record& record ) {
       uint64_t* const words = slotWords( slot );
       copyWords( words + 1, header().image );
@@ -210,7 +223,8 @@ class TableWriter : public TableView<Key, Record> {
          larger_->takeSlot( words, slot );
    }
 
-   void insert( const Key& key, uint64_t hash, const Record& record ) {
+   // at is the key's free place in the index.
+   void insert( const Key& key, uint64_t hash, const Record& record, uint32_t at ) {
       const bool reuse = !freeSlots_.empty();
       const uint32_t slot =
          reuse ? freeSlots_.back() : static_cast<uint32_t>( loadWord( &header().highWater ) );
@@ -220,7 +234,7 @@ class TableWriter : public TableView<Key, Record> {
          freeSlots_.pop_back();
       else
          storeWord( &header().highWater, slot + uint64_t( 1 ) );
-      enterIntoIndex( hash, slot );
+      storeWord( index() + at, code_.word( hash, slot ) );
       storeWord( &header().count, loadWord( &header().count ) + 1 );
       if( slot < slotsCopied_ ) {
          larger_->takeSlot( slotWords( slot ), slot );

@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -128,6 +129,26 @@ void TraceHandle::emit( unsigned level, const char* file, unsigned line, std::st
    log( name_ + " " + std::to_string( level ) + " " + std::string( stem ) + ":" +
         std::to_string( line ) + " " + std::string( nameOf( function ) ) + "() " + text );
 }
+
+struct TraceLine::State {
+   const TraceHandle& handle;
+   unsigned level;
+   const char* file;
+   unsigned line;
+   const char* function;
+   std::ostringstream text{};
+};
+
+TraceLine::TraceLine( const TraceHandle& handle, unsigned level, const char* file, unsigned line,
+                      const char* function )
+   : state_( new State{ handle, level, file, line, function } ) {}
+
+TraceLine::~TraceLine() noexcept( false ) {
+   state_->handle.emit( state_->level, state_->file, state_->line, state_->function,
+                        state_->text.str() );
+}
+
+std::ostream& TraceLine::text() { return state_->text; }
 
 std::string escaped( std::string_view text ) {
    std::string out;

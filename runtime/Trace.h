@@ -16,8 +16,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -39,6 +39,23 @@ class TraceHandle {
  private:
    std::string name_;
    uint32_t levels_ = 0;
+};
+
+// One line of a trace that is enabled: emitted when it is destroyed. All of it is in Trace.cpp, so
+// that a function holds nothing for its traces but the calls: a stream that is made in place takes
+// half a kilobyte of each frame and registers from the code around it, also while it is not made.
+class TraceLine {
+ public:
+   [[gnu::cold]] TraceLine( const TraceHandle& handle, unsigned level, const char* file,
+                            unsigned line, const char* function );
+   TraceLine( const TraceLine& ) = delete;
+   TraceLine& operator=( const TraceLine& ) = delete;
+   [[gnu::cold]] ~TraceLine() noexcept( false ); // the log may find no memory
+   std::ostream& text();
+
+ private:
+   struct State;
+   std::unique_ptr<State> state_;
 };
 
 // The handle of that name, made at its first use; lives as long as the process.
@@ -63,9 +80,7 @@ void logSinkIs( LogSink sink );
 
 #define TRACE( level, ... )                                                                        \
    do {                                                                                            \
-      if( trace.enabled( level ) ) [[unlikely]] {                                                  \
-         std::ostringstream traceText_;                                                            \
-         traceText_ << __VA_ARGS__;                                                                \
-         trace.emit( level, __FILE__, __LINE__, __PRETTY_FUNCTION__, traceText_.str() );           \
-      }                                                                                            \
+      if( trace.enabled( level ) ) [[unlikely]]                                                    \
+         ::Vexil::TraceLine( trace, level, __FILE__, __LINE__, __PRETTY_FUNCTION__ ).text()        \
+            << __VA_ARGS__;                                                                        \
    } while( false )
