@@ -23,8 +23,10 @@
 #include "runtime/TableBase.h"
 #include "runtime/TableWriter.h"
 
+#include <array>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
 
@@ -95,6 +97,31 @@ class SharedTable : public TableBase {
    bool get( const Key& key, uint64_t hash, uint32_t slot, Record& record ) const {
       return recorded( [ & ] { return table_.get( key, hash, slot, record ); } ) &&
              isSound( record );
+   }
+   // Looks many keys up: calls each( key, record ) for those that are there, in the order given.
+   // Several times faster than one get() after the other where the table is larger than the
+   // processor's caches: while one record is copied, the next ones come from memory.
+   template<class Each>
+   void getEach( std::span<const Key> keys, Each each ) const {
+      constexpr size_t distance = 16; // keys: enough work to hide a memory access behind
+      std::array<uint64_t, distance> hashes;
+      std::array<uint32_t, distance> slots;
+      for( size_t at = 0; at < keys.size() + 2 * distance; ++at ) {
+         // Each key meets all three in turn: its index word is fetched, then its record, then
+         // copied.
+         if( at >= 2 * distance ) {
+            const Key& key = keys[ at - 2 * distance ];
+            Unfilled<Record> found;
+            if( get( key, hashes[ at % distance ], slots[ at % distance ], found.record ) )
+               each( key, std::as_const( found.record ) );
+         }
+         if( at >= distance && at - distance < keys.size() ) {
+            hashes[ at % distance ] = keyHash( keys[ at - distance ] );
+            slots[ at % distance ] = table_.prefetchRecord( hashes[ at % distance ] );
+         }
+         if( at < keys.size() )
+            table_.prefetchIndex( keyHash( keys[ at ] ) );
+      }
    }
    // Whether there is a record of that key; not whether its format is sound.
    bool contains( const Key& key ) const {

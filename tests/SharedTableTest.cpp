@@ -226,8 +226,11 @@ TEST( SharedTable, OvertakenReaderLosesNothing ) {
       const unsigned sets = burst ? 30 + random.below( 40 ) : random.below( 101 );
       for( uint32_t left = burst ? 8000 : random.below( 500 ); left > 0; --left ) {
          const uint32_t number = random.below( keys );
+         const uint64_t hash = Key{ number }.hash(); // a slot seen before is only a hint
+         const uint32_t slot =
+            random.percent( 90 ) ? writer->prefetchRecord( hash ) : random.below( 3000 );
          if( random.percent( sets ) )
-            (void)writer->set( Record::of( number, left ) );
+            (void)writer->set( Record::of( number, left ), hash, slot );
          else
             writer->erase( { number } );
          if( random.below( 2000 ) == 0 )
@@ -237,6 +240,17 @@ TEST( SharedTable, OvertakenReaderLosesNothing ) {
          if( random.percent( 20 ) )
             writer->erase( { random.below( keys ) } );
       ASSERT_EQ( mirror.contents, truth.contents ) << "round " << round;
+      std::vector<Key> all;
+      for( uint32_t number = 0; number < keys; ++number )
+         all.push_back( { number } );
+      Contents looked;
+      reader->getEach( std::span( all ).first( random.below( keys + 1 ) ),
+                       [ & ]( const Key& key, const Record& record ) {
+                          looked.emplace_hint( looked.end(), key.number, record.serial );
+                       } );
+      const auto last = looked.empty() ? truth.contents.begin()
+                                       : std::next( truth.contents.find( looked.rbegin()->first ) );
+      ASSERT_EQ( looked, Contents( truth.contents.begin(), last ) );
    }
    EXPECT_GE( reader->overruns(), 30u );
    EXPECT_GT( cutShort, 5 * reader->overruns() ); // walks over all keys were cut short, too
