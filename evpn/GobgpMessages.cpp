@@ -1,6 +1,9 @@
 #include "evpn/GobgpMessages.h"
 
 #include "attribute.pb.h"
+#include "capability.pb.h"
+#include "evpn/GobgpClient.h"
+#include "evpn/StatusTables.h"
 #include "gobgp.pb.h"
 
 #include <algorithm>
@@ -12,6 +15,7 @@ namespace {
 constexpr uint32_t tunnelVxlan = 8;        // of the encapsulation community (RFC 8365, 5.1.2.4)
 constexpr uint32_t ingressReplication = 6; // PMSI tunnel type (RFC 6514, section 5)
 constexpr uint32_t transitiveTarget = 2;   // sub-type of a route target (RFC 4360, section 4)
+constexpr uint32_t restartState = 0x8;     // of a capability's flags (RFC 4724, section 3)
 constexpr uint32_t originIgp = 0;          // RFC 4271, section 4.3
 const std::string noAddress = "<nil>";     // what the API says for none
 
@@ -279,6 +283,32 @@ apipb::Path pathOf( const Route& route ) {
    if( route.key.type == RouteType::multicast )
       fillTunnel( path, route );
    return path;
+}
+
+Peer peerOf( const apipb::Peer& message ) {
+   Peer peer;
+   peer.address = message.state().neighbor_address();
+   if( peer.address.empty() )
+      peer.address = message.conf().neighbor_address();
+   peer.as = message.state().peer_asn();
+   peer.established = message.state().session_state() == apipb::PeerState::ESTABLISHED;
+   peer.up =
+      !message.conf().admin_down() && message.state().admin_state() != apipb::PeerState::DOWN;
+   peer.updates = message.state().messages().received().update();
+   if( peer.established )
+      peer.upFor = wallClock() - static_cast<double>( message.timers().state().uptime().seconds() );
+   for( const google::protobuf::Any& any : message.state().remote_cap() )
+      if( apipb::GracefulRestartCapability capability; any.UnpackTo( &capability ) )
+         peer.restarting = ( capability.flags() & restartState ) != 0;
+   for( const apipb::AfiSafi& family : message.afi_safis() ) {
+      if( family.config().family().afi() != apipb::Family::AFI_L2VPN ||
+          family.config().family().safi() != apipb::Family::SAFI_EVPN )
+         continue;
+      peer.evpn = true;
+      peer.endOfRib = family.mp_graceful_restart().state().end_of_rib_received();
+      peer.received = family.state().received();
+   }
+   return peer;
 }
 
 } // namespace Evpn
