@@ -30,13 +30,13 @@ constexpr std::chrono::seconds callTimeout( 60 ); // a gobgpd with a large table
 // more often than every 5 minutes are an offence to a server in Go, which then hangs up (grpc-go,
 // keepalive.EnforcementPolicy).
 constexpr std::chrono::seconds signTimeout( 10 );
-constexpr size_t changesInEvent = 1000;
+constexpr int changesInEvent = 1000;
 constexpr size_t eventsQueued = 64;
 constexpr int pathsInMessage = 500;
 
 std::shared_ptr<grpc::Channel> channelTo( const std::string& address ) {
    grpc::ChannelArguments arguments;
-   arguments.SetMaxReceiveMessageSize( -1 ); // the first answer of a stream has the whole table
+   arguments.SetMaxReceiveMessageSize( -1 );
    arguments.SetInt( GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1 ); // with no failures remembered
    arguments.SetInt( GRPC_ARG_ENABLE_HTTP_PROXY, 0 );
    return grpc::CreateCustomChannel( address, grpc::InsecureChannelCredentials(), arguments );
@@ -138,8 +138,10 @@ struct GobgpClient::State {
 
    void readForEver();
    std::string openSession( Event& begin );
-   std::string readSession( Event begin );
-   void postChanges( const apipb::WatchEventResponse& response, const Event& begin );
+   std::string readSession( const Event& begin );
+   std::string listRoutes( const Event& begin );
+   void postRoutes( const google::protobuf::RepeatedPtrField<apipb::Path>& paths,
+                    const Event& begin );
    grpc::Status listPeers( std::vector<Peer>& peers );
    bool endsWith( const grpc::Status& status );
    bool goesOn( uint64_t session );
@@ -179,7 +181,7 @@ void GobgpClient::State::readForEver() {
       begin.session = ++sessions;
       std::string failure = openSession( begin );
       if( failure.empty() ) {
-         failure = readSession( std::move( begin ) );
+         failure = readSession( begin );
          interval = firstRetry;
       }
       {
@@ -220,34 +222,29 @@ std::string GobgpClient::State::openSession( Event& begin ) {
    return {};
 }
 
-std::string GobgpClient::State::readSession( Event begin ) {
+// First the changes are asked for, then the table: what changes meanwhile is told by both, and what
+// was told last is what stands. (A stream begins with the whole table when that is asked for, but
+// in one message; gobgpd sends none of more than 256 MB, which 20,000 routes may fill.)
+std::string GobgpClient::State::readSession( const Event& begin ) {
    apipb::WatchEventRequest request;
-   auto* const filter = request.mutable_table()->add_filters();
-   filter->set_type( apipb::WatchEventRequest::Table::Filter::BEST );
-   filter->set_init( true );
+   request.mutable_table()->add_filters()->set_type(
+      apipb::WatchEventRequest::Table::Filter::BEST );
+   request.mutable_peer(); // the end of whose list says that the changes come from here on
    Call call( *this, std::nullopt );
    {
       const std::lock_guard lock( mutex );
       stream = &call.context;
       streamed = begin.session;
    }
-   const auto paths = stub()->WatchEvent( &call.context, request );
+   const auto changes = stub()->WatchEvent( &call.context, request );
+   post( begin );
    apipb::WatchEventResponse response;
    std::string failure;
-   bool first = true;
-   while( paths->Read( &response ) ) {
-      if( !response.has_table() )
-         continue;
-      if( first )
-         post( begin );
-      postChanges( response, begin );
-      if( std::exchange( first, false ) ) {
-         Event present;
-         present.kind = Event::present;
-         present.session = begin.session;
-         present.settled = begin.settled;
-         post( std::move( present ) );
-      }
+   while( failure.empty() && changes->Read( &response ) ) {
+      if( response.has_table() )
+         postRoutes( response.table().paths(), begin );
+      else if( response.peer().type() == apipb::WatchEventResponse::PeerEvent::END_OF_INIT )
+         failure = listRoutes( begin );
       response.Clear();
    }
    {
@@ -256,16 +253,49 @@ std::string GobgpClient::State::readSession( Event begin ) {
       if( std::exchange( hung, false ) )
          failure = silent;
    }
-   const grpc::Status status = paths->Finish();
+   call.context.TryCancel();
+   const grpc::Status status = changes->Finish();
    return failure.empty() ? textOf( status ) : failure;
 }
 
-void GobgpClient::State::postChanges( const apipb::WatchEventResponse& response,
-                                      const Event& begin ) {
+// All best routes that the speaker has; returns why there are none.
+std::string GobgpClient::State::listRoutes( const Event& begin ) {
+   apipb::ListPathRequest request;
+   request.set_table_type( apipb::GLOBAL );
+   request.mutable_family()->set_afi( apipb::Family::AFI_L2VPN );
+   request.mutable_family()->set_safi( apipb::Family::SAFI_EVPN );
+   request.set_enable_only_binary( true );
+   Call call( *this, std::nullopt );
+   const auto list = stub()->ListPath( &call.context, request );
+   apipb::ListPathResponse response;
+   google::protobuf::RepeatedPtrField<apipb::Path> paths;
+   while( list->Read( &response ) ) {
+      auto* const all = response.mutable_destination()->mutable_paths();
+      if( const auto best = std::find_if( all->begin(), all->end(),
+                                          []( const apipb::Path& path ) { return path.best(); } );
+          best != all->end() )
+         paths.Add( std::move( *best ) );
+      if( paths.size() == changesInEvent ) {
+         postRoutes( paths, begin );
+         paths.Clear();
+      }
+   }
+   if( const grpc::Status status = list->Finish(); !status.ok() )
+      return textOf( status );
+   postRoutes( paths, begin );
+   Event present;
+   present.kind = Event::present;
+   present.session = begin.session;
+   post( std::move( present ) );
+   return {};
+}
+
+void GobgpClient::State::postRoutes( const google::protobuf::RepeatedPtrField<apipb::Path>& paths,
+                                     const Event& begin ) {
    Event event;
    event.kind = Event::routes;
    event.session = begin.session;
-   for( const apipb::Path& path : response.table().paths() ) {
+   for( const apipb::Path& path : paths ) {
       if( path.has_family() && path.family().safi() != apipb::Family::SAFI_EVPN )
          continue;
       ParsedPath parsed = parsedPath( path );
@@ -278,10 +308,6 @@ void GobgpClient::State::postChanges( const apipb::WatchEventResponse& response,
       }
       change.route = std::move( parsed.route );
       event.changes.push_back( std::move( change ) );
-      if( event.changes.size() == changesInEvent ) {
-         post( event, true );
-         event.changes.clear();
-      }
    }
    if( !event.changes.empty() )
       post( std::move( event ), true );
@@ -306,7 +332,8 @@ bool GobgpClient::State::endsWith( const grpc::Status& status ) {
    const std::lock_guard lock( mutex );
    if( stream ) {
       hung = status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
-      stream->TryCancel();
+      for( grpc::ClientContext* const context : contexts )
+         context->TryCancel();
    }
    return true;
 }

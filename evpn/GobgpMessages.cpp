@@ -3,6 +3,7 @@
 #include "attribute.pb.h"
 #include "capability.pb.h"
 #include "evpn/GobgpClient.h"
+#include "evpn/PathBytes.h"
 #include "evpn/StatusTables.h"
 #include "gobgp.pb.h"
 
@@ -244,11 +245,16 @@ ParsedPath parsedPath( const apipb::Path& path ) {
    ParsedPath parsed;
    Route& route = parsed.route;
    parsed.withdrawn = path.is_withdraw();
+   const std::string& neighbor = path.neighbor_ip();
+   route.own = !parsed.withdrawn && ( neighbor.empty() || neighbor == noAddress );
+   if( !path.nlri_binary().empty() ) {
+      parsed.reason = readPath(
+         path.nlri_binary(), { path.pattrs_binary().begin(), path.pattrs_binary().end() }, route );
+      return parsed;
+   }
    parsed.reason = readNlri( path.nlri(), route );
    if( parsed.withdrawn || parsed.reason != NotTaken::taken )
       return parsed;
-   const std::string& neighbor = path.neighbor_ip();
-   route.own = neighbor.empty() || neighbor == noAddress;
    Communities communities( route );
    for( const auto& attribute : path.pattrs() )
       readAttribute( attribute, route, communities );

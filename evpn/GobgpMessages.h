@@ -20,6 +20,7 @@ struct ParsedPath {
    bool withdrawn = false;
    Route route;
 };
+// Of a path spelled out, or of one that is bytes alone.
 ParsedPath parsedPath( const apipb::Path& path );
 
 struct Peer;

@@ -2,6 +2,7 @@
 //
 //    announce NUMBER COUNT PE SEQNO VNI    routes of type 2 for that many addresses from
 //    withdraw NUMBER COUNT PE SEQNO VNI    mac( NUMBER ), with the route target 65000:VNI
+//    flood NUMBER COUNT PE SEQNO VNI       routes of type 3 under that many route distinguishers
 //
 // Answers each with "done" once gobgpd has taken all of it.
 #include "evpn/GobgpClient.h"
@@ -15,10 +16,17 @@ using namespace Evpn;
 
 namespace {
 
-Route routeOf( uint64_t number, const IpGenAddr& pe, uint32_t seqNo, uint32_t vni ) {
+Route routeOf( uint64_t number, const IpGenAddr& pe, uint32_t seqNo, uint32_t vni, bool flood ) {
    Route route;
-   route.key.rd = rdOf( pe, 10 );
-   route.key.mac = EthAddr( 0x020000000000 + number );
+   if( flood ) {
+      route.key.type = RouteType::multicast;
+      route.key.rd = rdOf( pe, static_cast<uint16_t>( number ) );
+      route.key.ip = pe;
+      route.ingressReplication = true;
+   } else {
+      route.key.rd = rdOf( pe, 10 );
+      route.key.mac = EthAddr( 0x020000000000 + number );
+   }
    route.nextHop = pe;
    route.vni = vni;
    route.seqNo = seqNo;
@@ -64,7 +72,8 @@ int main( int argc, char** argv ) {
          return 2;
       std::vector<Announcement> batch;
       for( uint64_t i = 0; i < count; ++i )
-         batch.push_back( { what == "withdraw", routeOf( number + i, *address, seqNo, vni ) } );
+         batch.push_back(
+            { what == "withdraw", routeOf( number + i, *address, seqNo, vni, what == "flood" ) } );
       client.write( session, std::move( batch ) );
       size_t written = 0;
       std::string failure;

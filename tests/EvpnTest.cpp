@@ -93,6 +93,10 @@ class EvpnTest : public ProcessTest {
       words.insert( words.end(), more.begin(), more.end() );
       evpn = std::make_unique<Program>( folder, words );
    }
+   // The tables may still tell of the run before.
+   void awaitComplete() {
+      expectSoon( true, [ & ] { return evpn->err().find( "complete" ) != std::string::npos; } );
+   }
    void kill( std::unique_ptr<Program>& program ) {
       program->signal( SIGKILL );
       program->status();
@@ -266,7 +270,7 @@ TEST_F( EvpnTest, EachRouteBothWays ) {
       else
          startBridge();
       settle();
-      expectSoon( true, [ & ] { return evpn->err().find( "complete" ) != std::string::npos; } );
+      awaitComplete();
    }
    expectSoon( true, [ & ] { return bridge->err().find( "in sync" ) != std::string::npos; } );
    EXPECT_EQ( here->forwarding(), forwarding );
@@ -340,7 +344,7 @@ TEST_F( EvpnTest, HostsMove ) {
       speak();
    EXPECT_EQ( won( 9 ), last );
    EXPECT_EQ( updatesSent(), sent );
-   EXPECT_EQ( occurrences( "duplicate address " + mac( 9 ), bridge->err() ), 1u ) << bridge->err();
+   EXPECT_EQ( occurrences( "duplicate address (" + mac( 9 ), bridge->err() ), 1u ) << bridge->err();
 }
 
 // A ping through the ends of our programs; then gobgpd is away while another leaf takes a route
@@ -366,7 +370,7 @@ TEST_F( EvpnTest, ProcessesDie ) {
    startBridge();
    settle();
    expectSoon( true, [ & ] { return bridge->err().find( "in sync" ) != std::string::npos; } );
-   expectSoon( std::string( "complete" ), [ & ] { return phase(); } );
+   awaitComplete();
    endWithoutLoss( ping );
 
    Program monitor( folder, here->inside( { "/sbin/bridge", "monitor", "fdb" } ) );
@@ -450,18 +454,19 @@ TEST_F( EvpnTest, TargetsAsConfigured ) {
    EXPECT_EQ( occurrences( "192.0.2.1:10]", all ), 0u ) << all;
 }
 
-// Routes that are not imported are not kept, however many.
+// Routes that are not imported are not kept, however many. (Of type 3, for which gobgpd needs no
+// more time the more there are.)
 TEST_F( EvpnTest, FloodOfOthersRoutes ) {
    constexpr unsigned many = 50000;
-   const auto flood = [ & ]( unsigned first ) {
+   const auto flood = [ & ]( const std::string& pe ) {
       const uint64_t before = otherTargets();
-      injectHosts( first, many, "192.0.2.33", 0, "announce", 7 );
+      injectHosts( 0, many, pe, 0, "flood", 7 );
       expectSoon(
          before + many, [ & ] { return otherTargets(); }, 60 );
    };
-   flood( 0x100000 );
+   flood( "192.0.2.33" );
    const uint64_t memory = residentOf( *evpn );
-   flood( 0x200000 );
+   flood( "192.0.2.34" );
    EXPECT_LT( residentOf( *evpn ), memory + many * 50 );
    there->run( "bridge fdb add " + mac( 1 ) + " dev p1 master dynamic" );
    expectSoon( std::string( "vx10 192.0.2.2" ), [ & ] { return at( *here, 1 ); } );
