@@ -7,6 +7,9 @@
 #include "evpn/StatusTables.h"
 #include "gobgp.pb.h"
 
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/wire_format_lite.h>
+
 #include <algorithm>
 
 namespace Evpn {
@@ -144,10 +147,27 @@ NotTaken readNlri( const google::protobuf::Any& any, Route& route ) {
    return NotTaken::taken;
 }
 
+// Of an MpReachNLRIAttribute, without the NLRIs behind: there may be a hundred, all of the update
+// that the path came with.
+std::string firstNextHopIn( const std::string& message ) {
+   using google::protobuf::internal::WireFormatLite;
+   google::protobuf::io::CodedInputStream in( reinterpret_cast<const uint8_t*>( message.data() ),
+                                              static_cast<int>( message.size() ) );
+   std::string hop;
+   while( const uint32_t tag = in.ReadTag() ) {
+      if( WireFormatLite::GetTagFieldNumber( tag ) ==
+          apipb::MpReachNLRIAttribute::kNextHopsFieldNumber )
+         return WireFormatLite::ReadString( &in, &hop ) ? hop : "";
+      if( !WireFormatLite::SkipField( &in, tag ) )
+         break;
+   }
+   return {};
+}
+
 void readAttribute( const google::protobuf::Any& any, Route& route, Communities& communities ) {
-   if( apipb::MpReachNLRIAttribute reach; any.UnpackTo( &reach ) ) {
-      if( reach.next_hops_size() > 0 )
-         route.nextHop = addressIn( reach.next_hops( 0 ) ).value_or( IpGenAddr() );
+   if( any.Is<apipb::MpReachNLRIAttribute>() ) {
+      if( const std::string hop = firstNextHopIn( any.value() ); !hop.empty() )
+         route.nextHop = addressIn( hop ).value_or( IpGenAddr() );
    } else if( apipb::NextHopAttribute hop; any.UnpackTo( &hop ) ) {
       if( route.nextHop == IpGenAddr() )
          route.nextHop = addressIn( hop.next_hop() ).value_or( IpGenAddr() );

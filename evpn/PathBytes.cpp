@@ -40,13 +40,14 @@ class Bytes {
          value = value << 8 | static_cast<uint8_t>( byte );
       return value;
    }
+   // None where that is not the size of an address.
    IpGenAddr address( size_t size ) {
       const std::string_view taken = take( size );
       std::array<uint8_t, 16> bytes{};
+      if( taken.size() != 4 && taken.size() != bytes.size() )
+         return {};
       std::copy( taken.begin(), taken.end(), bytes.begin() );
-      if( taken.size() == 4 )
-         return { IpGenAddr::familyIpv4, bytes };
-      return taken.size() == 16 ? IpGenAddr( IpGenAddr::familyIpv6, bytes ) : IpGenAddr();
+      return { taken.size() == 4 ? IpGenAddr::familyIpv4 : IpGenAddr::familyIpv6, bytes };
    }
    Esi esi() {
       Esi esi;
