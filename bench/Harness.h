@@ -43,6 +43,7 @@ void benchRestart( const Settings& settings, Report& report );
 void benchHold( const Settings& settings, Report& report );
 void benchFlood( const Settings& settings, Report& report );
 void benchBridge( const Settings& settings, Report& report );
+void benchEvpn( const Settings& settings, Report& report );
 
 // Nanoseconds of the monotonic clock, the same in every process.
 inline int64_t nanoseconds() {

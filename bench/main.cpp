@@ -14,7 +14,7 @@ namespace {
 constexpr void ( *workloads[] )( const Bench::Settings&, Bench::Report& ) = {
    Bench::benchGet,   Bench::benchSet,     Bench::benchGrow,    Bench::benchWake,
    Bench::benchMerge, Bench::benchObjects, Bench::benchRestart, Bench::benchHold,
-   Bench::benchFlood, Bench::benchBridge };
+   Bench::benchFlood, Bench::benchBridge,  Bench::benchEvpn };
 
 enum class Form { table, json, tsv };
 

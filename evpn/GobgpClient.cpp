@@ -1,8 +1,6 @@
 #include "evpn/GobgpClient.h"
 
-#include "capability.pb.h"
 #include "evpn/GobgpMessages.h"
-#include "evpn/StatusTables.h"
 #include "gobgp.grpc.pb.h"
 #include "gobgp.pb.h"
 
@@ -28,47 +26,35 @@ using std::chrono::milliseconds;
 constexpr milliseconds firstRetry( 100 );
 constexpr milliseconds longestRetry( 5000 );
 constexpr std::chrono::seconds callTimeout( 60 ); // a gobgpd with a large table may be long silent
-constexpr size_t changesInEvent = 1000;
+// For its peers, which are asked for every few seconds. That is the sign of life: pings of HTTP/2
+// more often than every 5 minutes are an offence to a server in Go, which then hangs up (grpc-go,
+// keepalive.EnforcementPolicy).
+constexpr std::chrono::seconds signTimeout( 10 );
+constexpr int changesInEvent = 1000;
 constexpr size_t eventsQueued = 64;
 constexpr int pathsInMessage = 500;
-constexpr uint32_t restartState = 0x8; // of a capability's flags (RFC 4724, section 3)
 
 std::shared_ptr<grpc::Channel> channelTo( const std::string& address ) {
    grpc::ChannelArguments arguments;
-   arguments.SetMaxReceiveMessageSize( -1 ); // the first answer of a stream has the whole table
+   arguments.SetMaxReceiveMessageSize( -1 );
    arguments.SetInt( GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1 ); // with no failures remembered
    arguments.SetInt( GRPC_ARG_ENABLE_HTTP_PROXY, 0 );
    return grpc::CreateCustomChannel( address, grpc::InsecureChannelCredentials(), arguments );
 }
 
+const std::string silent = "gobgpd does not answer";
+
 std::string textOf( const grpc::Status& status ) {
+   if( status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED )
+      return silent;
    return status.ok() ? "the stream has ended" : status.error_message();
 }
 
-Peer peerOf( const apipb::Peer& message ) {
-   Peer peer;
-   peer.address = message.state().neighbor_address();
-   if( peer.address.empty() )
-      peer.address = message.conf().neighbor_address();
-   peer.as = message.state().peer_asn();
-   peer.established = message.state().session_state() == apipb::PeerState::ESTABLISHED;
-   peer.up =
-      !message.conf().admin_down() && message.state().admin_state() != apipb::PeerState::DOWN;
-   peer.updates = message.state().messages().received().update();
-   if( peer.established )
-      peer.upFor = wallClock() - static_cast<double>( message.timers().state().uptime().seconds() );
-   for( const google::protobuf::Any& any : message.state().remote_cap() )
-      if( apipb::GracefulRestartCapability capability; any.UnpackTo( &capability ) )
-         peer.restarting = ( capability.flags() & restartState ) != 0;
-   for( const apipb::AfiSafi& family : message.afi_safis() ) {
-      if( family.config().family().afi() != apipb::Family::AFI_L2VPN ||
-          family.config().family().safi() != apipb::Family::SAFI_EVPN )
-         continue;
-      peer.evpn = true;
-      peer.endOfRib = family.mp_graceful_restart().state().end_of_rib_received();
-      peer.received = family.state().received();
-   }
-   return peer;
+// Whether it was the speaker that failed, and not what it was asked for.
+bool isAway( const grpc::Status& status ) {
+   return status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED ||
+          status.error_code() == grpc::StatusCode::UNAVAILABLE ||
+          status.error_code() == grpc::StatusCode::CANCELLED;
 }
 
 } // namespace
@@ -111,9 +97,10 @@ struct GobgpClient::State {
    // A call that ends when this program does. Without a limit in time where none is given.
    class Call {
     public:
-      explicit Call( State& state, bool limited = true ) : state_( state ) {
-         if( limited )
-            context.set_deadline( std::chrono::system_clock::now() + callTimeout );
+      explicit Call( State& state, std::optional<std::chrono::seconds> limit = callTimeout )
+         : state_( state ) {
+         if( limit )
+            context.set_deadline( std::chrono::system_clock::now() + *limit );
          const std::lock_guard lock( state_.mutex );
          state_.contexts.push_back( &context );
          if( state_.stopping )
@@ -151,9 +138,13 @@ struct GobgpClient::State {
 
    void readForEver();
    std::string openSession( Event& begin );
-   std::string readSession( Event begin );
-   void postChanges( const apipb::WatchEventResponse& response, const Event& begin );
-   std::string listPeers( std::vector<Peer>& peers );
+   std::string readSession( const Event& begin );
+   std::string listRoutes( const Event& begin );
+   void postRoutes( const google::protobuf::RepeatedPtrField<apipb::Path>& paths,
+                    const Event& begin );
+   grpc::Status listPeers( std::vector<Peer>& peers );
+   bool endsWith( const grpc::Status& status );
+   bool goesOn( uint64_t session );
    void callForEver();
    void carryOut( uint64_t session, const std::vector<Announcement>& batch );
    grpc::Status announceAll( const std::vector<Announcement>& batch );
@@ -167,7 +158,9 @@ struct GobgpClient::State {
    bool stopping = false;
    bool peersWanted = false;
    bool again = false;
-   grpc::ClientContext* stream = nullptr;
+   bool hung = false;
+   grpc::ClientContext* stream = nullptr;          // that is being read
+   uint64_t streamed = 0;                          // its session
    std::vector<grpc::ClientContext*> contexts;     // of calls under way
    std::shared_ptr<apipb::GobgpApi::Stub> channel; // a new one after each failure
    std::deque<Event> events;
@@ -188,7 +181,7 @@ void GobgpClient::State::readForEver() {
       begin.session = ++sessions;
       std::string failure = openSession( begin );
       if( failure.empty() ) {
-         failure = readSession( std::move( begin ) );
+         failure = readSession( begin );
          interval = firstRetry;
       }
       {
@@ -223,53 +216,86 @@ std::string GobgpClient::State::openSession( Event& begin ) {
    begin.speaker = { response.global().asn(), *router };
    begin.import = std::make_shared<const Import>( options.vtep, options.vlans, begin.speaker );
    std::vector<Peer> peers;
-   if( std::string failure = listPeers( peers ); !failure.empty() )
-      return failure;
+   if( const grpc::Status status = listPeers( peers ); !status.ok() )
+      return textOf( status );
    begin.settled = allSettled( peers );
    return {};
 }
 
-std::string GobgpClient::State::readSession( Event begin ) {
+// First the changes are asked for, then the table: what changes meanwhile is told by both, and what
+// was told last is what stands. (A stream begins with the whole table when that is asked for, but
+// in one message; gobgpd sends none of more than 256 MB, which 20,000 routes may fill.)
+std::string GobgpClient::State::readSession( const Event& begin ) {
    apipb::WatchEventRequest request;
-   auto* const filter = request.mutable_table()->add_filters();
-   filter->set_type( apipb::WatchEventRequest::Table::Filter::BEST );
-   filter->set_init( true );
-   Call call( *this, false );
+   request.mutable_table()->add_filters()->set_type(
+      apipb::WatchEventRequest::Table::Filter::BEST );
+   request.mutable_peer(); // the end of whose list says that the changes come from here on
+   Call call( *this, std::nullopt );
    {
       const std::lock_guard lock( mutex );
       stream = &call.context;
+      streamed = begin.session;
    }
-   const auto paths = stub()->WatchEvent( &call.context, request );
+   const auto changes = stub()->WatchEvent( &call.context, request );
+   post( begin );
    apipb::WatchEventResponse response;
-   bool first = true;
-   while( paths->Read( &response ) ) {
-      if( !response.has_table() )
-         continue;
-      if( first )
-         post( begin );
-      postChanges( response, begin );
-      if( std::exchange( first, false ) ) {
-         Event present;
-         present.kind = Event::present;
-         present.session = begin.session;
-         present.settled = begin.settled;
-         post( std::move( present ) );
-      }
+   std::string failure;
+   while( failure.empty() && changes->Read( &response ) ) {
+      if( response.has_table() )
+         postRoutes( response.table().paths(), begin );
+      else if( response.peer().type() == apipb::WatchEventResponse::PeerEvent::END_OF_INIT )
+         failure = listRoutes( begin );
       response.Clear();
    }
    {
       const std::lock_guard lock( mutex );
       stream = nullptr;
+      if( std::exchange( hung, false ) )
+         failure = silent;
    }
-   return textOf( paths->Finish() );
+   call.context.TryCancel();
+   const grpc::Status status = changes->Finish();
+   return failure.empty() ? textOf( status ) : failure;
 }
 
-void GobgpClient::State::postChanges( const apipb::WatchEventResponse& response,
-                                      const Event& begin ) {
+// All best routes that the speaker has; returns why there are none.
+std::string GobgpClient::State::listRoutes( const Event& begin ) {
+   apipb::ListPathRequest request;
+   request.set_table_type( apipb::GLOBAL );
+   request.mutable_family()->set_afi( apipb::Family::AFI_L2VPN );
+   request.mutable_family()->set_safi( apipb::Family::SAFI_EVPN );
+   request.set_enable_only_binary( true );
+   Call call( *this, std::nullopt );
+   const auto list = stub()->ListPath( &call.context, request );
+   apipb::ListPathResponse response;
+   google::protobuf::RepeatedPtrField<apipb::Path> paths;
+   while( list->Read( &response ) ) {
+      auto* const all = response.mutable_destination()->mutable_paths();
+      if( const auto best = std::find_if( all->begin(), all->end(),
+                                          []( const apipb::Path& path ) { return path.best(); } );
+          best != all->end() )
+         paths.Add( std::move( *best ) );
+      if( paths.size() == changesInEvent ) {
+         postRoutes( paths, begin );
+         paths.Clear();
+      }
+   }
+   if( const grpc::Status status = list->Finish(); !status.ok() )
+      return textOf( status );
+   postRoutes( paths, begin );
+   Event present;
+   present.kind = Event::present;
+   present.session = begin.session;
+   post( std::move( present ) );
+   return {};
+}
+
+void GobgpClient::State::postRoutes( const google::protobuf::RepeatedPtrField<apipb::Path>& paths,
+                                     const Event& begin ) {
    Event event;
    event.kind = Event::routes;
    event.session = begin.session;
-   for( const apipb::Path& path : response.table().paths() ) {
+   for( const apipb::Path& path : paths ) {
       if( path.has_family() && path.family().safi() != apipb::Family::SAFI_EVPN )
          continue;
       ParsedPath parsed = parsedPath( path );
@@ -282,10 +308,6 @@ void GobgpClient::State::postChanges( const apipb::WatchEventResponse& response,
       }
       change.route = std::move( parsed.route );
       event.changes.push_back( std::move( change ) );
-      if( event.changes.size() == changesInEvent ) {
-         post( event, true );
-         event.changes.clear();
-      }
    }
    if( !event.changes.empty() )
       post( std::move( event ), true );
@@ -293,14 +315,32 @@ void GobgpClient::State::postChanges( const apipb::WatchEventResponse& response,
 
 // --- the caller
 
-std::string GobgpClient::State::listPeers( std::vector<Peer>& peers ) {
-   Call call( *this );
+grpc::Status GobgpClient::State::listPeers( std::vector<Peer>& peers ) {
+   Call call( *this, signTimeout );
    const auto list = stub()->ListPeer( &call.context, apipb::ListPeerRequest() );
    apipb::ListPeerResponse response;
    while( list->Read( &response ) )
       peers.push_back( peerOf( response.peer() ) );
-   const grpc::Status status = list->Finish();
-   return status.ok() ? std::string() : textOf( status );
+   return list->Finish();
+}
+
+// A speaker that hangs keeps its connections, so the stream would stay silent for ever. Returns
+// whether the session has come to its end.
+bool GobgpClient::State::endsWith( const grpc::Status& status ) {
+   if( !isAway( status ) )
+      return false;
+   const std::lock_guard lock( mutex );
+   if( stream ) {
+      hung = status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED;
+      for( grpc::ClientContext* const context : contexts )
+         context->TryCancel();
+   }
+   return true;
+}
+
+bool GobgpClient::State::goesOn( uint64_t session ) {
+   const std::lock_guard lock( mutex );
+   return stream && streamed == session && !stopping;
 }
 
 void GobgpClient::State::callForEver() {
@@ -322,8 +362,10 @@ void GobgpClient::State::callForEver() {
          continue;
       Event event;
       event.kind = Event::peers;
-      if( listPeers( event.known ).empty() )
+      if( const grpc::Status status = listPeers( event.known ); status.ok() )
          post( std::move( event ) );
+      else
+         endsWith( status );
    }
 }
 
@@ -362,18 +404,23 @@ grpc::Status GobgpClient::State::announce( const Announcement& one ) {
 }
 
 // Withdrawals one by one, then announcements in a stream; one by one where that fails, so that the
-// fault of one is not that of all.
+// fault of one is not that of all. Dropped when the session ends: the next one finds out anew what
+// is to be written.
 void GobgpClient::State::carryOut( uint64_t session, const std::vector<Announcement>& batch ) {
    Event done;
    done.kind = Event::written;
    done.session = session;
    std::vector<Announcement> additions;
    const auto alone = [ & ]( const Announcement& one ) {
+      if( !goesOn( session ) )
+         return;
       const grpc::Status status = announce( one );
       if( status.ok() ) {
          done.keys.push_back( one.route.key );
          return;
       }
+      if( endsWith( status ) )
+         return;
       Event failed;
       failed.kind = Event::written;
       failed.session = session;
@@ -386,11 +433,15 @@ void GobgpClient::State::carryOut( uint64_t session, const std::vector<Announcem
          alone( one );
       else
          additions.push_back( one );
-   if( additions.size() > 1 && announceAll( additions ).ok() )
-      for( const Announcement& one : additions )
+   grpc::Status together( grpc::StatusCode::UNKNOWN, "" );
+   if( additions.size() > 1 && goesOn( session ) )
+      together = announceAll( additions );
+   if( endsWith( together ) )
+      return;
+   for( const Announcement& one : additions )
+      if( together.ok() )
          done.keys.push_back( one.route.key );
-   else
-      for( const Announcement& one : additions )
+      else
          alone( one );
    if( !done.keys.empty() )
       post( std::move( done ) );

@@ -1,7 +1,14 @@
 #include "evpn/GobgpMessages.h"
 
 #include "attribute.pb.h"
+#include "capability.pb.h"
+#include "evpn/GobgpClient.h"
+#include "evpn/PathBytes.h"
+#include "evpn/StatusTables.h"
 #include "gobgp.pb.h"
+
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/wire_format_lite.h>
 
 #include <algorithm>
 
@@ -12,6 +19,7 @@ namespace {
 constexpr uint32_t tunnelVxlan = 8;        // of the encapsulation community (RFC 8365, 5.1.2.4)
 constexpr uint32_t ingressReplication = 6; // PMSI tunnel type (RFC 6514, section 5)
 constexpr uint32_t transitiveTarget = 2;   // sub-type of a route target (RFC 4360, section 4)
+constexpr uint32_t restartState = 0x8;     // of a capability's flags (RFC 4724, section 3)
 constexpr uint32_t originIgp = 0;          // RFC 4271, section 4.3
 const std::string noAddress = "<nil>";     // what the API says for none
 
@@ -139,10 +147,27 @@ NotTaken readNlri( const google::protobuf::Any& any, Route& route ) {
    return NotTaken::taken;
 }
 
+// Of an MpReachNLRIAttribute, without the NLRIs behind: there may be a hundred, all of the update
+// that the path came with.
+std::string firstNextHopIn( const std::string& message ) {
+   using google::protobuf::internal::WireFormatLite;
+   google::protobuf::io::CodedInputStream in( reinterpret_cast<const uint8_t*>( message.data() ),
+                                              static_cast<int>( message.size() ) );
+   std::string hop;
+   while( const uint32_t tag = in.ReadTag() ) {
+      if( WireFormatLite::GetTagFieldNumber( tag ) ==
+          apipb::MpReachNLRIAttribute::kNextHopsFieldNumber )
+         return WireFormatLite::ReadString( &in, &hop ) ? hop : "";
+      if( !WireFormatLite::SkipField( &in, tag ) )
+         break;
+   }
+   return {};
+}
+
 void readAttribute( const google::protobuf::Any& any, Route& route, Communities& communities ) {
-   if( apipb::MpReachNLRIAttribute reach; any.UnpackTo( &reach ) ) {
-      if( reach.next_hops_size() > 0 )
-         route.nextHop = addressIn( reach.next_hops( 0 ) ).value_or( IpGenAddr() );
+   if( any.Is<apipb::MpReachNLRIAttribute>() ) {
+      if( const std::string hop = firstNextHopIn( any.value() ); !hop.empty() )
+         route.nextHop = addressIn( hop ).value_or( IpGenAddr() );
    } else if( apipb::NextHopAttribute hop; any.UnpackTo( &hop ) ) {
       if( route.nextHop == IpGenAddr() )
          route.nextHop = addressIn( hop.next_hop() ).value_or( IpGenAddr() );
@@ -240,11 +265,16 @@ ParsedPath parsedPath( const apipb::Path& path ) {
    ParsedPath parsed;
    Route& route = parsed.route;
    parsed.withdrawn = path.is_withdraw();
+   const std::string& neighbor = path.neighbor_ip();
+   route.own = !parsed.withdrawn && ( neighbor.empty() || neighbor == noAddress );
+   if( !path.nlri_binary().empty() ) {
+      parsed.reason = readPath(
+         path.nlri_binary(), { path.pattrs_binary().begin(), path.pattrs_binary().end() }, route );
+      return parsed;
+   }
    parsed.reason = readNlri( path.nlri(), route );
    if( parsed.withdrawn || parsed.reason != NotTaken::taken )
       return parsed;
-   const std::string& neighbor = path.neighbor_ip();
-   route.own = neighbor.empty() || neighbor == noAddress;
    Communities communities( route );
    for( const auto& attribute : path.pattrs() )
       readAttribute( attribute, route, communities );
@@ -279,6 +309,32 @@ apipb::Path pathOf( const Route& route ) {
    if( route.key.type == RouteType::multicast )
       fillTunnel( path, route );
    return path;
+}
+
+Peer peerOf( const apipb::Peer& message ) {
+   Peer peer;
+   peer.address = message.state().neighbor_address();
+   if( peer.address.empty() )
+      peer.address = message.conf().neighbor_address();
+   peer.as = message.state().peer_asn();
+   peer.established = message.state().session_state() == apipb::PeerState::ESTABLISHED;
+   peer.up =
+      !message.conf().admin_down() && message.state().admin_state() != apipb::PeerState::DOWN;
+   peer.updates = message.state().messages().received().update();
+   if( peer.established )
+      peer.upFor = wallClock() - static_cast<double>( message.timers().state().uptime().seconds() );
+   for( const google::protobuf::Any& any : message.state().remote_cap() )
+      if( apipb::GracefulRestartCapability capability; any.UnpackTo( &capability ) )
+         peer.restarting = ( capability.flags() & restartState ) != 0;
+   for( const apipb::AfiSafi& family : message.afi_safis() ) {
+      if( family.config().family().afi() != apipb::Family::AFI_L2VPN ||
+          family.config().family().safi() != apipb::Family::SAFI_EVPN )
+         continue;
+      peer.evpn = true;
+      peer.endOfRib = family.mp_graceful_restart().state().end_of_rib_received();
+      peer.received = family.state().received();
+   }
+   return peer;
 }
 
 } // namespace Evpn

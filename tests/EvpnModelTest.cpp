@@ -1,12 +1,8 @@
-// l2rib-evpn without BGP and without tables: what is read from the API's messages, and what routes
-// come to, against a model that computes it anew from all routes each time.
+// l2rib-evpn without BGP and without tables: what routes come to, against a model that computes it
+// anew from all routes each time, and what is announced.
 #include "evpn/Announcer.h"
-#include "evpn/GobgpMessages.h"
 #include "evpn/RouteTable.h"
 #include "tests/TestSupport.h"
-
-#include "attribute.pb.h"
-#include "gobgp.pb.h"
 
 #include <gtest/gtest.h>
 
@@ -280,123 +276,14 @@ TEST( EvpnModelTest, MassWithdrawalIsOneWrite ) {
    EXPECT_EQ( mirror.groups.begin()->second, ( Hops{ { ip( 2 ), 10010 } } ) );
 }
 
-// --- messages
-
-const Speaker speaker{ 65000, ip( 5 ) };
-Import imported() {
-   return Import( ip( 5 ), { { 10, { 10010, {}, {} } }, { 20, { 10020, {}, {} } } }, speaker );
-}
-
-Route local( bool multicast, uint32_t seqNo, bool sticky ) {
-   Route route;
-   route.key.rd = rdOf( ip( 7 ), 10 );
-   route.nextHop = ip( 7 );
-   route.vni = 10010;
-   route.targets = { targetOf( 65000, 10010 ), *parsedTarget( "192.0.2.1:5" ),
-                     *parsedTarget( "4200000000:7" ) };
-   std::sort( route.targets.begin(), route.targets.end() );
-   route.own = true;
-   if( multicast ) {
-      route.key.type = RouteType::multicast;
-      route.key.ip = ip( 7 );
-      route.ingressReplication = true;
-   } else {
-      route.key.mac = EthAddr( uint64_t( 0x020000000001 ) );
-      route.seqNo = seqNo;
-      route.sticky = sticky;
-   }
-   return route;
-}
-
-// What is written reads the same; a withdrawn path is its key.
-TEST( EvpnModelTest, MessagesThereAndBack ) {
-   for( Route route : { local( false, 0, false ), local( false, 7, false ), local( false, 0, true ),
-                        local( true, 0, false ) } ) {
-      for( const char* rd : { "192.0.2.7:10", "65000:100000", "4200000000:9" } ) {
-         route.key.rd = *parsedRd( rd );
-         EXPECT_EQ( rdStr( route.key.rd ), rd );
-         apipb::Path path = pathOf( route );
-         ParsedPath parsed = parsedPath( path );
-         EXPECT_EQ( parsed.reason, NotTaken::taken );
-         EXPECT_EQ( parsed.route, route ) << route.key.str();
-         path.set_is_withdraw( true );
-         path.clear_pattrs();
-         parsed = parsedPath( path );
-         EXPECT_TRUE( parsed.withdrawn );
-         EXPECT_EQ( parsed.route.key, route.key );
-      }
-   }
-}
-
-// Each reason, by one change of a route that is taken.
-TEST( EvpnModelTest, WhatIsNotTaken ) {
-   const Import import = imported();
-   const auto judged = [ & ]( bool multicast, auto change ) {
-      Route route = local( multicast, 0, false );
-      change( route );
-      std::vector<uint16_t> vlans;
-      return import.judge( route, vlans );
-   };
-   const std::vector<std::pair<NotTaken, std::function<void( Route& )>>> cases{
-      { NotTaken::taken, []( Route& ) {} },
-      { NotTaken::target, []( Route& route ) { route.targets = { targetOf( 65000, 9 ) }; } },
-      { NotTaken::target, []( Route& route ) { route.targets.clear(); } },
-      { NotTaken::own, []( Route& route ) { route.nextHop = ip( 5 ); } },
-      { NotTaken::tag, []( Route& route ) { route.key.tag = 5; } },
-      { NotTaken::encapsulation, []( Route& route ) { route.foreignEncapsulation = true; } },
-      { NotTaken::vni, []( Route& route ) { route.vni = 0; } },
-      { NotTaken::vni, []( Route& route ) { route.vni = 0x1000000; } },
-      { NotTaken::nextHop, []( Route& route ) { route.nextHop = IpGenAddr(); } },
-      { NotTaken::nextHop,
-        []( Route& route ) { route.nextHop = *IpGenAddr::parse( "2001:db8::1" ); } } };
-   for( const auto& [ reason, change ] : cases )
-      for( const bool multicast : { false, true } )
-         EXPECT_EQ( judged( multicast, change ), reason );
-   EXPECT_EQ( judged( true, []( Route& route ) { route.ingressReplication = false; } ),
-              NotTaken::tunnel );
-   EXPECT_EQ(
-      judged( false, []( Route& route ) { route.key.mac = EthAddr( uint64_t( 1 ) << 40 ); } ),
-      NotTaken::mac );
-}
-
-// Damaged messages: nothing throws, nothing that can't be read is taken for a route.
-TEST( EvpnModelTest, DamagedMessages ) {
-   google::protobuf::SetLogHandler( nullptr );
-   Random random;
-   const std::string whole = pathOf( local( false, 3, true ) ).SerializeAsString();
-   for( unsigned round = 0; round < 20000; ++round ) {
-      std::string bytes = whole;
-      for( unsigned change = 1 + random.below( 3 ); change > 0; --change )
-         bytes[ random.below( bytes.size() ) ] = static_cast<char>( random.below( 256 ) );
-      apipb::Path path;
-      if( !path.ParseFromString( bytes ) )
-         continue;
-      const ParsedPath parsed = parsedPath( path );
-      std::vector<uint16_t> vlans;
-      if( parsed.reason == NotTaken::taken &&
-          imported().judge( parsed.route, vlans ) == NotTaken::taken ) {
-         EXPECT_FALSE( vlans.empty() );
-         EXPECT_NE( parsed.route.nextHop, IpGenAddr() );
-      }
-   }
-   const auto reasonOf = []( const google::protobuf::Message& nlri ) {
-      apipb::Path path;
-      path.mutable_nlri()->PackFrom( nlri );
-      return parsedPath( path ).reason;
-   };
-   EXPECT_EQ( parsedPath( apipb::Path() ).reason, NotTaken::unreadable );
-   EXPECT_EQ( reasonOf( apipb::EVPNMACIPAdvertisementRoute() ), NotTaken::unreadable );
-   EXPECT_EQ( reasonOf( apipb::EVPNIPPrefixRoute() ), NotTaken::type );
-   EXPECT_EQ( reasonOf( apipb::IPAddressPrefix() ), NotTaken::unreadable );
-   for( const char* text : { "", ":", "1:", ":1", "x:1", "65536:65536", "1.2.3.4:65536", "1:1x" } )
-      EXPECT_FALSE( parsedRd( text ) || parsedTarget( text ) ) << text;
-}
-
 // --- what goes out
 
 TEST( EvpnModelTest, OnlyDifferencesAreAnnounced ) {
    Announcer announcer;
-   const auto import = std::make_shared<const Import>( imported() );
+   const auto import = std::make_shared<const Import>(
+      ip( 5 ),
+      std::map<uint32_t, VlanOptions>{ { 10, { 10010, {}, {} } }, { 20, { 10020, {}, {} } } },
+      Speaker{ 65000, ip( 5 ) } );
    std::map<RouteKey, Route> there; // what the speaker has
    Random random;
    const auto host = []( unsigned number ) {

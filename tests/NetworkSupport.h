@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <map>
 #include <set>
+#include <sstream>
 
 namespace NetworkSupport {
 
@@ -104,6 +105,20 @@ class Namespace {
                         ( entry.contains( "vni" ) ? " vni " + entry[ "vni" ].dump() : "" ) );
       return all;
    }
+   // Echo requests that have reached this machine.
+   unsigned echoes() const {
+      std::istringstream lines( run( "cat /proc/net/snmp" ) );
+      std::vector<std::string> rows;
+      for( std::string line; std::getline( lines, line ); )
+         if( line.starts_with( "Icmp:" ) )
+            rows.push_back( line );
+      std::istringstream names( rows.at( 0 ) );
+      std::istringstream values( rows.at( 1 ) );
+      std::string name, value;
+      while( names >> name && values >> value && name != "InEchos" )
+         ;
+      return static_cast<unsigned>( std::stoul( value ) );
+   }
    // Nexthops of l2rib-bridge.
    size_t nexthops() const {
       size_t count = 0;
@@ -136,18 +151,28 @@ class Namespace {
    if( geteuid() != 0 )                                                                            \
    GTEST_SKIP() << "network namespaces need root"
 
+struct Frames {
+   unsigned sent = 0;
+   unsigned answered = 0;
+};
+inline Frames ended( ProcessSupport::Program& ping ) {
+   ping.signal( SIGINT );
+   ping.status();
+   Frames frames;
+   const std::string last = ping.out().substr( ping.out().find( "---" ) );
+   EXPECT_EQ( std::sscanf( last.c_str(), "%*[^\n]\n%u packets transmitted, %u received",
+                           &frames.sent, &frames.answered ),
+              2 )
+      << ping.out();
+   return frames;
+}
+
 // Ends a ping that was to run without a loss: of all its frames, only the one under way may be
 // without an answer.
 inline void endWithoutLoss( ProcessSupport::Program& ping ) {
-   ping.signal( SIGINT );
-   ping.status();
-   unsigned sent = 0, answered = 0;
-   const std::string last = ping.out().substr( ping.out().find( "---" ) );
-   ASSERT_EQ(
-      std::sscanf( last.c_str(), "%*[^\n]\n%u packets transmitted, %u received", &sent, &answered ),
-      2 )
-      << ping.out();
-   EXPECT_LE( sent - answered, 1u ) << "none but the one under way: " << last;
+   const Frames frames = ended( ping );
+   EXPECT_GT( frames.sent, 0u );
+   EXPECT_LE( frames.sent - frames.answered, 1u ) << "none but the one under way: " << ping.out();
 }
 
 } // namespace NetworkSupport

@@ -28,6 +28,13 @@ inline void expectIn( const std::string& text, const std::string& part ) {
    EXPECT_NE( text.find( part ), text.npos ) << part << " is missing in: " << text;
 }
 
+inline size_t occurrences( const std::string& text, const std::string& all ) {
+   size_t found = 0;
+   for( size_t at = 0; ( at = all.find( text, at ) ) != all.npos; at += text.size() )
+      ++found;
+   return found;
+}
+
 // A child process. Its standard input is a pipe or a file, its outputs go to files.
 class Program {
  public:
@@ -93,13 +100,7 @@ class Program {
       EXPECT_TRUE( waitFor( [ & ] { return count( text ) >= times || ended(); } ) );
       EXPECT_GE( count( text ), times ) << text << " is missing in: " << out() << err();
    }
-   size_t count( const std::string& text ) const {
-      size_t found = 0;
-      const std::string all = out();
-      for( size_t at = 0; ( at = all.find( text, at ) ) != all.npos; at += text.size() )
-         ++found;
-      return found;
-   }
+   size_t count( const std::string& text ) const { return occurrences( text, out() ); }
 
  private:
    static int created( const std::string& file ) {
