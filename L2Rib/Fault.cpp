@@ -1,7 +1,7 @@
 #include "L2Rib/Fault.h"
 
-#include "L2Rib/ConfigBinding.h"
-#include "L2Rib/FloodBindings.h"
+#include "L2Rib/ConfigRecords.h"
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"
 

@@ -179,6 +179,10 @@ class HostAndSource {
    Source source_ = sourceNone_;
 };
 
+// What the table of such rows says of their members: Layout.h.
+uint32_t layoutOf( const Host& );
+uint32_t layoutOf( const HostAndSource& );
+
 // "(02:00:00:00:00:01/10)"; "(MVP INVALID)" for Util::mvpInvalid().
 inline std::string mvpStr( const Bridging::MacVlanPair& mvp ) { return mvp.str(); }
 

@@ -6,7 +6,7 @@
 #pragma once
 
 #include "L2Rib/Parked.h"
-#include "L2Rib/SourceDir.h"
+#include "L2Rib/SourceEntry.h"
 #include "runtime/Entity.h"
 
 #include <array>
@@ -41,6 +41,7 @@ struct PolicySmStatusRecord {
    LabelId maxLabelId;
 };
 static_assert( Vexil::WireRecord<PolicySmStatusRecord, 28> );
+uint32_t layoutOf( const PolicySmStatusRecord& );
 MaybeFault formatFaultIn( const PolicySmStatusRecord& status );
 
 class PolicySmStatusTable
@@ -91,6 +92,7 @@ struct AgentStatusRecord {
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<AgentStatusRecord, 224> );
+uint32_t layoutOf( const AgentStatusRecord& );
 MaybeFault formatFaultIn( const AgentStatusRecord& status );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
@@ -131,6 +133,7 @@ struct SourceStatusRecord {
    friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<SourceStatusRecord, 320> );
+uint32_t layoutOf( const SourceStatusRecord& );
 
 class SourceStatusTable
    : public Vexil::NamedTable<SourceStatusTable, SourceName, SourceStatusRecord> {

@@ -4,16 +4,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -29,7 +24,7 @@ using Vexil::TableError;
 namespace {
 
 constexpr uint32_t smallest = 1024; // records that a new table has room for
-constexpr std::chrono::seconds patience( 10 );
+constexpr double patience = 10;     // seconds
 
 std::string fileIn( const Context& context, const std::string& name ) {
    return context.fileOf( L2Rib::Path::bridgingConfig ) + "/" + name;
@@ -143,16 +138,6 @@ void removeOthers( const Context& context, const std::string& inForce ) {
    }
 }
 
-// Tries for as long as another command may take.
-bool lockPatiently( int fd ) {
-   const auto end = std::chrono::steady_clock::now() + patience;
-   int locked;
-   while( ( locked = flock( fd, LOCK_EX | LOCK_NB ) ) != 0 && errno == EWOULDBLOCK &&
-          std::chrono::steady_clock::now() < end )
-      std::this_thread::sleep_for( std::chrono::milliseconds( 2 ) );
-   return locked == 0;
-}
-
 } // namespace
 
 Configuration readConfiguration( const Context& context ) {
@@ -167,26 +152,17 @@ Configuration readConfiguration( const Context& context ) {
 }
 
 ConfigEdit::ConfigEdit( const Context& context ) : context_( context ) {
-   const std::string file = fileIn( context, ".lock" );
-   Vexil::makeFoldersFor( file );
-   lock_ = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
-   if( lock_ >= 0 ) {
-      // Whatever the umask of its maker was. Refused when another user made it; it is his then.
-      [[maybe_unused]] const int refused = fchmod( lock_, 0640 );
-      if( lockPatiently( lock_ ) )
-         return;
+   try {
+      lock_.emplace( fileIn( context, ".lock" ), patience );
+   } catch( const TableError& failure ) {
+      throw std::runtime_error(
+         failure.kind() != TableError::busy
+            ? failure.what()
+            : std::string( "another command is changing the configuration; try "
+                           "again when it ends: " ) +
+                 failure.what() );
    }
-   const int error = errno;
-   if( lock_ >= 0 )
-      close( lock_ );
-   throw std::runtime_error(
-      file + ( error == EWOULDBLOCK
-                  ? ": another command has been changing the configuration for " +
-                       std::to_string( patience.count() ) + " seconds; try again when it ends"
-                  : std::string( ": locking: " ) + std::strerror( error ) ) );
 }
-
-ConfigEdit::~ConfigEdit() { close( lock_ ); }
 
 ConfigEdit::Changes ConfigEdit::commit( const Configuration& wanted ) {
    const std::string before = generation( context_ );

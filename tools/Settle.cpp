@@ -6,7 +6,7 @@
 // output. The figures of the sources are read before those of the lists, because the agent writes
 // them in that order; an agent that starts empties the former before it takes the latter, so that
 // no other run's word is believed.
-#include "L2Rib/ConfigBinding.h"
+#include "L2Rib/ConfigRecords.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/RestartState.h"
 #include "L2Rib/Status.h"
