@@ -5,6 +5,7 @@
 #include "L2Rib/SourceDir.h"
 #include "runtime/Clock.h"
 #include "tests/Records.h"
+#include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,7 @@
 #include "tools/ConfigStore.h"
 
 #include "L2Rib/L2RibTarn.h"
+#include "tools/Progress.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -42,13 +43,29 @@ Ptr<Table> reading( const std::string& folder ) {
    try {
       return makeEntity<Table>( folder + "/" + Table::fileName, Table::Mode::read );
    } catch( const TableError& failure ) {
+      if( failure.kind() == TableError::mismatch )
+         throw TableError( TableError::mismatch,
+                           std::string( failure.what() ) +
+                              "; 'l2ribctl config apply FILE' replaces the configuration" );
       if( failure.kind() != TableError::absent )
          throw;
       return nullptr;
    }
 }
+// The same of a table that is to be replaced: null too when it is of another version.
+template<class Table>
+Ptr<Table> replaceable( const std::string& folder, bool& otherVersion ) {
+   try {
+      return reading<Table>( folder );
+   } catch( const TableError& failure ) {
+      if( failure.kind() != TableError::mismatch )
+         throw;
+      otherVersion = true;
+      return nullptr;
+   }
+}
 
-// All that the table has, nonsense too.
+// All that the table has, invalid records too.
 template<class Table, class Records>
 void readAll( const Ptr<Table>& table, Records& records ) {
    if( table )
@@ -110,9 +127,13 @@ void write( const std::string& folder, const Ptr<Table>& before, const Records& 
       capacity *= 2;
    const std::string file = folder + "/" + Table::fileName;
    const auto table = makeEntity<Table>( file, Table::Mode::write, capacity );
-   for( const auto& [ key, record ] : records )
+   Progress progress;
+   uint64_t written = 0;
+   for( const auto& [ key, record ] : records ) {
       if( !table->set( record ) )
          throw TableError( TableError::system, file + ": there is no room for its records" );
+      progress.at( "writing the configuration", ++written, records.size() );
+   }
 }
 
 // Leads the link to that folder, in one step.
@@ -166,8 +187,9 @@ ConfigEdit::ConfigEdit( const Context& context ) : context_( context ) {
 
 ConfigEdit::Changes ConfigEdit::commit( const Configuration& wanted ) {
    const std::string before = generation( context_ );
-   const Ptr<TunnelTable> tunnelTable = reading<TunnelTable>( before );
-   const Ptr<ConfiguredHostTable> hostTable = reading<ConfiguredHostTable>( before );
+   bool otherVersion = false;
+   const auto tunnelTable = replaceable<TunnelTable>( before, otherVersion );
+   const auto hostTable = replaceable<ConfiguredHostTable>( before, otherVersion );
    Configuration present;
    readAll( tunnelTable, present.tunnels );
    readAll( hostTable, present.hosts );
@@ -175,9 +197,10 @@ ConfigEdit::Changes ConfigEdit::commit( const Configuration& wanted ) {
    const Difference hosts( present.hosts, wanted.hosts );
    const Changes changes{ tunnels.set.size(), tunnels.deleted.size(), hosts.set.size(),
                           hosts.deleted.size() };
-   if( tunnels.size() + hosts.size() == 0 ||
-       ( tunnels.size() == 1 && hosts.size() == 0 && changeInPlace( tunnelTable, tunnels ) ) ||
-       ( hosts.size() == 1 && tunnels.size() == 0 && changeInPlace( hostTable, hosts ) ) )
+   if( !otherVersion &&
+       ( tunnels.size() + hosts.size() == 0 ||
+         ( tunnels.size() == 1 && hosts.size() == 0 && changeInPlace( tunnelTable, tunnels ) ) ||
+         ( hosts.size() == 1 && tunnels.size() == 0 && changeInPlace( hostTable, hosts ) ) ) )
       return changes;
 
    std::random_device random;
