@@ -1,4 +1,4 @@
-// What the program l2rib-bridge tells of itself: which bridges it serves, what it gave the kernel
+// The status of the program l2rib-bridge: which bridges it serves, what it gave the kernel
 // for each host, and what was refused.
 //
 // The program writes these tables for people and for l2ribctl. They stay when it ends, and the next

@@ -1,4 +1,4 @@
-// What the program l2rib-evpn tells of itself: the BGP speaker and its peers, how many routes it
+// The status of the program l2rib-evpn: the BGP speaker and its peers, how many routes it
 // took and why it did not take others, what it announced.
 //
 // The program writes these tables for people and for l2ribctl; nobody acts on them. They stay when

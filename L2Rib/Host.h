@@ -45,7 +45,7 @@ class CiDest {
       payload_ = payload;
    }
 
-   // The count as it stands in the record, 0 to 2 unless another process wrote nonsense.
+   // The count as it stands in the record, 0 to 2 unless another process wrote an invalid one.
    uint32_t vtepCount() const { return vtepCount_; }
    // The VTEPs in use, at most as many as there are slots whatever the count says.
    std::span<const Vexil::IpGenAddr> vteps() const {

@@ -86,7 +86,7 @@ class SourceDirEntry : public Vexil::Entity {
 std::string entryStr( const SourceDirEntry* entry );
 
 // The sources that live inside this agent, by name. Mounted on a state directory it is empty at
-// first, whatever an earlier run published: nothing is taken for live before its source enters it.
+// first, whatever an earlier run published: no entry counts before its source enters it.
 class AgentSourceDir : public Vexil::Entity {
  public:
    struct Handlers {

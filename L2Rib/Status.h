@@ -1,7 +1,7 @@
-// What the agent tells of itself.
+// The status of the agent, in shared tables that the agent alone writes.
 //
 // PolicySmStatus is the engine's memory across restarts: the highest output ids that it ever gave.
-// AgentStatus and SourceStatus are for people and for l2ribctl: what the engine has in hand, and
+// AgentStatus and SourceStatus are for people and for l2ribctl: the engine's work queues, and
 // how far it has read each source's tables.
 #pragma once
 
