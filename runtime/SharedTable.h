@@ -422,8 +422,9 @@ bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
 //       static constexpr const char* collection = "door";
 //    };
 //
-// Where there is a formatFaultIn( const Door& ) beside the record, it is the rule of the table; where
-// there is a layoutOf( const Door& ), the number that it returns is compared with the writer's.
+// Where there is a formatFaultIn( const Door& ) beside the record, it is the rule of the table;
+// where there is a layoutOf( const Door& ), the number that it returns is compared with the
+// writer's.
 template<class Self, class Key, class Record>
 class NamedTable : public SharedTable<Key, Record> {
  public:

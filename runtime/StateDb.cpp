@@ -26,7 +26,8 @@ std::map<std::string, EntityType>& types() {
 // that are in it at one time have also stood in the folder at one time: whoever publishes entries
 // with something that only one of them may have finds that kept here too.
 //
-// An entry that can't be mounted because a resource is missing (descriptors, memory) is tried again.
+// An entry that can't be mounted because a resource is missing (descriptors, memory) is tried
+// again.
 class FolderBinding {
  public:
    FolderBinding( EntityManager& manager, std::string path, Ptr<Directory> directory )
