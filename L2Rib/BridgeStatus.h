@@ -1,4 +1,4 @@
-// What the program l2rib-bridge tells of itself: which bridges it serves, what it gave the kernel
+// The status of the program l2rib-bridge: which bridges it serves, what it gave the kernel
 // for each host, and what was refused.
 //
 // The program writes these tables for people and for l2ribctl. They stay when it ends, and the next
@@ -8,7 +8,7 @@
 #pragma once
 
 #include "L2Rib/L2Rib.h"
-#include "L2Rib/SourceDir.h"
+#include "L2Rib/SourceEntry.h"
 #include "L2Rib/Status.h"
 
 #include <array>
@@ -43,6 +43,7 @@ struct BridgeProgramRecord {
    friend bool operator==( const BridgeProgramRecord&, const BridgeProgramRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<BridgeProgramRecord, 72> );
+uint32_t layoutOf( const BridgeProgramRecord& );
 
 // One VLAN. Hosts and flood members are counted alike.
 struct BridgeRecord {
@@ -63,6 +64,7 @@ struct BridgeRecord {
    friend bool operator==( const BridgeRecord&, const BridgeRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<BridgeRecord, 236> );
+uint32_t layoutOf( const BridgeRecord& );
 
 enum BridgeHostKind : uint32_t {
    bridgeHostGroup_ = 1,     // on the VXLAN device, with the nexthop group of that id
@@ -82,6 +84,7 @@ struct BridgeHostRecord {
    friend bool operator==( const BridgeHostRecord&, const BridgeHostRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<BridgeHostRecord, 52> );
+uint32_t layoutOf( const BridgeHostRecord& );
 
 // A nexthop group, by its number in the kernel.
 struct BridgeGroupRecord {
@@ -92,6 +95,7 @@ struct BridgeGroupRecord {
    friend bool operator==( const BridgeGroupRecord&, const BridgeGroupRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<BridgeGroupRecord, 328> );
+uint32_t layoutOf( const BridgeGroupRecord& );
 
 enum BridgeRefusedKind : uint32_t {
    bridgeRefusedHost_ = 1,
@@ -120,6 +124,7 @@ struct BridgeRefusedRecord {
    friend bool operator==( const BridgeRefusedRecord&, const BridgeRefusedRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<BridgeRefusedRecord, 224> );
+uint32_t layoutOf( const BridgeRefusedRecord& );
 
 #define L2RIB_BRIDGE_TABLE( Class, Key, Record, collectionName )                                   \
    class Class : public Vexil::NamedTable<Class, Key, Record> {                                    \

@@ -1,4 +1,4 @@
-// What the program l2rib-evpn tells of itself: the BGP speaker and its peers, how many routes it
+// The status of the program l2rib-evpn: the BGP speaker and its peers, how many routes it
 // took and why it did not take others, what it announced.
 //
 // The program writes these tables for people and for l2ribctl; nobody acts on them. They stay when
@@ -83,6 +83,7 @@ struct EvpnProgramRecord {
    friend bool operator==( const EvpnProgramRecord&, const EvpnProgramRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<EvpnProgramRecord, 504> );
+uint32_t layoutOf( const EvpnProgramRecord& );
 
 // A peer of the speaker, by address.
 struct EvpnPeerRecord {
@@ -96,6 +97,7 @@ struct EvpnPeerRecord {
    friend bool operator==( const EvpnPeerRecord&, const EvpnPeerRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<EvpnPeerRecord, 44> );
+uint32_t layoutOf( const EvpnPeerRecord& );
 
 struct EvpnVlanRecord {
    Bridging::VlanId vlan;
@@ -106,6 +108,7 @@ struct EvpnVlanRecord {
    friend bool operator==( const EvpnVlanRecord&, const EvpnVlanRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<EvpnVlanRecord, 168> );
+uint32_t layoutOf( const EvpnVlanRecord& );
 
 #define L2RIB_EVPN_TABLE( Class, Key, Record, collectionName )                                     \
    class Class : public Vexil::NamedTable<Class, Key, Record> {                                    \

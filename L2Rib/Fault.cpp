@@ -1,7 +1,7 @@
 #include "L2Rib/Fault.h"
 
-#include "L2Rib/ConfigBinding.h"
-#include "L2Rib/FloodBindings.h"
+#include "L2Rib/ConfigRecords.h"
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"
 
@@ -19,8 +19,8 @@ constexpr uint32_t lastVni = 0xffffff; // RFC 7348, section 5
 Fault broken( const char* field, std::string text ) {
    return { Fault::format, field, std::move( text ) };
 }
-Fault nonsense( const char* field, std::string text ) {
-   return { Fault::nonsense, field, std::move( text ) };
+Fault invalid( const char* field, std::string text ) {
+   return { Fault::invalid, field, std::move( text ) };
 }
 
 // The first of some rules that finds fault; the others are not asked.
@@ -52,22 +52,22 @@ MaybeFault sourceFormat( Source source ) {
 MaybeFault vlanFault( Bridging::VlanId vlan ) {
    if( vlan.value() >= 1 && vlan.value() <= lastVlan )
       return {};
-   return nonsense( "vlan", "VLAN " + vlan.str() + " does not exist; expected 1 to 4094" );
+   return invalid( "vlan", "VLAN " + vlan.str() + " does not exist; expected 1 to 4094" );
 }
 
 MaybeFault addressFault( const char* what, const Vexil::IpGenAddr& address ) {
    if( address.family() == Vexil::IpGenAddr::familyIpv4 ||
        address.family() == Vexil::IpGenAddr::familyIpv6 )
       return {};
-   return nonsense( what, std::string( what ) + " " + address.str() +
-                             " is neither an IPv4 nor an IPv6 address" );
+   return invalid( what, std::string( what ) + " " + address.str() +
+                            " is neither an IPv4 nor an IPv6 address" );
 }
 
 MaybeFault labelFault( Vexil::MplsLabel label ) {
    if( label.valid() )
       return {};
-   return nonsense( "label", "label " + std::to_string( label.value() ) +
-                                " is past 20 bits; expected 0 to 1048575" );
+   return invalid( "label", "label " + std::to_string( label.value() ) +
+                               " is past 20 bits; expected 0 to 1048575" );
 }
 
 MaybeFault inlineFormat( const CiDest& ciDest ) {
@@ -87,8 +87,8 @@ MaybeFault inlineFault( const CiDest& ciDest ) {
       if( const MaybeFault fault = addressFault( "VTEP", vteps[ i ] ) )
          return fault;
       if( i > 0 && !( vteps[ i - 1 ] < vteps[ i ] ) )
-         return nonsense( "vteps", "VTEPs not in strictly ascending order: " + vteps[ i ].str() +
-                                      " stands after " + vteps[ i - 1 ].str() );
+         return invalid( "vteps", "VTEPs not in strictly ascending order: " + vteps[ i ].str() +
+                                     " stands after " + vteps[ i - 1 ].str() );
    }
    return {};
 }
@@ -100,14 +100,14 @@ MaybeFault tunnelFault( const DestDataTunnel& tunnel ) {
       return fault;
    for( const auto& [ field, value ] : { std::pair( "tos", tunnel.tos ), { "ttl", tunnel.ttl } } )
       if( value > 255 )
-         return nonsense( field, std::string( field ) + " " + std::to_string( value ) +
-                                    "; expected 0 to 255" );
+         return invalid( field, std::string( field ) + " " + std::to_string( value ) +
+                                   "; expected 0 to 255" );
    return {};
 }
 
 MaybeFault mplsFault( const DestDataMpls& mpls ) {
    if( mpls.labelCount > mpls.labels.size() )
-      return nonsense( "labels", std::to_string( mpls.labelCount ) + " labels, 8 are the most" );
+      return invalid( "labels", std::to_string( mpls.labelCount ) + " labels, 8 are the most" );
    for( const Vexil::MplsLabel label : mpls.used() )
       if( const MaybeFault fault = labelFault( label ) )
          return fault;
@@ -120,16 +120,16 @@ MaybeFault payloadFault( const Dest& dest ) {
       return {};
    case objDestTypeVxlan_:
       if( dest.vxlan().vni > lastVni )
-         return nonsense( "vni", "vni " + std::to_string( dest.vxlan().vni ) +
-                                    " is past 24 bits (16777215)" );
+         return invalid( "vni", "vni " + std::to_string( dest.vxlan().vni ) +
+                                   " is past 24 bits (16777215)" );
       return addressFault( "VTEP", dest.vxlan().vtep );
    case objDestTypeTunnel_:
       return tunnelFault( dest.tunnel() );
    case objDestTypeMpls_:
       return mplsFault( dest.mpls() );
    default:
-      return nonsense( "type",
-                       "a dest of no known type: it is a vxlan, an intf, an mpls or a tunnel" );
+      return invalid( "type",
+                      "a dest of no known type: it is a vxlan, an intf, an mpls or a tunnel" );
    }
 }
 
@@ -164,7 +164,7 @@ MaybeFault faultIn( const Host& host ) {
                       if( host.next() == Util::objTupleInvalid() )
                          return inlineFault( host.ciDest() );
                       if( host.ciDest() != CiDest() )
-                         return nonsense(
+                         return invalid(
                             "inline", "a host with both a next and an inline destination; it has "
                                       "one of the two" );
                       return faultIn( host.next() );
@@ -191,10 +191,10 @@ MaybeFault faultIn( const ObjTuple& ot ) {
       return fault;
    const bool isDest = ot.tableType() == tableTypeDest_;
    if( ot == Util::objTupleInvalid() )
-      return nonsense( "next", "no object: it is an lb, a label or a dest" );
+      return invalid( "next", "no object: it is an lb, a label or a dest" );
    if( isDest && ot.destId() == Util::destIdNotInTarn() )
-      return nonsense( "id", "dest id " + ot.objId().str() +
-                                " is reserved: ids are 1 to 18446744073709551614" );
+      return invalid( "id", "dest id " + ot.objId().str() +
+                               " is reserved: ids are 1 to 18446744073709551614" );
    return {};
 }
 
@@ -221,7 +221,7 @@ MaybeFault faultIn( const LoadBalance& lb ) {
    if( const MaybeFault fault = faultIn( ObjTuple( lb.key() ) ) )
       return fault;
    if( lb.nexts() == 0 )
-      return nonsense( "nexts", "a group with 0 nexts; it has 1 to 16" );
+      return invalid( "nexts", "a group with 0 nexts; it has 1 to 16" );
    for( const ObjTuple& next : lb.used() )
       if( MaybeFault fault = faultIn( next ) )
          return fault;
@@ -346,8 +346,8 @@ MaybeFault formatFaultIn( const PolicySmStatusRecord& status ) {
 namespace Bridging {
 
 using L2Rib::broken;
+using L2Rib::invalid;
 using L2Rib::MaybeFault;
-using L2Rib::nonsense;
 
 MaybeFault formatFaultIn( const ConfiguredHostRecord& record ) {
    if( record.onTunnel > 1 )
@@ -362,31 +362,31 @@ MaybeFault faultIn( const ConfiguredHostRecord& record ) {
    if( const MaybeFault fault = L2Rib::vlanFault( record.key.vlan() ) )
       return fault;
    if( mac == Vexil::EthAddr() || ( mac.bytes()[ 0 ] & 1 ) != 0 )
-      return nonsense( "mac", "MAC address " + mac.str() + " is " +
-                                 ( mac == Vexil::EthAddr() ? "zero" : "a multicast address" ) +
-                                 "; expected a unicast address" );
+      return invalid( "mac", "MAC address " + mac.str() + " is " +
+                                ( mac == Vexil::EthAddr() ? "zero" : "a multicast address" ) +
+                                "; expected a unicast address" );
    if( record.intf.value() == 0 )
-      return nonsense( record.onTunnel ? "tunnel" : "interface",
-                       std::string( record.onTunnel ? "tunnel" : "interface" ) +
-                          " 0 does not exist; expected 1 or more" );
+      return invalid( record.onTunnel ? "tunnel" : "interface",
+                      std::string( record.onTunnel ? "tunnel" : "interface" ) +
+                         " 0 does not exist; expected 1 or more" );
    if( record.onTunnel )
       return L2Rib::labelFault( record.label );
    if( record.label != Vexil::MplsLabel::none )
-      return nonsense( "label", "label " + std::to_string( record.label.value() ) +
-                                   " on a plain interface; expected a tunnel" );
+      return invalid( "label", "label " + std::to_string( record.label.value() ) +
+                                  " on a plain interface; expected a tunnel" );
    return {};
 }
 
 MaybeFault faultIn( const TunnelRecord& record ) {
    const L2Rib::DestDataTunnel& data = record.data;
    if( record.key == TunnelId() )
-      return nonsense( "id", "tunnel 0 does not exist; expected 1 or more" );
+      return invalid( "id", "tunnel 0 does not exist; expected 1 or more" );
    if( const MaybeFault fault = L2Rib::tunnelFault( data ) )
       return fault;
    if( data.destination.family() != data.source.family() )
-      return nonsense( "destination", "destination " + data.destination.str() + " and source " +
-                                         data.source.str() +
-                                         "; expected two addresses of one family" );
+      return invalid( "destination", "destination " + data.destination.str() + " and source " +
+                                        data.source.str() +
+                                        "; expected two addresses of one family" );
    return {};
 }
 

@@ -3,7 +3,7 @@
 // formatFaultIn( record ) knows what breaks the wire format: a count past its slots, a value that
 // an enumeration does not have, half an object's name, a row that is the copy of nothing. The
 // tables ask it for every record that they read, and for every one that they recover.
-// faultIn( record ) knows that and what is well-formed nonsense besides: a VLAN that does not
+// faultIn( record ) knows that and what is well-formed but invalid besides: a VLAN that does not
 // exist, VTEPs out of order, a group without members. The client library asks it before it
 // publishes, and 'l2ribctl check' for every row. Both look at the record alone: whether what it
 // points to is there is another question.

@@ -45,7 +45,7 @@ class CiDest {
       payload_ = payload;
    }
 
-   // The count as it stands in the record, 0 to 2 unless another process wrote nonsense.
+   // The count as it stands in the record, 0 to 2 unless another process wrote an invalid one.
    uint32_t vtepCount() const { return vtepCount_; }
    // The VTEPs in use, at most as many as there are slots whatever the count says.
    std::span<const Vexil::IpGenAddr> vteps() const {
@@ -178,6 +178,10 @@ class HostAndSource {
    Host host_;
    Source source_ = sourceNone_;
 };
+
+// What the table of such rows says of their members: Layout.h.
+uint32_t layoutOf( const Host& );
+uint32_t layoutOf( const HostAndSource& );
 
 // "(02:00:00:00:00:01/10)"; "(MVP INVALID)" for Util::mvpInvalid().
 inline std::string mvpStr( const Bridging::MacVlanPair& mvp ) { return mvp.str(); }

@@ -292,4 +292,12 @@ class LabelAndSource {
    ObjTupleAndSource sourceOtas_;
 };
 
+// What the table of such rows says of their members: Layout.h.
+uint32_t layoutOf( const Dest& );
+uint32_t layoutOf( const LoadBalance& );
+uint32_t layoutOf( const Label& );
+uint32_t layoutOf( const DestAndSource& );
+uint32_t layoutOf( const LoadBalanceAndSource& );
+uint32_t layoutOf( const LabelAndSource& );
+
 } // namespace L2Rib

@@ -69,6 +69,7 @@ struct ParkedRecord {
    friend bool operator==( const ParkedRecord&, const ParkedRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<ParkedRecord, 140> );
+uint32_t layoutOf( const ParkedRecord& );
 
 class ParkedTable : public Vexil::NamedTable<ParkedTable, ParkedKey, ParkedRecord> {
  public:

@@ -7,18 +7,14 @@
 // entity's attributes, another file under the name is another entity.
 #pragma once
 
-#include "L2Rib/Fault.h"
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/FloodSets.h"
-#include "L2Rib/L2Rib.h"
 #include "L2Rib/L2RibTarn.h"
-#include "runtime/SharedTable.h"
+#include "L2Rib/SourceEntry.h"
+#include "runtime/Entity.h"
 
-#include <array>
-#include <cstring>
 #include <memory>
-#include <optional>
 #include <string>
-#include <string_view>
 
 namespace L2Rib {
 
@@ -90,7 +86,7 @@ class SourceDirEntry : public Vexil::Entity {
 std::string entryStr( const SourceDirEntry* entry );
 
 // The sources that live inside this agent, by name. Mounted on a state directory it is empty at
-// first, whatever an earlier run published: nothing is taken for live before its source enters it.
+// first, whatever an earlier run published: no entry counts before its source enters it.
 class AgentSourceDir : public Vexil::Entity {
  public:
    struct Handlers {
@@ -114,90 +110,4 @@ class AgentSourceDir : public Vexil::Entity {
    Vexil::HashMap<std::string, Vexil::Ptr<SourceDirEntry>> source_;
 };
 
-// A text of bounded length inside a record, filled up with zeros.
-template<size_t Size>
-class FixedText {
- public:
-   FixedText() = default;
-   // nullopt when the text is too long or holds a zero byte.
-   static std::optional<FixedText> of( std::string_view text ) {
-      if( text.size() >= Size || text.find( '\0' ) != text.npos )
-         return std::nullopt;
-      FixedText made;
-      std::memcpy( made.bytes_.data(), text.data(), text.size() );
-      return made;
-   }
-   std::string_view view() const {
-      return { bytes_.data(), strnlen( bytes_.data(), bytes_.size() ) };
-   }
-   std::string str() const { return std::string( view() ); }
-   uint64_t hash() const { return Vexil::hashBytes( bytes_.data(), bytes_.size() ); }
-   friend bool operator==( const FixedText&, const FixedText& ) = default;
-   friend auto operator<=>( const FixedText&, const FixedText& ) = default;
-
- private:
-   std::array<char, Size> bytes_{};
-};
-using SourceName = FixedText<64>;
-using TablePath = FixedText<128>;
-
-// The record of an entry file.
-struct SourceEntryRecord {
-   SourceName name;
-   Source source = sourceNone_;
-   uint32_t initialized = 0;
-   TablePath hostPath;
-   TablePath lbPath;
-   TablePath labelPath;
-   TablePath destPath;
-   TablePath floodPath; // where the source keeps its flood sets; empty: none
-   uint32_t hostLen = 0;
-   uint32_t lbLen = 0;
-   uint32_t labelLen = 0;
-   uint32_t destLen = 0;
-
-   friend bool operator==( const SourceEntryRecord&, const SourceEntryRecord& ) = default;
-};
-static_assert( Vexil::WireRecord<SourceEntryRecord, 728> );
-MaybeFault formatFaultIn( const SourceEntryRecord& entry );
-
-// An entry file: holds exactly the record of its own name.
-class SourceEntryTable : public Vexil::NamedTable<SourceEntryTable, SourceName, SourceEntryRecord> {
- public:
-   using NamedTable::NamedTable;
-   static constexpr const char* typeName = "L2Rib::SourceDirEntry";
-   static constexpr const char* collection = "entry";
-};
-
-// The key of a member in a table: the same as in a collection, but for the hash. The engine works
-// its backlog of triples off in the order of their hashes. A table with that same order would be
-// filled from one end, and each time that it has to grow all that it has would be in one run of
-// its index.
-struct FloodMemberKey : FloodSetTriple {
-   FloodMemberKey() = default;
-   FloodMemberKey( const FloodSetTriple& triple ) : FloodSetTriple( triple ) {}
-
-   uint64_t hash() const { return Vexil::mix64( FloodSetTriple::hash() ); }
-};
-
-// A member of a source's flood sets as its flood table holds it, with the type of its set.
-struct FloodMember {
-   FloodMemberKey triple;
-   FloodSetType floodSetType = floodSetTypeInvalid_;
-
-   friend bool operator==( const FloodMember&, const FloodMember& ) = default;
-};
-static_assert( Vexil::WireRecord<FloodMember, 76> );
-MaybeFault formatFaultIn( const FloodMember& member );
-MaybeFault faultIn( const FloodMember& member );
-
-class FloodMemberTable : public Vexil::NamedTable<FloodMemberTable, FloodMemberKey, FloodMember> {
- public:
-   using NamedTable::NamedTable;
-   static constexpr const char* typeName = "L2Rib::FloodMember";
-   static constexpr const char* collection = "flood";
-};
-
 } // namespace L2Rib
-
-VEXIL_TABLE( L2Rib::SourceName, L2Rib::SourceEntryRecord )

@@ -1,12 +1,12 @@
-// What the agent tells of itself.
+// The status of the agent, in shared tables that the agent alone writes.
 //
 // PolicySmStatus is the engine's memory across restarts: the highest output ids that it ever gave.
-// AgentStatus and SourceStatus are for people and for l2ribctl: what the engine has in hand, and
+// AgentStatus and SourceStatus are for people and for l2ribctl: the engine's work queues, and
 // how far it has read each source's tables.
 #pragma once
 
 #include "L2Rib/Parked.h"
-#include "L2Rib/SourceDir.h"
+#include "L2Rib/SourceEntry.h"
 #include "runtime/Entity.h"
 
 #include <array>
@@ -41,6 +41,7 @@ struct PolicySmStatusRecord {
    LabelId maxLabelId;
 };
 static_assert( Vexil::WireRecord<PolicySmStatusRecord, 28> );
+uint32_t layoutOf( const PolicySmStatusRecord& );
 MaybeFault formatFaultIn( const PolicySmStatusRecord& status );
 
 class PolicySmStatusTable
@@ -91,6 +92,7 @@ struct AgentStatusRecord {
    friend bool operator==( const AgentStatusRecord&, const AgentStatusRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<AgentStatusRecord, 224> );
+uint32_t layoutOf( const AgentStatusRecord& );
 MaybeFault formatFaultIn( const AgentStatusRecord& status );
 
 class AgentStatusTable : public Vexil::NamedTable<AgentStatusTable, SingleKey, AgentStatusRecord> {
@@ -131,6 +133,7 @@ struct SourceStatusRecord {
    friend bool operator==( const SourceStatusRecord&, const SourceStatusRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<SourceStatusRecord, 320> );
+uint32_t layoutOf( const SourceStatusRecord& );
 
 class SourceStatusTable
    : public Vexil::NamedTable<SourceStatusTable, SourceName, SourceStatusRecord> {

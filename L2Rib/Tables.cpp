@@ -1,6 +1,6 @@
 // The code of the tables whose records are known, once for all who use them.
-#include "L2Rib/ConfigBinding.h"
-#include "L2Rib/FloodBindings.h"
+#include "L2Rib/ConfigRecords.h"
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Parked.h"
 #include "L2Rib/SourceDir.h"

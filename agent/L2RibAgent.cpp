@@ -1,6 +1,6 @@
 #include "agent/L2RibAgent.h"
 
-#include "L2Rib/Bindings.h"
+#include "bindings/Bindings.h"
 #include "runtime/Failure.h"
 #include "runtime/Trace.h"
 

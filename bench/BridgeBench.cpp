@@ -4,7 +4,7 @@
 //
 // In a network namespace of its own, which goes with the process. Needs root; left out without.
 #include "L2Rib/BridgeStatus.h"
-#include "L2Rib/FloodBindings.h"
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/L2RibTarn.h"
 #include "bench/Harness.h"
 #include "bench/Machine.h"

@@ -10,12 +10,12 @@
 //    third    the last one
 //    leave    it is no longer initialized: what it alone has goes
 //    return   it is initialized again
-#include "L2Rib/Bindings.h"
-#include "L2Rib/FloodBindings.h"
+#include "L2Rib/FloodRecords.h"
 #include "bench/Harness.h"
 #include "bench/Hosts.h"
 #include "bench/Machine.h"
 #include "bench/Report.h"
+#include "bindings/Bindings.h"
 #include "engine/L2RibPolicySm.h"
 
 #include <array>

@@ -1,11 +1,11 @@
 // hold: for how long one piece of the agent's work on all hosts, objects or configured hosts keeps
 // the event loop from turning. What is done in one go is named so; everything else comes in slices
 // of 50 ms.
-#include "L2Rib/ConfigBinding.h"
 #include "bench/EngineRig.h"
 #include "bench/Harness.h"
 #include "bench/Machine.h"
 #include "bench/Report.h"
+#include "bindings/ConfigBinding.h"
 
 #include <filesystem>
 

@@ -6,7 +6,6 @@
 // this run has added are removed again.
 #pragma once
 
-#include "L2Rib/SourceDir.h"
 #include "bridge/Paths.h"
 
 #include <map>

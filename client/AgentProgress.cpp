@@ -36,7 +36,7 @@ uint64_t AgentProgress::takenOver( uint64_t tableId ) const {
    const std::string agent = stateDirectory_ + "/" + Path::agentStatus;
    if( !Vexil::tableHasWriter( agent ) )
       return 0;
-   // In this order: the agent writes how far it has read first, then how much it has in hand. So
+   // In this order: the agent writes how far it has read first, then how much is queued. So
    // when the lists are empty, what had been read before is worked off.
    const auto source = recordIn<SourceStatusTable, SourceName, SourceStatusRecord>(
       stateDirectory_ + "/" + Path::sourceStatus, SourceName::of( source_ ).value() );

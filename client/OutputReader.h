@@ -29,7 +29,7 @@
 // Threads: all calls from one thread at a time, the followers are called from within process().
 #pragma once
 
-#include "L2Rib/FloodBindings.h"
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/L2RibTarn.h"
 #include "client/AwaitedFolder.h"
 #include "runtime/FileWatcher.h"

@@ -2,14 +2,8 @@
 
 #include "runtime/TableFile.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
 #include <filesystem>
-#include <sys/file.h>
-#include <sys/stat.h>
 #include <system_error>
-#include <unistd.h>
 #include <vector>
 
 namespace L2Rib::Client {
@@ -79,28 +73,6 @@ bool SourceFolder::running( const std::string& name ) const {
          return true;
    return false;
 }
-
-SourceFolder::Lock::Lock( const SourceFolder& folder ) {
-   const std::string file = folder.fileOf( "bridging/l2Rib/.sources.lock" );
-   Vexil::makeFoldersFor( file );
-   fd_ = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
-   int locked = -1;
-   if( fd_ >= 0 ) {
-      // Whatever the umask of its maker was. Refused when another user made it; it is his then.
-      [[maybe_unused]] const int refused = fchmod( fd_, 0640 );
-      do
-         locked = flock( fd_, LOCK_EX );
-      while( locked != 0 && errno == EINTR );
-   }
-   if( locked != 0 ) {
-      const std::string reason = std::strerror( errno );
-      if( fd_ >= 0 )
-         close( fd_ );
-      throw Vexil::TableError( Vexil::TableError::system, file + ": locking: " + reason );
-   }
-}
-
-SourceFolder::Lock::~Lock() { close( fd_ ); }
 
 void SourceFolder::remove( const std::string& name ) const {
    std::error_code absent;

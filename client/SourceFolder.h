@@ -11,7 +11,8 @@
 #pragma once
 
 #include "L2Rib/L2RibTarn.h"
-#include "L2Rib/SourceDir.h"
+#include "L2Rib/SourceEntry.h"
+#include "runtime/FileLock.h"
 
 #include <map>
 #include <string>
@@ -47,15 +48,10 @@ class SourceFolder {
 
    // Held while sources are published or removed, so that the value of each is its own. Waits until
    // it is free. Throws Vexil::TableError when the state directory can't be written.
-   class Lock {
+   class Lock : Vexil::FileLock {
     public:
-      explicit Lock( const SourceFolder& folder );
-      ~Lock();
-      Lock( const Lock& ) = delete;
-      Lock& operator=( const Lock& ) = delete;
-
-    private:
-      int fd_ = -1;
+      explicit Lock( const SourceFolder& folder )
+         : FileLock( folder.fileOf( "bridging/l2Rib/.sources.lock" ) ) {}
    };
    // Removes the entry, then the folder of its tables, whoever made them. With the lock held.
    void remove( const std::string& name ) const;

@@ -25,6 +25,7 @@
 // Threads: all calls from one thread at a time. There is no thread and no timer in here.
 #pragma once
 
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/Status.h"
 #include "client/SourceFolder.h"

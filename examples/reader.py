@@ -65,7 +65,7 @@ class Table:
     SUPERSEDED, PREDECESSOR, HIGH_WATER, INDEX_MOVES = 128 // 8, 144 // 8, 192 // 8, 208 // 8
     JOURNAL_HEAD, UNDO_SLOT, IMAGE = 216 // 8, 272 // 8, 280 // 8
 
-    def __init__(self, path, type_name, collection, key_size, record_size, key_of, key_hash,
+    def __init__(self, path, type_name, collection, key_size, record_size, layout, key_of, key_hash,
                  is_sound=lambda record: True):
         self.path, self.key_of, self.key_hash, self.is_sound = path, key_of, key_hash, is_sound
         self.key_size, self.record_size = key_size, record_size
@@ -82,6 +82,8 @@ class Table:
             found = (found_type.rstrip(b"\0").decode(), found_collection.rstrip(b"\0").decode())
             if found + fields[5:7] != (type_name, collection, key_size, record_size):
                 raise Damaged(f"{path}: holds {found[0]}, expected {type_name}")
+            if fields[8] != hash_bytes(layout.encode()) & 0xFFFFFFFF:
+                raise Damaged(path + ": its records have other members: it is of another version")
             self.capacity, file_size, self.table_id = fields[7], fields[9], fields[10]
             self.index_size = pow2(2 * max(self.capacity, 32))
             self.journal_size = pow2(max(self.capacity // 2, 1024))
@@ -237,6 +239,15 @@ class Follower:
 
 # --- hosts
 
+KEY_LAYOUT = "key 0 12 (mac 0 8, vlan 8 4)"
+HOST_LAYOUT = (
+    KEY_LAYOUT + ", host 12 100 (" + KEY_LAYOUT + ", seqNo 12 4, pref 16 4, updateTime 20 8, entryType 28 4, "
+    "next 32 12 (objId 0 8, tableType 8 4), ciDest 44 56 (destType 0 4, payload 4 8, vtepCount 12 4, "
+    "vtep 16 40)), source 112 4")
+ENTRY_LAYOUT = (
+    "name 0 64, source 64 4, initialized 68 4, hostPath 72 128, lbPath 200 128, labelPath 328 128, "
+    "destPath 456 128, floodPath 584 128, hostLen 712 4, lbLen 716 4, labelLen 720 4, destLen 724 4")
+
 
 def address(ip):
     family = int.from_bytes(ip[:4], "little")
@@ -264,7 +275,7 @@ class SourceNames:
 
     def read(self, path, name):
         try:
-            entry = Table(path, "L2Rib::SourceDirEntry", "entry", 64, 728,
+            entry = Table(path, "L2Rib::SourceDirEntry", "entry", 64, 728, ENTRY_LAYOUT,
                           lambda record: record[:64], hash_bytes)
             record = entry.get(name.encode().ljust(64, b"\0"))
         except (Damaged, OSError):
@@ -314,7 +325,7 @@ def main():
         sys.stdout.flush()
 
     def open_table(path):
-        return Table(path, "L2Rib::HostOutput", "host", 12, 116, host_key, host_key_hash,
+        return Table(path, "L2Rib::HostOutput", "host", 12, 116, HOST_LAYOUT, host_key, host_key_hash,
                      host_is_sound)
 
     try:

@@ -1,4 +1,4 @@
-// File descriptors as a thing that runs out: the process's limit, and a reserve below it.
+// Limits on file descriptors: the process's limit, and a reserve below it.
 //
 // What a process opens because others ask it to (the tables of however many sources there are) must
 // not take the descriptors that it needs for its own files. So such files are only opened while

@@ -2,8 +2,8 @@
 //
 // The types of the records have the rules (L2Rib/Fault.h); here is what their verdicts mean to the
 // tables. A record whose format is broken is corruption: a lookup finds nothing, a walk over the
-// records ends, and the next writer of the table drops it. Nonsense in the right form is a record
-// like any other to a table; what becomes of it is for the reader to say.
+// records ends, and the next writer of the table drops it. An invalid value in the right form is a
+// record like any other to a table; what becomes of it is for the reader to say.
 #pragma once
 
 #include <optional>
@@ -13,8 +13,8 @@ namespace Vexil {
 
 struct Fault {
    enum Verdict {
-      format,  // a value that the record's type does not have
-      nonsense // well formed, and not what an honest writer means
+      format, // a value that the record's type does not have
+      invalid // well formed, and not what an honest writer means
    };
    Verdict verdict;
    const char* field; // which one, as people and documents call it

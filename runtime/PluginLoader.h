@@ -7,7 +7,7 @@
 //
 // Life: the object of a plug-in is kept by whoever loaded it, who releases it before or with the
 // context, so a plug-in may use its context for all of its life. The library stays mapped until the
-// process ends: its code may still be on the way of a call, its static objects in use.
+// process ends: its code may still be running, its static objects in use.
 //
 // All of it happens on the event-loop thread.
 #pragma once

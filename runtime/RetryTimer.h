@@ -1,4 +1,4 @@
-// Tries again what failed for want of something, at growing intervals.
+// Tries again, at growing intervals, what failed because a resource was missing.
 #pragma once
 
 #include "runtime/Clock.h"

@@ -422,7 +422,9 @@ bool SharedTable<Key, Record>::walkOn( const Clock& clock, Seconds deadline ) {
 //       static constexpr const char* collection = "door";
 //    };
 //
-// Where there is a formatFaultIn( const Door& ) beside the record, it is the rule of the table.
+// Where there is a formatFaultIn( const Door& ) beside the record, it is the rule of the table;
+// where there is a layoutOf( const Door& ), the number that it returns is compared with the
+// writer's.
 template<class Self, class Key, class Record>
 class NamedTable : public SharedTable<Key, Record> {
  public:
@@ -432,6 +434,8 @@ class NamedTable : public SharedTable<Key, Record> {
       TableSpec spec{ Self::typeName, Self::collection, sizeof( Key ), sizeof( Record ) };
       if constexpr( requires( const Record& record ) { formatFaultIn( record ); } )
          spec.formatFault = formatFault;
+      if constexpr( requires( const Record& record ) { layoutOf( record ); } )
+         spec.recordLayout = layoutOf( Record() );
       return spec;
    }
    explicit NamedTable( uint32_t capacity ) : SharedTable<Key, Record>( spec(), capacity ) {}

@@ -26,7 +26,8 @@ std::map<std::string, EntityType>& types() {
 // that are in it at one time have also stood in the folder at one time: whoever publishes entries
 // with something that only one of them may have finds that kept here too.
 //
-// An entry that can't be mounted for want of something (descriptors, memory) is tried again.
+// An entry that can't be mounted because a resource is missing (descriptors, memory) is tried
+// again.
 class FolderBinding {
  public:
    FolderBinding( EntityManager& manager, std::string path, Ptr<Directory> directory )
@@ -111,7 +112,7 @@ class FolderBinding {
    std::string folder_; // in the file system
    Ptr<Directory> directory_;
    std::map<std::string, Entry> entries_;
-   std::map<std::string, std::string> refused_; // for want of something: why, by name
+   std::map<std::string, std::string> refused_; // because a resource is missing: why, by name
    RetryTimer retry_;
 };
 

@@ -164,6 +164,7 @@ void TableMapping::writeHeader( const TableSpec& spec ) {
    h.keySize = spec.keySize;
    h.recordSize = spec.recordSize;
    h.capacity = geometry_.capacity;
+   h.recordLayout = spec.recordLayout;
    h.fileSize = geometry_.fileSize;
    h.tableId = tableId_ = randomId();
    h.layoutHash = layoutHashOf( h );
@@ -203,6 +204,10 @@ void TableMapping::adoptHeader( const TableSpec& spec, uint64_t sizeOfFile ) {
             "holds '" + std::string( h.typeName, strnlen( h.typeName, sizeof h.typeName ) ) +
                "' records of " + std::to_string( h.recordSize ) + " bytes, not '" + spec.typeName +
                "' of " + std::to_string( spec.recordSize ) );
+   if( h.recordLayout != spec.recordLayout )
+      fail( TableError::mismatch, path_,
+            std::string( "holds '" ) + spec.typeName +
+               "' records whose members are laid out otherwise: it is of another version" );
    if( h.capacity > maxCapacity )
       fail( TableError::damaged, path_, "its header contradicts itself" );
    geometry_ = TableGeometry( spec, h.capacity );

@@ -43,6 +43,8 @@ struct TableSpec {
    uint32_t recordSize;    // bytes, at most maxRecordSize
    // What is wrong with the format of a record: its key and a text; null where there are no rules.
    std::optional<std::string> ( *formatFault )( const void* record ) = nullptr;
+   // Tells one order of the record's members from another; 0 where nobody says.
+   uint32_t recordLayout = 0;
 };
 
 // Bytes from one slot to the next: the state word and the record, in whole cache lines where that
@@ -90,7 +92,7 @@ struct TableHeader {
    uint32_t keySize;
    uint32_t recordSize;
    uint32_t capacity;
-   uint32_t reserved;
+   uint32_t recordLayout;
    uint64_t fileSize;
    uint64_t tableId;    // random; tells one file from another that takes its name
    uint64_t layoutHash; // of all bytes before it

@@ -1,5 +1,7 @@
 #include "runtime/Trace.h"
 
+#include "runtime/TraceHandles.h"
+
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
@@ -17,9 +19,30 @@ namespace {
 
 // Handles are looked up from static initialisers of libraries, so the registry must exist before
 // any of them runs.
-std::map<std::string, std::unique_ptr<TraceHandle>, std::less<>>& handles() {
-   static std::map<std::string, std::unique_ptr<TraceHandle>, std::less<>> all;
+struct Named {
+   std::unique_ptr<TraceHandle> handle;
+   bool inCode = false; // not only in a setting
+};
+std::map<std::string, Named, std::less<>>& handles() {
+   static std::map<std::string, Named, std::less<>> all;
    return all;
+}
+
+Named& handleOf( std::string_view name ) {
+   auto found = handles().find( name );
+   if( found == handles().end() ) {
+      found = handles().emplace( std::string( name ), Named() ).first;
+      found->second.handle = std::make_unique<TraceHandle>( std::string( name ) );
+   }
+   return found->second;
+}
+
+std::vector<std::string> namesOf( bool inCode ) {
+   std::vector<std::string> names;
+   for( const auto& [ name, named ] : handles() )
+      if( named.inCode == inCode )
+         names.push_back( name );
+   return names;
 }
 
 LogSink& sink() {
@@ -104,21 +127,20 @@ size_t printable( std::string_view text ) {
 } // namespace
 
 TraceHandle& traceHandle( std::string_view name ) {
-   auto found = handles().find( name );
-   if( found == handles().end() )
-      found =
-         handles()
-            .emplace( std::string( name ), std::make_unique<TraceHandle>( std::string( name ) ) )
-            .first;
-   return *found->second;
+   Named& named = handleOf( name );
+   named.inCode = true;
+   return *named.handle;
 }
+
+std::vector<std::string> traceHandles() { return namesOf( true ); }
+std::vector<std::string> unknownTraceHandles() { return namesOf( false ); }
 
 void traceSettingIs( std::string_view setting ) {
    const size_t equals = setting.find( '=' );
    const std::string_view levels =
       equals == std::string_view::npos ? std::string_view() : setting.substr( equals + 1 );
    const uint32_t mask = parseLevels( levels, setting );
-   traceHandle( setting.substr( 0, equals ) ).levelsIs( mask );
+   handleOf( setting.substr( 0, equals ) ).handle->levelsIs( mask );
 }
 
 void TraceHandle::emit( unsigned level, const char* file, unsigned line, std::string_view function,

@@ -1,6 +1,6 @@
 // The static configuration between processes: written by l2ribctl, followed by the agent's process.
-#include "L2Rib/Bindings.h"
-#include "L2Rib/ConfigBinding.h"
+#include "L2Rib/ConfigRecords.h"
+#include "bindings/Bindings.h"
 #include "static/L2RibStaticHostSm.h"
 #include "tests/ProcessSupport.h"
 

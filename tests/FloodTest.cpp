@@ -1,7 +1,7 @@
 // The merged flood sets: against a model, and across the tables that carry them.
-#include "L2Rib/Bindings.h"
-#include "L2Rib/FloodBindings.h"
-#include "L2Rib/SourceFloodBinding.h"
+#include "bindings/Bindings.h"
+#include "bindings/FloodBinding.h"
+#include "bindings/SourceFloodBinding.h"
 #include "tests/EngineLab.h"
 #include "tests/TestSupport.h"
 

@@ -1,7 +1,7 @@
 // Records in short; the tables of an output; and what an object of them comes to.
 #pragma once
 
-#include "L2Rib/FloodBindings.h"
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/L2RibTarn.h"
 
 #include <initializer_list>

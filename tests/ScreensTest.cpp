@@ -106,6 +106,23 @@ sources  3: 3 ready
       expectIn( result.err, why );
    }
 
+   const Json graph = json( { "graph", "--mac", mac( 2 ) } );
+   EXPECT_EQ( graph[ "hosts" ][ 0 ][ "next" ][ "id" ], 2 ) << graph;
+   EXPECT_EQ( graph[ "objects" ][ 0 ][ "vxlan" ][ "vtep" ], "10.0.0.2" ) << graph;
+   Program traced( folder, { L2RIBD_PATH, "--state-dir", folder.file( "other" ), "--trace",
+                             "L2RibPolicySn=1" } );
+   EXPECT_EQ( traced.status(), 1 );
+   expectIn( traced.err(), "no handle L2RibPolicySn; expected L2RibAgent, L2RibPolicySm" );
+
+   Program moves = start( L2RIBCTL_PATH, { "show", "moves", "--for", "1" } );
+   for( unsigned round = 0; !moves.ended(); ++round )
+      publish( lab,
+               host( 7, 7, R"("inline":{"value":400000000)" + std::to_string( round % 2 ) + "}" ) );
+   EXPECT_EQ( moves.status(), 0 ) << moves.err();
+   expectIn( moves.out(), "10    02:00:00:00:00:07" );
+   expectIn( moves.out(), "1 host moved in 1.0s" );
+   publish( lab, hostDel( 7 ) );
+
    Program watch = start( L2RIBCTL_PATH, { "watch", "hosts", "--no-dump", "--mac", mac( 2 ) } );
    watch.expectOut( "up to date" );
    publish( lab, host( 2, 200, R"("inline":{"value":4000000000},"seqNo":2)" ) );

@@ -120,7 +120,8 @@ TEST( SharedTable, RefusesWhatIsNotItsFile ) {
         { TableSpec{ "Other", "record", sizeof( Key ), sizeof( Record ) },
           TableSpec{ "TestRecord", "other", sizeof( Key ), sizeof( Record ) },
           TableSpec{ "TestRecord", "record", 8, sizeof( Record ) },
-          TableSpec{ "TestRecord", "record", sizeof( Key ), 72 } } ) {
+          TableSpec{ "TestRecord", "record", sizeof( Key ), 72 },
+          TableSpec{ "TestRecord", "record", sizeof( Key ), sizeof( Record ), nullptr, 1 } } ) {
       EXPECT_EQ( refusal( path, Table::Mode::read, other ), TableError::mismatch );
       EXPECT_EQ( refusal( path, Table::Mode::write, other ), TableError::mismatch );
    }

@@ -1,9 +1,11 @@
 // The value types: text, order, equality, hashes, and the bytes that other processes see.
 #include "L2Rib/FloodSets.h"
 #include "L2Rib/L2Rib.h"
+#include "L2Rib/Layout.h"
 #include "L2Rib/SourceDir.h"
 #include "runtime/Clock.h"
 #include "tests/Records.h"
+#include "tests/TestSupport.h"
 
 #include <gtest/gtest.h>
 
@@ -12,6 +14,7 @@
 #include <cstring>
 #include <map>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <vector>
 
@@ -373,6 +376,30 @@ TEST( ValueTypes, Failures ) {
    EXPECT_DEATH( dest.labelId(), "assertion failed: tableType\\(\\) == tableTypeLabel_," );
    EXPECT_DEATH( CiDest( 2 ).cmp( CiDest( 2 ) ), "failed: destType\\(\\) == destTypeVxlan_," );
    EXPECT_DEATH( Dest().tunnel(), "failed: destType\\(\\) == objDestTypeTunnel_," );
+}
+
+template<class... Tables>
+std::map<std::string, uint32_t> layoutsOf() {
+   return { { Tables::spec().typeName, Tables::spec().recordLayout }... };
+}
+
+// Whoever reads tables from another language takes the numbers from the documentation.
+TEST( ValueTypes, LayoutsAreAsDocumented ) {
+   std::map<std::string, uint32_t> documented;
+   std::istringstream page( TestSupport::bytesOf( TABLE_FORMAT_PAGE ) );
+   const std::regex row( "\\| `([A-Za-z0-9]+::\\w+)` \\|.*`0x([0-9a-f]{8})` \\|" );
+   for( std::string line; std::getline( page, line ); )
+      if( std::smatch found; std::regex_search( line, found, row ) )
+         documented[ found[ 1 ] ] = static_cast<uint32_t>( std::stoul( found[ 2 ], nullptr, 16 ) );
+   EXPECT_EQ(
+      ( layoutsOf<HostInput, LoadBalanceTable, LabelTable, DestTable, HostOutput, LoadBalanceOutput,
+                  LabelOutput, DestOutput, FloodMemberTable, FloodSourceTable, SourceEntryTable,
+                  PolicySmStatusTable, AgentStatusTable, SourceStatusTable, ParkedTable,
+                  BridgeProgramTable, BridgeTable, BridgeHostTable, BridgeGroupTable,
+                  BridgeRefusedTable, EvpnProgramTable, EvpnPeerTable, EvpnVlanTable,
+                  Bridging::ConfiguredHostTable, Bridging::TunnelTable>() ),
+      documented );
+   EXPECT_NE( layoutText<HostAndSource>().find( "pref 16 4" ), std::string::npos );
 }
 
 } // namespace

@@ -107,6 +107,7 @@ int showBridge( const Context& context ) {
       throw std::runtime_error( context.stateDirectory +
                                 ": no l2rib-bridge has run here: start it, or say which "
                                 "--state-dir it runs on" );
+   mentionStoppedAgent( context );
    Json answer = { { "program", programJson( program ) },
                    { "bridges", Json::array() },
                    { "refused", Json::array() } };

@@ -1,4 +1,4 @@
-// What l2rib-bridge tells of itself, from its tables, whether it runs or not.
+// The status of l2rib-bridge, from its tables, whether it runs or not.
 #pragma once
 
 #include "L2Rib/BridgeStatus.h"

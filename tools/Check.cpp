@@ -2,6 +2,7 @@
 #include "L2Rib/Status.h"
 #include "tools/OutputGraph.h"
 #include "tools/Parked.h"
+#include "tools/Progress.h"
 #include "tools/Show.h"
 
 #include <iostream>
@@ -19,8 +20,9 @@ class Check {
       : graph_( graph ), ids_( ids ) {}
 
    // One line a fault.
-   const std::vector<std::string>& faults() {
-      checkHosts();
+   const std::vector<std::string>& faults( Progress& progress ) {
+      checkHosts( progress );
+      progress.at( "checking the objects" );
       for( const auto& [ id, row ] : graph_.dests )
          checkObject( row, ObjTuple( id ), ids_.maxDestId );
       for( const auto& [ id, row ] : graph_.groups )
@@ -54,8 +56,10 @@ class Check {
                             ", which is of " + sourceStr( graph_.sourceOf( next ) ) );
    }
 
-   void checkHosts() {
+   void checkHosts( Progress& progress ) {
+      uint64_t looked = 0;
       for( const HostAndSource& row : graph_.hosts ) {
+         progress.at( "checking the hosts", ++looked, graph_.hosts.size() );
          const std::string subject = "host " + row.key().str();
          checkRow( subject, row );
          if( row.next() != Util::objTupleInvalid() )
@@ -166,6 +170,7 @@ std::vector<std::string> brokenRows( const Client::OutputReader& output ) {
 int check( const Context& context ) {
    const Client::OutputReader output( context.stateDirectory );
    requireOutput( output, context );
+   Progress progress;
    const OutputGraph graph( output );
    if( !graph.stoodStill ) {
       complain( "the output never stood still: 'l2ribctl settle' waits until it does" );
@@ -175,7 +180,7 @@ int check( const Context& context ) {
    const PolicySmStatusTable ids( context.fileOf( Path::policySmStatus ),
                                   PolicySmStatusTable::Mode::read );
    Check check( graph, ids.get( SingleKey() ) );
-   std::vector<std::string> faults = check.faults();
+   std::vector<std::string> faults = check.faults( progress );
    for( const std::string& broken : brokenRows( output ) )
       faults.push_back( broken );
    const SourceNames names( context );

@@ -42,6 +42,7 @@ void addCheck( CLI::App& app, Context& context );
 void addGraph( CLI::App& app, Context& context );
 void addSettle( CLI::App& app, Context& context );
 void addMetrics( CLI::App& app, Context& context );
+void addWeb( CLI::App& app, Context& context );
 // After addShow: "show config" is one of these.
 void addConfigCommands( CLI::App& app, Context& context );
 // "show failed", a subcommand of show.

@@ -3,6 +3,7 @@
 #include "tools/Commands.h"
 #include "tools/ConfigDocument.h"
 #include "tools/ConfigStore.h"
+#include "tools/Filter.h"
 #include "tools/Show.h"
 #include "tools/TextTable.h"
 
@@ -125,17 +126,15 @@ int applyFile( const Context& context, const std::string& name ) {
    return done;
 }
 
-int show( const Context& context, std::optional<uint32_t> vlan, const std::string& macText ) {
+int show( const Context& context, RowFilter& filter ) {
    if( !std::filesystem::exists( context.stateDirectory ) )
       return refuse( answerIsNo, context.stateDirectory + ": there is no such state directory" );
    mentionStoppedAgent( context );
    Configuration shown = readConfiguration( context );
-   const std::optional<EthAddr> mac = EthAddr::parse( macText );
-   if( vlan || mac ) {
-      std::erase_if( shown.hosts, [ & ]( const auto& host ) {
-         return ( vlan && host.first.vlan().value() != *vlan ) ||
-                ( mac && host.first.mac() != *mac );
-      } );
+   filter.resolve( SourceNames( context ) );
+   if( filter.any() ) {
+      std::erase_if( shown.hosts,
+                     [ & ]( const auto& host ) { return !filter.wants( host.first ); } );
       std::erase_if( shown.tunnels, [ & ]( const auto& tunnel ) {
          return std::none_of( shown.hosts.begin(), shown.hosts.end(), [ & ]( const auto& host ) {
             return host.second.onTunnel && host.second.intf.value() == tunnel.first.value();
@@ -151,6 +150,8 @@ int show( const Context& context, std::optional<uint32_t> vlan, const std::strin
    for( const Json& host : document[ "hosts" ] ) {
       hosts.push_back( { { "interface", nullptr }, { "label", nullptr }, { "tunnel", nullptr } } );
       hosts.back().update( host );
+      if( host.contains( "interface" ) )
+         hosts.back()[ "interface" ] = interfaceText( host[ "interface" ].get<uint64_t>() );
    }
    printTable( hosts, { "vlan", "mac", "interface", "label", "tunnel" } );
    if( !shown.tunnels.empty() ) {
@@ -293,14 +294,13 @@ void addApply( CLI::App& config, Context& context ) {
 }
 
 void addShowConfig( CLI::App& showing, Context& context ) {
-   const auto vlan = std::make_shared<std::optional<uint32_t>>();
-   const auto mac = std::make_shared<std::string>();
+   const auto filter = std::make_shared<RowFilter>();
    CLI::App* const command = showing.add_subcommand( "config", "the static configuration" );
-   command->add_option( "--vlan", *vlan, "only of this VLAN" );
-   command->add_option( "--mac", *mac, "only with this MAC address" )->check( checkMac );
    addJsonFlag( *command, context );
-   command->callback( [ &context, vlan, mac ] {
-      context.command = [ &context, vlan, mac ] { return show( context, *vlan, *mac ); };
+   filter->addOptions( *command, RowFilter::vlan | RowFilter::mac );
+   command->footer( "Example: l2ribctl show config --vlan 10 --json" );
+   command->callback( [ &context, filter ] {
+      context.command = [ &context, filter ] { return show( context, *filter ); };
    } );
 }
 

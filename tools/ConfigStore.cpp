@@ -1,19 +1,15 @@
 #include "tools/ConfigStore.h"
 
 #include "L2Rib/L2RibTarn.h"
+#include "tools/Progress.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
-#include <fcntl.h>
 #include <filesystem>
 #include <random>
 #include <stdexcept>
 #include <string>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -29,7 +25,7 @@ using Vexil::TableError;
 namespace {
 
 constexpr uint32_t smallest = 1024; // records that a new table has room for
-constexpr std::chrono::seconds patience( 10 );
+constexpr double patience = 10;     // seconds
 
 std::string fileIn( const Context& context, const std::string& name ) {
    return context.fileOf( L2Rib::Path::bridgingConfig ) + "/" + name;
@@ -47,13 +43,29 @@ Ptr<Table> reading( const std::string& folder ) {
    try {
       return makeEntity<Table>( folder + "/" + Table::fileName, Table::Mode::read );
    } catch( const TableError& failure ) {
+      if( failure.kind() == TableError::mismatch )
+         throw TableError( TableError::mismatch,
+                           std::string( failure.what() ) +
+                              "; 'l2ribctl config apply FILE' replaces the configuration" );
       if( failure.kind() != TableError::absent )
          throw;
       return nullptr;
    }
 }
+// The same of a table that is to be replaced: null too when it is of another version.
+template<class Table>
+Ptr<Table> replaceable( const std::string& folder, bool& otherVersion ) {
+   try {
+      return reading<Table>( folder );
+   } catch( const TableError& failure ) {
+      if( failure.kind() != TableError::mismatch )
+         throw;
+      otherVersion = true;
+      return nullptr;
+   }
+}
 
-// All that the table has, nonsense too.
+// All that the table has, invalid records too.
 template<class Table, class Records>
 void readAll( const Ptr<Table>& table, Records& records ) {
    if( table )
@@ -115,9 +127,13 @@ void write( const std::string& folder, const Ptr<Table>& before, const Records& 
       capacity *= 2;
    const std::string file = folder + "/" + Table::fileName;
    const auto table = makeEntity<Table>( file, Table::Mode::write, capacity );
-   for( const auto& [ key, record ] : records )
+   Progress progress;
+   uint64_t written = 0;
+   for( const auto& [ key, record ] : records ) {
       if( !table->set( record ) )
          throw TableError( TableError::system, file + ": there is no room for its records" );
+      progress.at( "writing the configuration", ++written, records.size() );
+   }
 }
 
 // Leads the link to that folder, in one step.
@@ -143,16 +159,6 @@ void removeOthers( const Context& context, const std::string& inForce ) {
    }
 }
 
-// Tries for as long as another command may take.
-bool lockPatiently( int fd ) {
-   const auto end = std::chrono::steady_clock::now() + patience;
-   int locked;
-   while( ( locked = flock( fd, LOCK_EX | LOCK_NB ) ) != 0 && errno == EWOULDBLOCK &&
-          std::chrono::steady_clock::now() < end )
-      std::this_thread::sleep_for( std::chrono::milliseconds( 2 ) );
-   return locked == 0;
-}
-
 } // namespace
 
 Configuration readConfiguration( const Context& context ) {
@@ -167,31 +173,23 @@ Configuration readConfiguration( const Context& context ) {
 }
 
 ConfigEdit::ConfigEdit( const Context& context ) : context_( context ) {
-   const std::string file = fileIn( context, ".lock" );
-   Vexil::makeFoldersFor( file );
-   lock_ = open( file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640 );
-   if( lock_ >= 0 ) {
-      // Whatever the umask of its maker was. Refused when another user made it; it is his then.
-      [[maybe_unused]] const int refused = fchmod( lock_, 0640 );
-      if( lockPatiently( lock_ ) )
-         return;
+   try {
+      lock_.emplace( fileIn( context, ".lock" ), patience );
+   } catch( const TableError& failure ) {
+      throw std::runtime_error(
+         failure.kind() != TableError::busy
+            ? failure.what()
+            : std::string( "another command is changing the configuration; try "
+                           "again when it ends: " ) +
+                 failure.what() );
    }
-   const int error = errno;
-   if( lock_ >= 0 )
-      close( lock_ );
-   throw std::runtime_error(
-      file + ( error == EWOULDBLOCK
-                  ? ": another command has been changing the configuration for " +
-                       std::to_string( patience.count() ) + " seconds; try again when it ends"
-                  : std::string( ": locking: " ) + std::strerror( error ) ) );
 }
-
-ConfigEdit::~ConfigEdit() { close( lock_ ); }
 
 ConfigEdit::Changes ConfigEdit::commit( const Configuration& wanted ) {
    const std::string before = generation( context_ );
-   const Ptr<TunnelTable> tunnelTable = reading<TunnelTable>( before );
-   const Ptr<ConfiguredHostTable> hostTable = reading<ConfiguredHostTable>( before );
+   bool otherVersion = false;
+   const auto tunnelTable = replaceable<TunnelTable>( before, otherVersion );
+   const auto hostTable = replaceable<ConfiguredHostTable>( before, otherVersion );
    Configuration present;
    readAll( tunnelTable, present.tunnels );
    readAll( hostTable, present.hosts );
@@ -199,9 +197,10 @@ ConfigEdit::Changes ConfigEdit::commit( const Configuration& wanted ) {
    const Difference hosts( present.hosts, wanted.hosts );
    const Changes changes{ tunnels.set.size(), tunnels.deleted.size(), hosts.set.size(),
                           hosts.deleted.size() };
-   if( tunnels.size() + hosts.size() == 0 ||
-       ( tunnels.size() == 1 && hosts.size() == 0 && changeInPlace( tunnelTable, tunnels ) ) ||
-       ( hosts.size() == 1 && tunnels.size() == 0 && changeInPlace( hostTable, hosts ) ) )
+   if( !otherVersion &&
+       ( tunnels.size() + hosts.size() == 0 ||
+         ( tunnels.size() == 1 && hosts.size() == 0 && changeInPlace( tunnelTable, tunnels ) ) ||
+         ( hosts.size() == 1 && tunnels.size() == 0 && changeInPlace( hostTable, hosts ) ) ) )
       return changes;
 
    std::random_device random;

@@ -5,11 +5,13 @@
 // before anything is changed. An agent may run or not.
 #pragma once
 
-#include "L2Rib/ConfigBinding.h"
+#include "L2Rib/ConfigRecords.h"
+#include "runtime/FileLock.h"
 #include "tools/Commands.h"
 
 #include <cstddef>
 #include <map>
+#include <optional>
 
 namespace Tools {
 
@@ -20,7 +22,7 @@ struct Configuration {
    friend bool operator==( const Configuration&, const Configuration& ) = default;
 };
 
-// What is configured now, without the records that are nonsense. Tables that do not exist are
+// What is configured now, without the records that are invalid. Tables that do not exist are
 // empty. Throws Vexil::TableError when one can't be read.
 Configuration readConfiguration( const Context& context );
 
@@ -29,7 +31,6 @@ class ConfigEdit {
    // Takes the lock, for as long as this lives; makes the folder when there is none. Waits up to
    // ten seconds for another command to end, then throws std::runtime_error.
    explicit ConfigEdit( const Context& context );
-   ~ConfigEdit();
    ConfigEdit( const ConfigEdit& ) = delete;
    ConfigEdit& operator=( const ConfigEdit& ) = delete;
 
@@ -49,7 +50,7 @@ class ConfigEdit {
 
  private:
    const Context& context_;
-   int lock_ = -1;
+   std::optional<Vexil::FileLock> lock_;
 };
 
 } // namespace Tools

@@ -112,6 +112,7 @@ int showEvpn( const Context& context ) {
       throw std::runtime_error( context.stateDirectory +
                                 ": no l2rib-evpn has run here: start it, or say which "
                                 "--state-dir it runs on" );
+   mentionStoppedAgent( context );
    Json answer = { { "program", programJson( *program ) },
                    { "peers", Json::array() },
                    { "vlans", Json::array() },

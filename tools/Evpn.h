@@ -1,4 +1,4 @@
-// What l2rib-evpn tells of itself, from its tables, whether it runs or not.
+// The status of l2rib-evpn, from its tables, whether it runs or not.
 #pragma once
 
 #include "L2Rib/EvpnStatus.h"

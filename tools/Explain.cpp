@@ -2,6 +2,7 @@
 //
 // Decides as the engine does, with the same comparator and in the same order of the sources, from
 // the tables that the sources publish at this moment.
+#include "tools/Explain.h"
 #include "L2Rib/HostRank.h"
 #include "runtime/HashMap.h"
 #include "tools/Bridge.h"
@@ -138,6 +139,27 @@ RankRule ruleBetween( const Candidate& candidate, const Candidate& winner ) {
    return rankHost( candidate.host, candidate.source, winner.host, winner.source ).rule;
 }
 
+// Why the winner is another one.
+std::string whyItLoses( const Candidate& candidate, const Candidate& winner ) {
+   const Host &host = candidate.host, &best = winner.host;
+   switch( ruleBetween( candidate, winner ) ) {
+   case RankRule::pref:
+      return "pref " + std::to_string( host.pref() ) + " is less than " +
+             std::to_string( best.pref() );
+   case RankRule::seqNo:
+      return "seq " + std::to_string( host.seqNo().value() ) + " is older than " +
+             std::to_string( best.seqNo().value() );
+   case RankRule::inlineOverObject:
+      return "it leads to an object, the winner is inline";
+   case RankRule::ciDest:
+      return "its inline destination ranks lower";
+   case RankRule::source:
+      return "all is equal, and source " + sourceStr( candidate.source ) + " is less than " +
+             sourceStr( winner.source );
+   }
+   return "";
+}
+
 // --- for programs
 
 Json answerJson( const Answer& answer, const Context& context, const OutputReader& output ) {
@@ -167,26 +189,6 @@ Json answerJson( const Answer& answer, const Context& context, const OutputReade
 }
 
 // --- for people
-
-std::string whyItLoses( const Candidate& candidate, const Candidate& winner ) {
-   const Host &host = candidate.host, &best = winner.host;
-   switch( ruleBetween( candidate, winner ) ) {
-   case RankRule::pref:
-      return "pref " + std::to_string( host.pref() ) + " is less than " +
-             std::to_string( best.pref() );
-   case RankRule::seqNo:
-      return "seq " + std::to_string( host.seqNo().value() ) + " is older than " +
-             std::to_string( best.seqNo().value() );
-   case RankRule::inlineOverObject:
-      return "it leads to an object, the winner is inline";
-   case RankRule::ciDest:
-      return "its inline destination ranks lower";
-   case RankRule::source:
-      return "all is equal, and source " + sourceStr( candidate.source ) + " is less than " +
-             sourceStr( winner.source );
-   }
-   return "";
-}
 
 void printCandidates( const Answer& answer ) {
    const double now = Vexil::SystemClock().now();
@@ -282,18 +284,23 @@ void printForPeople( const Answer& answer, const Context& context, const OutputR
    printOutput( answer, SourceNames( context ), output, vias );
 }
 
-int explain( const Context& context, const MacVlanPair& key ) {
-   const OutputReader output( context.stateDirectory );
-   mentionStoppedAgent( context );
+Answer answerOf( const Context& context, const OutputReader& output, const MacVlanPair& key ) {
    Answer answer{ .key = key,
                   .candidates = candidates( context, key ),
-                  .winner = nullptr,
+                  .winner = nullptr, // one of the candidates
                   .row = output.hosts.get( key ),
                   .held = false,
                   .parked = parkedHost( context, key ),
                   .kernel = kernelJson( context, key ) };
    answer.winner = best( answer.candidates );
    answer.held = answer.winner && answer.row && holds( *answer.row, *answer.winner );
+   return answer;
+}
+
+int explain( const Context& context, const MacVlanPair& key ) {
+   const OutputReader output( context.stateDirectory );
+   mentionStoppedAgent( context );
+   const Answer answer = answerOf( context, output, key );
    if( context.json )
       std::cout << text( answerJson( answer, context, output ) ) << '\n';
    else
@@ -302,6 +309,25 @@ int explain( const Context& context, const MacVlanPair& key ) {
 }
 
 } // namespace
+
+Json explainInWords( const Context& context, const OutputReader& output, const MacVlanPair& key ) {
+   const Answer answer = answerOf( context, output, key );
+   Json json = answerJson( answer, context, output );
+   for( size_t i = 0; i < answer.candidates.size(); ++i ) {
+      const Candidate& candidate = answer.candidates[ i ];
+      json[ "candidates" ][ i ][ "via" ] = candidate.via;
+      if( !json[ "candidates" ][ i ][ "beats" ].is_null() )
+         json[ "candidates" ][ i ][ "reason" ] = whyItLoses( candidate, *answer.winner );
+   }
+   Vias vias( output );
+   for( Json& step : json[ "path" ] )
+      step[ "via" ] = step.contains( "inline" ) ? answer.winner->via
+                      : step[ "type" ] == "dest"
+                         ? vias.text( ObjTuple( DestId( step[ "id" ].get<uint64_t>() ) ) )
+                         : "";
+   json[ "output" ] = answer.row ? toJson( *answer.row, SourceNames( context ) ) : Json();
+   return json;
+}
 
 void addExplain( CLI::App& app, Context& context ) {
    const auto given = std::make_shared<std::array<std::string, 2>>();

@@ -110,6 +110,24 @@ void RowFilter::addOptions( CLI::App& command, unsigned options ) {
       command.add_option( "--vni", vniNumber_, "only what leads to this VNI" );
 }
 
+void RowFilter::optionIs( const std::string& name, const std::string& value ) {
+   if( name == "vlan" ) {
+      vlanText_ = value;
+   } else if( name == "mac" ) {
+      macText_ = value;
+   } else if( name == "source" ) {
+      sourceText_ = value;
+      sourceGiven_ = true;
+   } else if( name == "via" ) {
+      viaText_ = value;
+   } else if( const auto number = numberIn( value );
+              name == "vni" && number && *number <= UINT32_MAX ) {
+      vniNumber_ = static_cast<uint32_t>( *number );
+   } else {
+      throw BadInput( name + "=" + value + ": expected vlan, mac, source, via or a number as vni" );
+   }
+}
+
 void RowFilter::resolve( const SourceNames& names ) {
    if( !vlanText_.empty() )
       vlans_ = parseVlans( vlanText_ );

@@ -29,6 +29,9 @@ class RowFilter {
    enum Option : unsigned { vlan = 1, mac = 2, source = 4, via = 8, vni = 16 };
    // Enters those of the options that make sense for the command's rows.
    void addOptions( CLI::App& command, unsigned options );
+   // The same from elsewhere than the command line: name is "vlan", "mac" and so on. Throws
+   // BadInput for a number that is none, and for another name.
+   void optionIs( const std::string& name, const std::string& value );
 
    // To be called once, before a row is asked for. Throws BadInput for what can't match anything,
    // with what would have been possible; std::runtime_error when there is no such source.
@@ -44,6 +47,7 @@ class RowFilter {
    bool wants( L2Rib::Source value ) const { return !sourceValue_ || *sourceValue_ == value; }
    // Whether one of the ways leads there.
    bool wants( const Leaves& leaves ) const;
+   bool asksForHosts() const { return !vlans_.empty() || macPattern_; }
    bool asksForLeaves() const { return !viaText_.empty() || vniNumber_; }
    const std::string& sourceText() const { return sourceText_; }
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "L2Rib/L2Rib.h"
-#include "L2Rib/SourceDir.h"
 
 #include <nlohmann/json.hpp>
 

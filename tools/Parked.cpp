@@ -2,6 +2,7 @@
 #include "tools/Parked.h"
 
 #include "L2Rib/Status.h"
+#include "tools/Filter.h"
 #include "tools/SourceTables.h"
 #include "tools/TextTable.h"
 
@@ -240,14 +241,18 @@ void printForPeople( const ParkedEntries& parked, const std::vector<ParkedEntry>
       std::cout << "none of these is parked\n";
 }
 
-int showFailed( const Context& context, const std::string& what ) {
+int showFailed( const Context& context, const std::string& what, RowFilter& filter ) {
    requireOutput( Client::OutputReader( context.stateDirectory ), context );
    const SourceNames names( context );
+   filter.resolve( names );
    const ParkedEntries parked( context );
    std::vector<ParkedEntry> shown;
    for( const ParkedEntry& entry : parked.all() )
-      if( what.empty() || ( what == "hosts" && entry.key.kind == parkedHost_ ) ||
-          ( what == "objects" && entry.key.kind == parkedObject_ ) )
+      if( ( what.empty() || ( what == "hosts" && entry.key.kind == parkedHost_ ) ||
+            ( what == "objects" && entry.key.kind == parkedObject_ ) ) &&
+          filter.wants( entry.source ) &&
+          ( entry.key.kind == parkedObject_ ? !filter.asksForHosts()
+                                            : filter.wants( entry.key.mvp ) ) )
          shown.push_back( entry );
    if( context.json ) {
       Json all = Json::array();
@@ -263,14 +268,22 @@ int showFailed( const Context& context, const std::string& what ) {
 } // namespace
 
 void addShowFailed( CLI::App& showing, Context& context ) {
-   const auto what = std::make_shared<std::string>();
+   struct Given {
+      std::string what;
+      RowFilter filter;
+   };
+   const auto given = std::make_shared<Given>();
    CLI::App* const command =
       showing.add_subcommand( "failed", "what can't be programmed at present, and why" );
-   command->add_option( "KIND", *what, "hosts or objects; without it all, flood members too" )
+   command->add_option( "KIND", given->what, "hosts or objects; without it all, flood members too" )
       ->check( CLI::IsMember( { "hosts", "objects" } ) );
    addJsonFlag( *command, context );
-   command->callback( [ &context, what ] {
-      context.command = [ &context, what ] { return showFailed( context, *what ); };
+   given->filter.addOptions( *command, RowFilter::vlan | RowFilter::mac | RowFilter::source );
+   command->footer( "Example: l2ribctl show failed hosts --source evpn" );
+   command->callback( [ &context, given ] {
+      context.command = [ &context, given ] {
+         return showFailed( context, given->what, given->filter );
+      };
    } );
 }
 

@@ -6,7 +6,7 @@
 // output. The figures of the sources are read before those of the lists, because the agent writes
 // them in that order; an agent that starts empties the former before it takes the latter, so that
 // no other run's word is believed.
-#include "L2Rib/ConfigBinding.h"
+#include "L2Rib/ConfigRecords.h"
 #include "L2Rib/L2RibTarn.h"
 #include "L2Rib/RestartState.h"
 #include "L2Rib/Status.h"
@@ -14,8 +14,10 @@
 #include "tools/Commands.h"
 #include "tools/Json.h"
 #include "tools/Parked.h"
+#include "tools/Progress.h"
 #include "tools/SourceTables.h"
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -52,8 +54,11 @@ class Settling {
    std::string waitFor( Vexil::Seconds timeout ) {
       const Vexil::Seconds deadline = loop_.clock()->now() + timeout;
       std::string missing;
-      while( !( missing = unsettled() ).empty() && loop_.clock()->now() < deadline )
-         loop_.turn( deadline - loop_.clock()->now() );
+      Progress progress;
+      while( !( missing = unsettled() ).empty() && loop_.clock()->now() < deadline ) {
+         progress.at( "waiting for " + missing );
+         loop_.turn( std::min( 1.0, deadline - loop_.clock()->now() ) );
+      }
       return missing;
    }
 

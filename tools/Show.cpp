@@ -56,12 +56,16 @@ bool agentRuns( const Context& context ) {
    return Vexil::tableHasWriter( context.fileOf( Path::agentStatus ) );
 }
 
-void requireOutput( const OutputReader& output, const Context& context ) {
+void requireTables( const OutputReader& output, const Context& context ) {
    if( !output.complete() )
       throw Vexil::TableError( Vexil::TableError::absent,
                                context.stateDirectory +
                                   ": no agent has run here: start l2ribd, or say which "
                                   "--state-dir it runs on" );
+}
+
+void requireOutput( const OutputReader& output, const Context& context ) {
+   requireTables( output, context );
    mentionStoppedAgent( context );
 }
 
@@ -77,6 +81,7 @@ void addShow( CLI::App& app, Context& context ) {
    CLI::App* const command = app.add_subcommand( "show", "the output, the sources, the status" );
    command->require_subcommand( 1 );
    addShowHosts( *command, context );
+   addShowMoves( *command, context );
    addShowObjects( *command, context );
    addShowFlood( *command, context );
    addShowSources( *command, context );

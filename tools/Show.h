@@ -37,6 +37,8 @@ Json toJson( const L2Rib::HostAndSource& row, const SourceNames& names );
 // Where none runs now it says so on standard error, before anything else: what follows is the
 // output of the last one.
 void requireOutput( const L2Rib::Client::OutputReader& output, const Context& context );
+// The same without a word on standard error.
+void requireTables( const L2Rib::Client::OutputReader& output, const Context& context );
 
 // Says so on standard error when the agent that ran on the state directory does not run now.
 void mentionStoppedAgent( const Context& context );
@@ -51,6 +53,7 @@ void printJsonList( const Rows& rows, Convert convert );
 
 // The subcommands of show, a source file each.
 void addShowHosts( CLI::App& showing, Context& context );
+void addShowMoves( CLI::App& showing, Context& context );
 void addShowObjects( CLI::App& showing, Context& context );
 void addShowFlood( CLI::App& showing, Context& context );
 void addShowSources( CLI::App& showing, Context& context );

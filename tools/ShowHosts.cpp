@@ -1,68 +1,16 @@
 // l2ribctl show hosts: the hosts of the output, where each leads, and what is not as it should be.
-#include "tools/Bridge.h"
-#include "tools/Filter.h"
-#include "tools/Parked.h"
+#include "tools/HostList.h"
 #include "tools/TextTable.h"
 
-#include <algorithm>
 #include <memory>
 #include <set>
 
 namespace Tools {
 
 using namespace L2Rib;
-using Bridging::MacVlanPair;
 using Client::OutputReader;
 
 namespace {
-
-// The rows that are wanted, by VLAN, then MAC.
-std::vector<HostAndSource> wantedRows( const OutputReader& output, const RowFilter& filter,
-                                       Vias& vias ) {
-   std::vector<HostAndSource> rows;
-   output.hosts.table()->forEach( [ & ]( const HostAndSource& row ) {
-      if( filter.wants( row.key() ) && filter.wants( row.source() ) &&
-          ( !filter.asksForLeaves() || filter.wants( vias.leaves( row.host() ) ) ) )
-         rows.push_back( row );
-   } );
-   std::sort( rows.begin(), rows.end(),
-              []( const HostAndSource& a, const HostAndSource& b ) { return a.key() < b.key(); } );
-   return rows;
-}
-
-// What is known of hosts beside their rows.
-class States {
- public:
-   explicit States( const Context& context )
-      : names( context ), refused_( hostsRefused( context ) ) {
-      const ParkedEntries entries( context );
-      for( const ParkedEntry& parked : entries.all() )
-         if( parked.key.kind == parkedHost_ )
-            parked_.emplace( parked.key.mvp, reasonText( parked, names ) );
-   }
-   // Empty when all is well.
-   std::string of( const HostAndSource& row ) const {
-      if( const auto parked = parked_.find( row.key() ); parked != parked_.end() )
-         return "a newer one is parked: " + parked->second;
-      if( !names.known( row.source() ) )
-         return "held, its source has left";
-      if( const auto refused = refused_.find( row.key() ); refused != refused_.end() )
-         return "kernel: " + refused->second;
-      return "";
-   }
-   // Hosts that are parked and have no row at all.
-   size_t parkedWithoutRow( const OutputReader& output, const RowFilter& filter ) const {
-      return static_cast<size_t>(
-         std::count_if( parked_.begin(), parked_.end(), [ & ]( const auto& parked ) {
-            return filter.wants( parked.first ) && !output.hosts.get( parked.first );
-         } ) );
-   }
-
-   const SourceNames names;
-
- private:
-   std::map<MacVlanPair, std::string> parked_, refused_;
-};
 
 void printCounts( const std::vector<HostAndSource>& rows, const SourceNames& names ) {
    std::map<uint32_t, std::map<std::string, size_t>> counts; // by VLAN, then source
@@ -91,15 +39,14 @@ void printCounts( const std::vector<HostAndSource>& rows, const SourceNames& nam
    printLines( headings, std::move( lines ) );
 }
 
-void printHosts( const std::vector<HostAndSource>& rows, const States& states, Vias& vias ) {
-   const double now = Vexil::SystemClock().now();
+void printHosts( const std::vector<HostAndSource>& rows, const HostStates& states, Vias& vias ) {
    std::vector<std::vector<std::string>> lines;
    for( const HostAndSource& row : rows ) {
       const Host& host = row.host();
-      lines.push_back(
-         { row.key().vlan().str(), row.key().mac().str(), states.names.text( row.source() ),
-           vias.text( host ), std::to_string( host.pref() ), std::to_string( host.seqNo().value() ),
-           host.updateTime() > 0 ? ageText( now - host.updateTime() ) : "-", states.of( row ) } );
+      lines.push_back( { row.key().vlan().str(), row.key().mac().str(),
+                         states.names.text( row.source() ), vias.text( host ),
+                         std::to_string( host.pref() ), std::to_string( host.seqNo().value() ),
+                         hostAge( row ), states.of( row ) } );
    }
    printLines( { { "VLAN" },
                  { "MAC" },
@@ -115,10 +62,10 @@ void printHosts( const std::vector<HostAndSource>& rows, const States& states, V
 int showHosts( const Context& context, RowFilter& filter, bool counted ) {
    const OutputReader output( context.stateDirectory );
    requireOutput( output, context );
-   const States states( context );
+   const HostStates states( context );
    filter.resolve( states.names );
    Vias vias( output );
-   const std::vector<HostAndSource> rows = wantedRows( output, filter, vias );
+   const std::vector<HostAndSource> rows = selectHosts( output, filter, vias ).rows;
    if( counted && context.json )
       std::cout << text( { { "hosts", rows.size() } } ) << '\n';
    else if( counted )

@@ -2,6 +2,7 @@
 #include "tools/Commands.h"
 #include "tools/Json.h"
 #include "tools/Operations.h"
+#include "tools/Show.h"
 #include "tools/SourceRun.h"
 #include "tools/SourceTables.h"
 #include "tools/TextTable.h"
@@ -80,6 +81,7 @@ int list( const Context& context ) {
       throw std::runtime_error( context.stateDirectory +
                                 ": there is no such state directory: start l2ribd, or say which "
                                 "--state-dir it runs on" );
+   mentionStoppedAgent( context );
    Json all = Json::array();
    for( const auto& [ name, source ] : context.sources().allSources() )
       all.push_back( sourceJson( context, name, source ) );

@@ -1,8 +1,9 @@
 // The tables of a published source, attached for reading.
 #pragma once
 
+#include "L2Rib/FloodRecords.h"
 #include "L2Rib/L2RibTarn.h"
-#include "L2Rib/SourceDir.h"
+#include "L2Rib/SourceEntry.h"
 #include "tools/Commands.h"
 
 namespace Tools {

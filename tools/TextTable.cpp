@@ -18,7 +18,7 @@ std::string cellOf( const Json& value ) {
    return value.is_string() ? value.get<std::string>() : text( value );
 }
 
-// Of the columns; control characters are taken out on the way.
+// Of the columns; control characters are left out.
 std::vector<size_t> widthsOf( std::vector<std::vector<std::string>>& lines ) {
    std::vector<size_t> widths;
    for( auto& line : lines ) {

@@ -3,7 +3,7 @@
 // The rows of the flood output are single members; what is printed is the whole set that a member
 // came to or left, once for all that are told together. A row that a filter wanted is told once
 // more when it has changed so that the filter wants it no longer.
-#include "tools/Filter.h"
+#include "tools/Watch.h"
 
 #include <algorithm>
 #include <csignal>
@@ -20,16 +20,6 @@ using Client::OutputReader;
 
 namespace {
 
-struct Watched {
-   std::vector<std::string> tables;
-   RowFilter filter;
-   bool noDump = false;
-
-   bool wants( const std::string& table ) const {
-      return std::find( tables.begin(), tables.end(), table ) != tables.end();
-   }
-};
-
 double wallClock() {
    timespec time{};
    clock_gettime( CLOCK_REALTIME, &time );
@@ -38,8 +28,8 @@ double wallClock() {
 
 class Watch {
  public:
-   Watch( const Context& context, const Watched& asked )
-      : context_( context ), asked_( asked ), output_( context.stateDirectory ),
+   Watch( const Context& context, const Watched& asked, WatchReader& reader )
+      : context_( context ), asked_( asked ), reader_( reader ), output_( context.stateDirectory ),
         lookForAgent_( loop_.clock(), [ this ] { lookForAgent(); } ) {
       if( context_.json ) // whose lines are rows, and whose readers know no others
          lookForAgent_.timeMinIs( Vexil::never );
@@ -65,14 +55,13 @@ class Watch {
    }
 
    void run() {
-      for( const int signal : { SIGINT, SIGTERM } )
-         loop_.signalIs( signal, [ & ] { loop_.stop(); } );
+      reader_.begin( loop_ );
       loop_.watch( output_.fd(), [ & ] {
          output_.process();
          printFloodSets();
          names_.reset();
          vias_.reset();
-         if( !std::cout.flush() )
+         if( !reader_.batchDone() )
             loop_.stop(); // nobody listens any more
       } );
       loop_.run();
@@ -80,20 +69,25 @@ class Watch {
 
  private:
    bool quiet() const { return asked_.noDump && !inSync_; }
-   static void print( const std::string& line ) { std::cout << line << '\n'; }
+   void print( const std::string& line, const MacVlanPair* host = nullptr ) {
+      reader_.line( line, host );
+   }
 
    // --- for programs: the row as it is now; null when it has gone
-   void printJson( const std::string& table, const Json& key, const Json& value ) {
+   void printJson( const std::string& table, const Json& key, const Json& value,
+                   const MacVlanPair* host = nullptr ) {
       print( text( { { "table", table },
                      { "event", value.is_null() ? "del" : "set" },
                      { "key", key },
-                     { "value", value } } ) );
+                     { "value", value } } ),
+             host );
    }
    // --- for people: "14:22:07.113  new   ..."
-   void printEvent( const char* event, const std::string& what ) {
+   void printEvent( const char* event, const std::string& what,
+                    const MacVlanPair* host = nullptr ) {
       std::string line = clockTextWithMilliseconds( wallClock() ) + "  " + event;
       line.append( 8 - std::min<size_t>( 8, std::string_view( event ).size() ), ' ' );
-      print( line + what );
+      print( line + what, host );
    }
    const char* eventOf( bool was, bool is ) const {
       return !is ? "gone" : was ? "change" : inSync_ ? "new" : "is";
@@ -128,14 +122,15 @@ class Watch {
       if( quiet() || !( wanted || before ) )
          return;
       if( context_.json )
-         return printJson( "hosts", toJson( key ), row ? toJson( *row, names() ) : Json() );
+         return printJson( "hosts", toJson( key ), row ? toJson( *row, names() ) : Json(), &key );
       const std::string where = key.vlan().str() + "  " + key.mac().str() + "  ";
       if( row && before )
          printEvent( before->source == now.source ? "change" : "move",
-                     where + differenceText( *before, now ) );
+                     where + differenceText( *before, now ), &key );
       else
          printEvent( eventOf( before.has_value(), row ),
-                     where + ( row ? now : *before ).source + "   " + ( row ? now : *before ).via );
+                     where + ( row ? now : *before ).source + "   " + ( row ? now : *before ).via,
+                     &key );
    }
    // "evpn -> bridge   vxlan 192.0.2.11 vni 10010 -> eth3   seq 0 -> 1"
    static std::string differenceText( const ToldHost& before, const ToldHost& now ) {
@@ -223,7 +218,8 @@ class Watch {
       if( agentRuns_ && *agentRuns_ != runs ) {
          print( clockTextWithMilliseconds( wallClock() ) +
                 ( runs ? "  agent running" : "  agent stopped" ) );
-         std::cout.flush();
+         if( !reader_.batchDone() )
+            loop_.stop();
       }
       agentRuns_ = runs;
       lookForAgent_.timeMinIs( loop_.clock()->now() + 1 );
@@ -243,6 +239,7 @@ class Watch {
 
    const Context& context_;
    const Watched& asked_;
+   WatchReader& reader_;
    Vexil::ActivityManager loop_;
    OutputReader output_;
    bool inSync_ = false;
@@ -257,7 +254,22 @@ class Watch {
    Vexil::TimerReactor lookForAgent_;
 };
 
+// Lines to standard output, until a signal or until nobody reads them.
+class Printer : public WatchReader {
+ public:
+   void begin( Vexil::ActivityManager& loop ) override {
+      for( const int signal : { SIGINT, SIGTERM } )
+         loop.signalIs( signal, [ &loop ] { loop.stop(); } );
+   }
+   void line( const std::string& line, const MacVlanPair* ) override { std::cout << line << '\n'; }
+   bool batchDone() override { return static_cast<bool>( std::cout.flush() ); }
+};
+
 } // namespace
+
+void watchOutput( const Context& context, const Watched& asked, WatchReader& reader ) {
+   Watch( context, asked, reader ).run();
+}
 
 void addWatch( CLI::App& app, Context& context ) {
    const std::vector<std::string> all{ "hosts", "dests", "groups", "labels", "flood" };
@@ -279,7 +291,8 @@ void addWatch( CLI::App& app, Context& context ) {
             asked->tables = all;
          asked->filter.resolve( SourceNames( context ) );
          mentionStoppedAgent( context );
-         Watch( context, *asked ).run();
+         Printer printer;
+         watchOutput( context, *asked, printer );
          return done;
       };
    } );

@@ -14,17 +14,6 @@
 
 namespace Tools {
 
-void complain( const std::string& text ) { std::cerr << "l2ribctl: " << text << std::endl; }
-
-std::string checkMac( const std::string& text ) {
-   return Vexil::EthAddr::parse( text ) ? ""
-                                        : text + "; expected an address such as 02:00:00:00:00:01";
-}
-
-void addJsonFlag( CLI::App& command, Context& context ) {
-   command.add_flag( "--json", context.json, "print JSON instead of a table" );
-}
-
 namespace {
 
 // A stream that the caller has closed gets a descriptor on which it fails: else a table that is
@@ -94,6 +83,7 @@ int main( int argc, char** argv ) {
    Tools::addGraph( app, context );
    Tools::addSettle( app, context );
    Tools::addMetrics( app, context );
+   Tools::addWeb( app, context );
    Tools::addConfigCommands( app, context );
    try {
       app.parse( argc, argv );

@@ -4,6 +4,7 @@
 #include "runtime/Descriptors.h"
 #include "runtime/ServiceNotifier.h"
 #include "runtime/Trace.h"
+#include "runtime/TraceHandles.h"
 #include "tools/StateDirectory.h"
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,7 @@
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -84,6 +86,20 @@ class OrderlyEnd {
    std::shared_ptr<void> endOfTurnWork_; // once it has been told
 };
 
+std::string inOneLine( const std::vector<std::string>& names ) {
+   std::string all;
+   for( const std::string& name : names )
+      all += ( all.empty() ? "" : ", " ) + name;
+   return all;
+}
+
+void requireTraceHandles() {
+   const std::vector<std::string> unknown = Vexil::unknownTraceHandles();
+   if( !unknown.empty() )
+      throw std::runtime_error( "--trace: there is no handle " + inOneLine( unknown ) +
+                                "; expected " + inOneLine( Vexil::traceHandles() ) );
+}
+
 int runAgent( const std::string& stateDirectory, const std::string& library,
               Vexil::AgentSettings settings ) {
    const Tools::StateDirectory sole( stateDirectory );
@@ -95,6 +111,7 @@ int runAgent( const std::string& stateDirectory, const std::string& library,
    auto manager = Vexil::makeEntity<Vexil::EntityManager>( loop, stateDirectory );
    agent =
       Vexil::startAgent( library, "L2Rib::Agent", "L2Rib", loop, manager, std::move( settings ) );
+   requireTraceHandles(); // the plug-ins have theirs now
    Vexil::log( "running on " + stateDirectory );
    service.ready( [ & ] { return agent->progress(); } );
    loop.run();
@@ -153,6 +170,9 @@ int main( int argc, char** argv ) {
          Vexil::traceSettingIs( setting );
       requireCapacities( settings );
    } catch( const CLI::CallForHelp& help ) {
+      if( dlopen( library.c_str(), RTLD_NOW | RTLD_GLOBAL ) ) // its code has the handles
+         app.footer( "Trace handles: " + inOneLine( Vexil::traceHandles() ) +
+                     ", and those of plug-ins." );
       return app.exit( help );
    } catch( const CLI::ParseError& error ) {
       std::cerr << "l2ribd: " << error.what() << " (l2ribd --help says what there is)\n";

@@ -4,7 +4,7 @@
 #include "tests/Records.h"
 #include "tests/fuzz/FuzzSupport.h"
 
-#include "L2Rib/ConfigBinding.h"
+#include "L2Rib/ConfigRecords.h"
 #include "L2Rib/Parked.h"
 #include "L2Rib/SourceDir.h"
 #include "L2Rib/Status.h"

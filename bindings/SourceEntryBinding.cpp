@@ -1,4 +1,4 @@
-#include "L2Rib/SourceEntryBinding.h"
+#include "bindings/SourceEntryBinding.h"
 
 #include "runtime/Descriptors.h"
 #include "runtime/Trace.h"

@@ -1,4 +1,4 @@
-#include "L2Rib/SourceFloodBinding.h"
+#include "bindings/SourceFloodBinding.h"
 
 #include <utility>
 

@@ -1,4 +1,4 @@
-#include "L2Rib/ConfigBinding.h"
+#include "bindings/ConfigBinding.h"
 
 #include "runtime/RetryTimer.h"
 #include "runtime/Trace.h"
@@ -16,12 +16,6 @@ using Vexil::EntityManager;
 using Vexil::makeEntity;
 using Vexil::Ptr;
 using Vexil::TableError;
-
-std::string configGeneration( const std::string& folder ) {
-   std::error_code none;
-   const auto target = std::filesystem::read_symlink( folder + "/" + configLink, none );
-   return none ? std::string() : "/" + target.filename().string();
-}
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "L2Rib/Bindings.h"
+#include "bindings/Bindings.h"
 
-#include "L2Rib/ConfigBinding.h"
-#include "L2Rib/FloodBindings.h"
 #include "L2Rib/SourceDir.h"
-#include "L2Rib/SourceEntryBinding.h"
 #include "L2Rib/Status.h"
+#include "bindings/ConfigBinding.h"
+#include "bindings/FloodBinding.h"
+#include "bindings/SourceEntryBinding.h"
 #include "runtime/StateDb.h"
 
 #include <filesystem>
@@ -189,30 +189,6 @@ void registerEntityTypes() {
    Vexil::registerType( "L2Rib::AgentSourceDir", { mountAgentSourceDir, nullptr } );
    Vexil::registerType( "L2Rib::FloodSetOutput", { mountFloodOutput, nullptr } );
    Vexil::registerType( "Bridging::Config", { Bridging::mountConfig, nullptr } );
-}
-
-std::string entryStr( const SourceDirEntry* entry ) {
-   return entry ? entry->name() + " (" + sourceStr( entry->source() ) + ")" : "none";
-}
-
-Ptr<SourceDirEntry> AgentSourceDir::sourceIs( const std::string& name ) {
-   if( const Ptr<SourceDirEntry> present = source( name ) )
-      return present;
-   const auto made = makeEntity<SourceDirEntry>( name );
-   source_.emplace( name, made );
-   notifiees.notify( &Handlers::handleSource, name );
-   return made;
-}
-
-void AgentSourceDir::sourceIs( const std::string& name, Ptr<SourceDirEntry> entry ) {
-   if( !source_.emplace( name, std::move( entry ) ).second )
-      return;
-   notifiees.notify( &Handlers::handleSource, name );
-}
-
-void AgentSourceDir::sourceDel( const std::string& name ) {
-   if( source_.erase( name ) )
-      notifiees.notify( &Handlers::handleSource, name );
 }
 
 } // namespace L2Rib

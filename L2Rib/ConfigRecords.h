@@ -1,5 +1,4 @@
-// The bridging configuration in the state database, and what fills the Bridging::Config entity from
-// it.
+// The bridging configuration in the state database: its records and tables.
 //
 // "bridging/config" is a folder. Its entry "current" is a symbolic link to a folder beside it with
 // two shared tables, one of hosts and one of tunnels: a generation of the configuration. They are
@@ -9,18 +8,11 @@
 // leaves the old configuration or the new one. Without the link the folder itself holds the tables.
 // Either may be absent, which means that it is empty. A host is only ever on a tunnel of its own
 // generation.
-//
-// The binding follows both tables and the link, in slices: what it meets in a new generation, and
-// what it knows and no longer meets. A record that is nonsense is corruption of its table and reads
-// as absent. Where a table can't be opened for want of something, the configuration stays as it is
-// known, and the opening is tried again. An fdbConfig entry that has lost its last host stays: it
-// costs nothing, while deleting it would cost its readers a look at everything.
 #pragma once
 
 #include "L2Rib/Bridging.h"
 #include "L2Rib/Fault.h"
 #include "runtime/SharedTable.h"
-#include "runtime/StateDb.h"
 
 #include <string>
 
@@ -35,6 +27,7 @@ struct ConfiguredHostRecord {
    friend bool operator==( const ConfiguredHostRecord&, const ConfiguredHostRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<ConfiguredHostRecord, 28> );
+uint32_t layoutOf( const ConfiguredHostRecord& );
 // Whether or not its tunnel exists.
 L2Rib::MaybeFault formatFaultIn( const ConfiguredHostRecord& record );
 L2Rib::MaybeFault faultIn( const ConfiguredHostRecord& record );
@@ -46,6 +39,7 @@ struct TunnelRecord {
    friend bool operator==( const TunnelRecord&, const TunnelRecord& ) = default;
 };
 static_assert( Vexil::WireRecord<TunnelRecord, 56> );
+uint32_t layoutOf( const TunnelRecord& );
 L2Rib::MaybeFault faultIn( const TunnelRecord& record );
 
 class ConfiguredHostTable
@@ -70,11 +64,6 @@ constexpr const char* configLink = "current";
 // What to append to the configuration's folder for that of the generation in force: "/NAME", or
 // nothing where there is no link.
 std::string configGeneration( const std::string& folder );
-
-// Mounts the configuration under a path of the state database; read-only, whatever the mode. In
-// memory it stays as it is made, empty.
-Vexil::Mounted mountConfig( Vexil::EntityManager& manager, const std::string& path,
-                            Vexil::MountMode mode );
 
 } // namespace Bridging
 

@@ -1,4 +1,4 @@
-#include "L2Rib/FloodBindings.h"
+#include "bindings/FloodBinding.h"
 
 #include "L2Rib/L2RibTarn.h"
 

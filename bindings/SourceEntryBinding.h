@@ -2,7 +2,7 @@
 #pragma once
 
 #include "L2Rib/SourceDir.h"
-#include "L2Rib/SourceFloodBinding.h"
+#include "bindings/SourceFloodBinding.h"
 #include "runtime/RetryTimer.h"
 #include "runtime/StateDb.h"
 
