@@ -79,8 +79,10 @@ class MergeRig {
       return result;
    }
 
-   // The last source of the phases gives so many of its hosts another preference.
+   // The last source of the phases gives so many of its hosts another preference. The work list has
+   // the room of an earlier burst, as it has in an agent that is at work for a while.
    [[gnu::noinline]] void change( const std::string& stateDirectory, uint32_t changes ) {
+      engine_->expectHosts( changes );
       const int source = steps.back().winner;
       const uint32_t pref = 1000, last = changes - 1;
       runInProcess( "source", [ & ] {
