@@ -209,7 +209,7 @@ class TableWriter : public TableView<Key, Record> {
       else if( !makeRoom() )
          return false;
       else
-         insert( key, hash, record, at );
+         insert( key, hash, record );
       return true;
    }
 
@@ -223,8 +223,7 @@ class TableWriter : public TableView<Key, Record> {
          larger_->takeSlot( words, slot );
    }
 
-   // at is the key's free place in the index.
-   void insert( const Key& key, uint64_t hash, const Record& record, uint32_t at ) {
+   void insert( const Key& key, uint64_t hash, const Record& record ) {
       const bool reuse = !freeSlots_.empty();
       const uint32_t slot =
          reuse ? freeSlots_.back() : static_cast<uint32_t>( loadWord( &header().highWater ) );
@@ -234,7 +233,7 @@ class TableWriter : public TableView<Key, Record> {
          freeSlots_.pop_back();
       else
          storeWord( &header().highWater, slot + uint64_t( 1 ) );
-      storeWord( index() + at, code_.word( hash, slot ) );
+      enterIntoIndex( hash, slot ); // from the start: a file that is cut short now reads as zeros
       storeWord( &header().count, loadWord( &header().count ) + 1 );
       if( slot < slotsCopied_ ) {
          larger_->takeSlot( slotWords( slot ), slot );
