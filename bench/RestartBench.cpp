@@ -75,7 +75,7 @@ void restartOfSize( const Settings& settings, uint32_t hosts, int repetitions, R
    }
    std::filesystem::remove_all( directory );
    report.figure( name, "start to running", median( adopting ), "ms" )
-      .against( "filling", median( filling ), 3 );
+      .against( "filling", median( filling ), 1.7 );
    report.figure( name, "of it, construction", median( construction ), "ms" );
    report.figure( name, "longest slice", quantile( slices, 1 ), "ms" );
 }
